@@ -1,0 +1,124 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "analysis/analysis.h"
+
+#include <unistd.h>
+
+#include "analysis/files.h"
+#include "core/drives.h"
+#include "core/engine.h"
+#include "fs/dispatch.h"
+
+namespace brenlow {
+namespace {
+
+TDriveInfo& Drive(TEngine& engine, int number) { return engine.Drives().List[static_cast<std::size_t>(number)]; }
+
+/// False when no driver serves the drive.
+bool DispatchAnalyseSystem(TEngine& engine, int driveNumber) {
+  const auto analyse = [&](auto& driver) {
+    driver.AnalyseSystem(driveNumber);
+    return true;
+  };
+  return WithDriver(engine, Drive(engine, driveNumber).FileSystem, analyse, false);
+}
+
+}  // namespace
+
+void AnalyseDrive(TEngine& engine, int driveNumber) {
+  TDrives& drives = engine.Drives();
+  if (drives.IsWrongNumber(driveNumber)) return;
+  engine.AnalyseProgressBase = 0;
+  engine.AnalyseProgressScale = 1.0;
+  engine.ChangeAnalysingStatus(driveNumber, true);
+  const bool physical = drives.IsPhysical(driveNumber);
+  if (!physical && !engine.PartRecRunning && !drives.CanBeAnalysed(driveNumber)) {
+    Drive(engine, driveNumber).Analysed = TAnalyseInformation::aiFull;
+    engine.ShowMessage("e_Message", 0);
+  } else {
+    drives.DeleteSubdrives(driveNumber);
+    engine.Files().Clear(driveNumber, false);
+    if (physical) {
+      AnalysePhysicalDrive(engine, driveNumber);
+    } else {
+      AnalyseFileSystem(engine, driveNumber);
+    }
+  }
+  if (engine.Files().FoundCount == 0 && ::geteuid() != 0) engine.ShowMessage("e_Message", 7);
+  engine.ChangeAnalysingStatus(driveNumber, false);
+  if (engine.OnAnalyseProgress) engine.OnAnalyseProgress(0);
+}
+
+void AnalyseFileSystem(TEngine& engine, int driveNumber) {
+  engine.Files().DoBeforeAnalyse(driveNumber);
+  DispatchAnalyseSystem(engine, driveNumber);
+  engine.Files().DoAfterAnalyse(driveNumber);
+}
+
+void AnalysePhysicalDrive(TEngine& engine, int driveNumber) {
+  TDrives& drives = engine.Drives();
+  if (drives.IsWrongNumber(driveNumber)) return;
+  Drive(engine, driveNumber).DeepAnalysed = TAnalyseInformation::aiPartial;
+  const TIntegerDynArray volumes = Drive(engine, driveNumber).Volumes;
+  double total = 0;
+  for (const int volume : volumes) {
+    if (!drives.IsWrongNumber(volume)) total += static_cast<double>(Drive(engine, volume).SectorsCount);
+  }
+  for (const int volume : volumes) {
+    if (drives.IsWrongNumber(volume)) continue;
+    const int sub = drives.AddSubdrive(driveNumber, -1);
+    drives.CopyInfo(volume, sub);
+    Drive(engine, sub).IsSubDrive = true;
+    engine.Files().DoBeforeAnalyse(sub);
+    const auto sectors = static_cast<double>(Drive(engine, sub).SectorsCount);
+    engine.AnalyseProgressScale = total > 0 && sectors > 0 ? sectors / total : 0;
+    if (!DispatchAnalyseSystem(engine, sub)) Drive(engine, sub).Analysed = TAnalyseInformation::aiFull;
+    engine.AnalyseProgressBase += engine.AnalyseProgressScale;
+    engine.Files().DoAfterAnalyse(sub);
+    engine.Pump();
+    if (!engine.Analysing) break;
+  }
+  drives.UpdateSubDrivesCaptions(driveNumber);
+  if (engine.Analysing) Drive(engine, driveNumber).DeepAnalysed = TAnalyseInformation::aiFull;
+}
+
+void GetDriveFiles(TEngine& engine, TDriveInfo& drive, TFileArray& result, bool rootDirOnly,
+                   const TOnFilesGotten& onFilesGotten) {
+  result.Clear();
+  const auto list = [&](auto& driver) {
+    driver.GetFiles(drive, result, rootDirOnly, onFilesGotten);
+    return true;
+  };
+  WithDriver(engine, drive.FileSystem, list, false);
+}
+
+void GetFileData(TEngine& engine, TByteDynArray& result, TFile& file, int adsNumber, std::int64_t start,
+                 std::int64_t size) {
+  const int driveNumber = file.FileInfo.aDriveNumber;
+  if (engine.Drives().IsWrongNumber(driveNumber) || file.FileInfo.aDeepAnalyse) {
+    result.clear();
+    return;
+  }
+  TDriveInfo& drive = Drive(engine, driveNumber);
+  const auto read = [&](auto& driver) {
+    if constexpr (requires { driver.GetFileData(drive, result, file, adsNumber, start, size, 0); }) {
+      driver.GetFileData(drive, result, file, adsNumber, start, size, 0);
+    } else {
+      driver.GetFileData(drive, result, file, start, size, 0);
+    }
+    return true;
+  };
+  if (!WithDriver(engine, drive.FileSystem, read, false)) result.clear();
+}
+
+void GetFileFragments(TEngine& engine, TFile& file, TFileFragments& result) {
+  result.clear();
+  if (engine.Drives().IsWrongNumber(file.FileInfo.aDriveNumber)) return;
+  TDriveInfo& drive = Drive(engine, file.FileInfo.aDriveNumber);
+  const auto map = [&](auto& driver) {
+    if constexpr (requires { driver.GetFileFragments(file, result); }) driver.GetFileFragments(file, result);
+    return true;
+  };
+  WithDriver(engine, drive.FileSystem, map, false);
+}
+
+}  // namespace brenlow

@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Runs scans: which one for which drive, in what order, and how it is stopped.
+#pragma once
+
+#include <cstdint>
+
+#include "core/drive_records.h"
+#include "core/file_records.h"
+#include "core/types.h"
+
+namespace brenlow {
+
+class TEngine;
+
+/// The entry of every file-system analysis. Earlier results of the drive are thrown away.
+/// Clearing `TEngine::Analysing` stops it; what was found stays.
+void AnalyseDrive(TEngine& engine, int driveNumber);
+
+/// One volume through its driver.
+void AnalyseFileSystem(TEngine& engine, int driveNumber);
+
+/// A physical drive: copies of its volumes are analysed as its sub-drives.
+void AnalysePhysicalDrive(TEngine& engine, int driveNumber);
+
+/// Lists a volume that need not be registered, without touching the file table.
+void GetDriveFiles(TEngine& engine, TDriveInfo& drive, TFileArray& result, bool rootDirOnly,
+                   const TOnFilesGotten& onFilesGotten);
+
+/// Reads at most `size` bytes of a file from byte `start` on into `result`. A shorter result means
+/// the end of the file or of what can be read of it. `adsNumber` -1 is the main stream.
+void GetFileData(TEngine& engine, TByteDynArray& result, TFile& file, int adsNumber, std::int64_t start,
+                 std::int64_t size);
+
+/// The file's layout in file order; empty when the driver cannot tell.
+void GetFileFragments(TEngine& engine, TFile& file, TFileFragments& result);
+
+}  // namespace brenlow

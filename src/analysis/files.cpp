@@ -1,0 +1,226 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "analysis/files.h"
+
+#include <algorithm>
+#include <new>
+
+#include "analysis/file_kinds.h"
+#include "core/drives.h"
+#include "core/engine.h"
+#include "core/messages.h"
+#include "core/text.h"
+#include "fs/dispatch.h"
+
+namespace brenlow {
+
+void TFiles::ClearInfo(TFileInfo& file, int driveNumber) {
+  file = TFileInfo();
+  file.aDriveNumber = driveNumber;
+}
+
+int TFiles::Add(const TFileInfo& file, std::int64_t parentCluster, bool canIncFoundCount) {
+  bool ramFull = false;
+  return Add(file, parentCluster, ramFull, canIncFoundCount);
+}
+
+int TFiles::Add(const TFileInfo& file, std::int64_t parentCluster, bool& ramFull, bool canIncFoundCount) {
+  ramFull = false;
+  if (FEngine.Drives().IsWrongNumber(file.aDriveNumber)) return -1;
+  if (file.blnFolder && file.FirstCluster == parentCluster) return -1;
+  if (OnCanBeAdded && !OnCanBeAdded(file)) return -1;
+  if (FEngine.PartRecRunning) {
+    const int known = GetAddedNumber(file, parentCluster);
+    if (known >= 0) return known;
+  }
+  TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(file.aDriveNumber)];
+  try {
+    ramFull = true;
+    const std::size_t number = List.Add(file, parentCluster);
+    TFileInfo& row = List[number].FileInfo;
+    row.DefaultSize = row.aSize;
+    if (OnAdded) OnAdded(static_cast<int>(number));
+    if (file.blnFolder) drive.FileFirstClusters.push_back(file.FirstCluster);
+    TDrives::AddParentCluster(drive, parentCluster, static_cast<std::uint32_t>(number));
+    ramFull = false;
+    if (canIncFoundCount) {
+      ++FoundCount;
+      if (file.blnFolder) ++FolderFoundCount;
+    }
+    return static_cast<int>(number);
+  } catch (const std::bad_alloc&) {
+    return -1;
+  }
+}
+
+bool TFiles::IsAdded(const TFileInfo& file, std::int64_t parentCluster) const {
+  return GetAddedNumber(file, parentCluster) >= 0;
+}
+
+int TFiles::GetAddedNumber(const TFileInfo& file, std::int64_t parentCluster) const {
+  for (const std::int64_t number : FEngine.Drives().GetParentClusters(file.aDriveNumber, parentCluster)) {
+    if (IsWrongNumber(number)) continue;
+    const TFileInfo& known = Info(static_cast<int>(number));
+    const bool samePlace =
+        known.FirstCluster == file.FirstCluster ||
+        (file.DataStartingSector >= 0 && file.DataStartingSector == known.DataStartingSector);
+    if (samePlace && known.blnFolder == file.blnFolder && known.strName == file.strName) {
+      return static_cast<int>(number);
+    }
+  }
+  return -1;
+}
+
+void TFiles::DoBeforeAnalyse(int driveNumber) {
+  if (FEngine.Drives().IsWrongNumber(driveNumber)) return;
+  FEngine.Drives().List[static_cast<std::size_t>(driveNumber)].FileFirstClusters = {SpecialCluster::Root,
+                                                                                    SpecialCluster::NTFSSystemData};
+}
+
+void TFiles::DoAfterAnalyse(int driveNumber) {
+  if (FEngine.Drives().IsWrongNumber(driveNumber)) return;
+  TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
+  TInt64DynArray known = std::move(drive.FileFirstClusters);
+  std::sort(known.begin(), known.end());
+  TInt64DynArray lost;
+  for (const std::int64_t number : TDrives::GetFoundPosParentClusters(drive)) {
+    if (number != SpecialCluster::Unselected && !std::binary_search(known.begin(), known.end(), number)) {
+      lost.push_back(number);
+    }
+  }
+  if (!lost.empty()) {
+    AddLostAndFoundDir(driveNumber);
+    TFileInfo folder;
+    for (const std::int64_t number : lost) {
+      ClearInfo(folder, driveNumber);
+      folder.FirstCluster = number;
+      folder.blnDeleted = true;
+      folder.TimeStamp = {Now(), Now(), Now(), 0};
+      const TString name = FormatMessage("e_General", 8, NumberText(number));
+      folder.strName = name;
+      Add(folder, SpecialCluster::LostAndFound, false);
+      FEngine.Pump();
+    }
+  }
+  FEngine.Drives().List[static_cast<std::size_t>(driveNumber)].FileFirstClusters.clear();
+}
+
+int TFiles::AddLostAndFoundDir(int driveNumber) {
+  TFileInfo folder;
+  ClearInfo(folder, driveNumber);
+  folder.FirstCluster = SpecialCluster::LostAndFound;
+  folder.TimeStamp = {Now(), Now(), Now(), 0};
+  const TString name = MessageText("e_Files", 0);
+  folder.strName = name;
+  return Add(folder, SpecialCluster::Root, false);
+}
+
+bool TFiles::IsRecycleBin(const TFile& file, std::int64_t parentCluster) {
+  if (!file.FileInfo.blnFolder || file.ParentCluster != parentCluster) return false;
+  const TString name = UpperCase(file.FileInfo.strName);
+  return name == u"$RECYCLE.BIN" || name == u"RECYCLER" || name == u"?ECYCLER" || name == u".TRASHES" ||
+         name.find(u".TRASH-") != TString::npos;
+}
+
+// ---- clearing -------------------------------------------------------------------------------
+
+void TFiles::EraseFiles(const std::function<bool(std::size_t, const TFile&)>& doomed) {
+  std::vector<std::uint32_t> newNumbers;
+  if (List.EraseIf(doomed, &newNumbers) > 0) FEngine.Drives().MoveParentClusters(newNumbers);
+}
+
+void TFiles::Clear(int driveNumber, bool deleteDrive) {
+  TDrives& drives = FEngine.Drives();
+  if (drives.IsWrongNumber(driveNumber)) return;
+  if (OnBeforeCleared) OnBeforeCleared(driveNumber);
+  TDriveInfo& drive = drives.List[static_cast<std::size_t>(driveNumber)];
+  drive.Analysed = drive.DeepAnalysed = TAnalyseInformation::aiNone;
+  TDrives::ClearParentClusters(drive);
+  EraseFiles([&](std::size_t, const TFile& file) {
+    return file.FileInfo.aDriveNumber == driveNumber &&
+           (deleteDrive || file.ParentCluster != SpecialCluster::Unselected);
+  });
+  if (deleteDrive) {
+    for (std::size_t i = 0; i < List.size(); ++i) {
+      if (List[i].FileInfo.aDriveNumber > driveNumber) --List[i].FileInfo.aDriveNumber;
+    }
+  }
+  if (drives.Current == driveNumber && OnRefreshFileList) OnRefreshFileList();
+}
+
+void TFiles::ClearDeep(int driveNumber) {
+  TDrives& drives = FEngine.Drives();
+  if (drives.IsWrongNumber(driveNumber)) return;
+  if (OnBeforeDeepCleared) OnBeforeDeepCleared(driveNumber);
+  drives.List[static_cast<std::size_t>(driveNumber)].DeepAnalysed = TAnalyseInformation::aiNone;
+  EraseFiles([&](std::size_t, const TFile& file) {
+    return file.FileInfo.aDriveNumber == driveNumber && file.FileInfo.aDeepAnalyse && !IsDeepAnalyse(file.FileInfo);
+  });
+  if (drives.Current == driveNumber && OnRefreshFileList) OnRefreshFileList();
+}
+
+void TFiles::ClearUnselected(int driveNumber) {
+  EraseFiles([&](std::size_t, const TFile& file) {
+    return file.FileInfo.aDriveNumber == driveNumber && file.ParentCluster == SpecialCluster::Unselected;
+  });
+  const TDrives& drives = FEngine.Drives();
+  if (List.empty() || drives.IsWrongNumber(driveNumber)) return;
+  const TIntegerDynArray& subs = drives.List[static_cast<std::size_t>(driveNumber)].SubDrives;
+  EraseFiles([&](std::size_t, const TFile& file) {
+    return IsRootDir(file.FileInfo) && std::find(subs.begin(), subs.end(), file.FileInfo.aDriveNumber) != subs.end();
+  });
+}
+
+// ---- questions ------------------------------------------------------------------------------
+
+bool TFiles::IsFiltered(int number, bool parentDeleted, const TFileFilter& filter) const {
+  if (IsWrongNumber(number)) return false;
+  const TFileInfo& file = Info(number);
+  bool shown = false;
+  if (parentDeleted || file.blnDeleted) {
+    shown = filter.Deleted;
+  } else if (file.blnFolder) {
+    shown = filter.Existing || filter.Deleted;
+  } else {
+    shown = filter.Existing;
+  }
+  return shown && (file.blnFolder || PassesKindFilter(filter, file.strName));
+}
+
+TString TFiles::GetType(TStringView fileName) {
+  const TStringView extension = Trim(Extension(fileName));
+  const auto cached = FFileTypes.find(extension);
+  if (cached != FFileTypes.end()) return cached->second;
+  TString text = extension.empty() ? MessageText("e_Files", 2) : FormatMessage("e_Files", 3, UpperCase(extension));
+  FFileTypes.emplace(extension, text);
+  return text;
+}
+
+std::int64_t TFiles::GetSizeOnDisk(const TFile& file) const {
+  const TFileInfo& info = file.FileInfo;
+  if (info.aDeepAnalyse || FEngine.Drives().IsWrongNumber(info.aDriveNumber)) return info.aSize;
+  const TFileSystem system = FEngine.Drives().List[static_cast<std::size_t>(info.aDriveNumber)].FileSystem;
+  return WithDriver(FEngine, system, [&](auto& driver) { return driver.GetSizeOnDisk(file); }, info.aSize);
+}
+
+std::int64_t TFiles::GetSizeInKB(int number) const {
+  return IsWrongNumber(number) ? 0 : (Info(number).aSize + 1023) / 1024;
+}
+
+int TFiles::RightName(TStringView fileName) {
+  constexpr TStringView refused = u"\\/:*?\"<>|";
+  for (const char16_t c : refused) {
+    const std::size_t at = fileName.find(c);
+    if (at != TStringView::npos) return static_cast<int>(at) + 1;
+  }
+  return 0;
+}
+
+void TFiles::UpdateLanguage() {
+  FFileTypes.clear();
+  for (std::size_t i = 0; i < List.size(); ++i) {
+    if (IsLostAndFound(List[i].FileInfo)) List.Rename(i, MessageText("e_Files", 0));
+    if (IsDeepAnalyse(List[i].FileInfo)) List.Rename(i, MessageText("e_Files", 1));
+  }
+}
+
+}  // namespace brenlow

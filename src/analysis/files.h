@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The table of every file and folder found on every drive, in order of discovery.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+
+#include "core/file_records.h"
+#include "core/types.h"
+
+namespace brenlow {
+
+class TEngine;
+
+/// A file number is an index into `List`, valid until the next deletion. The table knows a
+/// file's folder only as `ParentCluster`; the drive's index leads from there to the content, so a
+/// driver may add a file before its folder is known. A wrong number gives false, empty or the
+/// default everywhere.
+class TFiles {
+ public:
+  explicit TFiles(TEngine& engine) : FEngine(engine) {}
+
+  TFileArray List;
+  int FoundCount = 0;
+  int FolderFoundCount = 0;
+
+  std::function<bool(const TFileInfo&)> OnCanBeAdded;
+  std::function<void(int)> OnAdded;
+  std::function<void(int)> OnBeforeCleared;
+  std::function<void(int)> OnBeforeDeepCleared;
+  std::function<void()> OnRefreshFileList;
+
+  /// The blank state in which a driver starts a record: a ticked folder of that drive.
+  static void ClearInfo(TFileInfo& file, int driveNumber);
+
+  /// Enters a file; the result is its number, or -1 when it is refused (a folder that is its own
+  /// parent, `OnCanBeAdded`) or memory is out, which leaves `ramFull` true. During a partition
+  /// search an object that is known already gives its old number.
+  int Add(const TFileInfo& file, std::int64_t parentCluster, bool canIncFoundCount);
+  int Add(const TFileInfo& file, std::int64_t parentCluster, bool& ramFull, bool canIncFoundCount);
+  bool IsAdded(const TFileInfo& file, std::int64_t parentCluster) const;
+  int GetAddedNumber(const TFileInfo& file, std::int64_t parentCluster) const;
+
+  void DoBeforeAnalyse(int driveNumber);
+  /// Gives every parent reference without a folder a numbered folder in the lost-and-found folder.
+  void DoAfterAnalyse(int driveNumber);
+  int AddLostAndFoundDir(int driveNumber);
+
+  /// Forgets a drive's files. With `deleteDrive` also those without a place in the tree, and the
+  /// files of later drives move down by one drive number.
+  void Clear(int driveNumber, bool deleteDrive);
+  void ClearDeep(int driveNumber);
+  void ClearUnselected(int driveNumber);
+
+  bool IsWrongNumber(std::int64_t number) const {
+    return number < 0 || number >= static_cast<std::int64_t>(List.size());
+  }
+  static bool IsRootDir(const TFileInfo& file) { return file.FirstCluster == SpecialCluster::Root; }
+  static bool IsNTFSSystemData(const TFileInfo& file) { return file.FirstCluster == SpecialCluster::NTFSSystemData; }
+  static bool IsLostAndFound(const TFileInfo& file) { return file.FirstCluster == SpecialCluster::LostAndFound; }
+  static bool IsDeepAnalyse(const TFileInfo& file) { return file.FirstCluster == SpecialCluster::DeepAnalyse; }
+  static bool IsUnselected(const TFileInfo& file) { return file.FirstCluster == SpecialCluster::Unselected; }
+  bool IsRootDir(int number) const { return !IsWrongNumber(number) && IsRootDir(Info(number)); }
+  bool IsLostAndFound(int number) const { return !IsWrongNumber(number) && IsLostAndFound(Info(number)); }
+  static bool IsRecycleBin(const TFile& file, std::int64_t parentCluster);
+
+  /// True when a view with this filter shows the entry. A live folder shows with either state, as
+  /// it may hold deleted files.
+  bool IsFiltered(int number, bool parentDeleted, const TFileFilter& filter) const;
+  static bool IsFiltered(bool fileDeleted, bool parentDeleted, bool showExisting, bool showDeleted) {
+    return fileDeleted || parentDeleted ? showDeleted : showExisting;
+  }
+
+  /// Text of the type column.
+  TString GetType(TStringView fileName);
+  /// Bytes that the file occupies on its drive.
+  std::int64_t GetSizeOnDisk(const TFile& file) const;
+  std::int64_t GetSizeInKB(int number) const;
+  /// Position (from 1) of the first character that a target file system may refuse, 0 if none;
+  /// the nine characters are tried one after the other: \ / : * ? " < > |
+  static int RightName(TStringView fileName);
+  /// Forgets cached texts and renames the pseudo-folders.
+  void UpdateLanguage();
+
+ private:
+  const TFileInfo& Info(int number) const { return List[static_cast<std::size_t>(number)].FileInfo; }
+  void EraseFiles(const std::function<bool(std::size_t, const TFile&)>& doomed);
+
+  TEngine& FEngine;
+  std::map<TString, TString, std::less<>> FFileTypes;  // extension to type text
+};
+
+}  // namespace brenlow

@@ -1,0 +1,102 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "analysis/tree_walk.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "analysis/files.h"
+#include "core/drives.h"
+#include "core/engine.h"
+
+namespace brenlow {
+namespace {
+
+class TWalker {
+ public:
+  TWalker(TEngine& engine, int driveNumber, ITreeVisitor& visitor)
+      : FFiles(engine.Files()), FDrives(engine.Drives()), FDriveNumber(driveNumber), FVisitor(visitor) {
+    for (std::size_t i = 0; i < FFiles.List.size(); ++i) {
+      const TFileInfo& info = FFiles.List[i].FileInfo;
+      if (info.aDriveNumber != driveNumber || !info.blnFolder) continue;
+      const auto [owner, first] = FOwners.try_emplace(info.FirstCluster, i);
+      if (!first && FFiles.List[owner->second].FileInfo.blnDeleted && !info.blnDeleted) owner->second = i;
+    }
+  }
+
+  void Run() {
+    Push(SpecialCluster::Root, -1, false);
+    while (!FStack.empty()) {
+      TLevel& level = FStack.back();
+      if (level.Next == level.Files.size()) {
+        Pop();
+        continue;
+      }
+      const auto number = static_cast<int>(level.Files[level.Next++]);
+      const TFile& file = FFiles.List[static_cast<std::size_t>(number)];
+      const std::size_t length = FPath.size();
+      if (!FPath.empty()) FPath += u'/';
+      FPath += file.FileInfo.strName;
+      const bool parentDeleted = level.Deleted;
+      const TTreeEntry entry{number, &file, FPath, static_cast<int>(FStack.size()) - 1, parentDeleted};
+      if (!file.FileInfo.blnFolder) {
+        if (!FVisitor.File(entry)) return;
+        FPath.resize(length);
+        continue;
+      }
+      if (!FVisitor.EnterFolder(entry)) return;
+      const auto owner = FOwners.find(file.FileInfo.FirstCluster);
+      const bool owns = owner != FOwners.end() && owner->second == static_cast<std::size_t>(number);
+      Push(owns ? file.FileInfo.FirstCluster : SpecialCluster::NoKnownPlace, number,
+           parentDeleted || file.FileInfo.blnDeleted);
+      FStack.back().PathLength = length;
+    }
+  }
+
+ private:
+  struct TLevel {
+    TInt64DynArray Files;
+    std::size_t Next = 0;
+    int FolderNumber = -1;
+    std::size_t PathLength = 0;  // of the path above the folder
+    bool Deleted = false;
+  };
+
+  void Push(std::int64_t parent, int folderNumber, bool deleted) {
+    TLevel level;
+    level.Files = FDrives.GetParentClusters(FDriveNumber, parent);
+    std::erase_if(level.Files, [&](std::int64_t n) { return FFiles.IsWrongNumber(n); });
+    std::stable_partition(level.Files.begin(), level.Files.end(), [&](std::int64_t n) {
+      return !FFiles.List[static_cast<std::size_t>(n)].FileInfo.blnDeleted;
+    });
+    level.FolderNumber = folderNumber;
+    level.Deleted = deleted;
+    FStack.push_back(std::move(level));
+  }
+
+  void Pop() {
+    const int number = FStack.back().FolderNumber;
+    const std::size_t length = FStack.back().PathLength;
+    FStack.pop_back();
+    if (number < 0) return;
+    const bool parentDeleted = FStack.back().Deleted;
+    FVisitor.LeaveFolder({number, &FFiles.List[static_cast<std::size_t>(number)], FPath,
+                          static_cast<int>(FStack.size()) - 1, parentDeleted});
+    FPath.resize(length);
+  }
+
+  TFiles& FFiles;
+  TDrives& FDrives;
+  int FDriveNumber;
+  ITreeVisitor& FVisitor;
+  std::unordered_map<std::int64_t, std::size_t> FOwners;  // folder key to the row that shows its content
+  std::vector<TLevel> FStack;
+  TString FPath;
+};
+
+}  // namespace
+
+void WalkTree(TEngine& engine, int driveNumber, ITreeVisitor& visitor) {
+  TWalker(engine, driveNumber, visitor).Run();
+}
+
+}  // namespace brenlow

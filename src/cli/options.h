@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// What the command line asks for, as plain values.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace brenlow::cli {
+
+/// Exit status of the program.
+inline constexpr int AllDone = 0;
+inline constexpr int DoneWithFailures = 1;
+inline constexpr int WrongUsage = 2;  // or a source that cannot be read
+inline constexpr int StoppedByUser = 130;
+
+struct TOptions {
+  std::vector<std::string> Sources;
+  int Drive = 0;  ///< row number as `drives` shows it, from 1; 0 for all that can be analysed
+  bool Deleted = false;
+  bool Existing = false;
+  std::vector<std::string> Kinds;
+  std::string PathGlob;
+  std::string Out;
+  bool Json = false;
+  bool Tree = false;
+  std::string LostFolders = "auto";
+  int CodePage = 437;
+
+  const std::string& Source() const { return Sources.front(); }
+};
+
+}  // namespace brenlow::cli

@@ -1,0 +1,85 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "core/datetime.h"
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+
+namespace brenlow {
+namespace {
+
+constexpr std::chrono::sys_days Epoch = std::chrono::year{1899} / 12 / 30;
+constexpr std::int64_t MillisecondsPerDay = 86'400'000;
+
+struct TCivil {
+  int Year = 0, Month = 0, Day = 0, Hour = 0, Minute = 0, Second = 0, Millisecond = 0;
+};
+
+bool Decode(TDateTime time, TCivil& civil) {
+  // Years 1601 to 9999, the range of dates that any supported file system can mean.
+  if (!(time > -109'205.0 && time < 2'958'466.0) || time == 0) return false;
+  const auto total = static_cast<std::int64_t>(std::llround(time * static_cast<double>(MillisecondsPerDay)));
+  std::int64_t days = total / MillisecondsPerDay;
+  std::int64_t rest = total % MillisecondsPerDay;
+  if (rest < 0) {
+    rest += MillisecondsPerDay;
+    --days;
+  }
+  const std::chrono::year_month_day date{Epoch + std::chrono::days{days}};
+  civil.Year = static_cast<int>(date.year());
+  civil.Month = static_cast<int>(static_cast<unsigned>(date.month()));
+  civil.Day = static_cast<int>(static_cast<unsigned>(date.day()));
+  civil.Millisecond = static_cast<int>(rest % 1000);
+  rest /= 1000;
+  civil.Second = static_cast<int>(rest % 60);
+  civil.Minute = static_cast<int>(rest / 60 % 60);
+  civil.Hour = static_cast<int>(rest / 3600);
+  return true;
+}
+
+}  // namespace
+
+TDateTime EncodeDate(int year, int month, int day) {
+  const std::chrono::year_month_day date{std::chrono::year{year}, std::chrono::month{static_cast<unsigned>(month)},
+                                         std::chrono::day{static_cast<unsigned>(day)}};
+  if (!date.ok()) return 0;
+  return static_cast<TDateTime>((std::chrono::sys_days{date} - Epoch).count());
+}
+
+TDateTime Now() {
+  const std::time_t now = std::time(nullptr);
+  std::tm local{};
+  localtime_r(&now, &local);
+  return EncodeDate(local.tm_year + 1900, local.tm_mon + 1, local.tm_mday) +
+         EncodeTime(local.tm_hour, local.tm_min, local.tm_sec, 0);
+}
+
+std::string IsoTime(TDateTime time) {
+  TCivil civil;
+  if (!Decode(time, civil)) return {};
+  char text[96];
+  int length = std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d", civil.Year, civil.Month, civil.Day,
+                             civil.Hour, civil.Minute, civil.Second);
+  if (civil.Millisecond != 0) {
+    length += std::snprintf(text + length, sizeof text - static_cast<std::size_t>(length), ".%03d", civil.Millisecond);
+  }
+  return std::string(text, static_cast<std::size_t>(length));
+}
+
+bool ToUnixTime(TDateTime time, std::timespec& result) {
+  TCivil civil;
+  if (!Decode(time, civil)) return false;
+  std::tm local{};
+  local.tm_year = civil.Year - 1900;
+  local.tm_mon = civil.Month - 1;
+  local.tm_mday = civil.Day;
+  local.tm_hour = civil.Hour;
+  local.tm_min = civil.Minute;
+  local.tm_sec = civil.Second;
+  local.tm_isdst = -1;
+  result.tv_sec = std::mktime(&local);
+  result.tv_nsec = civil.Millisecond * 1'000'000L;
+  return true;
+}
+
+}  // namespace brenlow

@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The narrow door to everything that reads as bytes: regular files and block devices, read-only.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <span>
+#include <string>
+
+#include "core/types.h"
+
+namespace brenlow {
+
+/// Something that reads as bytes. Implementations never write.
+class IDevice {
+ public:
+  virtual ~IDevice() = default;
+  /// Bytes read into `buffer` from byte `position` on; short at the end or before a fault, 0 on
+  /// failure. What was not read stays untouched.
+  virtual std::size_t Read(std::int64_t position, std::span<std::uint8_t> buffer) = 0;
+  virtual std::int64_t Size() const = 0;  ///< bytes
+  /// Logical sector size in bytes; 0 when the source states none (an image file).
+  virtual int SectorSize() const = 0;
+};
+
+struct TOpenedDevice {
+  std::unique_ptr<IDevice> Device;  ///< null on failure
+  int Error = 0;                    ///< errno of the failure
+};
+
+/// Opens a regular file or block device for reading; anything else is refused with ENOTBLK.
+TOpenedDevice OpenDevice(const std::string& path);
+
+/// The path for a drive key: a text of 4 or more characters is a path as it stands; a shorter one
+/// that is a number names the physical drive of that number in the system's list; any other
+/// short text names a volume, which this system does not have.
+std::string DevicePath(TStringView drive);
+
+/// Open devices by drive key. A failed open stays failed, without a new attempt, until another
+/// key is asked for or everything is closed.
+class TDeviceTable {
+ public:
+  /// Null when the device cannot be opened; `LastError` then tells why.
+  IDevice* Get(TStringView drive);
+  void CloseAll();
+  void Close(TStringView drive);
+  /// errno of the last failed open.
+  int LastError() const { return FLastError; }
+  /// Puts a device of the caller's under a key, in place of what the system has there.
+  void Insert(TStringView drive, std::unique_ptr<IDevice> device);
+
+ private:
+  std::map<TString, std::unique_ptr<IDevice>, std::less<>> FOpen;
+  TString FLastKey;  // the device used last, spared the search
+  IDevice* FLastDevice = nullptr;
+  TString FFailedKey;
+  bool FHasFailed = false;
+  int FLastError = 0;
+};
+
+}  // namespace brenlow

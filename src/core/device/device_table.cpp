@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include <algorithm>
+
+#include "core/device/device.h"
+#include "core/device/system_disks.h"
+#include "core/text.h"
+
+namespace brenlow {
+
+std::string DevicePath(TStringView drive) {
+  if (drive.size() >= 4) return PathFromText(drive);
+  const bool number = !drive.empty() && std::all_of(drive.begin(), drive.end(),
+                                                    [](char16_t c) { return c >= u'0' && c <= u'9'; });
+  if (!number) return "\\\\.\\" + ToUtf8(drive) + ":";
+  const auto wanted = static_cast<std::size_t>(std::stoi(ToUtf8(drive)));
+  const std::vector<TSystemDisk> disks = ListSystemDisks();
+  return wanted < disks.size() ? disks[wanted].Path : "\\\\.\\PhysicalDrive" + ToUtf8(drive);
+}
+
+IDevice* TDeviceTable::Get(TStringView drive) {
+  if (FLastDevice != nullptr && FLastKey == drive) return FLastDevice;
+  if (FHasFailed && FFailedKey == drive) return nullptr;
+  FHasFailed = false;
+  auto found = FOpen.find(drive);
+  if (found == FOpen.end()) {
+    TOpenedDevice opened = OpenDevice(DevicePath(drive));
+    if (!opened.Device) {
+      FHasFailed = true;
+      FFailedKey = drive;
+      FLastError = opened.Error;
+      return nullptr;
+    }
+    found = FOpen.emplace(TString(drive), std::move(opened.Device)).first;
+  }
+  FLastKey = drive;
+  FLastDevice = found->second.get();
+  return FLastDevice;
+}
+
+void TDeviceTable::CloseAll() {
+  FOpen.clear();
+  FLastDevice = nullptr;
+  FHasFailed = false;
+}
+
+void TDeviceTable::Close(TStringView drive) {
+  const auto found = FOpen.find(drive);
+  if (found != FOpen.end()) FOpen.erase(found);
+  FLastDevice = nullptr;
+  FHasFailed = false;
+}
+
+void TDeviceTable::Insert(TStringView drive, std::unique_ptr<IDevice> device) {
+  Close(drive);
+  FOpen.emplace(TString(drive), std::move(device));
+}
+
+}  // namespace brenlow

@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include <cerrno>
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "core/device/device.h"
+
+namespace brenlow {
+namespace {
+
+class TLinuxDevice final : public IDevice {
+ public:
+  TLinuxDevice(int handle, std::int64_t size, int sectorSize) : FHandle(handle), FSize(size), FSectorSize(sectorSize) {}
+  TLinuxDevice(const TLinuxDevice&) = delete;
+  TLinuxDevice& operator=(const TLinuxDevice&) = delete;
+  ~TLinuxDevice() override { ::close(FHandle); }
+
+  std::size_t Read(std::int64_t position, std::span<std::uint8_t> buffer) override {
+    if (position < 0) return 0;
+    std::size_t done = 0;
+    while (done < buffer.size()) {
+      // One call moves at most 0x7ffff000 bytes (pread(2)).
+      const std::size_t wanted = std::min<std::size_t>(buffer.size() - done, 0x40000000);
+      const ssize_t got =
+          ::pread64(FHandle, buffer.data() + done, wanted, static_cast<off64_t>(position) + static_cast<off64_t>(done));
+      if (got < 0 && errno == EINTR) continue;
+      if (got <= 0) break;
+      done += static_cast<std::size_t>(got);
+    }
+    return done;
+  }
+  std::int64_t Size() const override { return FSize; }
+  int SectorSize() const override { return FSectorSize; }
+
+ private:
+  int FHandle;
+  std::int64_t FSize;
+  int FSectorSize;
+};
+
+}  // namespace
+
+TOpenedDevice OpenDevice(const std::string& path) {
+  // O_NONBLOCK: opening a pipe or an empty drive must not wait; it has no effect on reads of
+  // files and disks.
+  const int handle = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+  if (handle < 0) return {nullptr, errno};
+  struct stat status {};
+  if (::fstat(handle, &status) != 0) {
+    const int error = errno;
+    ::close(handle);
+    return {nullptr, error};
+  }
+  if (S_ISREG(status.st_mode)) return {std::make_unique<TLinuxDevice>(handle, status.st_size, 0), 0};
+  std::uint64_t size = 0;
+  int sectorSize = 0;
+  if (!S_ISBLK(status.st_mode) || ::ioctl(handle, BLKGETSIZE64, &size) != 0) {
+    const int error = S_ISDIR(status.st_mode) ? EISDIR : S_ISBLK(status.st_mode) ? errno : ENOTBLK;
+    ::close(handle);
+    return {nullptr, error};
+  }
+  if (::ioctl(handle, BLKSSZGET, &sectorSize) != 0) sectorSize = 512;
+  return {std::make_unique<TLinuxDevice>(handle, static_cast<std::int64_t>(size), sectorSize), 0};
+}
+
+}  // namespace brenlow

@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The disks and mounted volumes that the operating system knows.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace brenlow {
+
+struct TSystemDisk {
+  std::string Path;   ///< "/dev/sda"
+  std::string Model;  ///< empty when not known
+  std::string Serial;
+  std::int64_t Size = 0;  ///< bytes
+  int SectorSize = 512;   ///< logical, bytes
+  bool Removable = false;
+};
+
+/// Whole disks of the machine, by name; loop, RAM and empty devices are left out.
+std::vector<TSystemDisk> ListSystemDisks();
+
+struct TMountedVolume {
+  std::string DiskPath;    ///< the whole disk, or the device itself when it is no partition
+  std::string DevicePath;  ///< the mounted device
+  std::string MountPoint;
+  std::int64_t StartByte = 0;  ///< of the volume on its disk
+  std::int64_t Size = 0;       ///< bytes
+  bool Removable = false;
+};
+
+/// Mounted file systems that lie on block devices, each device once.
+std::vector<TMountedVolume> ListMountedVolumes();
+
+/// True when a file below `folder` would be written onto the device or file `source`: the folder's
+/// file system lies on that device, on a partition of it or on the disk it is a partition of.
+bool LiesOnSource(const std::string& folder, const std::string& source);
+
+}  // namespace brenlow

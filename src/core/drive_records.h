@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// What the engine knows of one drive or volume.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+#include "core/parent_clusters.h"
+#include "core/types.h"
+#include "fs/fat/fat_info.h"
+
+namespace brenlow {
+
+/// As the operating system reports it.
+struct TDiskGeometry {
+  std::int64_t Cylinders = 0;
+  std::uint32_t MediaType = 0;  ///< 11: removable media, 12: fixed media
+  std::uint32_t TracksPerCylinder = 0;
+  std::uint32_t SectorsPerTrack = 0;
+  std::uint32_t BytesPerSector = 0;
+};
+inline constexpr std::uint32_t RemovableMedia = 11;
+inline constexpr std::uint32_t FixedMedia = 12;
+
+struct TDriveInfo {
+  TString VolumeName;
+  TString Caption;
+  /// Key of the sector reader: a short text (drive number, drive letter) or a path of at least
+  /// four characters. A volume has the same text as the physical drive under it.
+  TString Drive;
+  TString DriveLetter;  ///< mount point, or empty
+  TString Serial;
+  TDriveTypes DriveTypes;
+  TPartitionTypes PartitionType;
+  TReceivedType ReceivedType = TReceivedType::rtUnknown;
+  TFileSystem FileSystem = TFileSystem::fsUnknown;  ///< selects the driver
+  int DriveIcon = -1;
+  TFATInfo FATInfo;
+  std::int64_t FirstSector = 0;  ///< on the device that `Drive` names; every read adds it
+  int BytesPerSector = 0;        ///< logical; 0 until known
+  std::int64_t SectorsCount = 0;
+  std::int64_t aFreeSize = -1;  ///< bytes; negative when not known
+  TAnalyseInformation Analysed = TAnalyseInformation::aiNone;
+  /// The whole-drive scan; on a physical drive, the analysis of all its volumes.
+  TAnalyseInformation DeepAnalysed = TAnalyseInformation::aiNone;
+  TDiskGeometry DiskGeometry;
+  TFileSystem DefaultSystem = TFileSystem::fsUnknown;
+  // The values as first detected; the live ones may be changed by the user.
+  std::int64_t DefaultFirstSector = 0;
+  std::int64_t DefaultBytesPerSector = 0;
+  std::int64_t DefaultSectorsCount = 0;
+  std::int64_t DefaultSectorsPerCluster = 0;
+  TParentClusters ParentClusters;
+  /// During an analysis: `FirstCluster` of every folder added so far.
+  TInt64DynArray FileFirstClusters;
+  TIntegerDynArray Volumes;    ///< on a physical drive: the numbers of its volumes
+  TIntegerDynArray SubDrives;  ///< numbers of the partitions found inside this drive
+  bool CanBeAnalysed = false;  ///< false for a drive that only groups others
+  bool IsSubDrive = false;
+};
+
+/// Valid only until a drive is added to or deleted from the registry.
+using PDriveInfo = TDriveInfo*;
+
+class TFileArray;
+/// A batch of listed files; setting the flag ends the listing.
+using TOnFilesGotten = std::function<void(TDriveInfo&, const TFileArray&, bool& canBreak)>;
+
+}  // namespace brenlow

@@ -1,0 +1,525 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "core/drives.h"
+
+#include <algorithm>
+#include <type_traits>
+
+#include "core/device/device.h"
+#include "core/device/system_disks.h"
+#include "core/engine.h"
+#include "core/messages.h"
+#include "core/numbers.h"
+#include "core/sizes.h"
+#include "core/text.h"
+
+namespace brenlow {
+namespace {
+
+static_assert(std::is_nothrow_move_constructible_v<TDriveInfo>, "the registry moves its records when it grows");
+
+constexpr std::int64_t SmallestVolume = 0x800000;  // bytes; table entries below it get no row
+constexpr int SuperblockSectors = 136;             // up to the superblock at 64 KiB, with its sector
+
+TString SizeCaption(std::int64_t bytes) { return FromUtf8(SizeText(bytes)); }
+
+}  // namespace
+
+// ---- building the list ----------------------------------------------------------------------
+
+void TDrives::Fill() {
+  Clear();
+  FPhysicalDrives = FEngine.Partitions().GetPhysicalDrives();
+  FEngine.Pump();
+  FUnallocatedCount = 0;
+  AddSystemVolumes();
+  for (const TPhysicalDrive& disk : FPhysicalDrives) {
+    TDriveInfo like;
+    if (disk.DiskGeometry.MediaType == RemovableMedia) like.DriveTypes.Add(TDriveType::dtRemovable);
+    AddTableVolumes(disk, like);
+  }
+  int unnamed = 0;
+  for (const TPhysicalDrive& disk : FPhysicalDrives) AddPhysicalDrive(disk, unnamed);
+  if (OnAdded) {
+    for (int i = 0; i < static_cast<int>(List.size()); ++i) OnAdded(i);
+  }
+}
+
+void TDrives::AddSystemVolumes() {
+  for (const TMountedVolume& mounted : ListMountedVolumes()) {
+    const TString disk = TextFromPath(mounted.DiskPath);
+    const auto known = std::find_if(FPhysicalDrives.begin(), FPhysicalDrives.end(),
+                                    [&](const TPhysicalDrive& d) { return d.Drive == disk; });
+    TDriveInfo drive;
+    drive.BytesPerSector = known == FPhysicalDrives.end() ? 512 : static_cast<int>(known->DiskGeometry.BytesPerSector);
+    drive.Drive = known == FPhysicalDrives.end() ? TextFromPath(mounted.DevicePath) : disk;
+    drive.FirstSector = known == FPhysicalDrives.end() ? 0 : mounted.StartByte / drive.BytesPerSector;
+    drive.SectorsCount = mounted.Size / drive.BytesPerSector;
+    drive.DriveLetter = TextFromPath(mounted.MountPoint);
+    drive.ReceivedType = TReceivedType::rtBySystem;
+    drive.DriveTypes = {TDriveType::dtVolume};
+    if (mounted.Removable) drive.DriveTypes.Add(TDriveType::dtRemovable);
+    drive.FileSystem = GetSystem(drive);
+    GetInfo(drive, false, true, false);
+    SetDefaultInfo(drive);
+    const TString name =
+        drive.VolumeName.empty() ? MessageText("e_Drives", mounted.Removable ? 3 : 2) : drive.VolumeName;
+    drive.Caption = name + u" (" + drive.DriveLetter + u")";
+    drive.CanBeAnalysed = true;
+    Add(drive, false);
+  }
+}
+
+/// Adds a row for every partition of a disk and every gap between them that is large enough and
+/// not in the list. Further fields come from `like`. The result is the new numbers.
+TIntegerDynArray TDrives::AddTableVolumes(const TPhysicalDrive& disk, const TDriveInfo& like) {
+  TIntegerDynArray added;
+  TVolumes gaps;
+  AddUnallocatedSpaces(disk, gaps);
+  for (const TVolume& volume : disk.Volumes) {
+    const int number = AddTableVolume(disk, volume, false, like);
+    if (number >= 0) added.push_back(number);
+  }
+  for (const TVolume& gap : gaps) {
+    const int number = AddTableVolume(disk, gap, true, like);
+    if (number >= 0) added.push_back(number);
+  }
+  return added;
+}
+
+void TDrives::AddUnallocatedSpaces(const TPhysicalDrive& disk, TVolumes& volumes) const {
+  if (disk.Volumes.empty() || disk.DiskGeometry.BytesPerSector == 0) return;
+  TVolumes sorted = disk.Volumes;
+  std::sort(sorted.begin(), sorted.end(),
+            [](const TVolume& a, const TVolume& b) { return a.StartingSector < b.StartingSector; });
+  const auto end = static_cast<std::uint64_t>(disk.DiskSize) / disk.DiskGeometry.BytesPerSector;
+  std::uint64_t position = 0;
+  const auto addGap = [&](std::uint64_t until) {
+    if (until <= position) return;
+    TVolume gap;
+    gap.StartingSector = position;
+    gap.SectorCount = until - position;
+    volumes.push_back(gap);
+  };
+  for (const TVolume& volume : sorted) {
+    addGap(std::min(volume.StartingSector, end));
+    position = std::max(position, volume.StartingSector + volume.SectorCount);
+  }
+  addGap(end);
+}
+
+int TDrives::AddTableVolume(const TPhysicalDrive& disk, const TVolume& volume, bool unallocated,
+                            const TDriveInfo& like) {
+  const auto bytesPerSector = static_cast<int>(disk.DiskGeometry.BytesPerSector);
+  if (volume.SectorCount < static_cast<std::uint64_t>(SmallestVolume / bytesPerSector)) return -1;
+  if (volume.PartitionType.Has(TPartitionType::ptReserved)) return -1;
+  const auto start = static_cast<std::int64_t>(volume.StartingSector);
+  const bool listed = std::any_of(List.begin(), List.end(), [&](const TDriveInfo& d) {
+    return d.Drive == disk.Drive && d.FirstSector == start && !d.DriveTypes.Has(TDriveType::dtPhysical);
+  });
+  if (listed) return -1;
+
+  TDriveInfo drive = like;
+  drive.Drive = disk.Drive;
+  drive.PartitionType = volume.PartitionType;
+  drive.ReceivedType = unallocated ? TReceivedType::rtByUnallocatedSpace : TReceivedType::rtByMBR;
+  drive.DriveTypes.Add(TDriveType::dtVolume);
+  drive.DriveTypes.Remove(TDriveType::dtPhysical);
+  drive.FirstSector = start;
+  drive.SectorsCount = static_cast<std::int64_t>(volume.SectorCount);
+  drive.BytesPerSector = bytesPerSector;
+  if (!unallocated) {
+    drive.FileSystem = GetSystem(drive);
+    if (drive.FileSystem == TFileSystem::fsUnknown && disk.PartitionStyle == PARTITION_STYLE::PARTITION_STYLE_MBR) {
+      drive.FileSystem = FileSystemOfIndicator(volume.MBRRecord.Structure.SystemIndicator);
+    }
+    GetInfo(drive, false, true, false);
+  }
+  SetDefaultInfo(drive);
+  const TString size = SizeCaption(drive.SectorsCount * drive.BytesPerSector);
+  if (unallocated) {
+    drive.Caption = FormatMessage("e_Drives", 0, NumberText(++FUnallocatedCount));
+  } else if (!drive.VolumeName.empty()) {
+    drive.Caption = drive.VolumeName + u" " + size;
+  } else {
+    drive.Caption = MessageText("e_Drives", 2) + u" " + size;
+  }
+  drive.CanBeAnalysed = true;
+  return Add(drive, false);
+}
+
+void TDrives::AddPhysicalDrive(const TPhysicalDrive& disk, int& unnamed) {
+  TDriveInfo drive;
+  drive.Drive = disk.Drive;
+  drive.Serial = disk.Serial;
+  drive.DiskGeometry = disk.DiskGeometry;
+  drive.BytesPerSector = static_cast<int>(disk.DiskGeometry.BytesPerSector);
+  if (drive.BytesPerSector > 0 && disk.DiskSize > 0) drive.SectorsCount = disk.DiskSize / drive.BytesPerSector;
+  drive.Caption = disk.Model.empty()
+                      ? FormatMessage("e_Drives", 1, NumberText(++unnamed)) + u" " + SizeCaption(disk.DiskSize)
+                      : disk.Model;
+  drive.DriveTypes = {TDriveType::dtPhysical};
+  if (disk.DiskGeometry.MediaType == RemovableMedia) drive.DriveTypes.Add(TDriveType::dtRemovable);
+  for (int i = 0; i < static_cast<int>(List.size()); ++i) {
+    if (List[static_cast<std::size_t>(i)].Drive == disk.Drive && !IsPhysical(i)) drive.Volumes.push_back(i);
+  }
+  drive.CanBeAnalysed = true;
+  SetDefaultInfo(drive);
+  Add(drive, false);
+}
+
+void TDrives::Clear() {
+  List.clear();
+  VMwares.clear();
+  FPhysicalDrives.clear();
+  Current = -1;
+  FUnallocatedCount = 0;
+  FEngine.Devices().CloseAll();
+}
+
+int TDrives::Add(const TDriveInfo& drive, bool canAddToTreeView) {
+  List.push_back(drive);
+  FEngine.Pump();
+  const int number = static_cast<int>(List.size()) - 1;
+  if (canAddToTreeView && OnAdded) OnAdded(number);
+  return number;
+}
+
+void TDrives::Delete(int number) {
+  if (IsWrongNumber(number)) return;
+  if (IsPhysical(number)) {
+    for (int i = static_cast<int>(List.size()) - 1; i >= 0; --i) {
+      const auto& volumes = List[static_cast<std::size_t>(number)].Volumes;
+      if (std::find(volumes.begin(), volumes.end(), i) == volumes.end()) continue;
+      Delete(i);
+      if (i < number) --number;
+    }
+  }
+  DeleteSubdrives(number);
+  FEngine.ClearDriveFiles(number, true);
+  if (OnBeforeDeleted) OnBeforeDeleted(number);
+  const auto forget = [number](TIntegerDynArray& numbers) {
+    std::erase(numbers, number);
+    for (int& n : numbers) {
+      if (n > number) --n;
+    }
+  };
+  for (TDriveInfo& drive : List) {
+    forget(drive.Volumes);
+    forget(drive.SubDrives);
+  }
+  const TString key = List[static_cast<std::size_t>(number)].Drive;
+  List.erase(List.begin() + number);
+  FEngine.Devices().Close(key);
+  if (OnDeleted) OnDeleted(number);
+}
+
+int TDrives::AddSubdrive(int driveNumber, int driveIcon) {
+  if (IsWrongNumber(driveNumber)) return -1;
+  const TDriveInfo& parent = List[static_cast<std::size_t>(driveNumber)];
+  TDriveInfo drive;
+  drive.Drive = parent.Drive;
+  drive.DriveLetter = parent.DriveLetter;
+  drive.Serial = parent.Serial;
+  drive.DriveIcon = driveIcon;
+  drive.DriveTypes = parent.DriveTypes;
+  drive.DriveTypes.Remove(TDriveType::dtPhysical);
+  drive.DriveTypes.Add(TDriveType::dtVolume);
+  drive.FirstSector = parent.FirstSector;
+  drive.BytesPerSector = parent.BytesPerSector;
+  drive.SectorsCount = parent.SectorsCount;
+  drive.CanBeAnalysed = true;
+  drive.IsSubDrive = true;
+  SetDefaultInfo(drive);
+  const int number = Add(drive, false);
+  List[static_cast<std::size_t>(driveNumber)].SubDrives.push_back(number);
+  return number;
+}
+
+void TDrives::DeleteSubdrives(int driveNumber) {
+  if (IsWrongNumber(driveNumber)) return;
+  // Sub-drives are always added behind their parent, so its number stays.
+  while (!List[static_cast<std::size_t>(driveNumber)].SubDrives.empty()) {
+    Delete(List[static_cast<std::size_t>(driveNumber)].SubDrives.back());
+  }
+}
+
+void TDrives::UpdateSubDrivesCaptions(int driveNumber) {
+  if (IsWrongNumber(driveNumber)) return;
+  int count = 0;
+  for (const int sub : List[static_cast<std::size_t>(driveNumber)].SubDrives) {
+    TDriveInfo& drive = List[static_cast<std::size_t>(sub)];
+    const TString name =
+        drive.VolumeName.empty() ? FormatMessage("e_Drives", 4, NumberText(++count)) : drive.VolumeName;
+    drive.Caption = name + u" " + SizeCaption(drive.SectorsCount * drive.BytesPerSector);
+  }
+}
+
+void TDrives::CopyInfo(int source, int destination) {
+  if (IsWrongNumber(source) || IsWrongNumber(destination)) return;
+  TDriveInfo& to = List[static_cast<std::size_t>(destination)];
+  TDriveInfo copy = List[static_cast<std::size_t>(source)];
+  copy.Volumes = to.Volumes;
+  copy.SubDrives = to.SubDrives;
+  copy.IsSubDrive = to.IsSubDrive;
+  copy.ParentClusters.Clear();
+  copy.FileFirstClusters.clear();
+  copy.Analysed = copy.DeepAnalysed = TAnalyseInformation::aiNone;
+  to = std::move(copy);
+}
+
+void TDrives::SetDefaultInfo(TDriveInfo& drive) {
+  drive.DefaultSystem = drive.FileSystem;
+  drive.DefaultFirstSector = drive.FirstSector;
+  drive.DefaultBytesPerSector = drive.BytesPerSector;
+  drive.DefaultSectorsCount = drive.SectorsCount;
+  drive.DefaultSectorsPerCluster = drive.FATInfo.SectorsPerCluster;
+}
+
+void TDrives::ResetDefaultInfo(int number) {
+  if (IsWrongNumber(number)) return;
+  TDriveInfo& drive = List[static_cast<std::size_t>(number)];
+  drive.FirstSector = drive.DefaultFirstSector;
+  drive.BytesPerSector = static_cast<int>(drive.DefaultBytesPerSector);
+  drive.SectorsCount = drive.DefaultSectorsCount;
+  drive.FATInfo = TFATInfo();
+  drive.FileSystem = GetSystem(drive);
+  GetInfo(drive, false, true, false);
+  SetDefaultInfo(drive);
+}
+
+// ---- mounting -------------------------------------------------------------------------------
+
+/// Looks for a file system on the whole source, then for partitions; sources without a sector
+/// size of their own are tried with 512 bytes and then with 4096 (disks with native 4 KiB sectors
+/// keep their tables in those units). True when it is one volume.
+bool TDrives::DetectWholeSource(TDriveInfo& drive, TPhysicalDrive& disk) {
+  const int stated = drive.BytesPerSector;
+  const std::int64_t size = drive.SectorsCount * GetBytesPerSector(drive);
+  for (const int bytesPerSector : {stated > 0 ? stated : 512, 4096}) {
+    drive.BytesPerSector = bytesPerSector;
+    drive.SectorsCount = size / bytesPerSector;
+    drive.FileSystem = GetSystem(drive);
+    if (drive.FileSystem != TFileSystem::fsUnknown) {
+      // The volume says how long it is and how large its sectors are.
+      if (stated == 0) drive.BytesPerSector = 0;
+      drive.SectorsCount = 0;
+      if (GetInfo(drive, false, true, false) && drive.SectorsCount > 0) return true;
+      drive.FileSystem = TFileSystem::fsUnknown;
+      drive.BytesPerSector = bytesPerSector;
+      drive.SectorsCount = size / bytesPerSector;
+    }
+    FEngine.Partitions().GetPhysicalDrive(drive, disk);
+    if (!disk.Volumes.empty() || stated > 0) return false;
+  }
+  drive.BytesPerSector = 512;
+  drive.SectorsCount = size / 512;
+  return false;
+}
+
+int TDrives::Mount(TStringView fileName, bool canAddToTreeView, TMountFailure* failure) {
+  TMountFailure unused;
+  TMountFailure& reason = failure != nullptr ? *failure : unused;
+  reason = TMountFailure();
+  for (int i = 0; i < static_cast<int>(List.size()); ++i) {
+    if (List[static_cast<std::size_t>(i)].Drive == fileName && List[static_cast<std::size_t>(i)].FirstSector == 0) return i;
+  }
+  const IDevice* device = FEngine.Devices().Get(fileName);
+  if (device == nullptr) {
+    reason.SystemError = FEngine.Devices().LastError();
+    return -1;
+  }
+  if (device->Size() < 512) {
+    reason.TooSmall = true;
+    return -1;
+  }
+  TDriveInfo drive;
+  drive.Drive = fileName;
+  const TStringView name = fileName.substr(fileName.rfind(u'/') + 1);
+  drive.Caption = name.ends_with(u".dsk") ? name.substr(0, name.size() - 4) : name;
+  drive.DriveTypes = {TDriveType::dtMounted};
+  drive.BytesPerSector = device->SectorSize();
+  drive.SectorsCount = device->Size() / (drive.BytesPerSector > 0 ? drive.BytesPerSector : 512);
+  drive.CanBeAnalysed = true;
+
+  TPhysicalDrive disk;
+  const bool isVolume = DetectWholeSource(drive, disk);
+  drive.DriveTypes.Add(isVolume ? TDriveType::dtVolume : TDriveType::dtPhysical);
+  if (!isVolume) drive.DiskGeometry.BytesPerSector = static_cast<std::uint32_t>(drive.BytesPerSector);
+  SetDefaultInfo(drive);
+  const int number = Add(drive, false);
+  if (!isVolume) {
+    disk.DiskGeometry.BytesPerSector = static_cast<std::uint32_t>(drive.BytesPerSector);
+    TDriveInfo like;
+    like.DriveTypes = {TDriveType::dtMounted};
+    List[static_cast<std::size_t>(number)].Volumes = AddTableVolumes(disk, like);
+  }
+  if (canAddToTreeView && OnAdded) {
+    for (int i = number; i < static_cast<int>(List.size()); ++i) OnAdded(i);
+  }
+  return number;
+}
+
+// ---- questions and facts --------------------------------------------------------------------
+
+bool TDrives::IsFloppy(const TDriveInfo& drive) {
+  return drive.DriveTypes.Has(TDriveType::dtVolume) && (drive.DriveLetter == u"A" || drive.DriveLetter == u"B");
+}
+
+bool TDrives::IsEmpty(int number) const {
+  return IsWrongNumber(number) || List[static_cast<std::size_t>(number)].ParentClusters.Empty();
+}
+
+bool TDrives::CanBeAnalysed(int number) const {
+  return !IsWrongNumber(number) && List[static_cast<std::size_t>(number)].FileSystem != TFileSystem::fsUnknown;
+}
+
+bool TDrives::Same(const TDriveInfo& drive1, const TDriveInfo& drive2) {
+  return drive1.Drive == drive2.Drive && drive1.DriveLetter == drive2.DriveLetter &&
+         drive1.DriveTypes == drive2.DriveTypes && drive1.FirstSector == drive2.FirstSector &&
+         drive1.SectorsCount == drive2.SectorsCount;
+}
+
+TIntegerDynArray TDrives::GetParentPhysicalDrives(const TDriveInfo& drive) const {
+  TIntegerDynArray parents;
+  for (int i = 0; i < static_cast<int>(List.size()); ++i) {
+    if (IsPhysical(i) && List[static_cast<std::size_t>(i)].Drive == drive.Drive) parents.push_back(i);
+  }
+  return parents;
+}
+
+int TDrives::GetBytesPerSector(const TDriveInfo& drive) const {
+  if (drive.BytesPerSector > 0) return drive.BytesPerSector;
+  if (drive.DriveTypes.Has(TDriveType::dtPhysical)) return 512;
+  const TIntegerDynArray parents = GetParentPhysicalDrives(drive);
+  if (parents.empty()) return 512;
+  const int size = List[static_cast<std::size_t>(parents.front())].BytesPerSector;
+  return size > 0 ? size : 512;
+}
+
+int TDrives::GetBytesPerSector(int number) const {
+  return IsWrongNumber(number) ? 512 : GetBytesPerSector(List[static_cast<std::size_t>(number)]);
+}
+
+bool TDrives::GetInfo(TDriveInfo& drive, bool canGetFloppy, bool canGetIfAnalyzed, bool canFillClustersUsage) {
+  if (IsFloppy(drive) && !canGetFloppy) return false;
+  if (!canGetIfAnalyzed && drive.BytesPerSector > 0) return true;
+  TByteDynArray sector(static_cast<std::size_t>(GetBytesPerSector(drive)));
+  bool result = false;
+  if (FEngine.Reader().ReadDriveSectors(drive, sector.data(), drive.FirstSector, 1) != 0) {
+    result = FEngine.GetDriveInfo(drive, canFillClustersUsage);
+  }
+  if (drive.BytesPerSector <= 0 && drive.SectorsCount > 0) drive.BytesPerSector = GetBytesPerSector(drive);
+  return result;
+}
+
+std::int64_t TDrives::GetSize(TDriveInfo& drive, bool canGetFloppy) {
+  const std::int64_t size = drive.SectorsCount * drive.BytesPerSector;
+  if (size != 0 || (IsFloppy(drive) && !canGetFloppy)) return size;
+  GetInfo(drive, canGetFloppy, true, false);
+  return drive.SectorsCount * drive.BytesPerSector;
+}
+
+TFileSystem TDrives::GetSystem(const TDriveInfo& drive) {
+  const int bytesPerSector = GetBytesPerSector(drive);
+  std::int64_t sectors = SuperblockSectors;
+  if (drive.SectorsCount > 0) sectors = std::min(sectors, drive.SectorsCount);
+  TByteDynArray head(static_cast<std::size_t>(sectors) * static_cast<std::size_t>(bytesPerSector));
+  const std::uint32_t got = FEngine.Reader().ReadDriveSectors(drive, head.data(), drive.FirstSector, sectors);
+  head.resize(got);
+  TFileSystem system = TFileSystem::fsUnknown;
+  if (IsPartition(head, 0, true, system, bytesPerSector)) return system;
+  return FEngine.RecogniseByCopy(head, bytesPerSector);
+}
+
+bool TDrives::IsPartition(std::span<const std::uint8_t> buffer, std::size_t start, bool addSuperblockOffset,
+                          TFileSystem& fileSystem, int bytesPerSector) const {
+  fileSystem = FEngine.RecogniseFileSystem(buffer, start, addSuperblockOffset, bytesPerSector);
+  return fileSystem != TFileSystem::fsUnknown;
+}
+
+TStringView TDrives::GetSystemNameBySystem(TFileSystem system) {
+  constexpr TStringView names[] = {u"",     u"FAT12", u"FAT16", u"FAT32", u"exFAT", u"NTFS",     u"ReFS", u"APFS", u"HFS+",
+                                   u"Ext2", u"Ext3",  u"Ext4",  u"XFS",   u"Btrfs", u"ReiserFS", u"UFS1", u"UFS2", u"HikvisionFS"};
+  const auto index = static_cast<std::size_t>(system);
+  return index < std::size(names) ? names[index] : TStringView();
+}
+
+PARTITION_STYLE TDrives::GetPhysicalPartitionStyle(int number) const {
+  TPhysicalDrive disk;
+  if (IsWrongNumber(number)) return PARTITION_STYLE::PARTITION_STYLE_RAW;
+  FEngine.Partitions().GetPhysicalDrive(List[static_cast<std::size_t>(number)], disk);
+  return disk.PartitionStyle;
+}
+
+TByteDynArray TDrives::GetDriveData(TDriveInfo& drive, std::int64_t start, std::int64_t size) {
+  if (start < 0 || start >= GetSize(drive, false) || size <= 0 || drive.BytesPerSector <= 0) return {};
+  const std::int64_t bytesPerSector = drive.BytesPerSector;
+  const std::int64_t first = start / bytesPerSector;
+  std::int64_t count = size / bytesPerSector;
+  if (start % bytesPerSector != 0) ++count;
+  if (size % bytesPerSector != 0) ++count;
+  count = std::min(count, drive.SectorsCount - first);
+  TByteDynArray sectors(static_cast<std::size_t>(count * bytesPerSector));
+  FEngine.Reader().ReadDriveSectors(drive, sectors.data(), drive.FirstSector + first, count);
+  sectors.erase(sectors.begin(), sectors.begin() + static_cast<std::ptrdiff_t>(start % bytesPerSector));
+  sectors.resize(static_cast<std::size_t>(size));
+  return sectors;
+}
+
+TByteDynArray TDrives::GetDriveData(int number, std::int64_t start, std::int64_t size) {
+  return IsWrongNumber(number) ? TByteDynArray() : GetDriveData(List[static_cast<std::size_t>(number)], start, size);
+}
+
+// ---- parent index ---------------------------------------------------------------------------
+
+void TDrives::AddParentCluster(TDriveInfo& drive, std::int64_t number, std::uint32_t fileIndex) {
+  drive.ParentClusters.Add(number, fileIndex);
+}
+
+void TDrives::DeleteParentCluster(TDriveInfo& drive, std::int64_t number, std::uint32_t fileIndex) {
+  drive.ParentClusters.Delete(number, fileIndex);
+}
+
+TInt64DynArray TDrives::GetParentClusters(int driveNumber, std::int64_t number) const {
+  if (IsWrongNumber(driveNumber)) return {};
+  return List[static_cast<std::size_t>(driveNumber)].ParentClusters.Files(number);
+}
+
+void TDrives::MergeParentClusters(int source, int destination) {
+  if (IsWrongNumber(source) || IsWrongNumber(destination) || source == destination) return;
+  List[static_cast<std::size_t>(destination)].ParentClusters.Merge(List[static_cast<std::size_t>(source)].ParentClusters);
+}
+
+void TDrives::MoveParentClusters(std::span<const std::uint32_t> newNumbers) {
+  for (TDriveInfo& drive : List) drive.ParentClusters.Renumber(newNumbers);
+}
+
+// ---- partition search -----------------------------------------------------------------------
+
+int TDrives::PartRecAddSubdrive(int parentDrive, TFileSystem fileSystem) {
+  const int number = AddSubdrive(parentDrive, -1);
+  if (number < 0) return -1;
+  TDriveInfo& drive = List[static_cast<std::size_t>(number)];
+  drive.FileSystem = drive.DefaultSystem = fileSystem;
+  FEngine.BeginDriveFiles(number);
+  return number;
+}
+
+void TDrives::PartRecApplyFoundDriveInfoToDrive(int driveNumber, int foundDriveNumber) {
+  auto& found = PartRecInfo.FoundDrives;
+  if (IsWrongNumber(driveNumber) || foundDriveNumber < 0 || foundDriveNumber >= static_cast<int>(found.size())) return;
+  TDriveInfo& drive = List[static_cast<std::size_t>(driveNumber)];
+  const TDriveInfo& from = found[static_cast<std::size_t>(foundDriveNumber)];
+  drive.FileSystem = from.FileSystem;
+  drive.FirstSector = from.FirstSector;
+  drive.BytesPerSector = from.BytesPerSector;
+  drive.SectorsCount = from.SectorsCount;
+  drive.aFreeSize = from.aFreeSize;
+  drive.VolumeName = from.VolumeName;
+  drive.FATInfo = from.FATInfo;
+  drive.CanBeAnalysed = true;
+  SetDefaultInfo(drive);
+  found.erase(found.begin() + foundDriveNumber);
+}
+
+}  // namespace brenlow

@@ -1,0 +1,137 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The registry of everything that reads as sectors: disks, volumes, images, found partitions.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <vector>
+
+#include "core/drive_records.h"
+#include "core/partitions.h"
+#include "core/sector_reader.h"
+
+namespace brenlow {
+
+class TEngine;
+struct TFile;
+
+/// Working record of the partition search.
+struct TPartRecInfo {
+  int MainDrive = -1;
+  TIntegerDynArray Volumes;
+  std::vector<TDriveInfo> FoundDrives;  ///< boot sectors found and not yet confirmed
+  TFileSystem DefaultFATSystem = TFileSystem::fsFAT32;
+  bool LastNTFSFileIsSystem = false;
+};
+
+/// Why a source cannot be opened.
+struct TMountFailure {
+  int SystemError = 0;    ///< errno, 0 when it is not the system's refusal
+  bool TooSmall = false;  ///< less than one sector
+};
+
+/// A drive number is an index into `List` and shifts when a lower drive is deleted. A wrong number
+/// yields false, -1, 0 or empty everywhere; no operation throws.
+class TDrives {
+ public:
+  explicit TDrives(TEngine& engine) : FEngine(engine) {}
+
+  std::vector<TDriveInfo> List;
+  int Current = -1;
+  std::vector<TVMwareInfo> VMwares;
+  TPartRecInfo PartRecInfo;
+
+  std::function<void(int)> OnAdded;
+  std::function<void(int)> OnBeforeDeleted;
+  std::function<void(int)> OnDeleted;
+
+  // ---- building the list ----
+  /// Lists the machine's volumes, then its disks.
+  void Fill();
+  /// Removes all drives and closes their devices.
+  void Clear();
+  int Add(const TDriveInfo& drive, bool canAddToTreeView);
+  /// Removes a drive with its volumes, sub-drives and files.
+  void Delete(int number);
+  /// Adds an image file or a device: one row for the whole, followed by one for each partition.
+  /// The result is the number of the whole, or -1.
+  int Mount(TStringView fileName, bool canAddToTreeView, TMountFailure* failure = nullptr);
+  /// A new entry inside another drive.
+  int AddSubdrive(int driveNumber, int driveIcon);
+  void DeleteSubdrives(int driveNumber);
+  void UpdateSubDrivesCaptions(int driveNumber);
+  /// Copies everything but the place in the registry (`SubDrives`, `Volumes`, `IsSubDrive`).
+  void CopyInfo(int source, int destination);
+  /// Remembers the live values as the detected ones.
+  static void SetDefaultInfo(TDriveInfo& drive);
+  /// Takes the detected values back and looks at the source again.
+  void ResetDefaultInfo(int number);
+
+  // ---- questions ----
+  bool IsWrongNumber(int number) const { return number < 0 || number >= static_cast<int>(List.size()); }
+  bool IsPhysical(int number) const { return HasType(number, TDriveType::dtPhysical); }
+  bool IsVolume(int number) const { return HasType(number, TDriveType::dtVolume); }
+  bool IsRemovable(int number) const { return HasType(number, TDriveType::dtRemovable); }
+  bool IsMounted(int number) const { return HasType(number, TDriveType::dtMounted); }
+  static bool IsFloppy(const TDriveInfo& drive);
+  bool IsVMware(int number) const { return HasType(number, TDriveType::dtVMWare); }
+  /// True for a wrong number and for a drive without any entry in its parent index.
+  bool IsEmpty(int number) const;
+  bool CanBeAnalysed(int number) const;
+  static bool Same(const TDriveInfo& drive1, const TDriveInfo& drive2);
+
+  // ---- facts ----
+  /// The sector size to read with; never below 1.
+  int GetBytesPerSector(const TDriveInfo& drive) const;
+  int GetBytesPerSector(int number) const;
+  /// Fills in what the volume states of itself. False when nothing could be read.
+  bool GetInfo(TDriveInfo& drive, bool canGetFloppy, bool canGetIfAnalyzed, bool canFillClustersUsage);
+  /// Size in bytes, asking the volume when it is not known.
+  std::int64_t GetSize(TDriveInfo& drive, bool canGetFloppy);
+  /// Looks for a file system at the start of the drive.
+  TFileSystem GetSystem(const TDriveInfo& drive);
+  static TStringView GetSystemNameBySystem(TFileSystem system);
+  TIntegerDynArray GetParentPhysicalDrives(const TDriveInfo& drive) const;
+  PARTITION_STYLE GetPhysicalPartitionStyle(int number) const;
+  /// Byte-addressed read: exactly `size` bytes with zeros for what cannot be read; empty when
+  /// the start lies beyond the end.
+  TByteDynArray GetDriveData(TDriveInfo& drive, std::int64_t start, std::int64_t size);
+  TByteDynArray GetDriveData(int number, std::int64_t start, std::int64_t size);
+  /// The common recogniser. `addSuperblockOffset`: the buffer begins at the volume's start.
+  bool IsPartition(std::span<const std::uint8_t> buffer, std::size_t start, bool addSuperblockOffset,
+                   TFileSystem& fileSystem, int bytesPerSector) const;
+
+  // ---- parent index ----
+  static void AddParentCluster(TDriveInfo& drive, std::int64_t number, std::uint32_t fileIndex);
+  static void DeleteParentCluster(TDriveInfo& drive, std::int64_t number, std::uint32_t fileIndex);
+  static void ClearParentClusters(TDriveInfo& drive) { drive.ParentClusters.Clear(); }
+  /// The files under a parent reference, in order of addition.
+  TInt64DynArray GetParentClusters(int driveNumber, std::int64_t number) const;
+  /// Parent references with at least one file, ascending.
+  static TInt64DynArray GetFoundPosParentClusters(const TDriveInfo& drive) { return drive.ParentClusters.Numbers(); }
+  void MergeParentClusters(int source, int destination);
+  /// Corrects all file numbers in all buckets of all drives after rows of the file table went.
+  void MoveParentClusters(std::span<const std::uint32_t> newNumbers);
+
+  // ---- partition search ----
+  int PartRecAddSubdrive(int parentDrive, TFileSystem fileSystem);
+  void PartRecApplyFoundDriveInfoToDrive(int driveNumber, int foundDriveNumber);
+
+ private:
+  bool HasType(int number, TDriveType type) const {
+    return !IsWrongNumber(number) && List[static_cast<std::size_t>(number)].DriveTypes.Has(type);
+  }
+  void AddSystemVolumes();
+  TIntegerDynArray AddTableVolumes(const TPhysicalDrive& disk, const TDriveInfo& like);
+  void AddUnallocatedSpaces(const TPhysicalDrive& disk, TVolumes& volumes) const;
+  int AddTableVolume(const TPhysicalDrive& disk, const TVolume& volume, bool unallocated, const TDriveInfo& like);
+  void AddPhysicalDrive(const TPhysicalDrive& disk, int& unnamed);
+  bool DetectWholeSource(TDriveInfo& drive, TPhysicalDrive& disk);
+
+  TEngine& FEngine;
+  TPhysicalDrives FPhysicalDrives;
+  int FUnallocatedCount = 0;
+};
+
+}  // namespace brenlow

@@ -1,0 +1,103 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The engine object: owns everything that lives for a run. No part of the engine is global.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
+
+#include "core/types.h"
+
+namespace brenlow {
+
+class TDeviceTable;
+class TDrives;
+class TFAT;
+class TFiles;
+class TFileSignatures;
+class TPartitionsInfo;
+class TSectorReader;
+struct TDriveInfo;
+
+/// A message of the engine for the user: number `Number` of the language section `Section`.
+struct TEngineMessage {
+  const char* Section = "";
+  int Number = 0;
+  TString Text;
+};
+
+/// Exactly one thread at a time runs engine code. Only the go-on flags may be cleared from
+/// elsewhere (another thread, a signal handler).
+class TEngine {
+ public:
+  TEngine();
+  ~TEngine();
+  TEngine(const TEngine&) = delete;
+  TEngine& operator=(const TEngine&) = delete;
+
+  // ---- state of the run ----
+  std::atomic<bool> Analysing{false};   ///< every scan tests it; clearing it stops the scan
+  std::atomic<bool> Recovering{false};  ///< a recovery is running; clearing it stops it
+  bool PartRecRunning = false;          ///< the analysis in hand is a partition search
+  double AnalyseProgressBase = 0;       ///< shown position = position * scale + base
+  double AnalyseProgressScale = 1;
+
+  std::function<void(int driveNumber, bool status)> OnChangeAnalysingStatus;
+  /// Position of the current scan, 0.0 to 1.0.
+  std::function<void(double)> OnAnalyseProgress;
+  std::function<void(const TEngineMessage&)> OnMessage;
+  /// Called from the pump a few dozen times a second while the engine works.
+  std::function<void()> OnPump;
+
+  void ChangeAnalysingStatus(int driveNumber, bool status);
+  /// Publishes the position of one volume's scan, mapped onto its share of the whole.
+  void AnalyseProgress(double position);
+  void ShowMessage(const char* section, int number);
+
+  /// Lets waiting events run. Scans call it for every unit of work, so it costs next to nothing
+  /// unless some time has passed.
+  void Pump() {
+    if ((++FPumpCalls & 15U) == 0) PumpSlowly();
+  }
+
+  // ---- what the drive registry needs of the drivers and of the file table ----
+  /// Tests a boot sector or superblock against all drivers, the weakest test last.
+  /// `addSuperblockOffset`: the buffer begins at the volume's start.
+  TFileSystem RecogniseFileSystem(std::span<const std::uint8_t> buffer, std::size_t start, bool addSuperblockOffset,
+                                  int bytesPerSector);
+  /// Looks for the copies of a boot sector that lie near the start of a volume; `head` begins at
+  /// the volume's start.
+  TFileSystem RecogniseByCopy(std::span<const std::uint8_t> head, int bytesPerSector);
+  /// Lets the driver of the drive's file system fill the record; false when it cannot.
+  bool GetDriveInfo(TDriveInfo& drive, bool fillTable);
+  void ClearDriveFiles(int driveNumber, bool deleteDrive);
+  void BeginDriveFiles(int driveNumber);
+
+  // ---- parts ----
+  TDeviceTable& Devices() { return *FDevices; }
+  TSectorReader& Reader() { return *FReader; }
+  TPartitionsInfo& Partitions() { return *FPartitions; }
+  TDrives& Drives() { return *FDrives; }
+  TFiles& Files() { return *FFiles; }
+  const TFileSignatures& Signatures() const { return *FSignatures; }
+  TFAT& FAT() { return *FFAT; }
+
+ private:
+  void PumpSlowly();
+
+  std::uint32_t FPumpCalls = 0;
+  std::int64_t FLastPump = 0;  // steady clock, milliseconds
+  bool FPumping = false;
+
+  std::unique_ptr<TDeviceTable> FDevices;
+  std::unique_ptr<TSectorReader> FReader;
+  std::unique_ptr<TPartitionsInfo> FPartitions;
+  std::unique_ptr<TDrives> FDrives;
+  std::unique_ptr<TFileSignatures> FSignatures;
+  std::unique_ptr<TFiles> FFiles;
+  std::unique_ptr<TFAT> FFAT;
+};
+
+}  // namespace brenlow

@@ -1,0 +1,77 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Small vocabulary types shared by the whole engine.
+#pragma once
+
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace brenlow {
+
+/// Text inside the engine is UTF-16; unpaired surrogates survive. Conversion happens at the edges.
+using TString = std::u16string;
+using TStringView = std::u16string_view;
+
+using TByteDynArray = std::vector<std::uint8_t>;
+using TInt64DynArray = std::vector<std::int64_t>;
+using TIntegerDynArray = std::vector<int>;
+using TLongWordDynArray = std::vector<std::uint32_t>;
+
+/// A set of the values of one enumeration, one bit each.
+template <typename TEnum, typename TBits = std::uint16_t>
+class TEnumSet {
+ public:
+  constexpr TEnumSet() = default;
+  constexpr TEnumSet(std::initializer_list<TEnum> values) {
+    for (TEnum value : values) Add(value);
+  }
+  constexpr bool Has(TEnum value) const { return (FBits & Bit(value)) != 0; }
+  constexpr bool Empty() const { return FBits == 0; }
+  constexpr void Add(TEnum value) { FBits = static_cast<TBits>(FBits | Bit(value)); }
+  constexpr void Remove(TEnum value) { FBits = static_cast<TBits>(FBits & ~Bit(value)); }
+  constexpr bool operator==(const TEnumSet&) const = default;
+
+ private:
+  static constexpr TBits Bit(TEnum value) { return static_cast<TBits>(1U << static_cast<unsigned>(value)); }
+  TBits FBits = 0;
+};
+
+enum class TFileSystem : std::uint8_t {
+  fsUnknown, fsFAT12, fsFAT16, fsFAT32, fsExFAT, fsNTFS, fsReFS, fsAPFS, fsHFS, fsExt2, fsExt3, fsExt4,
+  fsXFS, fsBtrfs, fsReiserFS, fsUFS1, fsUFS2, fsHikvisionFS,
+};
+
+enum class TDriveType : std::uint8_t {
+  dtPhysical, dtVolume, dtRemovable, dtWSS, dtLVM, dtRaid, dtFound, dtMounted, dtVirtual, dtVMWare, dtHidden,
+};
+using TDriveTypes = TEnumSet<TDriveType>;
+
+enum class TPartitionType : std::uint8_t {
+  ptBoot, ptPrimary, ptLogical, ptEFI, ptReserved, ptRecovery, ptLdmMetadata, ptLdmData, ptAppleRaid,
+};
+using TPartitionTypes = TEnumSet<TPartitionType>;
+
+/// How a volume became known.
+enum class TReceivedType : std::uint8_t {
+  rtUnknown, rtBySystem, rtByMBR, rtBySystemAndMBR, rtByUnallocatedSpace, rtAutodetected,
+};
+
+/// How far a scan got: not begun, begun or stopped, ended.
+enum class TAnalyseInformation : std::uint8_t { aiNone, aiPartial, aiFull };
+
+/// How to read a file's `FirstCluster`: as it is; unknown with candidates; as a sector number.
+enum class TFirstClusterInfo : std::uint8_t { fciNormal, fciUnknown, fciSector };
+
+/// Special values of `TFileInfo::FirstCluster` and `TFile::ParentCluster`.
+namespace SpecialCluster {
+inline constexpr std::int64_t Unselected = -1;
+inline constexpr std::int64_t Root = -8;
+inline constexpr std::int64_t NTFSSystemData = -9;
+inline constexpr std::int64_t LostAndFound = -10;
+inline constexpr std::int64_t DeepAnalyse = -11;
+inline constexpr std::int64_t NoKnownPlace = -12;
+}  // namespace SpecialCluster
+
+}  // namespace brenlow

@@ -1,0 +1,84 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Puts the engine together; the only unit that knows all of its parts.
+#include "core/engine.h"
+
+#include <chrono>
+
+#include "analysis/files.h"
+#include "analysis/signatures.h"
+#include "core/device/device.h"
+#include "core/drives.h"
+#include "core/messages.h"
+#include "core/partitions.h"
+#include "core/sector_reader.h"
+#include "fs/dispatch.h"
+#include "fs/fat/fat.h"
+
+namespace brenlow {
+namespace {
+
+constexpr std::int64_t PumpInterval = 30;  // milliseconds between two events
+
+std::int64_t SteadyMilliseconds() {
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+}
+
+}  // namespace
+
+TEngine::TEngine()
+    : FDevices(std::make_unique<TDeviceTable>()),
+      FReader(std::make_unique<TSectorReader>(*this)),
+      FPartitions(std::make_unique<TPartitionsInfo>(*this)),
+      FDrives(std::make_unique<TDrives>(*this)),
+      FSignatures(std::make_unique<TFileSignatures>()),
+      FFiles(std::make_unique<TFiles>(*this)),
+      FFAT(std::make_unique<TFAT>(*this)) {}
+
+TEngine::~TEngine() = default;
+
+void TEngine::ChangeAnalysingStatus(int driveNumber, bool status) {
+  Analysing = status;
+  if (status) {
+    FFiles->FoundCount = 0;
+    FFiles->FolderFoundCount = 0;
+  }
+  if (OnChangeAnalysingStatus) OnChangeAnalysingStatus(driveNumber, status);
+}
+
+void TEngine::AnalyseProgress(double position) {
+  if (OnAnalyseProgress) OnAnalyseProgress(position * AnalyseProgressScale + AnalyseProgressBase);
+}
+
+void TEngine::ShowMessage(const char* section, int number) {
+  if (OnMessage) OnMessage({section, number, MessageText(section, number)});
+}
+
+TFileSystem TEngine::RecogniseFileSystem(std::span<const std::uint8_t> buffer, std::size_t start,
+                                         [[maybe_unused]] bool addSuperblockOffset,
+                                         [[maybe_unused]] int bytesPerSector) {
+  return FFAT->IsPartition(buffer, start) ? FFAT->GetFileSystem(buffer, start) : TFileSystem::fsUnknown;
+}
+
+TFileSystem TEngine::RecogniseByCopy(std::span<const std::uint8_t> head, int bytesPerSector) {
+  return FFAT->IsBackupBootSector(head, bytesPerSector) ? TFileSystem::fsFAT32 : TFileSystem::fsUnknown;
+}
+
+bool TEngine::GetDriveInfo(TDriveInfo& drive, bool fillTable) {
+  return WithDriver(*this, drive.FileSystem, [&](auto& driver) { return driver.GetDriveInfo(drive, fillTable); }, false);
+}
+
+void TEngine::ClearDriveFiles(int driveNumber, bool deleteDrive) { FFiles->Clear(driveNumber, deleteDrive); }
+void TEngine::BeginDriveFiles(int driveNumber) { FFiles->DoBeforeAnalyse(driveNumber); }
+
+void TEngine::PumpSlowly() {
+  if (!OnPump || FPumping) return;
+  const std::int64_t now = SteadyMilliseconds();
+  if (now - FLastPump < PumpInterval) return;
+  FLastPump = now;
+  FPumping = true;
+  OnPump();
+  FPumping = false;
+}
+
+}  // namespace brenlow

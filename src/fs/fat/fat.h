@@ -1,0 +1,87 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// FAT12, FAT16 and FAT32: recognition, allocation table, directories with deleted entries, file
+// data. Deleted objects are objects of the tree like others; the data of a deleted file is followed
+// through free clusters.
+//
+// Format facts: Microsoft, "FAT: General Overview of On-Disk Format" 1.03; ECMA-107.
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+#include "core/drive_records.h"
+#include "core/file_records.h"
+#include "core/types.h"
+#include "fs/fat/fat_entry.h"
+
+namespace brenlow {
+
+class TEngine;
+
+/// Whether an analysis looks through free clusters for folders that no entry leads to any more.
+enum class TLostFolderSearch {
+  Never,
+  /// On a volume without a live file (it was formatted or emptied), and for the rest of deleted
+  /// folders that were longer than one cluster.
+  WhenNeeded,
+  Always,
+};
+
+class TFAT {
+ public:
+  explicit TFAT(TEngine& engine) : FEngine(engine) {}
+
+  TLostFolderSearch LostFolderSearch = TLostFolderSearch::WhenNeeded;
+  /// Code page of 8.3 names, 437 at the start. False when the system does not have it.
+  bool SetOemCodePage(int codePage);
+
+  // ---- recognition ----
+  bool IsPartition(std::span<const std::uint8_t> buffer, std::size_t start) const;
+  TFileSystem GetFileSystem(std::span<const std::uint8_t> buffer, std::size_t start) const;
+  /// True when the sixth sector after the first of `head` holds the copy of a FAT32 boot sector.
+  bool IsBackupBootSector(std::span<const std::uint8_t> head, int bytesPerSector) const;
+  /// Reads the boot sector or its copy and fills `FATInfo`; `fillTable` asks for the table too.
+  bool GetDriveInfo(TDriveInfo& drive, bool fillTable);
+  /// Loads table number `fatNumber` (from 0). Parts that cannot be read stay 0 (free).
+  void FillTable(const TDriveInfo& drive, TLongWordDynArray& table, int fatNumber);
+  bool IsClusterBad(const TDriveInfo& drive, std::uint32_t entry) const;
+  bool IsClusterEOF(const TDriveInfo& drive, std::uint32_t entry) const;
+
+  // ---- listing ----
+  void AnalyseSystem(int driveNumber);
+  void GetFiles(TDriveInfo& drive, TFileArray& result, bool rootDirOnly, const TOnFilesGotten& onFilesGotten);
+
+  // ---- data ----
+  void GetFileData(TDriveInfo& drive, TByteDynArray& result, TFile& file, std::int64_t start, std::int64_t size,
+                   int incDataSector);
+  void GetFileFragments(TFile& file, TFileFragments& result);
+  std::int64_t GetSizeOnDisk(const TFile& file) const;
+  /// `sizeInBytes` raw bytes from the start of a cluster on; zeros for what cannot be read.
+  TByteDynArray GetClusterData(const TDriveInfo& drive, std::uint32_t cluster, std::int64_t sizeInBytes);
+  /// The next cluster of the chain, or, where the chain is gone, the next free cluster.
+  std::uint32_t GetNextRecoveryCluster(const TDriveInfo& drive, std::uint32_t cluster);
+  /// Deleting on FAT32 may wipe the high half of the first cluster: looks for it, once a file.
+  void ChangeFileFirstCluster(TFileInfo& file);
+  /// True for a deleted file whose first cluster belongs to something else by now.
+  bool IsOverwritten(const TFile& file) const;
+
+  // ---- partition search ----
+  void PartRecAnalyseSector(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
+                            std::int64_t sectorNumber);
+  void PartRecAnalyseForNewDrive(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
+                                 std::int64_t sectorNumber);
+
+ private:
+  bool ReadBootSector(TDriveInfo& drive, std::int64_t sector, bool fillTable);
+  void ReadVolumeName(TDriveInfo& drive, std::span<const std::uint8_t> boot);
+  void ReadFreeSize(TDriveInfo& drive);
+  void AddCandidates(TDriveInfo& drive, TFileInfo& file);
+  void LearnClusterSize(TDriveInfo& drive, int driveNumber, std::span<const std::uint8_t> folder,
+                        std::int64_t sectorNumber);
+  void SeekCluster(TDriveInfo& drive, const TFileInfo& file, std::int64_t index);
+
+  TEngine& FEngine;
+  fat::TOemTable FOem = fat::CodePage437();
+};
+
+}  // namespace brenlow

@@ -1,0 +1,261 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Reading the data of files, with or without their chain.
+#include <algorithm>
+#include <bit>
+#include <cstring>
+
+#include "analysis/signatures.h"
+#include "core/drives.h"
+#include "core/engine.h"
+#include "core/numbers.h"
+#include "core/sector_reader.h"
+#include "core/text.h"
+#include "fs/fat/fat.h"
+#include "fs/fat/fat_layout.h"
+
+namespace brenlow {
+
+using namespace fat;
+
+namespace {
+
+constexpr std::int64_t MaxHighHalves = 512;
+constexpr std::uint32_t ChainEnd32 = 0x0FFFFFF7;  // at or above: a chain ends here (FAT32)
+
+/// First free cluster at or above `from`; the size of the table when there is none.
+std::uint32_t NextFree(const TFATInfo& info, std::uint32_t from) {
+  const auto size = static_cast<std::uint32_t>(info.FATTable.size());
+  std::size_t word = from / 64;
+  if (from >= size || word >= info.FreeClusters.size()) return std::max(from, size);
+  std::uint64_t bits = info.FreeClusters[word] & (~std::uint64_t{0} << (from % 64));
+  while (bits == 0 && ++word < info.FreeClusters.size()) bits = info.FreeClusters[word];
+  return bits == 0 ? size : static_cast<std::uint32_t>(word * 64) + static_cast<std::uint32_t>(std::countr_zero(bits));
+}
+
+/// True when none of `count` entries from `cluster` on, as far as they lie in the table, is in use.
+bool AllFree(const TFATInfo& info, std::int64_t cluster, std::int64_t count) {
+  const auto size = static_cast<std::int64_t>(info.FATTable.size());
+  for (std::int64_t at = cluster; at < std::min(cluster + count, size); ++at) {
+    if (at % 64 == 0 && at + 64 <= std::min(cluster + count, size) &&
+        info.FreeClusters[static_cast<std::size_t>(at / 64)] == ~std::uint64_t{0}) {
+      at += 63;
+    } else if (info.FATTable[static_cast<std::size_t>(at)] != 0) {
+      return false;
+    }
+  }
+  return true;
+}
+
+/// Walks a file's clusters, each run of adjacent ones as one.
+struct TRun {
+  std::uint32_t Cluster = 0;
+  std::int64_t Count = 0;
+};
+
+}  // namespace
+
+std::uint32_t TFAT::GetNextRecoveryCluster(const TDriveInfo& drive, std::uint32_t cluster) {
+  if (const std::uint32_t next = NextCluster(drive, cluster); next != 0) return next;
+  FEngine.Pump();
+  const auto highest = static_cast<std::uint32_t>(ClusterRoom(drive) + 2);
+  const std::uint32_t start = cluster + 1 > highest || cluster + 1 < 2 ? 2 : cluster + 1;
+  if (drive.FATInfo.FATTable.empty() || (!FEngine.Analysing && !FEngine.Recovering)) return start;
+  const std::uint32_t found = NextFree(drive.FATInfo, start);
+  if (found <= highest) return found;
+  // Nothing free up to the end: on from the beginning, back to where it started at the most.
+  const std::uint32_t stop = std::max<std::uint32_t>(cluster, 3) - 1;
+  return std::min(NextFree(drive.FATInfo, 2), stop);
+}
+
+/// Moves the read position of the drive to cluster `index` of the file.
+void TFAT::SeekCluster(TDriveInfo& drive, const TFileInfo& file, std::int64_t index) {
+  TFATInfo::TReadPosition& position = drive.FATInfo.ReadPosition;
+  const bool skipping = FEngine.Analysing || FEngine.Recovering;
+  if (position.FirstCluster != file.FirstCluster || position.Index > index || position.Skipping != skipping) {
+    position = {file.FirstCluster, 0, static_cast<std::uint32_t>(file.FirstCluster), skipping};
+  }
+  while (position.Index < index && position.Cluster != 0) {
+    position.Cluster = GetNextRecoveryCluster(drive, position.Cluster);
+    ++position.Index;
+  }
+}
+
+void TFAT::GetFileData(TDriveInfo& drive, TByteDynArray& result, TFile& file, std::int64_t start, std::int64_t size,
+                       int incDataSector) {
+  TFileInfo& info = file.FileInfo;
+  ChangeFileFirstCluster(info);
+  const std::int64_t clusterBytes = ClusterBytes(drive);
+  if (info.aSize <= 0 || start < 0 || start >= info.aSize || size <= 0 || clusterBytes <= 0) {
+    result.clear();
+    return;
+  }
+  const std::int64_t sectorSize = drive.BytesPerSector;
+  const std::int64_t end = std::min(start + size, info.aSize);
+  // Whole sectors are read straight to their place; what lies before `start` is cut off at last.
+  const std::int64_t from = start / sectorSize * sectorSize;
+  const std::int64_t until = CeilDiv(end, sectorSize) * sectorSize;
+  result.resize(static_cast<std::size_t>(until - from));
+
+  std::int64_t filled = from;  // position in the file up to which the result is filled
+  std::uint32_t before = 0;    // the last cluster read, 0 for none
+  TByteDynArray single;        // one cluster, for reading cluster by cluster
+  const auto sectorOf = [&](std::uint32_t cluster) {
+    return drive.FirstSector + ClusterSector(drive, cluster) + incDataSector;
+  };
+  const auto readCluster = [&](std::uint32_t cluster) {
+    single.resize(static_cast<std::size_t>(clusterBytes));
+    if (IsInside(drive, cluster)) {
+      FEngine.Reader().ReadDriveSectors(drive, single.data(), sectorOf(cluster), drive.FATInfo.SectorsPerCluster);
+    }
+  };
+  while (filled < until) {
+    const std::int64_t index = filled / clusterBytes;
+    SeekCluster(drive, info, index);
+    TFATInfo::TReadPosition& position = drive.FATInfo.ReadPosition;
+    if (position.Cluster == 0) break;
+    TRun run{position.Cluster, 1};
+    while ((index + run.Count) * clusterBytes < until) {
+      const std::uint32_t next = GetNextRecoveryCluster(drive, position.Cluster);
+      ++position.Index;
+      const bool adjacent = next == position.Cluster + 1;
+      position.Cluster = next;
+      if (!adjacent) break;
+      ++run.Count;
+    }
+    const std::int64_t runEnd = std::min((index + run.Count) * clusterBytes, until);
+    const std::int64_t skip = filled - index * clusterBytes;
+    std::uint8_t* place = result.data() + (filled - from);
+    const auto wanted = static_cast<std::uint32_t>(runEnd - filled);
+    const std::int64_t sector = sectorOf(run.Cluster) + skip / sectorSize;
+    std::uint32_t got = 0;
+    if (IsInside(drive, run.Cluster)) {
+      got = FEngine.Reader().ReadDriveSectors(drive, place, sector, wanted / sectorSize);
+    }
+    if (got < wanted) {
+      // One by one, so that a fault costs one cluster. A cluster that cannot be read repeats the
+      // bytes of the last one that could: the output keeps its length and offsets.
+      single.clear();
+      if (before != 0) readCluster(before);
+      for (std::int64_t i = 0; i < run.Count; ++i) {
+        const std::int64_t at = (index + i) * clusterBytes;
+        readCluster(run.Cluster + static_cast<std::uint32_t>(i));
+        const std::int64_t first = std::max(at, filled);
+        const std::int64_t last = std::min(at + clusterBytes, runEnd);
+        if (first >= last) continue;
+        std::memcpy(result.data() + (first - from), single.data() + (first - at), static_cast<std::size_t>(last - first));
+        FEngine.Pump();
+      }
+    }
+    before = run.Cluster + static_cast<std::uint32_t>(run.Count) - 1;
+    filled = runEnd;
+    FEngine.Pump();
+  }
+  const std::int64_t good = std::min(filled, end);
+  if (start > from) result.erase(result.begin(), result.begin() + static_cast<std::ptrdiff_t>(start - from));
+  result.resize(static_cast<std::size_t>(std::max<std::int64_t>(good - start, 0)));
+}
+
+void TFAT::GetFileFragments(TFile& file, TFileFragments& result) {
+  result.clear();
+  TFileInfo& info = file.FileInfo;
+  if (FEngine.Drives().IsWrongNumber(info.aDriveNumber)) return;
+  TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(info.aDriveNumber)];
+  ChangeFileFirstCluster(info);
+  const std::int64_t clusterBytes = ClusterBytes(drive);
+  if (clusterBytes <= 0 || info.aSize <= 0) return;
+  const std::int64_t perCluster = drive.FATInfo.SectorsPerCluster;
+  const std::int64_t total = CeilDiv(info.aSize, clusterBytes);
+  const std::int64_t sectors = CeilDiv(info.aSize, drive.BytesPerSector);
+  for (std::int64_t index = 0; index < total; ++index) {
+    SeekCluster(drive, info, index);
+    const std::uint32_t cluster = drive.FATInfo.ReadPosition.Cluster;
+    if (cluster == 0) break;
+    const std::int64_t sector = ClusterSector(drive, cluster);
+    const std::int64_t count = std::min(perCluster, sectors - index * perCluster);
+    if (!result.empty() && result.back().FirstSectorInDrive + result.back().SectorCount == sector) {
+      result.back().SectorCount += count;
+    } else {
+      result.push_back({sector, index * perCluster, count});
+    }
+  }
+}
+
+std::int64_t TFAT::GetSizeOnDisk(const TFile& file) const {
+  const TFileInfo& info = file.FileInfo;
+  if (FEngine.Drives().IsWrongNumber(info.aDriveNumber)) return info.aSize;
+  const std::int64_t clusterBytes = ClusterBytes(FEngine.Drives().List[static_cast<std::size_t>(info.aDriveNumber)]);
+  return clusterBytes <= 0 ? info.aSize : CeilDiv(info.aSize, clusterBytes) * clusterBytes;
+}
+
+TByteDynArray TFAT::GetClusterData(const TDriveInfo& drive, std::uint32_t cluster, std::int64_t sizeInBytes) {
+  if (drive.BytesPerSector <= 0 || sizeInBytes <= 0 || !IsInside(drive, cluster)) return {};
+  const std::int64_t sectors = CeilDiv(sizeInBytes, drive.BytesPerSector);
+  TByteDynArray bytes(static_cast<std::size_t>(sectors * drive.BytesPerSector));
+  FEngine.Reader().ReadDriveSectors(drive, bytes.data(), drive.FirstSector + ClusterSector(drive, cluster), sectors);
+  bytes.resize(static_cast<std::size_t>(sizeInBytes));
+  return bytes;
+}
+
+bool TFAT::IsOverwritten(const TFile& file) const {
+  const TFileInfo& info = file.FileInfo;
+  if (!info.blnDeleted || info.blnFolder || info.aSize <= 0) return false;
+  if (FEngine.Drives().IsWrongNumber(info.aDriveNumber)) return false;
+  const TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(info.aDriveNumber)];
+  return !drive.FATInfo.FATTable.empty() && !FreeOrBad(drive, info.FirstCluster);
+}
+
+// ---- first clusters that lost their high half -----------------------------------------------
+
+void TFAT::ChangeFileFirstCluster(TFileInfo& file) {
+  if (!file.blnDeleted || file.blnFolder || file.aDeepAnalyse || file.FirstClustersChanged) return;
+  if (file.FirstCluster < 0 || file.FirstCluster > 0xFFFF || file.aSize <= 0) return;
+  if (FEngine.Drives().IsWrongNumber(file.aDriveNumber)) return;
+  TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(file.aDriveNumber)];
+  if (!IsFAT32(drive) || ClusterBytes(drive) <= 0) return;
+  file.FirstClusters.clear();
+  file.FirstClustersChanged = true;
+  AddCandidates(drive, file);
+  if (!file.FirstClusters.empty()) file.FirstCluster = file.FirstClusters[0];
+}
+
+void TFAT::AddCandidates(TDriveInfo& drive, TFileInfo& file) {
+  const TFATInfo& info = drive.FATInfo;
+  const std::int64_t needed = CeilDiv(file.aSize, ClusterBytes(drive));
+  // Whoever deletes on this volume keeps the high half: the number is right as it stands where
+  // its clusters are free, whatever lies before them.
+  if (info.HighHalvesKept && file.FirstCluster >= 2 && AllFree(info, file.FirstCluster, needed)) {
+    file.FirstClusters.push_back(file.FirstCluster);
+    return;
+  }
+  const TString extension = u"." + LowerCase(Trim(Extension(file.strName)));
+  const TFileSignatures& signatures = FEngine.Signatures();
+  TByteDynArray sector(static_cast<std::size_t>(drive.BytesPerSector));
+  bool known = false;
+  bool same = false;
+  signatures.CheckSignatureByFileExt(extension, sector, 0, known, same);
+
+  for (std::int64_t k = 0; k <= MaxHighHalves; ++k) {
+    const std::int64_t candidate = file.FirstCluster + k * 65536;
+    if (candidate > ClusterRoom(drive) + 2) return;
+    FEngine.Pump();
+    if (known) {
+      const auto cluster = static_cast<std::uint32_t>(candidate);
+      if (!IsInside(drive, cluster)) continue;
+      const std::int64_t at = drive.FirstSector + ClusterSector(drive, cluster);
+      if (FEngine.Reader().ReadDriveSectors(drive, sector.data(), at, 1) == 0) return;
+      bool longEnough = false;
+      signatures.CheckSignatureByFileExt(extension, sector, 0, longEnough, same);
+      if (same) file.FirstClusters.push_back(candidate);
+      continue;
+    }
+    // A file starts behind free space or behind the end of a chain.
+    if (candidate < 2 || candidate >= static_cast<std::int64_t>(info.FATTable.size())) continue;
+    const std::uint32_t entryBefore = info.FATTable[static_cast<std::size_t>(candidate - 1)];
+    if ((entryBefore == 0 || entryBefore >= ChainEnd32) && AllFree(info, candidate, needed)) {
+      file.FirstClusters.push_back(candidate);
+      return;
+    }
+  }
+}
+
+}  // namespace brenlow

@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// What the FAT driver keeps of one drive.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "core/types.h"
+
+namespace brenlow {
+
+struct TFATInfo {
+  int SectorsPerCluster = 0;
+  int FATCount = 0;                      ///< 2 if the boot sector says exactly 2, otherwise 1
+  std::uint32_t FATFirstSector = 0;      ///< reserved sectors, relative to the volume
+  std::uint32_t FATSize = 0;             ///< sectors of one table
+  std::uint32_t RootDirFirstSector = 0;  ///< relative to the volume
+  std::uint32_t RootDirFirstCluster = 0; ///< FAT32 only
+  std::uint32_t RootDirMaxFiles = 0;     ///< root entries of FAT12 and FAT16; 0 on FAT32
+  std::uint32_t DataFirstSector = 0;     ///< sector of cluster 2, relative to the volume
+  /// One entry per cluster, index = cluster number; entries 0 and 1 stay 0.
+  TLongWordDynArray FATTable;
+  /// One bit per entry of `FATTable`, set where the entry is 0: lets the search for free
+  /// clusters skip 64 used ones at a time.
+  std::vector<std::uint64_t> FreeClusters;
+
+  // Partition search: the volume's cluster size is learned from the folders met.
+  std::uint32_t LastSector = 0;   ///< sector of the last folder seen
+  std::uint32_t LastCluster = 0;  ///< that folder's own cluster
+  TInt64DynArray WaitingSectors;  ///< folder starts waiting for the cluster size
+
+  /// A deleted entry with a first cluster above 65535 was met: whoever deletes on this volume
+  /// keeps the high half of the number.
+  bool HighHalvesKept = false;
+
+  /// Where the last read of a file's data got to, so that reading on does not walk the chain from
+  /// its start again.
+  struct TReadPosition {
+    std::int64_t FirstCluster = -1;
+    std::int64_t Index = 0;  ///< clusters before `Cluster` in the file
+    std::uint32_t Cluster = 0;
+    bool Skipping = false;  ///< used clusters were passed over (only while a scan or recovery runs)
+  };
+  TReadPosition ReadPosition;
+};
+
+}  // namespace brenlow

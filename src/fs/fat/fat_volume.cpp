@@ -1,0 +1,251 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Recognition of FAT volumes, their geometry, label, free space and allocation table.
+#include <algorithm>
+#include <bit>
+
+#include "core/drives.h"
+#include "core/engine.h"
+#include "core/numbers.h"
+#include "core/sector_reader.h"
+#include "core/text.h"
+#include "fs/fat/fat.h"
+#include "fs/fat/fat_entry.h"
+#include "fs/fat/fat_layout.h"
+
+namespace brenlow {
+
+using namespace fat;
+
+namespace {
+
+// The table is read in pieces of this many bytes; a piece that cannot be read from the first
+// table is taken from the second.
+constexpr std::int64_t TableReadSize = 1 << 20;
+// A table larger than this is kept only as far as the volume backs it with data.
+constexpr std::int64_t LargeTable = 16'777'216;  // entries
+constexpr double SmallestFAT16 = 4085.0;         // clusters
+
+double EntryBytes(TFileSystem system) {
+  switch (system) {
+    case TFileSystem::fsFAT12:
+      return 1.5;
+    case TFileSystem::fsFAT16:
+      return 2;
+    case TFileSystem::fsFAT32:
+      return 4;
+    default:
+      return 1;
+  }
+}
+
+/// The sum that tells FAT12 from FAT16. It adds the table sectors where the published rule takes
+/// them off, so it differs from that rule for volumes of about 4085 clusters.
+TFileSystem WidthBySum(double total, double reserved, double tableSectors, double sectorsPerCluster) {
+  return (total - reserved + tableSectors) / sectorsPerCluster < SmallestFAT16 ? TFileSystem::fsFAT12
+                                                                               : TFileSystem::fsFAT16;
+}
+
+std::uint32_t DecodeEntry(std::span<const std::uint8_t> table, TFileSystem system, std::size_t number) {
+  switch (system) {
+    case TFileSystem::fsFAT12: {
+      const std::uint16_t pair = ReadLe16(table, number + number / 2);
+      return number % 2 == 0 ? pair & 0xFFFU : pair >> 4U;
+    }
+    case TFileSystem::fsFAT16:
+      return ReadLe16(table, number * 2);
+    case TFileSystem::fsFAT32:
+      return ReadLe32(table, number * 4);
+    default:
+      return table[number];
+  }
+}
+
+}  // namespace
+
+bool fat::IsFolderStart(const TDriveInfo& drive, std::span<const std::uint8_t> buffer, std::size_t start, bool root) {
+  if (start > buffer.size() || buffer.size() - start < 2 * EntrySize) return false;
+  const auto first = buffer.subspan(start, EntrySize);
+  const auto second = buffer.subspan(start + EntrySize, EntrySize);
+  if (root) {
+    if (drive.FATInfo.SectorsPerCluster == 0) return false;
+    const std::int64_t room = ClusterRoom(drive);
+    const auto fits = [room](std::span<const std::uint8_t> entry) {
+      return EntryCluster(entry, 0) <= room || entry[11] == AttrLongName;
+    };
+    return fits(first) && fits(second);
+  }
+  const auto blanks = [](std::span<const std::uint8_t> bytes) {
+    return std::all_of(bytes.begin(), bytes.end(), [](std::uint8_t c) { return c == ' '; });
+  };
+  return first[0] == '.' && blanks(first.subspan(1, 10)) && second[0] == '.' && second[1] == '.' &&
+         blanks(second.subspan(2, 9));
+}
+
+bool TFAT::IsPartition(std::span<const std::uint8_t> buffer, std::size_t start) const {
+  if (start > buffer.size() || buffer.size() - start < 512) return false;
+  const auto boot = buffer.subspan(start);
+  if (boot[510] != 0x55 || boot[511] != 0xAA) return false;
+  const std::uint16_t bytesPerSector = ReadLe16(boot, BytesPerSectorAt);
+  if (bytesPerSector == 0 || bytesPerSector % 512 != 0 || !std::has_single_bit(bytesPerSector)) return false;
+  const std::uint8_t sectorsPerCluster = boot[SectorsPerClusterAt];
+  return sectorsPerCluster == 1 || (sectorsPerCluster != 0 && sectorsPerCluster % 2 == 0);
+}
+
+TFileSystem TFAT::GetFileSystem(std::span<const std::uint8_t> buffer, std::size_t start) const {
+  const auto boot = buffer.subspan(std::min(start, buffer.size()));
+  const std::uint16_t tableSectors = ReadLe16(boot, TableSectors16At);
+  if (tableSectors == 0) return TFileSystem::fsFAT32;
+  const double sectorsPerCluster = boot[SectorsPerClusterAt];
+  if (sectorsPerCluster == 0) return TFileSystem::fsUnknown;
+  // The count of tables is taken from the start of the buffer, not of the boot sector.
+  const double tables = buffer[TableCountAt] == 2 ? 2 : 1;
+  return WidthBySum(static_cast<double>(ReadLe16(boot, TotalSectors16At)) + ReadLe32(boot, TotalSectors32At),
+                    ReadLe16(boot, ReservedSectorsAt), tableSectors * tables, sectorsPerCluster);
+}
+
+bool TFAT::IsBackupBootSector(std::span<const std::uint8_t> head, int bytesPerSector) const {
+  const std::size_t at = static_cast<std::size_t>(BackupBootSector) * static_cast<std::size_t>(bytesPerSector);
+  if (!IsPartition(head, at)) return false;
+  const auto boot = head.subspan(at);
+  return ReadLe16(boot, TableSectors16At) == 0 && ReadLe32(boot, TableSectors32At) != 0 &&
+         ReadLe16(boot, BackupSectorAt) == BackupBootSector;
+}
+
+bool TFAT::GetDriveInfo(TDriveInfo& drive, bool fillTable) {
+  return ReadBootSector(drive, drive.FirstSector, fillTable) ||
+         ReadBootSector(drive, drive.FirstSector + BackupBootSector, fillTable);
+}
+
+bool TFAT::ReadBootSector(TDriveInfo& drive, std::int64_t sector, bool fillTable) {
+  TByteDynArray boot(static_cast<std::size_t>(FEngine.Drives().GetBytesPerSector(drive)));
+  if (FEngine.Reader().ReadDriveSectors(drive, boot.data(), sector, 1) == 0 || !IsPartition(boot, 0)) return false;
+  TFATInfo& info = drive.FATInfo;
+  if (drive.BytesPerSector == 0) drive.DefaultBytesPerSector = drive.BytesPerSector = ReadLe16(boot, BytesPerSectorAt);
+  if (drive.BytesPerSector < 1) return false;
+  if (info.SectorsPerCluster == 0) drive.DefaultSectorsPerCluster = info.SectorsPerCluster = boot[SectorsPerClusterAt];
+  if (info.SectorsPerCluster < 1) return false;
+  if (drive.SectorsCount <= 0) {
+    drive.SectorsCount = std::int64_t{ReadLe32(boot, TotalSectors32At)} + ReadLe16(boot, TotalSectors16At);
+    drive.DefaultSectorsCount = drive.SectorsCount;
+  }
+  if (ClusterRoom(drive) > MaxClusters) return false;
+
+  info.FATFirstSector = ReadLe16(boot, ReservedSectorsAt);
+  info.FATCount = boot[TableCountAt] == 2 ? 2 : 1;
+  const std::uint16_t tableSectors = ReadLe16(boot, TableSectors16At);
+  const auto tables = static_cast<std::uint32_t>(info.FATCount);
+  const auto perCluster = static_cast<std::uint32_t>(info.SectorsPerCluster);
+  if (tableSectors == 0) {
+    if (drive.FileSystem == TFileSystem::fsUnknown) drive.FileSystem = drive.DefaultSystem = TFileSystem::fsFAT32;
+    info.FATSize = ReadLe32(boot, TableSectors32At);
+    info.RootDirFirstCluster = ReadLe32(boot, RootClusterAt);
+    info.RootDirMaxFiles = 0;
+    info.DataFirstSector = info.FATSize * tables + info.FATFirstSector;
+    info.RootDirFirstSector = (info.RootDirFirstCluster - 2) * perCluster + info.DataFirstSector;
+  } else {
+    info.FATSize = tableSectors;
+    info.RootDirFirstCluster = 0;
+    info.RootDirMaxFiles = ReadLe16(boot, RootEntriesAt);
+    info.RootDirFirstSector = info.FATSize * tables + info.FATFirstSector;
+    info.DataFirstSector = info.RootDirFirstSector +
+                           static_cast<std::uint32_t>(CeilDiv(std::int64_t{info.RootDirMaxFiles} * 32, drive.BytesPerSector));
+    if (drive.FileSystem == TFileSystem::fsUnknown) {
+      drive.FileSystem = drive.DefaultSystem =
+          WidthBySum(static_cast<double>(drive.SectorsCount), info.FATFirstSector, static_cast<double>(tables) * info.FATSize,
+                     info.SectorsPerCluster);
+    }
+    // The published rule counts clusters without the tables and the root. Where the sum says
+    // FAT16 but 16-bit entries for all clusters would not fit in the table, it is that rule's FAT12.
+    const std::int64_t clusters = (drive.SectorsCount - info.DataFirstSector) / info.SectorsPerCluster;
+    const std::int64_t places = std::int64_t{info.FATSize} * drive.BytesPerSector / 2;
+    if (drive.FileSystem == TFileSystem::fsFAT16 && clusters < 4085 && places < clusters + 2) {
+      drive.FileSystem = drive.DefaultSystem = TFileSystem::fsFAT12;
+    }
+  }
+  ReadVolumeName(drive, boot);
+  if (fillTable && info.FATTable.empty()) {
+    FillTable(drive, info.FATTable, 0);
+    info.FreeClusters.assign(info.FATTable.size() / 64 + 1, 0);
+    for (std::size_t i = 2; i < info.FATTable.size(); ++i) {
+      if (info.FATTable[i] == 0) info.FreeClusters[i / 64] |= std::uint64_t{1} << (i % 64);
+    }
+    info.ReadPosition = {};
+  }
+  if (drive.aFreeSize < 0) ReadFreeSize(drive);
+  return true;
+}
+
+void TFAT::ReadVolumeName(TDriveInfo& drive, std::span<const std::uint8_t> boot) {
+  if (!drive.VolumeName.empty()) return;
+  TByteDynArray sector(static_cast<std::size_t>(drive.BytesPerSector));
+  const std::int64_t root = drive.FirstSector + drive.FATInfo.RootDirFirstSector;
+  if (FEngine.Reader().ReadDriveSectors(drive, sector.data(), root, 1) == sector.size()) {
+    TEntryParser parser(FOem);
+    TFileInfo label;
+    for (std::size_t at = 0; at + EntrySize <= sector.size(); at += EntrySize) {
+      const auto result = parser.Parse(std::span(sector).subspan(at, EntrySize), true, label);
+      if (parser.LastWasAllZero()) break;
+      if (result != TEntryParser::TResult::File || label.blnDeleted) continue;
+      drive.VolumeName = label.strName;
+      return;
+    }
+  }
+  const std::size_t at = IsFAT32(drive) ? Label32At : Label16At;
+  TString name;
+  for (std::size_t i = 0; i < LabelSize; ++i) name += FOem[boot[at + i]];
+  const TStringView trimmed = Trim(name);
+  if (UpperCase(trimmed) != u"NO NAME") drive.VolumeName = trimmed;
+}
+
+void TFAT::ReadFreeSize(TDriveInfo& drive) {
+  TLongWordDynArray loaded;
+  if (drive.FATInfo.FATTable.empty()) FillTable(drive, loaded, 0);
+  const TLongWordDynArray& table = drive.FATInfo.FATTable.empty() ? loaded : drive.FATInfo.FATTable;
+  drive.aFreeSize = std::count(table.begin(), table.end(), 0U) * ClusterBytes(drive);
+}
+
+void TFAT::FillTable(const TDriveInfo& drive, TLongWordDynArray& table, int fatNumber) {
+  table.clear();
+  const TFATInfo& info = drive.FATInfo;
+  if (info.SectorsPerCluster < 1 || drive.BytesPerSector < 1) return;
+  const double entryBytes = EntryBytes(drive.FileSystem);
+  const double stated = static_cast<double>(drive.BytesPerSector) * info.FATSize / entryBytes;
+  if (stated > static_cast<double>(ClusterRoom(drive)) * 64) return;
+
+  const std::int64_t entries = ClusterRoom(drive) + 2;
+  const auto needed = static_cast<std::int64_t>(static_cast<double>(entries) * entryBytes) + 2;
+  const std::int64_t sectors = std::min<std::int64_t>(info.FATSize, CeilDiv(needed, drive.BytesPerSector));
+  TByteDynArray bytes;
+  std::int64_t readable = 0;  // bytes up to the end of the last piece that could be read
+  const std::int64_t step = std::max<std::int64_t>(TableReadSize / drive.BytesPerSector, 1);
+  for (std::int64_t at = 0; at < sectors; at += step) {
+    const std::int64_t count = std::min(step, sectors - at);
+    bytes.resize(static_cast<std::size_t>((at + count) * drive.BytesPerSector));
+    std::uint8_t* place = bytes.data() + at * drive.BytesPerSector;
+    std::uint32_t got = 0;
+    for (int number = fatNumber; number < std::max(info.FATCount, fatNumber + 1) && got == 0; ++number) {
+      const std::int64_t sector = drive.FirstSector + info.FATFirstSector + std::int64_t{info.FATSize} * number + at;
+      got = FEngine.Reader().ReadDriveSectors(drive, place, sector, count);
+    }
+    if (got != 0) readable = at * drive.BytesPerSector + got;
+    FEngine.Pump();
+    // A boot sector may promise a table far beyond the end of its source.
+    if (got == 0 && entries > LargeTable && at - readable / drive.BytesPerSector > 64 * step) break;
+  }
+  const auto decodable = static_cast<std::int64_t>(static_cast<double>(bytes.size()) / entryBytes);
+  std::int64_t size = entries;
+  if (entries > LargeTable) size = static_cast<std::int64_t>(static_cast<double>(readable) / entryBytes);
+  table.assign(static_cast<std::size_t>(std::max<std::int64_t>(size, 2)), 0);
+  const std::int64_t end = std::min<std::int64_t>(decodable, static_cast<std::int64_t>(table.size()));
+  for (std::int64_t i = 2; i < end; ++i) {
+    table[static_cast<std::size_t>(i)] = DecodeEntry(bytes, drive.FileSystem, static_cast<std::size_t>(i));
+    if (i % 100 == 0) FEngine.Pump();
+  }
+}
+
+bool TFAT::IsClusterBad(const TDriveInfo& drive, std::uint32_t entry) const { return entry == BadMark(drive); }
+bool TFAT::IsClusterEOF(const TDriveInfo& drive, std::uint32_t entry) const { return entry > BadMark(drive); }
+
+bool TFAT::SetOemCodePage(int codePage) { return LoadCodePage(codePage, FOem); }
+
+}  // namespace brenlow

@@ -1,0 +1,150 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "recovery/recovery.h"
+
+#include <cerrno>
+#include <unistd.h>
+
+#include "analysis/analysis.h"
+#include "analysis/files.h"
+#include "core/drives.h"
+#include "core/engine.h"
+#include "core/sector_reader.h"
+#include "fs/dispatch.h"
+
+namespace brenlow {
+namespace {
+
+constexpr std::int64_t ChunkSize = 0x20000;  // bytes; bounds the memory whatever the file's size
+
+/// 0, or the errno.
+int WriteAll(int handle, std::span<const std::uint8_t> bytes) {
+  while (!bytes.empty()) {
+    const ssize_t done = ::write(handle, bytes.data(), bytes.size());
+    if (done < 0 && errno == EINTR) continue;
+    if (done < 0) return errno;
+    bytes = bytes.subspan(static_cast<std::size_t>(done));
+  }
+  return 0;
+}
+
+bool IsFullTarget(int error) { return error == ENOSPC || error == EDQUOT; }
+
+bool IsOverwritten(TEngine& engine, const TFile& file) {
+  const int number = file.FileInfo.aDriveNumber;
+  if (engine.Drives().IsWrongNumber(number)) return false;
+  const auto ask = [&](auto& driver) {
+    if constexpr (requires { driver.IsOverwritten(file); }) return driver.IsOverwritten(file);
+    return false;
+  };
+  return WithDriver(engine, engine.Drives().List[static_cast<std::size_t>(number)].FileSystem, ask, false);
+}
+
+class TMeasure final : public ITreeVisitor {
+ public:
+  explicit TMeasure(const TWanted& wanted) : FWanted(wanted) {}
+  bool File(const TTreeEntry& entry) override {
+    if (FWanted(entry)) Bytes += entry.File->FileInfo.aSize;
+    return true;
+  }
+  bool EnterFolder(const TTreeEntry&) override { return true; }
+  void LeaveFolder(const TTreeEntry&) override {}
+  std::int64_t Bytes = 0;
+
+ private:
+  const TWanted& FWanted;
+};
+
+}  // namespace
+
+class TRecovery::TVisitor final : public ITreeVisitor {
+ public:
+  explicit TVisitor(TRecovery& recovery) : FRecovery(recovery) {}
+  bool File(const TTreeEntry& entry) override {
+    if (FRecovery.FWanted(entry)) FRecovery.WriteFile(entry);
+    return GoOn();
+  }
+  bool EnterFolder(const TTreeEntry& entry) override {
+    const TFileInfo& info = entry.File->FileInfo;
+    FRecovery.FTarget.Push(info.strName, info.TimeStamp);
+    if (FRecovery.FWanted(entry)) FRecovery.FTarget.EnsureCreated();
+    return GoOn();
+  }
+  void LeaveFolder(const TTreeEntry&) override { FRecovery.FTarget.Pop(); }
+
+ private:
+  bool GoOn() {
+    FRecovery.FEngine.Pump();
+    if (!FRecovery.FEngine.Recovering) FRecovery.FSummary.Stopped = true;
+    return !FRecovery.FSummary.Stopped && !FRecovery.FSummary.TargetFull;
+  }
+  TRecovery& FRecovery;
+};
+
+std::int64_t TRecovery::Measure(int driveNumber) {
+  TMeasure measure(FWanted);
+  WalkTree(FEngine, driveNumber, measure);
+  return measure.Bytes;
+}
+
+void TRecovery::Recover(int driveNumber, TStringView subfolder) {
+  if (!subfolder.empty()) FTarget.Push(subfolder, {});
+  TVisitor visitor(*this);
+  if (!FSummary.Stopped && !FSummary.TargetFull) WalkTree(FEngine, driveNumber, visitor);
+  if (!subfolder.empty()) FTarget.Pop();
+}
+
+void TRecovery::WriteFile(const TTreeEntry& entry) {
+  TFile& file = FEngine.Files().List[static_cast<std::size_t>(entry.FileNumber)];
+  THandle handle;
+  std::string path;
+  ++FSummary.Files;
+  if (file.FileInfo.blnDeleted || entry.ParentDeleted) ++FSummary.DeletedFiles;
+  const int error = FTarget.CreateFile(file.FileInfo.strName, handle, path);
+  TFileOutcome outcome;
+  if (error != 0) {
+    outcome = {TOutcome::Failed, std::move(path), error, 0, file.FileInfo.aSize};
+  } else {
+    outcome = WriteData(file, handle, std::move(path));
+    if (IsOverwritten(FEngine, file)) ++FSummary.Overwritten;
+  }
+  if (OnFile) OnFile(entry, outcome);
+  FSummary.TargetFull = FSummary.TargetFull || IsFullTarget(outcome.SystemError);
+  if (outcome.Outcome == TOutcome::Whole) {
+    ++FSummary.Whole;
+  } else if (!FSummary.Stopped || outcome.Outcome != TOutcome::Short) {
+    FSummary.Faults.push_back(std::move(outcome));
+  }
+}
+
+TFileOutcome TRecovery::WriteData(TFile& file, THandle& handle, std::string path) {
+  const std::int64_t size = file.FileInfo.aSize;
+  const std::uint64_t failedReads = FEngine.Reader().FailedReads();
+  TFileOutcome outcome{TOutcome::Whole, std::move(path), 0, 0, size};
+  while (outcome.Written < size) {
+    GetFileData(FEngine, FChunk, file, -1, outcome.Written, std::min(ChunkSize, size - outcome.Written));
+    if (FChunk.empty()) break;
+    outcome.SystemError = WriteAll(handle.Get(), FChunk);
+    if (outcome.SystemError != 0) break;
+    outcome.Written += static_cast<std::int64_t>(FChunk.size());
+    FSummary.Bytes += static_cast<std::int64_t>(FChunk.size());
+    if (OnProgress) OnProgress(FSummary.Bytes);
+    FEngine.Pump();
+    if (!FEngine.Recovering) {
+      FSummary.Stopped = true;
+      break;
+    }
+  }
+  SetTimes(handle.Get(), file.FileInfo.TimeStamp);
+  // A full network target may tell only now.
+  if (::close(handle.Release()) != 0 && outcome.SystemError == 0) outcome.SystemError = errno;
+  if (outcome.SystemError != 0) {
+    outcome.Outcome = TOutcome::Failed;
+  } else if (outcome.Written < size) {
+    outcome.Outcome = TOutcome::Short;
+  } else if (FEngine.Reader().FailedReads() != failedReads) {
+    outcome.Outcome = TOutcome::Unreadable;
+  }
+  return outcome;
+}
+
+}  // namespace brenlow
