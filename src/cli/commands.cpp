@@ -131,15 +131,31 @@ class TSelection {
 
 // ---- analysis -------------------------------------------------------------------------------
 
-/// Analyses what the options name. The result is the drives that hold the files; empty when
-/// there was nothing to analyse, with a complaint.
-TIntegerDynArray Analyse(TEngine& engine, const TOptions& options, TProgressLine& progress) {
+struct TAnalysed {
+  TIntegerDynArray Drives;     ///< that hold the files; empty when there was nothing to analyse
+  bool WrongDrive = false;     ///< there is no drive of the number asked for
+  bool AllReadable = true;     ///< every volume turned out to be what it seemed
+};
+
+/// Tells of volumes whose file system could not be read after all.
+bool IsReadable(TEngine& engine, int number) {
+  const TDriveInfo& drive = Drive(engine, number);
+  if (drive.Analysed == TAnalyseInformation::aiFull || TStopKey::Pressed()) return true;
+  Complain(fmt::format("drive {} ({}, {}): its boot sector is damaged and has no usable copy, so its files cannot be listed.",
+                       number + 1, SystemName(drive), SizeText(SizeOf(drive))));
+  return false;
+}
+
+/// Analyses what the options name; complains where that fails.
+TAnalysed Analyse(TEngine& engine, const TOptions& options, TProgressLine& progress) {
   TDrives& drives = engine.Drives();
   TIntegerDynArray wanted;
   if (options.Drive != 0) {
     if (drives.IsWrongNumber(options.Drive - 1)) {
       Complain(fmt::format("there is no drive {}: `brenlow-cli drives {}` shows what there is.", options.Drive, options.Source()));
-      return {};
+      TAnalysed nothing;
+      nothing.WrongDrive = true;
+      return nothing;
     }
     wanted.push_back(options.Drive - 1);
   } else {
@@ -162,23 +178,24 @@ TIntegerDynArray Analyse(TEngine& engine, const TOptions& options, TProgressLine
     progress.Show(position, static_cast<std::int64_t>(engine.Reader().BytesRead() - readBefore),
                   fmt::format("{} files", engine.Files().FoundCount));
   };
-  TIntegerDynArray analysed;
+  TAnalysed analysed;
   for (const int number : wanted) {
     progress.Begin(fmt::format("Analysing {}", Printable(ToUtf8(Drive(engine, number).Caption))));
     readBefore = engine.Reader().BytesRead();
     AnalyseDrive(engine, number);
     if (drives.IsPhysical(number)) {
       const TIntegerDynArray& subs = Drive(engine, number).SubDrives;
-      analysed.insert(analysed.end(), subs.begin(), subs.end());
+      analysed.Drives.insert(analysed.Drives.end(), subs.begin(), subs.end());
       if (subs.empty()) Complain("this disk has no volumes that could be analysed.");
     } else {
-      analysed.push_back(number);
+      analysed.Drives.push_back(number);
     }
     if (TStopKey::Pressed()) break;
   }
+  progress.Clear();
+  for (const int number : analysed.Drives) analysed.AllReadable &= IsReadable(engine, number);
   engine.OnPump = nullptr;
   engine.OnAnalyseProgress = nullptr;
-  progress.Clear();
   return analysed;
 }
 
@@ -381,13 +398,11 @@ int ListFiles(const TOptions& options) {
   if (MountSource(engine, options.Source()) < 0) return WrongUsage;
   const TStopKey stop(engine);
   TProgressLine progress;
-  const TIntegerDynArray drives = Analyse(engine, options, progress);
-  if (drives.empty()) return options.Drive != 0 ? WrongUsage : DoneWithFailures;
+  const TAnalysed analysed = Analyse(engine, options, progress);
+  if (analysed.Drives.empty()) return analysed.WrongDrive ? WrongUsage : DoneWithFailures;
   const TSelection selection(options);
   TOutput output;
-  for (const int number : drives) {
-    const bool readable = Drive(engine, number).Analysed != TAnalyseInformation::aiNone;
-    if (!readable) continue;
+  for (const int number : analysed.Drives) {
     TListing listing(engine, selection, options, output);
     if (!options.Json) output.Write(VolumeTitle(Drive(engine, number), number) + "\n");
     WalkTree(engine, number, listing);
@@ -401,7 +416,7 @@ int ListFiles(const TOptions& options) {
     Complain("stopped: the listing holds what was found up to then.");
     return StoppedByUser;
   }
-  return AllDone;
+  return analysed.AllReadable ? AllDone : DoneWithFailures;
 }
 
 namespace {
@@ -477,8 +492,8 @@ int RecoverFiles(const TOptions& options) {
   if (const int status = CheckTarget(options); status != 0) return status;
   const TStopKey stop(engine);
   TProgressLine progress;
-  const TIntegerDynArray drives = Analyse(engine, options, progress);
-  if (drives.empty()) return options.Drive != 0 ? WrongUsage : DoneWithFailures;
+  const TAnalysed analysed = Analyse(engine, options, progress);
+  if (analysed.Drives.empty()) return analysed.WrongDrive ? WrongUsage : DoneWithFailures;
   const bool scanStopped = TStopKey::Pressed();
 
   const TSelection selection(options);
@@ -488,7 +503,7 @@ int RecoverFiles(const TOptions& options) {
     return WrongUsage;
   }
   std::int64_t total = 0;
-  for (const int number : drives) total += recovery.Measure(number);
+  for (const int number : analysed.Drives) total += recovery.Measure(number);
   progress.Begin("Recovering");
   recovery.OnProgress = [&](std::int64_t bytes) {
     const double position = total > 0 ? static_cast<double>(bytes) / static_cast<double>(total) : 1;
@@ -501,9 +516,9 @@ int RecoverFiles(const TOptions& options) {
     };
   }
   engine.Recovering = true;
-  for (const int number : drives) {
+  for (const int number : analysed.Drives) {
     TString subfolder;
-    if (drives.size() > 1) {
+    if (analysed.Drives.size() > 1) {
       const TDriveInfo& drive = Drive(engine, number);
       subfolder = NumberText(number + 1) + u" " + (drive.VolumeName.empty() ? TString(u"Volume") : drive.VolumeName);
     }
@@ -515,7 +530,7 @@ int RecoverFiles(const TOptions& options) {
   const TRecoverySummary& summary = recovery.Summary();
   PrintSummary(summary, options, scanStopped);
   if (scanStopped || summary.Stopped) return StoppedByUser;
-  return summary.Faults.empty() ? AllDone : DoneWithFailures;
+  return summary.Faults.empty() && analysed.AllReadable ? AllDone : DoneWithFailures;
 }
 
 }  // namespace brenlow::cli

@@ -75,6 +75,7 @@ class TFAT {
   bool ReadBootSector(TDriveInfo& drive, std::int64_t sector, bool fillTable);
   void ReadVolumeName(TDriveInfo& drive, std::span<const std::uint8_t> boot);
   void ReadFreeSize(TDriveInfo& drive);
+  bool IsBlank(const TDriveInfo& drive, std::int64_t cluster);
   void AddCandidates(TDriveInfo& drive, TFileInfo& file);
   void LearnClusterSize(TDriveInfo& drive, int driveNumber, std::span<const std::uint8_t> folder,
                         std::int64_t sectorNumber);

@@ -218,6 +218,12 @@ void TFAT::ChangeFileFirstCluster(TFileInfo& file) {
   if (!file.FirstClusters.empty()) file.FirstCluster = file.FirstClusters[0];
 }
 
+/// True when the first sector of a cluster reads as zeros.
+bool TFAT::IsBlank(const TDriveInfo& drive, std::int64_t cluster) {
+  const TByteDynArray sector = GetClusterData(drive, static_cast<std::uint32_t>(cluster), drive.BytesPerSector);
+  return std::all_of(sector.begin(), sector.end(), [](std::uint8_t byte) { return byte == 0; });
+}
+
 void TFAT::AddCandidates(TDriveInfo& drive, TFileInfo& file) {
   const TFATInfo& info = drive.FATInfo;
   const std::int64_t needed = CeilDiv(file.aSize, ClusterBytes(drive));
@@ -251,10 +257,11 @@ void TFAT::AddCandidates(TDriveInfo& drive, TFileInfo& file) {
     // A file starts behind free space or behind the end of a chain.
     if (candidate < 2 || candidate >= static_cast<std::int64_t>(info.FATTable.size())) continue;
     const std::uint32_t entryBefore = info.FATTable[static_cast<std::size_t>(candidate - 1)];
-    if ((entryBefore == 0 || entryBefore >= ChainEnd32) && AllFree(info, candidate, needed)) {
-      file.FirstClusters.push_back(candidate);
-      return;
-    }
+    if ((entryBefore != 0 && entryBefore < ChainEnd32) || !AllFree(info, candidate, needed)) continue;
+    // Space that was never written holds no file: then the number as found is the better guess.
+    const bool asFound = k > 0 && AllFree(info, file.FirstCluster, needed) && IsBlank(drive, candidate);
+    file.FirstClusters.push_back(asFound ? file.FirstCluster : candidate);
+    return;
   }
 }
 
