@@ -29,7 +29,7 @@ void AddFilterOptions(CLI::App& verb, TOptions& options) {
       ->type_name("KIND");
   verb.add_option("--path", options.PathGlob, "Only files whose name, or path if the pattern has a slash, fits")->type_name("GLOB");
   verb.add_option("--lost-folders", options.LostFolders,
-                  "Look through free space for lost folders: never, auto (formatted volumes and cut-off folders), always")
+                  "Look through free space for lost folders: never, always, or auto (formatted volumes, deleted folders cut off, small volumes)")
       ->check(CLI::IsMember({"never", "auto", "always"}))
       ->type_name("WHEN")
       ->capture_default_str();

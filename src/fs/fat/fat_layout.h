@@ -38,6 +38,9 @@ inline constexpr std::uint8_t AttrFolder = 0x10;
 inline constexpr std::uint8_t AttrArchive = 0x20;
 inline constexpr std::uint8_t AttrLongName = 0x0F;
 
+// A search for lost folders that reads no more than this is part of every analysis.
+inline constexpr std::int64_t CheapSearch = 256 << 20;
+
 // Limits of a walk.
 inline constexpr std::uint32_t MaxFolderClusters = 8192;
 inline constexpr std::uint32_t MaxRootEntries = 8193;

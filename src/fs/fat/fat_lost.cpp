@@ -42,16 +42,22 @@ bool IsMiddleOfLongName(std::span<const std::uint8_t> entry) {
 
 }  // namespace
 
+/// Free clusters far behind everything that any entry points to were hardly ever used.
+std::int64_t TFolderWalk::LastSearchedCluster() const {
+  return std::min(ClusterRoom(FDrive) + 1, std::int64_t{FHighestCluster} + BeyondLastFile / ClusterBytes(FDrive));
+}
+
+std::int64_t TFolderWalk::LostFolderSearchSize() const {
+  const std::int64_t last = LastSearchedCluster();
+  std::int64_t clusters = 0;
+  for (std::int64_t cluster = 2; cluster <= last; ++cluster) clusters += FreeOrBad(FDrive, cluster) ? 1 : 0;
+  return clusters * ClusterBytes(FDrive);
+}
+
 void TFolderWalk::FindLostFolders(bool wholeVolume) {
   FLost = true;
-  const std::int64_t room = ClusterRoom(FDrive) + 1;
-  std::int64_t first = 2;
-  std::int64_t last = room;
-  if (!wholeVolume) {
-    first = room;
-    for (const TUnfinished& folder : FUnfinished) first = std::min<std::int64_t>(first, folder.LastCluster);
-    last = std::min(room, std::int64_t{FHighestCluster} + BeyondLastFile / ClusterBytes(FDrive));
-  }
+  const std::int64_t first = 2;
+  const std::int64_t last = wholeVolume ? ClusterRoom(FDrive) + 1 : LastSearchedCluster();
   const auto most = static_cast<std::uint32_t>(std::max<std::int64_t>(ScanReadSize / ClusterBytes(FDrive), 1));
   const bool noTable = FDrive.FATInfo.FATTable.empty();
   TByteDynArray bytes;

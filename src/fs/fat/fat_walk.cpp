@@ -181,7 +181,11 @@ TFolderWalk::TStep TFolderWalk::WalkSector(std::span<const std::uint8_t> sector,
 void TFolderWalk::Enter(TFileInfo& info) {
   // The table, not the directory, decides whether a file is there.
   if (!info.blnDeleted && info.aSize > 0 && FreeOrBad(FDrive, info.FirstCluster)) info.blnDeleted = true;
-  if (FLost) info.blnDeleted = true;
+  if (FLost) {
+    // An outdated copy of a folder: what it names lies elsewhere by now, or nowhere.
+    if (info.aSize > 0 && !FreeOrBad(FDrive, info.FirstCluster)) return;
+    info.blnDeleted = true;
+  }
   if (!info.blnDeleted) FAnyLiveEntry = true;
   if (info.blnDeleted && IsFAT32(FDrive) && info.FirstCluster > 0xFFFF &&
       info.FirstCluster <= ClusterRoom(FDrive) + 2) {
@@ -242,10 +246,10 @@ void TFAT::AnalyseSystem(int driveNumber) {
   walk.WalkRoot();
   walk.WalkWaiting(true);
   const bool formatted = !walk.AnyLiveEntry();
-  const bool wanted = LostFolderSearch == TLostFolderSearch::Always ||
-                      (LostFolderSearch == TLostFolderSearch::WhenNeeded && (formatted || walk.HasUnfinishedFolders()));
-  if (FEngine.Analysing && wanted) {
-    walk.FindLostFolders(formatted || LostFolderSearch == TLostFolderSearch::Always);
+  const bool always = LostFolderSearch == TLostFolderSearch::Always;
+  const bool needed = formatted || walk.HasUnfinishedFolders() || walk.LostFolderSearchSize() <= fat::CheapSearch;
+  if (FEngine.Analysing && (always || (LostFolderSearch == TLostFolderSearch::WhenNeeded && needed))) {
+    walk.FindLostFolders(always || formatted);
   }
   if (FEngine.Analysing) {
     drive.Analysed = TAnalyseInformation::aiFull;

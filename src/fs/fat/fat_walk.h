@@ -42,6 +42,8 @@ class TFolderWalk {
   /// folders that were longer than one cluster. `wholeVolume`: not only as far as the entries
   /// found so far point.
   void FindLostFolders(bool wholeVolume);
+  /// Bytes that this search would read, not on the whole volume.
+  std::int64_t LostFolderSearchSize() const;
 
   bool Stopped() const { return FStopped; }
   bool AnyLiveEntry() const { return FAnyLiveEntry; }
@@ -69,6 +71,7 @@ class TFolderWalk {
   void ExamineFreeCluster(std::uint32_t cluster, std::span<const std::uint8_t> bytes);
   bool IsContinuation(std::span<const std::uint8_t> bytes) const;
   TUnfinished* OwnerOf(std::uint32_t cluster, std::span<const std::uint8_t> bytes);
+  std::int64_t LastSearchedCluster() const;
   void AddUnfinished(TUnfinished folder);
   void WalkContinuation(std::uint32_t cluster, std::span<const std::uint8_t> bytes);
 
