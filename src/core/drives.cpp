@@ -424,7 +424,19 @@ TFileSystem TDrives::GetSystem(const TDriveInfo& drive) {
   std::int64_t sectors = SuperblockSectors;
   if (drive.SectorsCount > 0) sectors = std::min(sectors, drive.SectorsCount);
   TByteDynArray head(static_cast<std::size_t>(sectors) * static_cast<std::size_t>(bytesPerSector));
-  const std::uint32_t got = FEngine.Reader().ReadDriveSectors(drive, head.data(), drive.FirstSector, sectors);
+  std::uint32_t got = FEngine.Reader().ReadDriveSectors(drive, head.data(), drive.FirstSector, sectors);
+  if (got == 0) {
+    // A bad place somewhere among them: only the sectors where a file system describes itself.
+    for (const std::int64_t at : {std::int64_t{0}, std::int64_t{512}, std::int64_t{1024}, std::int64_t{6} * bytesPerSector,
+                                  std::int64_t{8192}, std::int64_t{65536}}) {
+      const std::int64_t sector = at / bytesPerSector;
+      if (sector >= sectors) continue;
+      std::uint8_t* place = head.data() + sector * bytesPerSector;
+      if (FEngine.Reader().ReadDriveSectors(drive, place, drive.FirstSector + sector, 1) != 0) {
+        got = static_cast<std::uint32_t>(head.size());
+      }
+    }
+  }
   head.resize(got);
   TFileSystem system = TFileSystem::fsUnknown;
   if (IsPartition(head, 0, true, system, bytesPerSector)) return system;

@@ -47,11 +47,13 @@ class TDeviceTable {
   void Close(TStringView drive);
   /// errno of the last failed open.
   int LastError() const { return FLastError; }
-  /// Puts a device of the caller's under a key, in place of what the system has there.
+  /// Puts a device of the caller's under a key, in place of what the system has there. It stays
+  /// through `Close` and `CloseAll`: there would be no way to open it again.
   void Insert(TStringView drive, std::unique_ptr<IDevice> device);
 
  private:
   std::map<TString, std::unique_ptr<IDevice>, std::less<>> FOpen;
+  std::map<TString, std::unique_ptr<IDevice>, std::less<>> FInserted;
   TString FLastKey;  // the device used last, spared the search
   IDevice* FLastDevice = nullptr;
   TString FFailedKey;

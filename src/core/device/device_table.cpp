@@ -19,6 +19,7 @@ std::string DevicePath(TStringView drive) {
 
 IDevice* TDeviceTable::Get(TStringView drive) {
   if (FLastDevice != nullptr && FLastKey == drive) return FLastDevice;
+  if (const auto inserted = FInserted.find(drive); inserted != FInserted.end()) return inserted->second.get();
   if (FHasFailed && FFailedKey == drive) return nullptr;
   FHasFailed = false;
   auto found = FOpen.find(drive);
@@ -52,7 +53,7 @@ void TDeviceTable::Close(TStringView drive) {
 
 void TDeviceTable::Insert(TStringView drive, std::unique_ptr<IDevice> device) {
   Close(drive);
-  FOpen.emplace(TString(drive), std::move(device));
+  FInserted[TString(drive)] = std::move(device);
 }
 
 }  // namespace brenlow

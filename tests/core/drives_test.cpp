@@ -1,0 +1,135 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include <doctest/doctest.h>
+
+#include "analysis/analysis.h"
+#include "analysis/files.h"
+#include "support/fat_builder.h"
+#include "support/images.h"
+
+using namespace brenlow;
+using namespace brenlow::test;
+
+namespace {
+
+constexpr std::uint32_t SectorsOf10MiB = 20480;
+
+/// A disk with volumes of the given starts, each a FAT16 with one file.
+TImage DiskWith(const std::vector<std::uint32_t>& starts, std::size_t sectors) {
+  TImage image(sectors * 512);
+  std::vector<TTableEntry> entries;
+  for (const std::uint32_t start : starts) {
+    TFatShape shape;
+    shape.TotalSectors = SectorsOf10MiB;
+    TFatBuilder fat(shape);
+    fat.PutEntry(fat.RootAt(), {"FILE    TXT", 0x20, 5, 9});
+    fat.Chain({5});
+    fat.Fill(5, "content " + std::to_string(start % 10));
+    std::copy(fat.Image.begin(), fat.Image.end(), image.begin() + static_cast<std::ptrdiff_t>(start) * 512);
+    entries.push_back({0x06, start, SectorsOf10MiB});
+  }
+  PutTable(image, 0, entries);
+  return image;
+}
+
+}  // namespace
+
+TEST_CASE("mounting a disk lists it, its volumes and its large gaps") {
+  TEngine engine;
+  const TMounted disk = Mount(engine, DiskWith({2048, 65536}, 131072));
+  REQUIRE(disk.Number == 0);
+  TDrives& drives = engine.Drives();
+  REQUIRE(drives.List.size() == 5);
+  CHECK(drives.IsPhysical(0));
+  CHECK(drives.List[0].Volumes == TIntegerDynArray{1, 2, 3, 4});
+  CHECK(drives.List[1].FirstSector == 2048);
+  CHECK(drives.List[1].FileSystem == TFileSystem::fsFAT16);
+  CHECK(drives.List[2].FirstSector == 65536);
+  CHECK(drives.List[3].ReceivedType == TReceivedType::rtByUnallocatedSpace);
+  CHECK(drives.List[3].FirstSector == 2048 + SectorsOf10MiB);
+  CHECK(drives.List[4].FirstSector == 65536 + SectorsOf10MiB);
+  CHECK_FALSE(drives.CanBeAnalysed(3));
+  // The same source twice is one drive.
+  CHECK(drives.Mount(u"/test.img", false) == 0);
+}
+
+TEST_CASE("small partitions get no row; those with a lost boot sector take the table's word") {
+  TImage image = DiskWith({2048}, 65536);
+  PutTable(image, 0, {{0x06, 2048, SectorsOf10MiB}, {0x06, 40000, 16383}, {0x0B, 30000, 16384}});
+  TEngine engine;
+  Mount(engine, image);
+  TDrives& drives = engine.Drives();
+  CHECK(std::none_of(drives.List.begin(), drives.List.end(), [](const TDriveInfo& d) { return d.FirstSector == 40000; }));
+  const auto named = std::find_if(drives.List.begin(), drives.List.end(), [](const TDriveInfo& d) { return d.FirstSector == 30000; });
+  REQUIRE(named != drives.List.end());
+  CHECK(named->FileSystem == TFileSystem::fsFAT32);
+}
+
+TEST_CASE("a disk is analysed as its volumes, and a stop keeps what was found") {
+  TEngine engine;
+  const TMounted disk = Mount(engine, DiskWith({2048, 32768}, 65536));
+  SUBCASE("to the end") {
+    AnalyseDrive(engine, disk.Number);
+    const TDriveInfo& drive = DriveOf(engine, disk.Number);
+    REQUIRE(drive.SubDrives.size() == 2);
+    CHECK(drive.DeepAnalysed == TAnalyseInformation::aiFull);
+    CHECK(DriveOf(engine, 1).Analysed == TAnalyseInformation::aiNone);  // the volumes themselves stay as they were
+    CHECK(WalkText(engine, drive.SubDrives[0]).starts_with("FILE.TXT 9 2021-05-03T17:20:06"));
+    CHECK(DriveOf(engine, drive.SubDrives[1]).IsSubDrive);
+    AnalyseDrive(engine, disk.Number);  // anew: nothing is doubled
+    CHECK(DriveOf(engine, disk.Number).SubDrives.size() == 2);
+    CHECK(engine.Files().List.size() == 2);
+  }
+  SUBCASE("stopped after the first volume") {
+    engine.Files().OnAdded = [&](int) { engine.Analysing = false; };
+    AnalyseDrive(engine, disk.Number);
+    CHECK(DriveOf(engine, disk.Number).DeepAnalysed == TAnalyseInformation::aiPartial);
+    CHECK(DriveOf(engine, disk.Number).SubDrives.size() == 1);
+    CHECK(engine.Files().List.size() == 1);
+  }
+  SUBCASE("without volumes") {
+    DriveOf(engine, disk.Number).Volumes.clear();
+    AnalyseDrive(engine, disk.Number);
+    CHECK(DriveOf(engine, disk.Number).DeepAnalysed == TAnalyseInformation::aiFull);
+  }
+}
+
+TEST_CASE("deleting a drive closes up numbers everywhere") {
+  TEngine engine;
+  TDrives& drives = engine.Drives();
+  const int first = Mount(engine, DiskWith({2048}, 32768), u"/one.img").Number;
+  const int second = Mount(engine, DiskWith({2048}, 32768), u"/two.img").Number;
+  AnalyseDrive(engine, second + 1);
+  REQUIRE(engine.Files().List.size() == 1);
+  TIntegerDynArray deleted;
+  drives.OnDeleted = [&](int number) { deleted.push_back(number); };
+  drives.Delete(first);
+  CHECK(deleted.size() == 2);
+  CHECK(drives.List[0].Drive == u"/two.img");
+  CHECK(drives.List[0].Volumes == TIntegerDynArray{1});
+  CHECK(engine.Files().List[0].FileInfo.aDriveNumber == 1);
+  CHECK(WalkText(engine, 1).starts_with("FILE.TXT 9"));
+  drives.Delete(99);
+  CHECK(drives.List.size() == 2);
+}
+
+TEST_CASE("sources that are no disks are refused with their reason") {
+  TEngine engine;
+  TMountFailure failure;
+  CHECK(engine.Drives().Mount(u"/does/not/exist", false, &failure) == -1);
+  CHECK(failure.SystemError == ENOENT);
+  engine.Devices().Insert(u"/tiny", std::make_unique<TMemoryDevice>(TImage(511)));
+  CHECK(engine.Drives().Mount(u"/tiny", false, &failure) == -1);
+  CHECK(failure.TooSmall);
+}
+
+TEST_CASE("a drive without a known file system counts as analysed, with a message") {
+  TEngine engine;
+  const int number = Mount(engine, TImage(1 << 20)).Number;
+  DriveOf(engine, number).DriveTypes.Remove(TDriveType::dtPhysical);
+  int message = -1;
+  engine.OnMessage = [&](const TEngineMessage& m) { message = message < 0 ? m.Number : message; };
+  AnalyseDrive(engine, number);
+  CHECK(message == 0);
+  CHECK(DriveOf(engine, number).Analysed == TAnalyseInformation::aiFull);
+  CHECK_FALSE(engine.Analysing);
+}

@@ -1,0 +1,155 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "driver_contract.h"
+
+#include <doctest/doctest.h>
+
+#include <random>
+
+#include "analysis/analysis.h"
+#include "analysis/files.h"
+
+namespace brenlow::test {
+namespace {
+
+/// The largest live file of the drive.
+TFile* LargestFile(TEngine& engine) {
+  TFile* largest = nullptr;
+  for (std::size_t i = 0; i < engine.Files().List.size(); ++i) {
+    TFile& file = engine.Files().List[i];
+    if (file.FileInfo.blnFolder || file.FileInfo.blnDeleted) continue;
+    if (largest == nullptr || file.FileInfo.aSize > largest->FileInfo.aSize) largest = &file;
+  }
+  return largest;
+}
+
+void CheckAnalysis(const TDriverSpecimen& specimen) {
+  TEngine engine;
+  const int number = Mount(engine, specimen.Volume).Number;
+  REQUIRE(DriveOf(engine, number).FileSystem == specimen.FileSystem);
+  CHECK(DriveOf(engine, number).Analysed == TAnalyseInformation::aiNone);
+  std::vector<double> positions;
+  engine.OnAnalyseProgress = [&](double p) { positions.push_back(p); };
+  AnalyseDrive(engine, number);
+  CHECK(DriveOf(engine, number).Analysed == TAnalyseInformation::aiFull);
+  REQUIRE(positions.size() >= 3);
+  CHECK(positions.front() == 0);
+  CHECK(positions[positions.size() - 2] == 1.0);
+  for (const double p : positions) CHECK((p >= 0 && p <= 1));
+
+  const std::size_t found = engine.Files().List.size();
+  const std::string text = WalkText(engine, number);
+  AnalyseDrive(engine, number);
+  CHECK(engine.Files().List.size() == found);
+  CHECK(WalkText(engine, number) == text);
+}
+
+void CheckStop(const TDriverSpecimen& specimen) {
+  TEngine engine;
+  const int number = Mount(engine, specimen.Volume).Number;
+  engine.Files().OnAdded = [&](int file) {
+    if (file == 2) engine.Analysing = false;
+  };
+  AnalyseDrive(engine, number);
+  CHECK(DriveOf(engine, number).Analysed == TAnalyseInformation::aiPartial);
+  CHECK(engine.Files().List.size() >= 3);
+  const std::size_t stopped = engine.Files().List.size();
+  engine.Files().OnAdded = nullptr;
+  AnalyseDrive(engine, number);
+  CHECK(engine.Files().List.size() > stopped);
+}
+
+void CheckReading(const TDriverSpecimen& specimen) {
+  TEngine engine;
+  const int number = Mount(engine, specimen.Volume).Number;
+  AnalyseDrive(engine, number);
+  TFile* file = LargestFile(engine);
+  REQUIRE(file != nullptr);
+  const std::int64_t size = file->FileInfo.aSize;
+  TByteDynArray whole;
+  GetFileData(engine, whole, *file, -1, 0, size + 1000);
+  REQUIRE(static_cast<std::int64_t>(whole.size()) == size);
+  // Any piece, in any order, is the same piece of the whole.
+  std::mt19937 random(7);
+  for (int i = 0; i < 300; ++i) {
+    const std::int64_t start = std::uniform_int_distribution<std::int64_t>(0, size)(random);
+    const std::int64_t length = std::uniform_int_distribution<std::int64_t>(0, 5000)(random);
+    TByteDynArray piece(77, 0xEE);
+    GetFileData(engine, piece, *file, -1, start, length);
+    const std::int64_t end = std::min(start + length, size);
+    REQUIRE(piece == TByteDynArray(whole.begin() + start, whole.begin() + std::max(start, end)));
+  }
+  TByteDynArray nothing(5);
+  GetFileData(engine, nothing, *file, -1, size, 1);
+  CHECK(nothing.empty());
+  GetFileData(engine, nothing, *file, -1, -1, 1);
+  CHECK(nothing.empty());
+
+  // The fragments lead to the same bytes and cover the file.
+  TFileFragments fragments;
+  GetFileFragments(engine, *file, fragments);
+  const TDriveInfo& drive = DriveOf(engine, number);
+  TByteDynArray joined;
+  for (const TFileFragment& fragment : fragments) {
+    CHECK(fragment.FirstSectorInFile * drive.BytesPerSector == static_cast<std::int64_t>(joined.size()));
+    const auto first = specimen.Volume.begin() + fragment.FirstSectorInDrive * drive.BytesPerSector;
+    joined.insert(joined.end(), first, first + fragment.SectorCount * drive.BytesPerSector);
+  }
+  joined.resize(static_cast<std::size_t>(size));
+  CHECK(joined == whole);
+  CHECK(engine.Files().GetSizeOnDisk(*file) >= size);
+  CHECK(engine.Files().GetSizeOnDisk(*file) % drive.BytesPerSector == 0);
+}
+
+void CheckListing(const TDriverSpecimen& specimen) {
+  TEngine engine;
+  const int number = Mount(engine, specimen.Volume).Number;
+  TDriveInfo drive = DriveOf(engine, number);  // need not be registered
+  TFileArray root;
+  GetDriveFiles(engine, drive, root, true, nullptr);
+  TFileArray all;
+  int calls = 0;
+  GetDriveFiles(engine, drive, all, false, [&](TDriveInfo&, const TFileArray&, bool&) { ++calls; });
+  CHECK(root.size() > 0);
+  CHECK(all.size() > root.size());
+  CHECK(calls > 0);
+  for (std::size_t i = 0; i < root.size(); ++i) CHECK(root[i].ParentCluster == SpecialCluster::Root);
+  GetDriveFiles(engine, drive, all, false, [&](TDriveInfo&, const TFileArray&, bool& canBreak) { canBreak = true; });
+  CHECK(all.size() < root.size());
+  CHECK(engine.Files().List.empty());
+  CHECK(drive.Analysed == TAnalyseInformation::aiNone);
+}
+
+void CheckDamage(const TDriverSpecimen& specimen) {
+  std::mt19937 random(11);
+  for (int round = 0; round < 40; ++round) {
+    TImage volume = specimen.Volume;
+    std::uniform_int_distribution<std::size_t> anywhere(0, volume.size() - 1);
+    std::uniform_int_distribution<std::size_t> early(0, std::min<std::size_t>(volume.size(), 65536) - 1);
+    for (int i = 0; i < 200; ++i) volume[i % 2 == 0 ? early(random) : anywhere(random)] = static_cast<std::uint8_t>(random());
+    if (round % 4 == 0) volume.resize(anywhere(random) + 512);
+    TEngine engine;
+    const int number = Mount(engine, std::move(volume)).Number;
+    if (number < 0) continue;
+    DriveOf(engine, number).FileSystem = specimen.FileSystem;
+    AnalyseDrive(engine, number);
+    engine.Recovering = true;
+    TByteDynArray data;
+    for (std::size_t i = 0; i < engine.Files().List.size(); ++i) {
+      TFile& file = engine.Files().List[i];
+      GetFileData(engine, data, file, -1, 0, 65536);
+      CHECK(static_cast<std::int64_t>(data.size()) <= std::min<std::int64_t>(65536, file.FileInfo.aSize));
+    }
+  }
+}
+
+}  // namespace
+
+void CheckDriverContract(const TDriverSpecimen& specimen) {
+  SUBCASE("analysis") { CheckAnalysis(specimen); }
+  SUBCASE("stop") { CheckStop(specimen); }
+  SUBCASE("reading") { CheckReading(specimen); }
+  SUBCASE("listing") { CheckListing(specimen); }
+  SUBCASE("damage") { CheckDamage(specimen); }
+}
+
+}  // namespace brenlow::test
