@@ -111,6 +111,9 @@ int TDrives::AddTableVolume(const TPhysicalDrive& disk, const TVolume& volume, b
                             const TDriveInfo& like) {
   const auto bytesPerSector = static_cast<int>(disk.DiskGeometry.BytesPerSector);
   if (volume.SectorCount < static_cast<std::uint64_t>(SmallestVolume / bytesPerSector)) return -1;
+  // Beyond this no byte has an address: garbage.
+  const auto mostSectors = static_cast<std::uint64_t>(INT64_MAX / bytesPerSector);
+  if (volume.StartingSector > mostSectors || volume.SectorCount > mostSectors - volume.StartingSector) return -1;
   if (volume.PartitionType.Has(TPartitionType::ptReserved)) return -1;
   const auto start = static_cast<std::int64_t>(volume.StartingSector);
   const bool listed = std::any_of(List.begin(), List.end(), [&](const TDriveInfo& d) {

@@ -61,6 +61,11 @@ std::uint32_t TSectorReader::ReadDeviceSectors(TStringView drive, void* buffer, 
   return static_cast<std::uint32_t>(device->Read(startingSector * bytesPerSector, bytes));
 }
 
+std::int64_t TSectorReader::DeviceSectors(const TDriveInfo& drive) {
+  const IDevice* device = FEngine.Devices().Get(drive.Drive);
+  return device == nullptr ? INT64_MAX : device->Size() / FEngine.Drives().GetBytesPerSector(drive);
+}
+
 TSectorReader::TRedirect TSectorReader::RedirectVMware(const TVMwareInfo& info, TStringView drive,
                                                        std::int64_t sector) const {
   TRedirect result{TString(drive), sector, false};

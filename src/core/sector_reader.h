@@ -46,6 +46,9 @@ class TSectorReader {
   std::uint32_t ReadDeviceSectors(TStringView drive, void* buffer, int bytesPerSector, std::int64_t startingSector,
                                   std::int64_t sectorCount);
 
+  /// Sectors of the device that the drive lies on; INT64_MAX when that is not known.
+  std::int64_t DeviceSectors(const TDriveInfo& drive);
+
   /// Count of reads of drives that returned nothing or less than asked since the start.
   std::uint64_t FailedReads() const { return FFailedReads; }
   /// Bytes read from drives since the start.

@@ -47,6 +47,12 @@ std::int64_t TFolderWalk::LastSearchedCluster() const {
   return std::min(ClusterRoom(FDrive) + 1, std::int64_t{FHighestCluster} + BeyondLastFile / ClusterBytes(FDrive));
 }
 
+/// A volume may claim more than its source holds.
+std::int64_t TFolderWalk::LastReadableCluster() const {
+  const std::int64_t sectors = FEngine.Reader().DeviceSectors(FDrive) - FDrive.FirstSector - FDrive.FATInfo.DataFirstSector;
+  return sectors <= 0 ? 0 : sectors / FDrive.FATInfo.SectorsPerCluster + 2;
+}
+
 std::int64_t TFolderWalk::LostFolderSearchSize() const {
   const std::int64_t last = LastSearchedCluster();
   std::int64_t clusters = 0;
@@ -57,7 +63,7 @@ std::int64_t TFolderWalk::LostFolderSearchSize() const {
 void TFolderWalk::FindLostFolders(bool wholeVolume) {
   FLost = true;
   const std::int64_t first = 2;
-  const std::int64_t last = wholeVolume ? ClusterRoom(FDrive) + 1 : LastSearchedCluster();
+  const std::int64_t last = std::min(wholeVolume ? ClusterRoom(FDrive) + 1 : LastSearchedCluster(), LastReadableCluster());
   const auto most = static_cast<std::uint32_t>(std::max<std::int64_t>(ScanReadSize / ClusterBytes(FDrive), 1));
   const bool noTable = FDrive.FATInfo.FATTable.empty();
   TByteDynArray bytes;

@@ -72,6 +72,7 @@ class TFolderWalk {
   bool IsContinuation(std::span<const std::uint8_t> bytes) const;
   TUnfinished* OwnerOf(std::uint32_t cluster, std::span<const std::uint8_t> bytes);
   std::int64_t LastSearchedCluster() const;
+  std::int64_t LastReadableCluster() const;
   void AddUnfinished(TUnfinished folder);
   void WalkContinuation(std::uint32_t cluster, std::span<const std::uint8_t> bytes);
 
