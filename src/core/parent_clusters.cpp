@@ -6,31 +6,59 @@
 #include "core/file_records.h"
 
 namespace brenlow {
+namespace {
+
+constexpr std::size_t SmallestTable = 64;
+
+std::size_t Hash(std::int64_t number) {
+  // Fibonacci hashing: neighbouring cluster numbers spread over the whole table.
+  return static_cast<std::size_t>((static_cast<std::uint64_t>(number) * 0x9E3779B97F4A7C15U) >> 20);
+}
+
+}  // namespace
+
+std::size_t TParentClusters::Find(std::int64_t number) const {
+  const std::size_t mask = FBuckets.size() - 1;
+  std::size_t at = Hash(number) & mask;
+  while (FBuckets[at].Used && FBuckets[at].Number != number) at = (at + 1) & mask;
+  return at;
+}
+
+const TParentClusters::TBucket* TParentClusters::FindUsed(std::int64_t number) const {
+  if (FBuckets.empty()) return nullptr;
+  const TBucket& bucket = FBuckets[Find(number)];
+  return bucket.Used ? &bucket : nullptr;
+}
+
+void TParentClusters::Grow() {
+  std::vector<TBucket> old(std::max(FBuckets.size() * 2, SmallestTable));
+  old.swap(FBuckets);
+  for (const TBucket& bucket : old) {
+    if (bucket.Used) FBuckets[Find(bucket.Number)] = bucket;
+  }
+}
 
 void TParentClusters::Add(std::int64_t number, std::uint32_t fileNumber) {
-  if (FLast.Bucket == nullptr || FLast.Number != number) {
-    FLast.Bucket = &FBuckets[number];
-    FLast.Number = number;
-  }
-  TBucket& bucket = *FLast.Bucket;
+  if (FUsed * 2 >= FBuckets.size()) Grow();
   if (FLinkCount == FLinks.size() * LinksPerChunk) FLinks.emplace_back(LinksPerChunk);
-  const std::uint32_t index = FLinkCount++;
-  Link(index) = {fileNumber, None};
-  (bucket.Last == None ? bucket.First : Link(bucket.Last).Next) = index;
-  bucket.Last = index;
+  TBucket& bucket = FBuckets[Find(number)];
+  if (!bucket.Used) {
+    bucket = {number, None, true};
+    ++FUsed;
+  }
+  Link(FLinkCount) = {fileNumber, bucket.Newest};
+  bucket.Newest = FLinkCount++;
   ++FFileCount;
 }
 
 bool TParentClusters::Delete(std::int64_t number, std::uint32_t fileNumber) {
-  const auto found = FBuckets.find(number);
-  if (found == FBuckets.end()) return false;
-  TBucket& bucket = found->second;
-  std::uint32_t before = None;
-  for (std::uint32_t at = bucket.First; at != None; before = at, at = Link(at).Next) {
-    if (Link(at).FileNumber != fileNumber) continue;
-    const std::uint32_t after = Link(at).Next;
-    (before == None ? bucket.First : Link(before).Next) = after;
-    if (after == None) bucket.Last = before;
+  const TBucket* found = FindUsed(number);
+  if (found == nullptr) return false;
+  TBucket& bucket = FBuckets[static_cast<std::size_t>(found - FBuckets.data())];
+  std::uint32_t* reference = &bucket.Newest;
+  for (; *reference != None; reference = &Link(*reference).Previous) {
+    if (Link(*reference).FileNumber != fileNumber) continue;
+    *reference = Link(*reference).Previous;
     --FFileCount;
     return true;
   }
@@ -41,39 +69,35 @@ void TParentClusters::Clear() { *this = TParentClusters(); }
 
 TInt64DynArray TParentClusters::Files(std::int64_t number) const {
   TInt64DynArray files;
-  const auto found = FBuckets.find(number);
-  if (found == FBuckets.end()) return files;
-  for (std::uint32_t at = found->second.First; at != None; at = Link(at).Next) files.push_back(Link(at).FileNumber);
+  const TBucket* bucket = FindUsed(number);
+  if (bucket == nullptr) return files;
+  for (std::uint32_t at = bucket->Newest; at != None; at = Link(at).Previous) files.push_back(Link(at).FileNumber);
+  std::reverse(files.begin(), files.end());
   return files;
 }
 
 TInt64DynArray TParentClusters::Numbers() const {
   TInt64DynArray numbers;
-  numbers.reserve(FBuckets.size());
-  for (const auto& [number, bucket] : FBuckets) {
-    if (bucket.First != None) numbers.push_back(number);
+  for (const TBucket& bucket : FBuckets) {
+    if (bucket.Used && bucket.Newest != None) numbers.push_back(bucket.Number);
   }
   std::sort(numbers.begin(), numbers.end());
   return numbers;
 }
 
 void TParentClusters::Renumber(std::span<const std::uint32_t> newNumbers) {
-  for (auto& [number, bucket] : FBuckets) {
-    TBucket kept;
-    for (std::uint32_t at = bucket.First; at != None;) {
-      TLink& link = Link(at);
-      const std::uint32_t next = link.Next;
+  for (TBucket& bucket : FBuckets) {
+    std::uint32_t* reference = &bucket.Newest;
+    while (*reference != None) {
+      TLink& link = Link(*reference);
       link.FileNumber = link.FileNumber < newNumbers.size() ? newNumbers[link.FileNumber] : TFileArray::Erased;
       if (link.FileNumber == TFileArray::Erased) {
+        *reference = link.Previous;
         --FFileCount;
       } else {
-        link.Next = None;
-        (kept.Last == None ? kept.First : Link(kept.Last).Next) = at;
-        kept.Last = at;
+        reference = &link.Previous;
       }
-      at = next;
     }
-    bucket = kept;
   }
 }
 

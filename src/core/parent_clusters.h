@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <span>
-#include <unordered_map>
 #include <vector>
 
 #include "core/types.h"
@@ -14,6 +13,9 @@ namespace brenlow {
 /// Maps a parent reference (`TFile::ParentCluster`) to the numbers of the files below it, in the
 /// order in which they were added. Parents may come in any order at constant cost; answers that
 /// must be sorted are sorted when asked for.
+///
+/// A hash table with open addressing (about one cache miss for an insertion in random order) holds
+/// for each parent the newest of its files, and each file a link to the one before it.
 class TParentClusters {
  public:
   void Add(std::int64_t number, std::uint32_t fileNumber);
@@ -38,34 +40,27 @@ class TParentClusters {
   static constexpr std::uint32_t None = 0xFFFFFFFF;
   struct TLink {
     std::uint32_t FileNumber;
-    std::uint32_t Next;
+    std::uint32_t Previous;
   };
   struct TBucket {
-    std::uint32_t First = None;
-    std::uint32_t Last = None;
+    std::int64_t Number = 0;
+    std::uint32_t Newest = None;  // link of the file added last; None when all are gone
+    bool Used = false;
   };
   static constexpr std::size_t LinksPerChunk = 8192;
 
   TLink& Link(std::uint32_t index) { return FLinks[index / LinksPerChunk][index % LinksPerChunk]; }
   const TLink& Link(std::uint32_t index) const { return FLinks[index / LinksPerChunk][index % LinksPerChunk]; }
+  /// Place of the parent, or of the free bucket where it belongs. The table is not empty.
+  std::size_t Find(std::int64_t number) const;
+  const TBucket* FindUsed(std::int64_t number) const;
+  void Grow();
 
-  std::unordered_map<std::int64_t, TBucket> FBuckets;
+  std::vector<TBucket> FBuckets;  // a power of two, at most half of them used
+  std::size_t FUsed = 0;
   std::vector<std::vector<TLink>> FLinks;  // chunks: growing never copies
   std::uint32_t FLinkCount = 0;
   std::size_t FFileCount = 0;
-  /// Points into the map of its own index only: a copy starts empty.
-  struct TBucketCache {
-    std::int64_t Number = 0;
-    TBucket* Bucket = nullptr;
-    TBucketCache() = default;
-    TBucketCache(const TBucketCache&) noexcept {}
-    TBucketCache& operator=(const TBucketCache&) noexcept {
-      Bucket = nullptr;
-      return *this;
-    }
-  };
-  // Files mostly arrive folder by folder: the bucket used last is tried first.
-  TBucketCache FLast;
 };
 
 }  // namespace brenlow
