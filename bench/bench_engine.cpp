@@ -66,7 +66,8 @@ int AddFiles(std::uint32_t files, std::uint32_t parents) {
   const auto begin = std::chrono::steady_clock::now();
   for (std::uint32_t i = 0; i < files; ++i) {
     TFiles::ClearInfo(info, 0);
-    for (std::uint32_t digit = 0, n = i; digit < 8; ++digit, n /= 10) name[11 - digit] = static_cast<char16_t>(u'0' + n % 10);
+    for (std::uint32_t digit = 0, n = i; digit < 8; ++digit, n /= 10)
+      name[11 - digit] = static_cast<char16_t>(u'0' + n % 10);
     info.strName = name;
     info.blnFolder = i % 10 == 0;
     info.FirstCluster = std::int64_t{parents} + i;
@@ -84,7 +85,8 @@ int main(int argc, char** argv) {
   const std::string verb = argc > 1 ? argv[1] : "";
   if (verb == "pread" && argc == 3) return ReadFile(argv[2], false);
   if (verb == "sum" && argc == 3) return ReadFile(argv[2], true);
-  if (verb == "add" && argc == 4) return AddFiles(static_cast<std::uint32_t>(std::atoi(argv[2])), static_cast<std::uint32_t>(std::atoi(argv[3])));
+  if (verb == "add" && argc == 4)
+    return AddFiles(static_cast<std::uint32_t>(std::atoi(argv[2])), static_cast<std::uint32_t>(std::atoi(argv[3])));
   std::fprintf(stderr, "usage: bench_engine pread FILE | sum FILE | add FILES PARENTS\n");
   return 2;
 }

@@ -56,9 +56,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   TFileArray listed;
   TDriveInfo copy = engine.Drives().List[static_cast<std::size_t>(number)];
-  GetDriveFiles(engine, copy, listed, (way & 1) != 0, [](TDriveInfo&, const TFileArray& files, bool& canBreak) {
-    canBreak = files.size() > 20000;
-  });
+  GetDriveFiles(engine, copy, listed, (way & 1) != 0,
+                [](TDriveInfo&, const TFileArray& files, bool& canBreak) { canBreak = files.size() > 20000; });
 
   engine.PartRecRunning = engine.Analysing = true;
   const int sub = engine.Drives().PartRecAddSubdrive(number, TFileSystem::fsFAT16);

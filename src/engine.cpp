@@ -65,7 +65,8 @@ TFileSystem TEngine::RecogniseByCopy(std::span<const std::uint8_t> head, int byt
 }
 
 bool TEngine::GetDriveInfo(TDriveInfo& drive, bool fillTable) {
-  return WithDriver(*this, drive.FileSystem, [&](auto& driver) { return driver.GetDriveInfo(drive, fillTable); }, false);
+  return WithDriver(
+      *this, drive.FileSystem, [&](auto& driver) { return driver.GetDriveInfo(drive, fillTable); }, false);
 }
 
 void TEngine::ClearDriveFiles(int driveNumber, bool deleteDrive) { FFiles->Clear(driveNumber, deleteDrive); }

@@ -31,6 +31,10 @@ void AnalyseDrive(TEngine& engine, int driveNumber) {
   engine.AnalyseProgressScale = 1.0;
   engine.ChangeAnalysingStatus(driveNumber, true);
   const bool physical = drives.IsPhysical(driveNumber);
+  if (!drives.IsDiskIn(driveNumber, true)) {
+    engine.ChangeAnalysingStatus(driveNumber, false);
+    return;
+  }
   if (!physical && !engine.PartRecRunning && !drives.CanBeAnalysed(driveNumber)) {
     Drive(engine, driveNumber).Analysed = TAnalyseInformation::aiFull;
     engine.ShowMessage("e_Message", 0);

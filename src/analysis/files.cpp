@@ -60,9 +60,8 @@ int TFiles::GetAddedNumber(const TFileInfo& file, std::int64_t parentCluster) co
   for (const std::int64_t number : FEngine.Drives().GetParentClusters(file.aDriveNumber, parentCluster)) {
     if (IsWrongNumber(number)) continue;
     const TFileInfo& known = Info(static_cast<int>(number));
-    const bool samePlace =
-        known.FirstCluster == file.FirstCluster ||
-        (file.DataStartingSector >= 0 && file.DataStartingSector == known.DataStartingSector);
+    const bool samePlace = known.FirstCluster == file.FirstCluster ||
+                           (file.DataStartingSector >= 0 && file.DataStartingSector == known.DataStartingSector);
     if (samePlace && known.blnFolder == file.blnFolder && known.strName == file.strName) {
       return static_cast<int>(number);
     }
@@ -199,7 +198,8 @@ std::int64_t TFiles::GetSizeOnDisk(const TFile& file) const {
   const TFileInfo& info = file.FileInfo;
   if (info.aDeepAnalyse || FEngine.Drives().IsWrongNumber(info.aDriveNumber)) return info.aSize;
   const TFileSystem system = FEngine.Drives().List[static_cast<std::size_t>(info.aDriveNumber)].FileSystem;
-  return WithDriver(FEngine, system, [&](auto& driver) { return driver.GetSizeOnDisk(file); }, info.aSize);
+  return WithDriver(
+      FEngine, system, [&](auto& driver) { return driver.GetSizeOnDisk(file); }, info.aSize);
 }
 
 std::int64_t TFiles::GetSizeInKB(int number) const {

@@ -12,8 +12,8 @@
 namespace brenlow {
 
 struct TFileSignature {
-  TString Ext;                        ///< lower case, with its dot
-  std::vector<std::int16_t> Header;   ///< bytes at the file's start; -1 matches any byte
+  TString Ext;                       ///< lower case, with its dot
+  std::vector<std::int16_t> Header;  ///< bytes at the file's start; -1 matches any byte
 };
 
 /// Builds a cell array from hexadecimal text, two characters a byte; a pair with an X is a

@@ -95,8 +95,6 @@ class TWalker {
 
 }  // namespace
 
-void WalkTree(TEngine& engine, int driveNumber, ITreeVisitor& visitor) {
-  TWalker(engine, driveNumber, visitor).Run();
-}
+void WalkTree(TEngine& engine, int driveNumber, ITreeVisitor& visitor) { TWalker(engine, driveNumber, visitor).Run(); }
 
 }  // namespace brenlow

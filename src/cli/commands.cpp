@@ -48,7 +48,9 @@ std::string MountComplaint(const std::string& source, const TMountFailure& failu
     case EPERM:
       return source + ": permission denied. Reading a device needs administrator rights: try again with sudo.";
     case EISDIR:
-      return source + ": is a folder. Give the image file, or the device that the folder's volume lies on (see `brenlow-cli drives`).";
+      return source +
+             ": is a folder. Give the image file, or the device that the folder's volume lies on (see `brenlow-cli "
+             "drives`).";
     case ENOTBLK:
       return source + ": is neither a file nor a block device.";
     case ENOMEDIUM:
@@ -132,17 +134,18 @@ class TSelection {
 // ---- analysis -------------------------------------------------------------------------------
 
 struct TAnalysed {
-  TIntegerDynArray Drives;     ///< that hold the files; empty when there was nothing to analyse
-  bool WrongDrive = false;     ///< there is no drive of the number asked for
-  bool AllReadable = true;     ///< every volume turned out to be what it seemed
+  TIntegerDynArray Drives;  ///< that hold the files; empty when there was nothing to analyse
+  bool WrongDrive = false;  ///< there is no drive of the number asked for
+  bool AllReadable = true;  ///< every volume turned out to be what it seemed
 };
 
 /// Tells of volumes whose file system could not be read after all.
 bool IsReadable(TEngine& engine, int number) {
   const TDriveInfo& drive = Drive(engine, number);
   if (drive.Analysed == TAnalyseInformation::aiFull || TStopKey::Pressed()) return true;
-  Complain(fmt::format("drive {} ({}, {}): its boot sector is damaged and has no usable copy, so its files cannot be listed.",
-                       number + 1, SystemName(drive), SizeText(SizeOf(drive))));
+  Complain(fmt::format(
+      "drive {} ({}, {}): its boot sector is damaged and has no usable copy, so its files cannot be listed.",
+      number + 1, SystemName(drive), SizeText(SizeOf(drive))));
   return false;
 }
 
@@ -152,7 +155,8 @@ TAnalysed Analyse(TEngine& engine, const TOptions& options, TProgressLine& progr
   TIntegerDynArray wanted;
   if (options.Drive != 0) {
     if (drives.IsWrongNumber(options.Drive - 1)) {
-      Complain(fmt::format("there is no drive {}: `brenlow-cli drives {}` shows what there is.", options.Drive, options.Source()));
+      Complain(fmt::format("there is no drive {}: `brenlow-cli drives {}` shows what there is.", options.Drive,
+                           options.Source()));
       TAnalysed nothing;
       nothing.WrongDrive = true;
       return nothing;
@@ -261,8 +265,8 @@ class TListing final : public ITreeVisitor {
     const std::string name = Printable(ToUtf8(FOptions.Tree ? info.strName : entry.Path)) + (info.blnFolder ? "/" : "");
     const std::string size = info.blnFolder ? "" : SizeText(info.aSize);
     if (FOptions.Tree) {
-      FOutput.Write(fmt::format("{:{}}{}{}{}\n", "", 2 + 2 * std::min(entry.Depth, 100), name, size.empty() ? "" : "  " + size,
-                                deleted ? "  [deleted]" : ""));
+      FOutput.Write(fmt::format("{:{}}{}{}{}\n", "", 2 + 2 * std::min(entry.Depth, 100), name,
+                                size.empty() ? "" : "  " + size, deleted ? "  [deleted]" : ""));
     } else {
       FOutput.Write(fmt::format("{:16}  {:>10}  {}  {}\n", ShortTime(info.TimeStamp.dtModified), size,
                                 deleted ? "deleted" : "       ", name));
@@ -283,7 +287,8 @@ std::string VolumeTitle(const TDriveInfo& drive, int number) {
 int PrintDriveRows(TEngine& engine, const TOptions& options) {
   TOutput output;
   if (!options.Json) {
-    output.Write(fmt::format("{:>3}  {:6}  {:8}  {:>10}  {:>14}  {}\n", "No.", "Type", "System", "Size", "First sector", "Name"));
+    output.Write(fmt::format("{:>3}  {:6}  {:8}  {:>10}  {:>14}  {}\n", "No.", "Type", "System", "Size", "First sector",
+                             "Name"));
   }
   for (int i = 0; i < static_cast<int>(engine.Drives().List.size()); ++i) {
     const TDriveInfo& drive = Drive(engine, i);
@@ -302,9 +307,10 @@ int PrintDriveRows(TEngine& engine, const TOptions& options) {
                        .Text("name", drive.Caption)
                        .Take());
     } else {
-      const std::string where = drive.DriveTypes.Has(TDriveType::dtPhysical) && !drive.DriveTypes.Has(TDriveType::dtMounted)
-                                    ? "  " + PathFromText(drive.Drive)
-                                    : "";
+      const std::string where =
+          drive.DriveTypes.Has(TDriveType::dtPhysical) && !drive.DriveTypes.Has(TDriveType::dtMounted)
+              ? "  " + PathFromText(drive.Drive)
+              : "";
       output.Write(fmt::format("{:>3}  {:6}  {:8}  {:>10}  {:>14}  {}{}\n", i + 1, RowType(drive), SystemName(drive),
                                SizeText(SizeOf(drive)), drive.FirstSector, Printable(ToUtf8(drive.Caption)), where));
     }
@@ -363,7 +369,9 @@ int ShowInfo(const TOptions& options) {
     if (options.Json) {
       TJsonLine line;
       line.Number("number", i + 1).Text("type", std::string(RowType(drive))).Text("name", drive.Caption);
-      line.Text("source", PathFromText(drive.Drive)).Number("size", SizeOf(drive)).Number("sector_size", drive.BytesPerSector);
+      line.Text("source", PathFromText(drive.Drive))
+          .Number("size", SizeOf(drive))
+          .Number("sector_size", drive.BytesPerSector);
       line.Number("first_sector", drive.FirstSector).Number("sectors", drive.SectorsCount);
       if (disk) line.Text("partition_table", std::string(style));
       line.TextOrNull("file_system", SystemName(drive));
@@ -377,12 +385,14 @@ int ShowInfo(const TOptions& options) {
     }
     output.Write(fmt::format("Drive {}: {} ({})\n", i + 1, Printable(ToUtf8(drive.Caption)), RowType(drive)));
     output.Write(fmt::format("  Source           {}\n", PathFromText(drive.Drive)));
-    output.Write(fmt::format("  Size             {} ({} sectors of {} bytes)\n", SizeText(SizeOf(drive)), drive.SectorsCount, drive.BytesPerSector));
+    output.Write(fmt::format("  Size             {} ({} sectors of {} bytes)\n", SizeText(SizeOf(drive)),
+                             drive.SectorsCount, drive.BytesPerSector));
     if (!disk) output.Write(fmt::format("  First sector     {}\n", drive.FirstSector));
     if (disk) output.Write(fmt::format("  Partition table  {}\n", style));
     if (known) {
       output.Write(fmt::format("  File system      {}\n", SystemName(drive)));
-      output.Write(fmt::format("  Label            {}\n", drive.VolumeName.empty() ? "-" : Printable(ToUtf8(drive.VolumeName))));
+      output.Write(
+          fmt::format("  Label            {}\n", drive.VolumeName.empty() ? "-" : Printable(ToUtf8(drive.VolumeName))));
       output.Write(fmt::format("  Cluster size     {}\n", SizeText(cluster)));
       output.Write(fmt::format("  Free             {}\n", SizeText(std::max<std::int64_t>(drive.aFreeSize, 0))));
     } else if (!disk) {
@@ -453,7 +463,8 @@ void PrintSummary(const TRecoverySummary& summary, const TOptions& options, bool
   fmt::print(out, "Recovered {} of {} files ({}) to {}; {} of the files were deleted.\n", summary.Whole, summary.Files,
              SizeText(summary.Bytes), options.Out, summary.DeletedFiles);
   if (summary.Overwritten > 0) {
-    fmt::print(out, "{} deleted files lie where other files are now: their content is probably not their own.\n", summary.Overwritten);
+    fmt::print(out, "{} deleted files lie where other files are now: their content is probably not their own.\n",
+               summary.Overwritten);
   }
   if (!summary.Faults.empty()) {
     fmt::print(out, "{} files are not whole:\n", summary.Faults.size());
@@ -461,8 +472,10 @@ void PrintSummary(const TRecoverySummary& summary, const TOptions& options, bool
       fmt::print(out, "  {}: {}\n", Printable(fault.Path), FaultText(fault));
     }
   }
-  if (summary.TargetFull) fmt::print(out, "The target is full. Free some space or choose another folder, then run this again.\n");
-  if (scanStopped || summary.Stopped) fmt::print(out, "Stopped before the end: what was found and written up to then is kept.\n");
+  if (summary.TargetFull)
+    fmt::print(out, "The target is full. Free some space or choose another folder, then run this again.\n");
+  if (scanStopped || summary.Stopped)
+    fmt::print(out, "Stopped before the end: what was found and written up to then is kept.\n");
 }
 
 /// Refuses targets that would destroy what is to be recovered. 0 when the target will do.
@@ -473,7 +486,10 @@ int CheckTarget(const TOptions& options) {
     existing = existing.parent_path();
   }
   if (LiesOnSource(existing.string(), options.Source())) {
-    Complain(fmt::format("{} lies on the source itself: writing there could destroy what is to be recovered. Choose a folder on another disk.", options.Out));
+    Complain(
+        fmt::format("{} lies on the source itself: writing there could destroy what is to be recovered. Choose a "
+                    "folder on another disk.",
+                    options.Out));
     return WrongUsage;
   }
   if (std::filesystem::exists(options.Out, error) && !std::filesystem::is_directory(options.Out, error)) {
@@ -512,7 +528,10 @@ int RecoverFiles(const TOptions& options) {
   TOutput output;
   if (options.Json) {
     recovery.OnFile = [&](const TTreeEntry& entry, const TFileOutcome& outcome) {
-      output.Write(FileFields(entry).Text("target", outcome.Path).Text("outcome", std::string(OutcomeName(outcome.Outcome))).Take());
+      output.Write(FileFields(entry)
+                       .Text("target", outcome.Path)
+                       .Text("outcome", std::string(OutcomeName(outcome.Outcome)))
+                       .Take());
     };
   }
   engine.Recovering = true;

@@ -324,7 +324,8 @@ int TDrives::Mount(TStringView fileName, bool canAddToTreeView, TMountFailure* f
   TMountFailure& reason = failure != nullptr ? *failure : unused;
   reason = TMountFailure();
   for (int i = 0; i < static_cast<int>(List.size()); ++i) {
-    if (List[static_cast<std::size_t>(i)].Drive == fileName && List[static_cast<std::size_t>(i)].FirstSector == 0) return i;
+    if (List[static_cast<std::size_t>(i)].Drive == fileName && List[static_cast<std::size_t>(i)].FirstSector == 0)
+      return i;
   }
   const IDevice* device = FEngine.Devices().Get(fileName);
   if (device == nullptr) {
@@ -366,6 +367,18 @@ int TDrives::Mount(TStringView fileName, bool canAddToTreeView, TMountFailure* f
 
 bool TDrives::IsFloppy(const TDriveInfo& drive) {
   return drive.DriveTypes.Has(TDriveType::dtVolume) && (drive.DriveLetter == u"A" || drive.DriveLetter == u"B");
+}
+
+bool TDrives::IsDiskIn(int number, bool canShowMessages) {
+  if (IsWrongNumber(number) || !IsFloppy(List[static_cast<std::size_t>(number)])) return true;
+  const TDriveInfo& drive = List[static_cast<std::size_t>(number)];
+  for (;;) {
+    FEngine.Devices().Close(drive.Drive);
+    const IDevice* device = FEngine.Devices().Get(drive.Drive);
+    if (device != nullptr && device->Size() > 0) return true;
+    const TString question = FormatMessage("e_Message", 1, drive.DriveLetter + u":");
+    if (!canShowMessages || !FEngine.OnAskRetry || !FEngine.OnAskRetry(question)) return false;
+  }
 }
 
 bool TDrives::IsEmpty(int number) const {
@@ -430,8 +443,8 @@ TFileSystem TDrives::GetSystem(const TDriveInfo& drive) {
   std::uint32_t got = FEngine.Reader().ReadDriveSectors(drive, head.data(), drive.FirstSector, sectors);
   if (got == 0) {
     // A bad place somewhere among them: only the sectors where a file system describes itself.
-    for (const std::int64_t at : {std::int64_t{0}, std::int64_t{512}, std::int64_t{1024}, std::int64_t{6} * bytesPerSector,
-                                  std::int64_t{8192}, std::int64_t{65536}}) {
+    for (const std::int64_t at : {std::int64_t{0}, std::int64_t{512}, std::int64_t{1024},
+                                  std::int64_t{6} * bytesPerSector, std::int64_t{8192}, std::int64_t{65536}}) {
       const std::int64_t sector = at / bytesPerSector;
       if (sector >= sectors) continue;
       std::uint8_t* place = head.data() + sector * bytesPerSector;
@@ -453,8 +466,9 @@ bool TDrives::IsPartition(std::span<const std::uint8_t> buffer, std::size_t star
 }
 
 TStringView TDrives::GetSystemNameBySystem(TFileSystem system) {
-  constexpr TStringView names[] = {u"",     u"FAT12", u"FAT16", u"FAT32", u"exFAT", u"NTFS",     u"ReFS", u"APFS", u"HFS+",
-                                   u"Ext2", u"Ext3",  u"Ext4",  u"XFS",   u"Btrfs", u"ReiserFS", u"UFS1", u"UFS2", u"HikvisionFS"};
+  constexpr TStringView names[] = {u"",     u"FAT12", u"FAT16",    u"FAT32", u"exFAT", u"NTFS",
+                                   u"ReFS", u"APFS",  u"HFS+",     u"Ext2",  u"Ext3",  u"Ext4",
+                                   u"XFS",  u"Btrfs", u"ReiserFS", u"UFS1",  u"UFS2",  u"HikvisionFS"};
   const auto index = static_cast<std::size_t>(system);
   return index < std::size(names) ? names[index] : TStringView();
 }
@@ -502,7 +516,8 @@ TInt64DynArray TDrives::GetParentClusters(int driveNumber, std::int64_t number) 
 
 void TDrives::MergeParentClusters(int source, int destination) {
   if (IsWrongNumber(source) || IsWrongNumber(destination) || source == destination) return;
-  List[static_cast<std::size_t>(destination)].ParentClusters.Merge(List[static_cast<std::size_t>(source)].ParentClusters);
+  List[static_cast<std::size_t>(destination)].ParentClusters.Merge(
+      List[static_cast<std::size_t>(source)].ParentClusters);
 }
 
 void TDrives::MoveParentClusters(std::span<const std::uint32_t> newNumbers) {

@@ -75,6 +75,9 @@ class TDrives {
   bool IsRemovable(int number) const { return HasType(number, TDriveType::dtRemovable); }
   bool IsMounted(int number) const { return HasType(number, TDriveType::dtMounted); }
   static bool IsFloppy(const TDriveInfo& drive);
+  /// True for anything but a floppy without a disk. With `canShowMessages` the user is asked
+  /// (`TEngine::OnAskRetry`) and may put one in.
+  bool IsDiskIn(int number, bool canShowMessages);
   bool IsVMware(int number) const { return HasType(number, TDriveType::dtVMWare); }
   /// True for a wrong number and for a drive without any entry in its parent index.
   bool IsEmpty(int number) const;

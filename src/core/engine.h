@@ -48,6 +48,8 @@ class TEngine {
   /// Position of the current scan, 0.0 to 1.0.
   std::function<void(double)> OnAnalyseProgress;
   std::function<void(const TEngineMessage&)> OnMessage;
+  /// A question with the answers "OK, try again" (true) and "Cancel".
+  std::function<bool(const TString& question)> OnAskRetry;
   /// Called from the pump a few dozen times a second while the engine works.
   std::function<void()> OnPump;
 

@@ -12,8 +12,8 @@ struct TText {
 
 constexpr TText Texts[] = {
     {"e_Message", 0, u"No known file system was found on this drive, so there is nothing to analyse."},
+    {"e_Message", 1, u"There is no disk in drive %s Put one in and try again."},
     {"e_Message", 7, u"Nothing was found. Without administrator rights raw devices cannot be read: try again as root."},
-    {"e_Message", 8, u"The file is smaller than one sector and cannot be a disk image."},
     {"e_General", 8, u"Folder %d"},
     {"e_Files", 0, u"Lost and found"},
     {"e_Files", 1, u"Deep analysis"},

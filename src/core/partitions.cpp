@@ -117,7 +117,8 @@ void AddVolume(TVolumes& volumes, const TVolume& volume) {
 bool IsAppleEntry(std::span<const std::uint8_t> map, std::size_t at) {
   constexpr std::string_view apple = "Apple";
   if (ReadBe16(map, at) == 0x504D) return true;  // "PM"
-  return at + 48 + apple.size() <= map.size() && std::equal(apple.begin(), apple.end(), map.begin() + static_cast<std::ptrdiff_t>(at + 48));
+  return at + 48 + apple.size() <= map.size() &&
+         std::equal(apple.begin(), apple.end(), map.begin() + static_cast<std::ptrdiff_t>(at + 48));
 }
 
 TPartitionTypes TypesOfAppleName(std::span<const std::uint8_t> name) {
@@ -367,11 +368,20 @@ TPhysicalDrives TPartitionsInfo::GetPhysicalDrives() {
 
 TFileSystem FileSystemOfIndicator(std::uint8_t indicator) {
   switch (indicator) {
-    case 1: case 17:
+    case 1:
+    case 17:
       return TFileSystem::fsFAT12;
-    case 4: case 6: case 14: case 20: case 22: case 30:
+    case 4:
+    case 6:
+    case 14:
+    case 20:
+    case 22:
+    case 30:
       return TFileSystem::fsFAT16;
-    case 11: case 12: case 27: case 28:
+    case 11:
+    case 12:
+    case 27:
+    case 28:
       return TFileSystem::fsFAT32;
     case 7:
       return TFileSystem::fsNTFS;

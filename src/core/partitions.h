@@ -15,7 +15,10 @@ namespace brenlow {
 class TEngine;
 
 enum class PARTITION_STYLE : std::uint8_t {
-  PARTITION_STYLE_MBR, PARTITION_STYLE_GPT, PARTITION_STYLE_APM, PARTITION_STYLE_RAW,
+  PARTITION_STYLE_MBR,
+  PARTITION_STYLE_GPT,
+  PARTITION_STYLE_APM,
+  PARTITION_STYLE_RAW,
 };
 
 /// A 16-byte entry of an MBR table, as on disk.

@@ -24,7 +24,8 @@ std::uint32_t TSectorReader::ReadDriveSectors(const TDriveInfo& drive, void* buf
   }
   const int bytesPerSector = FEngine.Drives().GetBytesPerSector(drive);
   const std::uint32_t got = ReadDeviceSectors(drive.Drive, buffer, bytesPerSector, startingSector, sectorCount);
-  if (got < static_cast<std::uint64_t>(std::max<std::int64_t>(sectorCount, 0)) * static_cast<unsigned>(bytesPerSector)) {
+  if (got <
+      static_cast<std::uint64_t>(std::max<std::int64_t>(sectorCount, 0)) * static_cast<unsigned>(bytesPerSector)) {
     ++FFailedReads;
   }
   FBytesRead += got;
@@ -80,10 +81,10 @@ TSectorReader::TRedirect TSectorReader::RedirectVMware(const TVMwareInfo& info, 
   result.Path = file->strPath;
   const std::int64_t relative = sector - file->StartingSector;
   // The last grain that begins at or before the sector; the first one whatever its number.
-  const auto above = std::upper_bound(
-      file->Grains.begin(), file->Grains.end(), relative, [&](std::int64_t value, const TVMwareGrain& grain) {
-        return value < static_cast<std::int64_t>(info.GrainSize) * grain.Number;
-      });
+  const auto above = std::upper_bound(file->Grains.begin(), file->Grains.end(), relative,
+                                      [&](std::int64_t value, const TVMwareGrain& grain) {
+                                        return value < static_cast<std::int64_t>(info.GrainSize) * grain.Number;
+                                      });
   const TVMwareGrain& best = above == file->Grains.begin() ? *above : *(above - 1);
   if (best.Location == 0) {
     result.FillZero = true;

@@ -39,23 +39,62 @@ class TEnumSet {
 };
 
 enum class TFileSystem : std::uint8_t {
-  fsUnknown, fsFAT12, fsFAT16, fsFAT32, fsExFAT, fsNTFS, fsReFS, fsAPFS, fsHFS, fsExt2, fsExt3, fsExt4,
-  fsXFS, fsBtrfs, fsReiserFS, fsUFS1, fsUFS2, fsHikvisionFS,
+  fsUnknown,
+  fsFAT12,
+  fsFAT16,
+  fsFAT32,
+  fsExFAT,
+  fsNTFS,
+  fsReFS,
+  fsAPFS,
+  fsHFS,
+  fsExt2,
+  fsExt3,
+  fsExt4,
+  fsXFS,
+  fsBtrfs,
+  fsReiserFS,
+  fsUFS1,
+  fsUFS2,
+  fsHikvisionFS,
 };
 
 enum class TDriveType : std::uint8_t {
-  dtPhysical, dtVolume, dtRemovable, dtWSS, dtLVM, dtRaid, dtFound, dtMounted, dtVirtual, dtVMWare, dtHidden,
+  dtPhysical,
+  dtVolume,
+  dtRemovable,
+  dtWSS,
+  dtLVM,
+  dtRaid,
+  dtFound,
+  dtMounted,
+  dtVirtual,
+  dtVMWare,
+  dtHidden,
 };
 using TDriveTypes = TEnumSet<TDriveType>;
 
 enum class TPartitionType : std::uint8_t {
-  ptBoot, ptPrimary, ptLogical, ptEFI, ptReserved, ptRecovery, ptLdmMetadata, ptLdmData, ptAppleRaid,
+  ptBoot,
+  ptPrimary,
+  ptLogical,
+  ptEFI,
+  ptReserved,
+  ptRecovery,
+  ptLdmMetadata,
+  ptLdmData,
+  ptAppleRaid,
 };
 using TPartitionTypes = TEnumSet<TPartitionType>;
 
 /// How a volume became known.
 enum class TReceivedType : std::uint8_t {
-  rtUnknown, rtBySystem, rtByMBR, rtBySystemAndMBR, rtByUnallocatedSpace, rtAutodetected,
+  rtUnknown,
+  rtBySystem,
+  rtByMBR,
+  rtBySystemAndMBR,
+  rtByUnallocatedSpace,
+  rtAutodetected,
 };
 
 /// How far a scan got: not begun, begun or stopped, ended.

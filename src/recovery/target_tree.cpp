@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "recovery/target_tree.h"
 
-#include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <utility>
 
@@ -99,7 +99,8 @@ int TTargetTree::CreateFile(TStringView name, THandle& handle, std::string& path
   const std::size_t folderLength = path.size() - wanted.size();
   std::string given = wanted;
   for (;;) {
-    handle = THandle(::openat(folder.Handle.Get(), given.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+    handle = THandle(
+        ::openat(folder.Handle.Get(), given.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
     if (handle.Valid()) break;
     if (errno != EEXIST) return errno;
     int& number = folder.Taken.try_emplace(wanted, 1).first->second;

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
+#include "analysis/files.h"
+
 #include <doctest/doctest.h>
 
 #include "analysis/file_kinds.h"
-#include "analysis/files.h"
 #include "analysis/signatures.h"
 #include "analysis/tree_walk.h"
 #include "support/images.h"
@@ -19,7 +20,8 @@ struct TFixture {
   explicit TFixture(int drives = 1) {
     for (int i = 0; i < drives; ++i) Engine.Drives().Add(TDriveInfo(), false);
   }
-  int Add(TStringView name, std::int64_t key, std::int64_t parent, bool folder = false, int drive = 0, bool deleted = false) {
+  int Add(TStringView name, std::int64_t key, std::int64_t parent, bool folder = false, int drive = 0,
+          bool deleted = false) {
     TFileInfo info;
     TFiles::ClearInfo(info, drive);
     info.strName = name;

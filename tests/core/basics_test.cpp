@@ -31,7 +31,9 @@ TEST_CASE("a field that does not fit reads as 0, at every size and place") {
 TEST_CASE("text survives the way in and out") {
   CHECK(ToUtf8(FromUtf8("Фото 🎉 ½")) == "Фото 🎉 ½");
   const char16_t lone[] = {u'a', 0xD800, u'b', 0};
-  CHECK(ToUtf8(lone) == "a\xEF\xBF\xBD" "b");
+  CHECK(ToUtf8(lone) ==
+        "a\xEF\xBF\xBD"
+        "b");
   bool valid = true;
   CHECK(FromUtf8("a\xC0\xAFz", &valid) == u"a\uFFFD\uFFFDz");
   CHECK_FALSE(valid);

@@ -3,6 +3,7 @@
 
 #include "analysis/analysis.h"
 #include "analysis/files.h"
+#include "core/device/system_disks.h"
 #include "support/fat_builder.h"
 #include "support/images.h"
 
@@ -52,14 +53,16 @@ TEST_CASE("mounting a disk lists it, its volumes and its large gaps") {
   CHECK(drives.Mount(u"/test.img", false) == 0);
 }
 
-TEST_CASE("small partitions get no row; those with a lost boot sector take the table's word") {
+TEST_CASE("small partitions get no row, those with a lost boot sector take the table's word") {
   TImage image = DiskWith({2048}, 65536);
   PutTable(image, 0, {{0x06, 2048, SectorsOf10MiB}, {0x06, 40000, 16383}, {0x0B, 30000, 16384}});
   TEngine engine;
   Mount(engine, image);
   TDrives& drives = engine.Drives();
-  CHECK(std::none_of(drives.List.begin(), drives.List.end(), [](const TDriveInfo& d) { return d.FirstSector == 40000; }));
-  const auto named = std::find_if(drives.List.begin(), drives.List.end(), [](const TDriveInfo& d) { return d.FirstSector == 30000; });
+  CHECK(
+      std::none_of(drives.List.begin(), drives.List.end(), [](const TDriveInfo& d) { return d.FirstSector == 40000; }));
+  const auto named =
+      std::find_if(drives.List.begin(), drives.List.end(), [](const TDriveInfo& d) { return d.FirstSector == 30000; });
   REQUIRE(named != drives.List.end());
   CHECK(named->FileSystem == TFileSystem::fsFAT32);
 }
@@ -120,6 +123,39 @@ TEST_CASE("sources that are no disks are refused with their reason") {
   engine.Devices().Insert(u"/tiny", std::make_unique<TMemoryDevice>(TImage(511)));
   CHECK(engine.Drives().Mount(u"/tiny", false, &failure) == -1);
   CHECK(failure.TooSmall);
+}
+
+TEST_CASE("a floppy is left alone unless asked for, and its disk is waited for") {
+  TEngine engine;
+  TDriveInfo drive;
+  drive.Drive = u"/dev/no-floppy";
+  drive.DriveLetter = u"A";
+  drive.DriveTypes = {TDriveType::dtVolume};
+  drive.FileSystem = TFileSystem::fsFAT12;
+  const int number = engine.Drives().Add(drive, false);
+  CHECK_FALSE(engine.Drives().GetInfo(DriveOf(engine, number), false, true, false));
+  CHECK(engine.Drives().GetSize(DriveOf(engine, number), false) == 0);
+  int asked = 0;
+  engine.OnAskRetry = [&](const TString& question) {
+    CHECK(question.find(u"A:") != TString::npos);
+    if (++asked == 2) engine.Devices().Insert(drive.Drive, std::make_unique<TMemoryDevice>(TImage(512)));
+    return true;
+  };
+  CHECK_FALSE(engine.Drives().IsDiskIn(number, false));
+  CHECK(engine.Drives().IsDiskIn(number, true));
+  CHECK(asked == 2);
+  CHECK(engine.Drives().IsDiskIn(99, true));
+}
+
+TEST_CASE("a target on the source is recognised") {
+  const auto volumes = ListMountedVolumes();
+  if (volumes.empty()) MESSAGE("no block device is mounted here: skipped");
+  for (const TMountedVolume& volume : volumes) {
+    CHECK(LiesOnSource(volume.MountPoint, volume.DevicePath));
+    CHECK(LiesOnSource(volume.MountPoint, volume.DiskPath));
+  }
+  CHECK_FALSE(LiesOnSource("/", "/etc/passwd"));
+  CHECK_FALSE(LiesOnSource("/does/not/exist", "/dev/null"));
 }
 
 TEST_CASE("a drive without a known file system counts as analysed, with a message") {

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
+#include "core/partitions.h"
+
 #include <doctest/doctest.h>
 
 #include <cstring>
 
-#include "core/partitions.h"
 #include "support/fat_builder.h"
 #include "support/images.h"
 

@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
+#include "core/sector_reader.h"
+
 #include <doctest/doctest.h>
 
 #include <array>
@@ -6,7 +8,6 @@
 #include <fstream>
 
 #include "core/device/device.h"
-#include "core/sector_reader.h"
 #include "support/images.h"
 
 using namespace brenlow;
@@ -56,7 +57,7 @@ TEST_CASE("reads beyond the end of a drive that failed there cost no access") {
   CHECK(t.Device->Accesses == accesses + 3);
 }
 
-TEST_CASE("what was not read stays untouched; short reads and hostile numbers") {
+TEST_CASE("what was not read stays untouched, short reads and hostile numbers") {
   TFixture t;
   t.Buffer.fill(0xEE);
   CHECK(t.Read(62, 4) == 1024);

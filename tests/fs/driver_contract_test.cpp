@@ -125,7 +125,8 @@ void CheckDamage(const TDriverSpecimen& specimen) {
     TImage volume = specimen.Volume;
     std::uniform_int_distribution<std::size_t> anywhere(0, volume.size() - 1);
     std::uniform_int_distribution<std::size_t> early(0, std::min<std::size_t>(volume.size(), 65536) - 1);
-    for (int i = 0; i < 200; ++i) volume[i % 2 == 0 ? early(random) : anywhere(random)] = static_cast<std::uint8_t>(random());
+    for (int i = 0; i < 200; ++i)
+      volume[i % 2 == 0 ? early(random) : anywhere(random)] = static_cast<std::uint8_t>(random());
     if (round % 4 == 0) volume.resize(anywhere(random) + 512);
     TEngine engine;
     const int number = Mount(engine, std::move(volume)).Number;

@@ -156,7 +156,9 @@ TEST_CASE("very deep trees are written without exhausting descriptors") {
     fat.Chain({10 + i});
     fat.PutDots(10 + i, i == 0 ? 0 : 9 + i);
     const bool last = i + 1 == depth;
-    fat.PutEntry(fat.ClusterAt(10 + i) + 64, {last ? "DEEP    TXT" : "D          ", static_cast<std::uint8_t>(last ? 0x20 : 0x10), last ? 5 : 11 + i, last ? 4U : 0});
+    fat.PutEntry(fat.ClusterAt(10 + i) + 64,
+                 {last ? "DEEP    TXT" : "D          ", static_cast<std::uint8_t>(last ? 0x20 : 0x10),
+                  last ? 5 : 11 + i, last ? 4U : 0});
   }
   fat.Chain({5});
   fat.Fill(5, "deep");

@@ -44,7 +44,9 @@ struct TMounted {
 };
 TMounted Mount(TEngine& engine, TImage image, TStringView key = u"/test.img", int sectorSize = 0);
 
-inline TDriveInfo& DriveOf(TEngine& engine, int number) { return engine.Drives().List[static_cast<std::size_t>(number)]; }
+inline TDriveInfo& DriveOf(TEngine& engine, int number) {
+  return engine.Drives().List[static_cast<std::size_t>(number)];
+}
 
 /// The bytes of a zstd file of tests/data.
 TImage LoadTestImage(const std::string& name);

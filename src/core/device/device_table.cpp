@@ -9,8 +9,8 @@ namespace brenlow {
 
 std::string DevicePath(TStringView drive) {
   if (drive.size() >= 4) return PathFromText(drive);
-  const bool number = !drive.empty() && std::all_of(drive.begin(), drive.end(),
-                                                    [](char16_t c) { return c >= u'0' && c <= u'9'; });
+  const bool number =
+      !drive.empty() && std::all_of(drive.begin(), drive.end(), [](char16_t c) { return c >= u'0' && c <= u'9'; });
   if (!number) return "\\\\.\\" + ToUtf8(drive) + ":";
   const auto wanted = static_cast<std::size_t>(std::stoi(ToUtf8(drive)));
   const std::vector<TSystemDisk> disks = ListSystemDisks();

@@ -43,7 +43,7 @@ fs::path SysfsFolder(dev_t device) {
   return fs::canonical(link, error);
 }
 
-/// "sda" for both /sys/.../sda and /sys/.../sda/sda1.
+/// "sda" for both /sys/.../sda and /sys/.../sda/sda1; empty for an empty folder.
 std::string WholeDiskName(const fs::path& folder) {
   return fs::exists(folder / "partition") ? folder.parent_path().filename().string() : folder.filename().string();
 }
@@ -121,9 +121,14 @@ bool LiesOnSource(const std::string& folder, const std::string& source) {
   struct stat target {};
   struct stat origin {};
   if (::stat(folder.c_str(), &target) != 0 || ::stat(source.c_str(), &origin) != 0) return false;
-  if (!S_ISBLK(origin.st_mode)) return false;
-  if (target.st_dev == origin.st_rdev) return true;
   const fs::path targetFolder = SysfsFolder(target.st_dev);
+  if (!S_ISBLK(origin.st_mode)) {
+    // An image file may be mounted through a loop device.
+    std::error_code error;
+    const std::string backing = ReadLine(fs::path("/sys/block") / WholeDiskName(targetFolder) / "loop/backing_file");
+    return !backing.empty() && fs::equivalent(backing, source, error);
+  }
+  if (target.st_dev == origin.st_rdev) return true;
   const fs::path originFolder = SysfsFolder(origin.st_rdev);
   if (targetFolder.empty() || originFolder.empty()) return false;
   // A partition and its disk overlap; two partitions of one disk do not.

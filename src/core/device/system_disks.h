@@ -33,7 +33,8 @@ struct TMountedVolume {
 std::vector<TMountedVolume> ListMountedVolumes();
 
 /// True when a file below `folder` would be written onto the device or file `source`: the folder's
-/// file system lies on that device, on a partition of it or on the disk it is a partition of.
+/// file system lies on that device, on a partition of it, on the disk it is a partition of, or on a
+/// loop device over that file.
 bool LiesOnSource(const std::string& folder, const std::string& source);
 
 }  // namespace brenlow

@@ -46,7 +46,7 @@ bool AllFree(const TFATInfo& info, std::int64_t cluster, std::int64_t count) {
   return true;
 }
 
-/// Walks a file's clusters, each run of adjacent ones as one.
+/// Adjacent clusters of a file.
 struct TRun {
   std::uint32_t Cluster = 0;
   std::int64_t Count = 0;
@@ -85,12 +85,18 @@ void TFAT::GetFileData(TDriveInfo& drive, TByteDynArray& result, TFile& file, st
   TFileInfo& info = file.FileInfo;
   ChangeFileFirstCluster(info);
   const std::int64_t clusterBytes = ClusterBytes(drive);
-  if (info.aSize <= 0 || start < 0 || start >= info.aSize || size <= 0 || clusterBytes <= 0) {
+  if (info.aSize <= 0 || start < 0 || size <= 0 || clusterBytes <= 0) {
     result.clear();
     return;
   }
   const std::int64_t sectorSize = drive.BytesPerSector;
-  const std::int64_t end = std::min(start + size, info.aSize);
+  // No file has more clusters than the volume: what an entry claims beyond that is garbage.
+  const std::int64_t length = std::min(info.aSize, (ClusterRoom(drive) + 1) * clusterBytes);
+  if (start >= length) {
+    result.clear();
+    return;
+  }
+  const std::int64_t end = start + std::min(size, length - start);
   // Whole sectors are read straight to their place; what lies before `start` is cut off at last.
   const std::int64_t from = start / sectorSize * sectorSize;
   const std::int64_t until = CeilDiv(end, sectorSize) * sectorSize;
@@ -142,7 +148,8 @@ void TFAT::GetFileData(TDriveInfo& drive, TByteDynArray& result, TFile& file, st
         const std::int64_t first = std::max(at, filled);
         const std::int64_t last = std::min(at + clusterBytes, runEnd);
         if (first >= last) continue;
-        std::memcpy(result.data() + (first - from), single.data() + (first - at), static_cast<std::size_t>(last - first));
+        std::memcpy(result.data() + (first - from), single.data() + (first - at),
+                    static_cast<std::size_t>(last - first));
         FEngine.Pump();
       }
     }
@@ -164,7 +171,7 @@ void TFAT::GetFileFragments(TFile& file, TFileFragments& result) {
   const std::int64_t clusterBytes = ClusterBytes(drive);
   if (clusterBytes <= 0 || info.aSize <= 0) return;
   const std::int64_t perCluster = drive.FATInfo.SectorsPerCluster;
-  const std::int64_t total = CeilDiv(info.aSize, clusterBytes);
+  const std::int64_t total = std::min(CeilDiv(info.aSize, clusterBytes), ClusterRoom(drive) + 1);
   const std::int64_t sectors = CeilDiv(info.aSize, drive.BytesPerSector);
   for (std::int64_t index = 0; index < total; ++index) {
     SeekCluster(drive, info, index);

@@ -11,13 +11,13 @@ namespace brenlow {
 
 struct TFATInfo {
   int SectorsPerCluster = 0;
-  int FATCount = 0;                      ///< 2 if the boot sector says exactly 2, otherwise 1
-  std::uint32_t FATFirstSector = 0;      ///< reserved sectors, relative to the volume
-  std::uint32_t FATSize = 0;             ///< sectors of one table
-  std::uint32_t RootDirFirstSector = 0;  ///< relative to the volume
-  std::uint32_t RootDirFirstCluster = 0; ///< FAT32 only
-  std::uint32_t RootDirMaxFiles = 0;     ///< root entries of FAT12 and FAT16; 0 on FAT32
-  std::uint32_t DataFirstSector = 0;     ///< sector of cluster 2, relative to the volume
+  int FATCount = 0;                       ///< 2 if the boot sector says exactly 2, otherwise 1
+  std::uint32_t FATFirstSector = 0;       ///< reserved sectors, relative to the volume
+  std::uint32_t FATSize = 0;              ///< sectors of one table
+  std::uint32_t RootDirFirstSector = 0;   ///< relative to the volume
+  std::uint32_t RootDirFirstCluster = 0;  ///< FAT32 only
+  std::uint32_t RootDirMaxFiles = 0;      ///< root entries of FAT12 and FAT16; 0 on FAT32
+  std::uint32_t DataFirstSector = 0;      ///< sector of cluster 2, relative to the volume
   /// One entry per cluster, index = cluster number; entries 0 and 1 stay 0.
   TLongWordDynArray FATTable;
   /// One bit per entry of `FATTable`, set where the entry is 0: lets the search for free

@@ -16,7 +16,7 @@
 namespace brenlow::fat {
 namespace {
 
-constexpr std::int64_t ScanReadSize = 1 << 20;   // bytes
+constexpr std::int64_t ScanReadSize = 1 << 20;     // bytes
 constexpr std::int64_t BeyondLastFile = 64 << 20;  // bytes searched behind the last file known
 
 /// The checksum that the pieces of a long name carry of their 8.3 name.
@@ -49,7 +49,8 @@ std::int64_t TFolderWalk::LastSearchedCluster() const {
 
 /// A volume may claim more than its source holds.
 std::int64_t TFolderWalk::LastReadableCluster() const {
-  const std::int64_t sectors = FEngine.Reader().DeviceSectors(FDrive) - FDrive.FirstSector - FDrive.FATInfo.DataFirstSector;
+  const std::int64_t sectors =
+      FEngine.Reader().DeviceSectors(FDrive) - FDrive.FirstSector - FDrive.FATInfo.DataFirstSector;
   return sectors <= 0 ? 0 : sectors / FDrive.FATInfo.SectorsPerCluster + 2;
 }
 
@@ -63,7 +64,8 @@ std::int64_t TFolderWalk::LostFolderSearchSize() const {
 void TFolderWalk::FindLostFolders(bool wholeVolume) {
   FLost = true;
   const std::int64_t first = 2;
-  const std::int64_t last = std::min(wholeVolume ? ClusterRoom(FDrive) + 1 : LastSearchedCluster(), LastReadableCluster());
+  const std::int64_t last =
+      std::min(wholeVolume ? ClusterRoom(FDrive) + 1 : LastSearchedCluster(), LastReadableCluster());
   const auto most = static_cast<std::uint32_t>(std::max<std::int64_t>(ScanReadSize / ClusterBytes(FDrive), 1));
   const bool noTable = FDrive.FATInfo.FATTable.empty();
   TByteDynArray bytes;
@@ -87,8 +89,7 @@ void TFolderWalk::ScanFreeRun(std::uint32_t first, std::uint32_t count, TByteDyn
   const int perCluster = FDrive.FATInfo.SectorsPerCluster;
   const std::int64_t sector = FDrive.FirstSector + ClusterSector(FDrive, first);
   bytes.resize(count * clusterBytes);
-  std::size_t got =
-      FEngine.Reader().ReadDriveSectors(FDrive, bytes.data(), sector, std::int64_t{count} * perCluster);
+  std::size_t got = FEngine.Reader().ReadDriveSectors(FDrive, bytes.data(), sector, std::int64_t{count} * perCluster);
   if (got < bytes.size()) {
     // Somewhere in the run a sector cannot be read: the rest of it may be sound.
     for (std::uint32_t i = static_cast<std::uint32_t>(got / clusterBytes); i < count && FEngine.Analysing; ++i) {

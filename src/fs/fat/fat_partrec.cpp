@@ -111,7 +111,9 @@ void TFAT::LearnClusterSize(TDriveInfo& drive, int driveNumber, std::span<const 
 void TFAT::PartRecAnalyseForNewDrive(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
                                      std::int64_t sectorNumber) {
   TDrives& drives = FEngine.Drives();
-  if (drives.IsWrongNumber(driveNumber) || !IsFolderStart(drives.List[static_cast<std::size_t>(driveNumber)], buffer, start, false)) return;
+  if (drives.IsWrongNumber(driveNumber) ||
+      !IsFolderStart(drives.List[static_cast<std::size_t>(driveNumber)], buffer, start, false))
+    return;
   const std::uint16_t ownLowHalf = ReadLe16(buffer, start + 26);
   const std::int64_t absolute = drives.List[static_cast<std::size_t>(driveNumber)].FirstSector + sectorNumber;
   for (std::size_t i = drives.PartRecInfo.FoundDrives.size(); i-- > 0;) {

@@ -147,12 +147,13 @@ bool TFAT::ReadBootSector(TDriveInfo& drive, std::int64_t sector, bool fillTable
     info.RootDirFirstCluster = 0;
     info.RootDirMaxFiles = ReadLe16(boot, RootEntriesAt);
     info.RootDirFirstSector = info.FATSize * tables + info.FATFirstSector;
-    info.DataFirstSector = info.RootDirFirstSector +
-                           static_cast<std::uint32_t>(CeilDiv(std::int64_t{info.RootDirMaxFiles} * 32, drive.BytesPerSector));
+    info.DataFirstSector =
+        info.RootDirFirstSector +
+        static_cast<std::uint32_t>(CeilDiv(std::int64_t{info.RootDirMaxFiles} * 32, drive.BytesPerSector));
     if (drive.FileSystem == TFileSystem::fsUnknown) {
       drive.FileSystem = drive.DefaultSystem =
-          WidthBySum(static_cast<double>(drive.SectorsCount), info.FATFirstSector, static_cast<double>(tables) * info.FATSize,
-                     info.SectorsPerCluster);
+          WidthBySum(static_cast<double>(drive.SectorsCount), info.FATFirstSector,
+                     static_cast<double>(tables) * info.FATSize, info.SectorsPerCluster);
     }
     // The published rule counts clusters without the tables and the root. Where the sum says
     // FAT16 but 16-bit entries for all clusters would not fit in the table, it is that rule's FAT12.

@@ -2,7 +2,6 @@
 #include "fs/fat/fat_walk.h"
 
 #include <algorithm>
-#include <unordered_set>
 
 #include "analysis/files.h"
 #include "core/drives.h"
@@ -54,9 +53,8 @@ void TFolderWalk::WalkWaiting(bool publishProgress) {
     WalkFolder(cluster);
     if (publishProgress) {
       // The total is not known: each folder takes its share of what is left.
-      FPosition = FWaitingClusters.empty()
-                      ? 1.0
-                      : (1 - FPosition) / static_cast<double>(FWaitingClusters.size()) + FPosition;
+      FPosition =
+          FWaitingClusters.empty() ? 1.0 : (1 - FPosition) / static_cast<double>(FWaitingClusters.size()) + FPosition;
       FEngine.AnalyseProgress(FPosition);
       FEngine.Pump();
     }
@@ -64,16 +62,16 @@ void TFolderWalk::WalkWaiting(bool publishProgress) {
   }
 }
 
-/// Reads adjacent clusters of a chain, `most` at the most. The result is their count; where one
-/// request fails, the clusters are read one by one up to the first that cannot be read.
-std::uint32_t TFolderWalk::ReadChain(std::uint32_t cluster, std::uint32_t most, TByteDynArray& bytes) {
+/// Reads adjacent clusters of a chain. The result is their count; where one request fails, the
+/// clusters are read one by one up to the first that cannot be read. Each cluster belongs to one
+/// folder: a chain ends where it runs into a cluster that was walked already.
+std::uint32_t TFolderWalk::ReadChain(std::uint32_t cluster, TByteDynArray& bytes) {
   const std::int64_t clusterBytes = ClusterBytes(FDrive);
   const int perCluster = FDrive.FATInfo.SectorsPerCluster;
   if (!IsInside(FDrive, cluster)) return 0;
   const auto limit = static_cast<std::uint32_t>(std::max<std::int64_t>(ChainReadSize / clusterBytes, 1));
   std::uint32_t count = 1;
-  while (count < std::min(limit, most) && NextCluster(FDrive, cluster + count - 1) == cluster + count &&
-         IsInside(FDrive, cluster + count)) {
+  while (count < limit && NextCluster(FDrive, cluster + count - 1) == cluster + count && MarkKnown(cluster + count)) {
     ++count;
   }
   bytes.resize(static_cast<std::size_t>(count * clusterBytes));
@@ -87,8 +85,8 @@ std::uint32_t TFolderWalk::ReadChain(std::uint32_t cluster, std::uint32_t most, 
   std::uint32_t good = 0;
   std::size_t filled = 0;
   for (; good < count; ++good) {
-    const std::uint32_t piece = FEngine.Reader().ReadDriveSectors(
-        FDrive, bytes.data() + filled, sector + std::int64_t{good} * perCluster, perCluster);
+    const std::uint32_t piece = FEngine.Reader().ReadDriveSectors(FDrive, bytes.data() + filled,
+                                                                  sector + std::int64_t{good} * perCluster, perCluster);
     filled += piece;
     if (piece < clusterBytes) break;
   }
@@ -101,7 +99,7 @@ bool TFolderWalk::WalkFolder(std::uint32_t cluster, std::span<const std::uint8_t
   TByteDynArray bytes;
   std::uint32_t count = 1;
   if (firstCluster.empty()) {
-    count = ReadChain(cluster, MaxFolderClusters, bytes);
+    count = ReadChain(cluster, bytes);
     if (count == 0) return false;
   } else {
     bytes.assign(firstCluster.begin(), firstCluster.end());
@@ -112,8 +110,7 @@ bool TFolderWalk::WalkFolder(std::uint32_t cluster, std::span<const std::uint8_t
 
   std::uint32_t current = cluster;
   std::uint32_t walked = 0;
-  std::unordered_set<std::uint32_t> seen;  // a chain may loop
-  while (count > 0 && walked <= MaxFolderClusters && seen.insert(current).second) {
+  while (count > 0 && walked <= MaxFolderClusters) {
     const TStep step = WalkCluster(bytes, walked == 0 && !isRoot, ClusterSector(FDrive, current));
     if (step == TStep::Stop) FStopped = true;
     if (step == TStep::Stop || step == TStep::FolderDone) return true;
@@ -126,8 +123,9 @@ bool TFolderWalk::WalkFolder(std::uint32_t cluster, std::span<const std::uint8_t
       }
       return true;
     }
+    if (!MarkKnown(next)) return true;
     current = next;
-    count = ReadChain(current, MaxFolderClusters, bytes);
+    count = ReadChain(current, bytes);
   }
   return true;
 }
@@ -151,8 +149,8 @@ TFolderWalk::TStep TFolderWalk::WalkCluster(std::span<const std::uint8_t> bytes,
                                             std::int64_t firstSector) {
   const auto sectorSize = static_cast<std::size_t>(FDrive.BytesPerSector);
   for (std::size_t at = 0; at + sectorSize <= bytes.size(); at += sectorSize) {
-    const TStep step =
-        WalkSector(bytes.subspan(at, sectorSize), skipDots && at == 0, firstSector + static_cast<std::int64_t>(at / sectorSize));
+    const TStep step = WalkSector(bytes.subspan(at, sectorSize), skipDots && at == 0,
+                                  firstSector + static_cast<std::int64_t>(at / sectorSize));
     if (step == TStep::Stop) return step;
     if (FParser.LastWasAllZero()) return TStep::FolderDone;
   }

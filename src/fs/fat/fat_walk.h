@@ -52,8 +52,8 @@ class TFolderWalk {
  private:
   /// A deleted folder whose chain is gone before its end mark was met.
   struct TUnfinished {
-    std::int64_t Parent = 0;        // the number under which its entries are entered
-    std::uint32_t LastCluster = 0;  // the last cluster known to be its own
+    std::int64_t Parent = 0;             // the number under which its entries are entered
+    std::uint32_t LastCluster = 0;       // the last cluster known to be its own
     std::optional<TEntryParser> Pieces;  // a long name cut off at the end of that cluster
   };
   enum class TStep { GoOn, SectorDone, FolderDone, Stop };
@@ -63,7 +63,7 @@ class TFolderWalk {
   void Enter(TFileInfo& info);
   void Queue(TFileInfo& info);
   bool FindDeletedFolderCluster(TFileInfo& info);
-  std::uint32_t ReadChain(std::uint32_t cluster, std::uint32_t most, TByteDynArray& bytes);
+  std::uint32_t ReadChain(std::uint32_t cluster, TByteDynArray& bytes);
 
   bool MarkKnown(std::uint32_t cluster);
   bool IsKnown(std::uint32_t cluster) const;
@@ -88,7 +88,7 @@ class TFolderWalk {
   bool FAnyLiveEntry = false;
   std::uint32_t FHighestCluster = 0;  // that any entry points to
   std::deque<std::uint32_t> FWaitingClusters;
-  std::vector<std::uint64_t> FKnownClusters;  // folders queued or analysed, one bit a cluster
+  std::vector<std::uint64_t> FKnownClusters;  // of folders queued or analysed, one bit a cluster
   std::vector<TUnfinished> FUnfinished;
   double FPosition = 0;
 };

@@ -62,7 +62,8 @@ int CountFound(const std::vector<TTruthLine>& truth, const std::string& walk, bo
 }
 
 int Count(const std::vector<TTruthLine>& truth, bool live) {
-  return static_cast<int>(std::count_if(truth.begin(), truth.end(), [&](const TTruthLine& l) { return l.Live == live; }));
+  return static_cast<int>(
+      std::count_if(truth.begin(), truth.end(), [&](const TTruthLine& l) { return l.Live == live; }));
 }
 
 TDriverSpecimen SpecimenOf(int width) {
@@ -133,7 +134,8 @@ TEST_CASE("a quick format leaves the folders: they come back under lost and foun
   // What a quick format does: both tables anew, the root's first cluster empty.
   const auto tableSectors = static_cast<std::size_t>(image[36] | image[37] << 8);
   const std::size_t begin = 32 * 512;
-  std::fill(image.begin() + static_cast<std::ptrdiff_t>(begin), image.begin() + static_cast<std::ptrdiff_t>(begin + (2 * tableSectors + 1) * 512), std::uint8_t{0});
+  std::fill(image.begin() + static_cast<std::ptrdiff_t>(begin),
+            image.begin() + static_cast<std::ptrdiff_t>(begin + (2 * tableSectors + 1) * 512), std::uint8_t{0});
   for (const std::size_t table : {begin, begin + tableSectors * 512}) {
     for (const std::size_t entry : {0U, 1U, 2U}) {
       for (std::size_t i = 0; i < 4; ++i) image[table + entry * 4 + i] = i < 3 ? 0xFF : 0x0F;

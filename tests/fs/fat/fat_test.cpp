@@ -45,9 +45,7 @@ struct TFixture {
   }
 };
 
-TFatShape Fat32Shape(int sectors, int perCluster = 1) {
-  return {32, 512, perCluster, 32, 2, 0, sectors};
-}
+TFatShape Fat32Shape(int sectors, int perCluster = 1) { return {32, 512, perCluster, 32, 2, 0, sectors}; }
 
 std::string Cluster(char c, std::size_t size = 512) { return std::string(size, c); }
 
@@ -64,7 +62,7 @@ TEST_CASE("recognition: the few things that are tested") {
     return driver.IsPartition(changed.Image, 0);
   };
   CHECK_FALSE(with(11, 0));
-  CHECK_FALSE(with(11, 768));   // a multiple of 512, but no power of two
+  CHECK_FALSE(with(11, 768));  // a multiple of 512, but no power of two
   CHECK_FALSE(with(11, 1536));
   CHECK(with(11, 4096));
   CHECK_FALSE(with(510, 0x55));
@@ -76,7 +74,7 @@ TEST_CASE("recognition: the few things that are tested") {
   CHECK_FALSE(driver.IsPartition(fat.Image, fat.Image.size() + 1));
 }
 
-TEST_CASE("FAT12 or FAT16: the sum adds the tables; the table's own size corrects it") {
+TEST_CASE("FAT12 or FAT16: the sum adds the tables, the table's own size corrects it") {
   TEngine engine;
   TFatShape shape{12, 512, 1, 1, 2, 512, 4085 + 1 - 26};
   TFatBuilder fat(shape);
@@ -109,12 +107,16 @@ TEST_CASE("entries: states, names, times") {
   fat.PutEntry(at += 32, {"LIVE    TXT", 0x21, 5, 3});
   fat.Chain({5});
   fat.PutEntry(at += 32, {"EMPTY   TXT", 0x20, 0, 0});
-  fat.PutEntry(at += 32, {"NOPLACE TXT", 0x20, 0, 1});       // says live, the table says no
-  fat.PutEntry(at += 32, {"\xE5" "ELETED TXT", 0x20, 7, 4});
-  fat.PutEntry(at += 32, {"\x05" "ANJI   TXT", 0x20, 0, 0});  // 0x05 stands for 0xE5
+  fat.PutEntry(at += 32, {"NOPLACE TXT", 0x20, 0, 1});  // says live, the table says no
+  fat.PutEntry(at += 32, {"\xE5"
+                          "ELETED TXT",
+                          0x20, 7, 4});
+  fat.PutEntry(at += 32, {"\x05"
+                          "ANJI   TXT",
+                          0x20, 0, 0});  // 0x05 stands for 0xE5
   fat.PutEntry(at += 32, {"lower   TXT", 0x20, 0, 0, 0x10});
   fat.PutEntry(at += 32, {"SMALL   TXT", 0x20, 0, 0, 0x18});
-  fat.PutEntry(at += 32, {"UTF8\xC2\xAA   X  ", 0x20, 0, 0});    // 0xAA would be U+00AC on page 437
+  fat.PutEntry(at += 32, {"UTF8\xC2\xAA   X  ", 0x20, 0, 0});  // 0xAA would be U+00AC on page 437
   fat.PutEntry(at += 32, {"NODOT      ", 0x20, 0, 0});
   at += fat.PutLongEntry(at + 32, u"A long name, Фото 🎉.jpeg", {"ALONGN~1JPE", 0x20, 0, 0});
   at += fat.PutLongEntry(at + 32, u"deleted long name.txt", {"DELETE~1TXT", 0x20, 0, 0}, true);
@@ -178,7 +180,9 @@ TEST_CASE("times with hundredths and impossible dates") {
 
 TEST_CASE("deleted files are followed through free clusters, wrapping at the end") {
   TFatBuilder fat(TFatShape{});
-  fat.PutEntry(fat.RootAt(), {"\xE5" "GAP    BIN", 0x20, 5, 1536});
+  fat.PutEntry(fat.RootAt(), {"\xE5"
+                              "GAP    BIN",
+                              0x20, 5, 1536});
   fat.PutEntry(fat.RootAt() + 32, {"USED    BIN", 0x20, 6, 1024});
   fat.Chain({6, 7});
   fat.Fill(5, Cluster('a'));
@@ -224,13 +228,16 @@ TEST_CASE("folders: deleted ones, loops, shared clusters, garbage in a sector") 
   TFatBuilder fat(TFatShape{});
   const std::size_t root = fat.RootAt();
   fat.PutEntry(root, {"DIR        ", 0x10, 5});
-  fat.PutEntry(root + 32, {"\xE5" "ELDIR     ", 0x10, 8});
+  fat.PutEntry(root + 32, {"\xE5"
+                           "ELDIR     ",
+                           0x10, 8});
   fat.PutEntry(root + 64, {"SELF       ", 0x10, 9});
   fat.PutEntry(root + 96, {"NODIR      ", 0x10, 12});  // no dots there: listed, not walked
   fat.Chain({5, 6});
   fat.Link(6, 5);  // the chain loops
   fat.PutDots(5, 0);
-  for (std::size_t i = 2; i < 16; ++i) fat.PutEntry(fat.ClusterAt(5) + i * 32, {"F" + std::to_string(10 + i) + "     TXT", 0x20});
+  for (std::size_t i = 2; i < 16; ++i)
+    fat.PutEntry(fat.ClusterAt(5) + i * 32, {"F" + std::to_string(10 + i) + "     TXT", 0x20});
   fat.PutEntry(fat.ClusterAt(6), {"IN6     TXT", 0x20});
   fat.PutEntry(fat.ClusterAt(6) + 32, {".          ", 0x20});  // ends its sector only
   fat.PutEntry(fat.ClusterAt(6) + 64, {"HIDDEN  TXT", 0x20});
@@ -253,13 +260,37 @@ TEST_CASE("folders: deleted ones, loops, shared clusters, garbage in a sector") 
   CHECK(walk.find("NODIR/\n") != std::string::npos);
 }
 
+TEST_CASE("a thousand folders whose chains run into one another cost no more than their clusters") {
+  TFatBuilder fat(TFatShape{16, 512, 1, 1, 2, 512, 16384});
+  constexpr std::uint32_t shared = 5000;
+  constexpr std::uint32_t length = 4000;
+  std::vector<std::uint32_t> chain;
+  for (std::uint32_t i = 0; i < length; ++i) chain.push_back(shared + i);
+  fat.Chain(chain);
+  for (std::uint32_t i = 0; i < length; ++i) {
+    for (std::size_t e = 0; e < 16; ++e) fat.PutEntry(fat.ClusterAt(shared + i) + e * 32, {"ENTRY   TXT", 0x20});
+  }
+  for (std::uint32_t i = 0; i < 500; ++i) {
+    fat.PutEntry(fat.RootAt() + i * 32, {"D" + std::to_string(1000 + i) + "      ", 0x10, 10 + i});
+    fat.PutDots(10 + i, 0);
+    for (std::size_t e = 2; e < 16; ++e) fat.PutEntry(fat.ClusterAt(10 + i) + e * 32, {"OWN     TXT", 0x20});
+    fat.Link(10 + i, shared);
+  }
+  TFixture t(fat);
+  CHECK(t.Engine.Files().List.size() == 500 + 500 * 14 + length * 16);
+}
+
 TEST_CASE("FAT32: a wiped high half of a deleted folder is found again") {
   TFatBuilder fat(Fat32Shape(140000));
   const std::uint32_t folder = 66000;
-  fat.PutEntry(fat.ClusterAt(2), {"\xE5" "ELDIR     ", 0x10, folder & 0xFFFF});
+  fat.PutEntry(fat.ClusterAt(2), {"\xE5"
+                                  "ELDIR     ",
+                                  0x10, folder & 0xFFFF});
   fat.PutEntry(fat.ClusterAt(2) + 32, {"KEEP    TXT", 0x20, 0, 0});
   fat.PutDots(folder, 0);
-  fat.PutEntry(fat.ClusterAt(folder) + 64, {"\xE5" "NSIDE  TXT", 0x20, 0, 0});
+  fat.PutEntry(fat.ClusterAt(folder) + 64, {"\xE5"
+                                            "NSIDE  TXT",
+                                            0x20, 0, 0});
   TFixture t(fat);
   CHECK(t.Walk().find("?ELDIR/?NSIDE.TXT 0 deleted") != std::string::npos);
   CHECK(t.File(u"?ELDIR").FileInfo.FirstCluster == folder);
@@ -287,10 +318,10 @@ TEST_CASE("FAT32: candidates for the first cluster of a deleted file") {
   }
   SUBCASE("without one: behind free space or a chain's end, and all free") {
     deleted(0, "TEXT    TXT", 1000, 1024);
-    fat.Link(1001, fat.EndMark());                                // k = 0: in use
-    fat.Link(999 + 65536, 1000 + 65536);                          // k = 1: in the middle of a chain
+    fat.Link(1001, fat.EndMark());        // k = 0: in use
+    fat.Link(999 + 65536, 1000 + 65536);  // k = 1: in the middle of a chain
     fat.Link(1000 + 65536, 0);
-    fat.Fill(1000 + 2 * 65536, "here it is");                     // k = 2: free
+    fat.Fill(1000 + 2 * 65536, "here it is");  // k = 2: free
     TFixture t(fat);
     CHECK(t.Data(u"?EXT.TXT").starts_with("here it is"));
     CHECK(bool{t.File(u"?EXT.TXT").FileInfo.FirstClustersChanged});
@@ -302,7 +333,9 @@ TEST_CASE("FAT32: candidates for the first cluster of a deleted file") {
     SUBCASE("blank") {}
     SUBCASE("kept") {
       fat.Fill(1000 + 65536, "something else");
-      fat.PutEntry(root + 64, {"\xE5" "IGH    TXT", 0x20, 70000, 5});
+      fat.PutEntry(root + 64, {"\xE5"
+                               "IGH    TXT",
+                               0x20, 70000, 5});
     }
     fat.PutEntry(root + 32, {"KEEP    TXT", 0x20, 0, 0});
     TFixture t(fat);
@@ -356,7 +389,8 @@ TEST_CASE("partition search: cluster size from two folders, then the waiting one
   const int sub = engine.Drives().PartRecAddSubdrive(number, TFileSystem::fsFAT16);
   for (const std::uint32_t folder : {10U, 30U, 31U}) {
     const std::size_t at = fat.ClusterAt(folder);
-    engine.FAT().PartRecAnalyseSector(std::span(fat.Image).subspan(at, 2048), 0, sub, static_cast<std::int64_t>(at / 512));
+    engine.FAT().PartRecAnalyseSector(std::span(fat.Image).subspan(at, 2048), 0, sub,
+                                      static_cast<std::int64_t>(at / 512));
   }
   const TFATInfo& info = DriveOf(engine, sub).FATInfo;
   CHECK(info.SectorsPerCluster == 4);
