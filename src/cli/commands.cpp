@@ -37,7 +37,7 @@ TString SourceKey(const std::string& path) {
   std::filesystem::path full = std::filesystem::canonical(path, error);
   if (error) full = std::filesystem::absolute(path, error);
   std::string text = full.string();
-  while (text.size() < 4) text = "/" + text;
+  while (text.size() < 4) text.insert(text.begin(), '/');
   return TextFromPath(text);
 }
 

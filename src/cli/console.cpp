@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 
@@ -90,7 +91,7 @@ TStopKey::~TStopKey() { StopTarget = nullptr; }
 bool TStopKey::Pressed() { return StopCount > 0; }
 
 std::string DurationText(double seconds) {
-  const auto whole = static_cast<std::int64_t>(seconds + 0.5);
+  const std::int64_t whole = std::llround(seconds);
   if (whole >= 3600) return fmt::format("{}:{:02}:{:02}", whole / 3600, whole / 60 % 60, whole % 60);
   return fmt::format("{}:{:02}", whole / 60, whole % 60);
 }
