@@ -16,17 +16,8 @@ namespace brenlow {
 namespace {
 
 constexpr std::int64_t ChunkSize = 0x20000;  // bytes; bounds the memory whatever the file's size
-
-/// 0, or the errno.
-int WriteAll(int handle, std::span<const std::uint8_t> bytes) {
-  while (!bytes.empty()) {
-    const ssize_t done = ::write(handle, bytes.data(), bytes.size());
-    if (done < 0 && errno == EINTR) continue;
-    if (done < 0) return errno;
-    bytes = bytes.subspan(static_cast<std::size_t>(done));
-  }
-  return 0;
-}
+// From this size on reading and writing overlap; below, the hand-over costs more than it saves.
+constexpr std::int64_t LargeFile = 1 << 20;  // bytes
 
 bool IsFullTarget(int error) { return error == ENOSPC || error == EDQUOT; }
 
@@ -120,20 +111,26 @@ void TRecovery::WriteFile(const TTreeEntry& entry) {
 TFileOutcome TRecovery::WriteData(TFile& file, THandle& handle, std::string path) {
   const std::int64_t size = file.FileInfo.aSize;
   const std::uint64_t failedReads = FEngine.Reader().FailedReads();
+  const bool large = size >= LargeFile;
   TFileOutcome outcome{TOutcome::Whole, std::move(path), 0, 0, size};
   while (outcome.Written < size) {
     GetFileData(FEngine, FChunk, file, -1, outcome.Written, std::min(ChunkSize, size - outcome.Written));
     if (FChunk.empty()) break;
-    outcome.SystemError = WriteAll(handle.Get(), FChunk);
+    const auto chunkSize = static_cast<std::int64_t>(FChunk.size());
+    outcome.SystemError = large ? FWriter.Write(handle.Get(), FChunk) : WriteAll(handle.Get(), FChunk);
     if (outcome.SystemError != 0) break;
-    outcome.Written += static_cast<std::int64_t>(FChunk.size());
-    FSummary.Bytes += static_cast<std::int64_t>(FChunk.size());
+    outcome.Written += chunkSize;
+    FSummary.Bytes += chunkSize;
     if (OnProgress) OnProgress(FSummary.Bytes);
     FEngine.Pump();
     if (!FEngine.Recovering) {
       FSummary.Stopped = true;
       break;
     }
+  }
+  if (large) {
+    const int error = FWriter.Finish();
+    if (outcome.SystemError == 0) outcome.SystemError = error;
   }
   SetTimes(handle.Get(), file.FileInfo.TimeStamp);
   // A full network target may tell only now.

@@ -10,6 +10,7 @@
 
 #include "analysis/tree_walk.h"
 #include "core/file_records.h"
+#include "recovery/chunk_writer.h"
 #include "recovery/target_tree.h"
 
 namespace brenlow {
@@ -74,6 +75,7 @@ class TRecovery {
   TTargetTree FTarget;
   TRecoverySummary FSummary;
   TByteDynArray FChunk;
+  TChunkWriter FWriter;
 };
 
 }  // namespace brenlow

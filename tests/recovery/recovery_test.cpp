@@ -2,6 +2,7 @@
 #include "recovery/recovery.h"
 
 #include <doctest/doctest.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -146,6 +147,43 @@ TEST_CASE("a stop keeps the files written up to then") {
   CHECK(summary.Files == 1);
   CHECK(ReadFile(t.Target.Path() + "/one.txt").size() == 600);
   CHECK_FALSE(filesystem::exists(t.Target.Path() + "/two.txt"));
+}
+
+TEST_CASE("large files: reading and writing overlap, byte for byte, and a full target is told") {
+  TFatBuilder fat(TFatShape{16, 512, 4, 1, 2, 512, 60000});
+  constexpr std::uint32_t clusters = 2500;  // 5 MB, every second cluster
+  std::vector<std::uint32_t> chain;
+  std::string content;
+  for (std::uint32_t i = 0; i < clusters; ++i) {
+    chain.push_back(10 + 2 * i);
+    std::string piece(2048, static_cast<char>('a' + i % 26));
+    piece.replace(0, 6, std::to_string(100000 + i));
+    fat.Fill(chain.back(), piece);
+    content += piece;
+  }
+  fat.Chain(chain);
+  content.resize(content.size() - 777);
+  fat.PutEntry(fat.RootAt(), {"LARGE   BIN", 0x20, 10, static_cast<std::uint32_t>(content.size())});
+  TFixture t(fat);
+  CHECK(t.Run().Whole == 1);
+  CHECK((ReadFile(t.Target.Path() + "/LARGE.BIN") == content));
+
+  TChunkWriter writer;
+  const THandle full(::open("/dev/full", O_WRONLY));
+  REQUIRE(full.Valid());
+  TByteDynArray chunk(1000, 1);
+  writer.Write(full.Get(), chunk);
+  CHECK(writer.Finish() == ENOSPC);
+  CHECK(writer.Finish() == 0);
+  const THandle fine(::open((t.Target.Path() + "/again").c_str(), O_WRONLY | O_CREAT, 0600));
+  for (int i = 0; i < 50; ++i) {
+    chunk.assign(1000, static_cast<std::uint8_t>(i));
+    CHECK(writer.Write(fine.Get(), chunk) == 0);
+  }
+  CHECK(writer.Finish() == 0);
+  const std::string again = ReadFile(t.Target.Path() + "/again");
+  REQUIRE(again.size() == 50000);
+  for (std::size_t i = 0; i < again.size(); ++i) REQUIRE(again[i] == static_cast<char>(i / 1000));
 }
 
 TEST_CASE("very deep trees are written without exhausting descriptors") {

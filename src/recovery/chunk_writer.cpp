@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "recovery/chunk_writer.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace brenlow {
+
+int WriteAll(int handle, std::span<const std::uint8_t> bytes) {
+  while (!bytes.empty()) {
+    const ssize_t done = ::write(handle, bytes.data(), bytes.size());
+    if (done < 0 && errno == EINTR) continue;
+    if (done < 0) return errno;
+    bytes = bytes.subspan(static_cast<std::size_t>(done));
+  }
+  return 0;
+}
+
+TChunkWriter::~TChunkWriter() {
+  if (!FThread.joinable()) return;
+  {
+    const std::lock_guard lock(FMutex);
+    FEnding = true;
+  }
+  FChanged.notify_all();
+  FThread.join();
+}
+
+int TChunkWriter::Write(int handle, TByteDynArray& chunk) {
+  if (!FThread.joinable()) FThread = std::thread([this] { Run(); });
+  std::unique_lock lock(FMutex);
+  FChanged.wait(lock, [this] { return FJobs.size() < MostChunks || FError != 0; });
+  if (FError != 0) return FError;
+  FJobs.push_back({handle, std::move(chunk)});
+  chunk = TByteDynArray();
+  if (!FSpare.empty()) {
+    chunk = std::move(FSpare.back());
+    FSpare.pop_back();
+  }
+  FChanged.notify_all();
+  return 0;
+}
+
+int TChunkWriter::Finish() {
+  std::unique_lock lock(FMutex);
+  FChanged.wait(lock, [this] { return FJobs.empty() && !FBusy; });
+  return std::exchange(FError, 0);
+}
+
+void TChunkWriter::Run() {
+  std::unique_lock lock(FMutex);
+  for (;;) {
+    FChanged.wait(lock, [this] { return FEnding || !FJobs.empty(); });
+    if (FJobs.empty()) return;
+    TJob job = std::move(FJobs.front());
+    FJobs.pop_front();
+    FBusy = true;
+    const bool skip = FError != 0;
+    lock.unlock();
+    const int error = skip ? 0 : WriteAll(job.Handle, job.Bytes);
+    lock.lock();
+    if (error != 0) FError = error;
+    FSpare.push_back(std::move(job.Bytes));
+    FBusy = false;
+    FChanged.notify_all();
+  }
+}
+
+}  // namespace brenlow
