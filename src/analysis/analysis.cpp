@@ -114,6 +114,16 @@ void GetFileData(TEngine& engine, TByteDynArray& result, TFile& file, int adsNum
   if (!WithDriver(engine, drive.FileSystem, read, false)) result.clear();
 }
 
+bool IsOverwritten(TEngine& engine, const TFile& file) {
+  const int number = file.FileInfo.aDriveNumber;
+  if (engine.Drives().IsWrongNumber(number)) return false;
+  const auto ask = [&](auto& driver) {
+    if constexpr (requires { driver.IsOverwritten(file); }) return driver.IsOverwritten(file);
+    return false;
+  };
+  return WithDriver(engine, Drive(engine, number).FileSystem, ask, false);
+}
+
 void GetFileFragments(TEngine& engine, TFile& file, TFileFragments& result) {
   result.clear();
   if (engine.Drives().IsWrongNumber(file.FileInfo.aDriveNumber)) return;

@@ -31,6 +31,10 @@ void GetDriveFiles(TEngine& engine, TDriveInfo& drive, TFileArray& result, bool 
 void GetFileData(TEngine& engine, TByteDynArray& result, TFile& file, int adsNumber, std::int64_t start,
                  std::int64_t size);
 
+/// True for a deleted file whose place belongs to something else by now: what reads back is hardly
+/// its content.
+bool IsOverwritten(TEngine& engine, const TFile& file);
+
 /// The file's layout in file order; empty when the driver cannot tell.
 void GetFileFragments(TEngine& engine, TFile& file, TFileFragments& result);
 

@@ -7,10 +7,8 @@
 
 #include "analysis/analysis.h"
 #include "analysis/files.h"
-#include "core/drives.h"
 #include "core/engine.h"
 #include "core/sector_reader.h"
-#include "fs/dispatch.h"
 
 namespace brenlow {
 namespace {
@@ -20,16 +18,6 @@ constexpr std::int64_t ChunkSize = 0x20000;  // bytes; bounds the memory whateve
 constexpr std::int64_t LargeFile = 1 << 20;  // bytes
 
 bool IsFullTarget(int error) { return error == ENOSPC || error == EDQUOT; }
-
-bool IsOverwritten(TEngine& engine, const TFile& file) {
-  const int number = file.FileInfo.aDriveNumber;
-  if (engine.Drives().IsWrongNumber(number)) return false;
-  const auto ask = [&](auto& driver) {
-    if constexpr (requires { driver.IsOverwritten(file); }) return driver.IsOverwritten(file);
-    return false;
-  };
-  return WithDriver(engine, engine.Drives().List[static_cast<std::size_t>(number)].FileSystem, ask, false);
-}
 
 class TMeasure final : public ITreeVisitor {
  public:

@@ -208,7 +208,9 @@ bool TFAT::IsOverwritten(const TFile& file) const {
   if (!info.blnDeleted || info.blnFolder || info.aSize <= 0) return false;
   if (FEngine.Drives().IsWrongNumber(info.aDriveNumber)) return false;
   const TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(info.aDriveNumber)];
-  return !drive.FATInfo.FATTable.empty() && !FreeOrBad(drive, info.FirstCluster);
+  const bool highHalfUnknown = IsFAT32(drive) && info.FirstCluster <= 0xFFFF && ClusterRoom(drive) > 0x10000 &&
+                               !info.FirstClustersChanged && !drive.FATInfo.HighHalvesKept;
+  return !highHalfUnknown && !drive.FATInfo.FATTable.empty() && !FreeOrBad(drive, info.FirstCluster);
 }
 
 // ---- first clusters that lost their high half -----------------------------------------------

@@ -1,0 +1,144 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The verbs `drives` and `info`.
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "cli/commands.h"
+#include "cli/json_line.h"
+#include "cli/session.h"
+#include "core/sizes.h"
+#include "core/text.h"
+
+namespace brenlow::cli {
+namespace {
+
+const char* RowType(const TDriveInfo& drive) {
+  if (drive.DriveTypes.Has(TDriveType::dtPhysical)) return "disk";
+  if (drive.ReceivedType == TReceivedType::rtByUnallocatedSpace) return "gap";
+  return "volume";
+}
+
+void PrintDriveRows(TEngine& engine, const TOptions& options) {
+  TOutput output;
+  if (!options.Json) {
+    output.Write(fmt::format("{:>3}  {:6}  {:8}  {:>10}  {:>14}  {}\n", "No.", "Type", "System", "Size", "First sector",
+                             "Name"));
+  }
+  for (int i = 0; i < static_cast<int>(engine.Drives().List.size()); ++i) {
+    const TDriveInfo& drive = Drive(engine, i);
+    if (options.Json) {
+      TJsonLine line;
+      output.Write(line.Number("number", i + 1)
+                       .Text("type", std::string(RowType(drive)))
+                       .TextOrNull("file_system", SystemName(drive))
+                       .Number("size", SizeOf(drive))
+                       .Number("first_sector", drive.FirstSector)
+                       .Number("sectors", drive.SectorsCount)
+                       .Number("sector_size", drive.BytesPerSector)
+                       .Text("source", PathFromText(drive.Drive))
+                       .TextOrNull("label", ToUtf8(drive.VolumeName))
+                       .TextOrNull("serial", ToUtf8(drive.Serial))
+                       .Text("name", drive.Caption)
+                       .Take());
+    } else {
+      const std::string where =
+          drive.DriveTypes.Has(TDriveType::dtPhysical) && !drive.DriveTypes.Has(TDriveType::dtMounted)
+              ? "  " + PathFromText(drive.Drive)
+              : "";
+      output.Write(fmt::format("{:>3}  {:6}  {:8}  {:>10}  {:>14}  {}{}\n", i + 1, RowType(drive), SystemName(drive),
+                               SizeText(SizeOf(drive)), drive.FirstSector, Printable(ToUtf8(drive.Caption)), where));
+    }
+  }
+}
+
+const char* StyleName(PARTITION_STYLE style) {
+  switch (style) {
+    case PARTITION_STYLE::PARTITION_STYLE_MBR:
+      return "MBR";
+    case PARTITION_STYLE::PARTITION_STYLE_GPT:
+      return "GPT";
+    case PARTITION_STYLE::PARTITION_STYLE_APM:
+      return "Apple partition map";
+    default:
+      return "none";
+  }
+}
+
+std::int64_t FreeBytes(const TDriveInfo& drive) { return std::max<std::int64_t>(drive.aFreeSize, 0); }
+
+std::int64_t ClusterSize(const TDriveInfo& drive) {
+  return std::int64_t{drive.FATInfo.SectorsPerCluster} * drive.BytesPerSector;
+}
+
+/// `style` is the partition table of a disk, empty for a volume.
+std::string InfoLine(const TDriveInfo& drive, int number, const std::string& style) {
+  TJsonLine line;
+  line.Number("number", number).Text("type", std::string(RowType(drive))).Text("name", drive.Caption);
+  line.Text("source", PathFromText(drive.Drive)).Number("size", SizeOf(drive));
+  line.Number("sector_size", drive.BytesPerSector);
+  line.Number("first_sector", drive.FirstSector).Number("sectors", drive.SectorsCount);
+  if (!style.empty()) line.Text("partition_table", style);
+  line.TextOrNull("file_system", SystemName(drive));
+  if (drive.FileSystem != TFileSystem::fsUnknown) {
+    line.TextOrNull("label", ToUtf8(drive.VolumeName)).Number("cluster_size", ClusterSize(drive));
+    line.Number("free", FreeBytes(drive));
+    line.Number("used", std::max<std::int64_t>(SizeOf(drive) - FreeBytes(drive), 0));
+  }
+  return line.Take();
+}
+
+std::string InfoText(const TDriveInfo& drive, int number, const std::string& style) {
+  const auto row = [](const char* name, const std::string& value) { return fmt::format("  {:16} {}\n", name, value); };
+  std::string text = fmt::format("Drive {}: {} ({})\n", number, Printable(ToUtf8(drive.Caption)), RowType(drive));
+  text += row("Source", PathFromText(drive.Drive));
+  text += row("Size", fmt::format("{} ({} sectors of {} bytes)", SizeText(SizeOf(drive)), drive.SectorsCount,
+                                  drive.BytesPerSector));
+  if (!style.empty()) return text + row("Partition table", style);
+  text += row("First sector", std::to_string(drive.FirstSector));
+  if (drive.FileSystem == TFileSystem::fsUnknown) return text + row("File system", "not recognised");
+  text += row("File system", SystemName(drive));
+  text += row("Label", drive.VolumeName.empty() ? "-" : Printable(ToUtf8(drive.VolumeName)));
+  text += row("Cluster size", SizeText(ClusterSize(drive)));
+  return text + row("Free", SizeText(FreeBytes(drive)));
+}
+
+}  // namespace
+
+int ListDrives(const TOptions& options) {
+  TEngine engine;
+  if (options.Sources.empty()) {
+    engine.Drives().Fill();
+    if (engine.Drives().List.empty() && !options.Json) {
+      Complain("no disks were found. Image files can be named on the command line.");
+    }
+  }
+  int status = AllDone;
+  for (const std::string& source : options.Sources) {
+    if (MountSource(engine, source) < 0) status = WrongUsage;
+  }
+  if (status != AllDone && engine.Drives().List.empty()) return status;
+  PrintDriveRows(engine, options);
+  return status;
+}
+
+int ShowInfo(const TOptions& options) {
+  TEngine engine;
+  ApplyOptions(engine, options);
+  if (MountSource(engine, options.Source()) < 0) return WrongUsage;
+  if (options.Drive != 0 && engine.Drives().IsWrongNumber(options.Drive - 1)) {
+    Complain(fmt::format("there is no drive {}.", options.Drive));
+    return WrongUsage;
+  }
+  TOutput output;
+  for (int i = 0; i < static_cast<int>(engine.Drives().List.size()); ++i) {
+    if (options.Drive != 0 && i != options.Drive - 1) continue;
+    const bool isDisk = engine.Drives().IsPhysical(i);
+    const std::string style = isDisk ? StyleName(engine.Drives().GetPhysicalPartitionStyle(i)) : "";
+    const TDriveInfo& drive = Drive(engine, i);
+    output.Write(options.Json ? InfoLine(drive, i + 1, style) : InfoText(drive, i + 1, style));
+  }
+  return AllDone;
+}
+
+}  // namespace brenlow::cli

@@ -1,0 +1,115 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The verb `ls`.
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "analysis/analysis.h"
+#include "cli/commands.h"
+#include "cli/file_fields.h"
+#include "cli/selection.h"
+#include "cli/session.h"
+#include "core/datetime.h"
+#include "core/sizes.h"
+#include "core/text.h"
+
+namespace brenlow::cli {
+namespace {
+
+std::string ShortTime(TDateTime time) {
+  std::string text = IsoTime(time).substr(0, 16);
+  if (text.size() == 16) text[10] = ' ';
+  return text;
+}
+
+class TListing final : public ITreeVisitor {
+ public:
+  TListing(TEngine& engine, const TSelection& selection, const TOptions& options, TOutput& output)
+      : FEngine(engine), FSelection(selection), FOptions(options), FOutput(output) {}
+
+  bool File(const TTreeEntry& entry) override {
+    if (!FSelection.Wants(FEngine, entry)) return true;
+    ++Files;
+    Bytes += entry.File->FileInfo.aSize;
+    if (entry.File->FileInfo.blnDeleted || entry.ParentDeleted) ++Deleted;
+    Print(entry);
+    return true;
+  }
+  bool EnterFolder(const TTreeEntry& entry) override {
+    if (!FSelection.Wants(FEngine, entry)) return true;
+    ++Folders;
+    Print(entry);
+    return true;
+  }
+  void LeaveFolder(const TTreeEntry&) override {}
+
+  std::int64_t Files = 0;
+  std::int64_t Folders = 0;
+  std::int64_t Deleted = 0;
+  std::int64_t Bytes = 0;
+
+ private:
+  /// How the state of an entry is marked; empty for what is simply there.
+  const char* Mark(const TTreeEntry& entry) const {
+    if (!entry.File->FileInfo.blnDeleted && !entry.ParentDeleted) return "";
+    return IsOverwritten(FEngine, *entry.File) ? "overwritten" : "deleted";
+  }
+
+  void Print(const TTreeEntry& entry) {
+    const TFileInfo& info = entry.File->FileInfo;
+    if (FOptions.Json) {
+      FOutput.Write(FileFields(entry).Take());
+      return;
+    }
+    const std::string mark = Mark(entry);
+    const std::string name = Printable(ToUtf8(FOptions.Tree ? info.strName : entry.Path)) + (info.blnFolder ? "/" : "");
+    const std::string size = info.blnFolder ? "" : SizeText(info.aSize);
+    if (FOptions.Tree) {
+      FOutput.Write(fmt::format("{:{}}{}{}{}\n", "", 2 + 2 * std::min(entry.Depth, 100), name,
+                                size.empty() ? "" : "  " + size, mark.empty() ? "" : "  [" + mark + "]"));
+    } else {
+      FOutput.Write(fmt::format("{:16}  {:>10}  {:11}  {}\n", ShortTime(info.TimeStamp.dtModified), size, mark, name));
+    }
+  }
+
+  TEngine& FEngine;
+  const TSelection& FSelection;
+  const TOptions& FOptions;
+  TOutput& FOutput;
+};
+
+std::string VolumeTitle(const TDriveInfo& drive, int number) {
+  const std::string label = drive.VolumeName.empty() ? "no label" : "\"" + Printable(ToUtf8(drive.VolumeName)) + "\"";
+  return fmt::format("Drive {}: {} {}, {}", number + 1, SystemName(drive), label, SizeText(SizeOf(drive)));
+}
+
+}  // namespace
+
+int ListFiles(const TOptions& options) {
+  TEngine engine;
+  ApplyOptions(engine, options);
+  if (MountSource(engine, options.Source()) < 0) return WrongUsage;
+  const TStopKey stop(engine);
+  TProgressLine progress;
+  const TAnalysed analysed = Analyse(engine, options, progress);
+  if (analysed.Drives.empty()) return analysed.WrongDrive ? WrongUsage : DoneWithFailures;
+  const TSelection selection(options);
+  TOutput output;
+  for (const int number : analysed.Drives) {
+    TListing listing(engine, selection, options, output);
+    if (!options.Json) output.Write(VolumeTitle(Drive(engine, number), number) + "\n");
+    WalkTree(engine, number, listing);
+    if (!options.Json) {
+      output.Write(fmt::format("{} files in {} folders, {}; {} files deleted\n\n", listing.Files, listing.Folders,
+                               SizeText(listing.Bytes), listing.Deleted));
+    }
+  }
+  if (TStopKey::Pressed()) {
+    output.Flush();
+    Complain("stopped: the listing holds what was found up to then.");
+    return StoppedByUser;
+  }
+  return analysed.AllReadable ? AllDone : DoneWithFailures;
+}
+
+}  // namespace brenlow::cli

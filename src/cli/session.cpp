@@ -1,0 +1,143 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "cli/session.h"
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+
+#include "analysis/analysis.h"
+#include "analysis/files.h"
+#include "core/sector_reader.h"
+#include "core/sizes.h"
+#include "core/text.h"
+#include "fs/fat/fat.h"
+
+namespace brenlow::cli {
+namespace {
+
+/// The key for a path: absolute, and long enough not to be taken for a drive number or letter.
+TString SourceKey(const std::string& path) {
+  std::error_code error;
+  std::filesystem::path full = std::filesystem::canonical(path, error);
+  if (error) full = std::filesystem::absolute(path, error);
+  std::string text = full.string();
+  while (text.size() < 4) text.insert(text.begin(), '/');
+  return TextFromPath(text);
+}
+
+std::string MountComplaint(const std::string& source, const TMountFailure& failure) {
+  if (failure.TooSmall) return source + ": smaller than one sector, so it cannot be a disk or an image of one.";
+  switch (failure.SystemError) {
+    case EACCES:
+    case EPERM:
+      return source + ": permission denied. Reading a device needs administrator rights: try again with sudo.";
+    case EISDIR:
+      return source +
+             ": is a folder. Give the image file, or the device that the folder's volume lies on (see `brenlow-cli "
+             "drives`).";
+    case ENOTBLK:
+      return source + ": is neither a file nor a block device.";
+    case ENOMEDIUM:
+      return source + ": no medium is in the drive.";
+    default:
+      return source + ": " + std::strerror(failure.SystemError) + ".";
+  }
+}
+
+/// Tells of volumes whose file system could not be read after all.
+bool IsReadable(TEngine& engine, int number) {
+  const TDriveInfo& drive = Drive(engine, number);
+  if (drive.Analysed == TAnalyseInformation::aiFull || TStopKey::Pressed()) return true;
+  Complain(fmt::format(
+      "drive {} ({}, {}): its boot sector is damaged and has no usable copy, so its files cannot be listed.",
+      number + 1, SystemName(drive), SizeText(SizeOf(drive))));
+  return false;
+}
+
+}  // namespace
+
+void Complain(const std::string& text) { std::fprintf(stderr, "brenlow-cli: %s\n", text.c_str()); }
+
+int MountSource(TEngine& engine, const std::string& source) {
+  TMountFailure failure;
+  const int number = engine.Drives().Mount(SourceKey(source), false, &failure);
+  if (number < 0) Complain(MountComplaint(source, failure));
+  return number;
+}
+
+void ApplyOptions(TEngine& engine, const TOptions& options) {
+  TFAT& fat = engine.FAT();
+  if (options.LostFolders == "never") fat.LostFolderSearch = TLostFolderSearch::Never;
+  if (options.LostFolders == "always") fat.LostFolderSearch = TLostFolderSearch::Always;
+  if (!fat.SetOemCodePage(options.CodePage)) {
+    Complain(fmt::format("code page {} is not known on this system; 437 is used.", options.CodePage));
+    fat.SetOemCodePage(437);
+  }
+}
+
+std::string SystemName(const TDriveInfo& drive) { return ToUtf8(TDrives::GetSystemNameBySystem(drive.FileSystem)); }
+
+std::int64_t SizeOf(const TDriveInfo& drive) { return drive.SectorsCount * std::max(drive.BytesPerSector, 1); }
+
+namespace {
+
+/// The drives to analyse; empty, with a complaint, when there are none.
+TIntegerDynArray ChooseDrives(TEngine& engine, const TOptions& options, bool& wrongDrive) {
+  TDrives& drives = engine.Drives();
+  wrongDrive = options.Drive != 0 && drives.IsWrongNumber(options.Drive - 1);
+  if (wrongDrive) {
+    Complain(fmt::format("there is no drive {}: `brenlow-cli drives {}` shows what there is.", options.Drive,
+                         options.Source()));
+    return {};
+  }
+  if (options.Drive != 0) return {options.Drive - 1};
+  TIntegerDynArray chosen;
+  for (int i = 0; i < static_cast<int>(drives.List.size()); ++i) {
+    if (drives.CanBeAnalysed(i)) chosen.push_back(i);
+  }
+  if (chosen.empty()) Complain(fmt::format("{}: no known file system was found.", options.Source()));
+  return chosen;
+}
+
+}  // namespace
+
+TAnalysed Analyse(TEngine& engine, const TOptions& options, TProgressLine& progress) {
+  TAnalysed analysed;
+  const TIntegerDynArray chosen = ChooseDrives(engine, options, analysed.WrongDrive);
+  engine.OnMessage = [&](const TEngineMessage& message) {
+    progress.Clear();
+    Complain(ToUtf8(message.Text));
+    analysed.AllReadable = false;
+  };
+  double position = 0;
+  std::uint64_t readBefore = 0;
+  engine.OnAnalyseProgress = [&](double p) { position = p; };
+  engine.OnPump = [&] {
+    progress.Show(position, static_cast<std::int64_t>(engine.Reader().BytesRead() - readBefore),
+                  fmt::format("{} files", engine.Files().FoundCount));
+  };
+  for (const int number : chosen) {
+    progress.Begin(fmt::format("Analysing {}", Printable(ToUtf8(Drive(engine, number).Caption))));
+    readBefore = engine.Reader().BytesRead();
+    AnalyseDrive(engine, number);
+    if (engine.Drives().IsPhysical(number)) {
+      const TIntegerDynArray& subs = Drive(engine, number).SubDrives;
+      analysed.Drives.insert(analysed.Drives.end(), subs.begin(), subs.end());
+      if (subs.empty()) Complain("this disk has no volumes that could be analysed.");
+    } else {
+      analysed.Drives.push_back(number);
+    }
+    if (TStopKey::Pressed()) break;
+  }
+  progress.Clear();
+  for (const int number : analysed.Drives) analysed.AllReadable &= IsReadable(engine, number);
+  engine.OnMessage = nullptr;
+  engine.OnPump = nullptr;
+  engine.OnAnalyseProgress = nullptr;
+  return analysed;
+}
+
+}  // namespace brenlow::cli

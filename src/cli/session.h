@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// What all verbs share: opening the source, analysing it, complaining.
+#pragma once
+
+#include <string>
+
+#include "cli/console.h"
+#include "cli/options.h"
+#include "core/drives.h"
+#include "core/engine.h"
+
+namespace brenlow::cli {
+
+/// A line on standard error, with the program's name.
+void Complain(const std::string& text);
+
+/// Adds a source to the registry; -1 with a complaint when it cannot be read.
+int MountSource(TEngine& engine, const std::string& source);
+
+void ApplyOptions(TEngine& engine, const TOptions& options);
+
+struct TAnalysed {
+  TIntegerDynArray Drives;  ///< that hold the files; empty when there was nothing to analyse
+  bool WrongDrive = false;  ///< there is no drive of the number asked for
+  bool AllReadable = true;  ///< every volume turned out to be what it seemed
+};
+
+/// Analyses what the options name; complains where that fails.
+TAnalysed Analyse(TEngine& engine, const TOptions& options, TProgressLine& progress);
+
+inline TDriveInfo& Drive(TEngine& engine, int number) { return engine.Drives().List[static_cast<std::size_t>(number)]; }
+std::string SystemName(const TDriveInfo& drive);
+std::int64_t SizeOf(const TDriveInfo& drive);
+
+}  // namespace brenlow::cli
