@@ -21,9 +21,10 @@ def long_name(text, number, checksum, last=True):
             struct.pack("<6H", *units[5:11]) + b"\0\0" + struct.pack("<2H", *units[11:]))
 
 
-def volume(width):
-    reserved, tables, entries, total = (32, 2, 0, 400) if width == 32 else (1, 2, 64, 200)
-    size = 4
+def volume(width, total=0, size=4):
+    """A volume with a few entries of each kind; `size` is that of one table, in sectors."""
+    reserved, tables, entries = (32, 2, 0) if width == 32 else (1, 2, 64)
+    total = total or (400 if width == 32 else 200)
     boot = bytearray(512)
     struct.pack_into("<HBHBHHBH", boot, 11, 512, 1, reserved, tables, entries, 0 if width == 32 else total, 0xF8, 0 if width == 32 else size)
     if width == 32:
