@@ -45,16 +45,18 @@ const char* OutcomeName(TOutcome outcome) {
   return "";
 }
 
-void PrintSummary(const TRecoverySummary& summary, const TOptions& options, bool scanStopped) {
+std::string FilesText(std::int64_t count) { return fmt::format("{} {}", count, count == 1 ? "file" : "files"); }
+
+void PrintSummary(const TRecoverySummary& summary, std::int64_t wanted, const TOptions& options, bool scanStopped) {
   std::FILE* out = options.Json ? stderr : stdout;
-  fmt::print(out, "Recovered {} of {} files ({}) to {}; {} of the files were deleted.\n", summary.Whole, summary.Files,
-             SizeText(summary.Bytes), options.Out, summary.DeletedFiles);
+  fmt::print(out, "Recovered {} of {} ({}) to {}; {} of the files written were deleted.\n", summary.Whole,
+             FilesText(wanted), SizeText(summary.Bytes), options.Out, summary.DeletedFiles);
   if (summary.Overwritten > 0) {
-    fmt::print(out, "{} deleted files lie where other files are now: their content is probably not their own.\n",
-               summary.Overwritten);
+    fmt::print(out, "{} overwritten: the place belongs to other files now, so the content is probably not theirs.\n",
+               FilesText(summary.Overwritten));
   }
   if (!summary.Faults.empty()) {
-    fmt::print(out, "{} files are not whole:\n", summary.Faults.size());
+    fmt::print(out, "{} not whole:\n", FilesText(static_cast<std::int64_t>(summary.Faults.size())));
     for (const TFileOutcome& fault : summary.Faults) {
       fmt::print(out, "  {}: {}\n", Printable(fault.Path), FaultText(fault));
     }
@@ -105,11 +107,15 @@ int RecoverFiles(const TOptions& options) {
     Complain(fmt::format("{}: {}.", options.Out, std::strerror(error)));
     return WrongUsage;
   }
-  std::int64_t total = 0;
-  for (const int number : analysed.Drives) total += recovery.Measure(number);
+  TRecoverySize total;
+  for (const int number : analysed.Drives) {
+    const TRecoverySize size = recovery.Measure(number);
+    total.Files += size.Files;
+    total.Bytes += size.Bytes;
+  }
   progress.Begin("Recovering");
   recovery.OnProgress = [&](std::int64_t bytes) {
-    const double position = total > 0 ? static_cast<double>(bytes) / static_cast<double>(total) : 1;
+    const double position = total.Bytes > 0 ? static_cast<double>(bytes) / static_cast<double>(total.Bytes) : 1;
     progress.Show(position, bytes, fmt::format("{} files", recovery.Summary().Files));
   };
   TOutput output;
@@ -134,7 +140,7 @@ int RecoverFiles(const TOptions& options) {
   progress.Clear();
   output.Flush();
   const TRecoverySummary& summary = recovery.Summary();
-  PrintSummary(summary, options, scanStopped);
+  PrintSummary(summary, total.Files, options, scanStopped);
   if (scanStopped || summary.Stopped) return StoppedByUser;
   return summary.Faults.empty() && analysed.AllReadable ? AllDone : DoneWithFailures;
 }

@@ -2,6 +2,7 @@
 #include "cli/session.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -33,6 +34,8 @@ std::string MountComplaint(const std::string& source, const TMountFailure& failu
   switch (failure.SystemError) {
     case EACCES:
     case EPERM:
+      if (::geteuid() == 0)
+        return source + ": permission denied, even to root: a container or a security policy keeps it.";
       return source + ": permission denied. Reading a device needs administrator rights: try again with sudo.";
     case EISDIR:
       return source +

@@ -23,12 +23,14 @@ class TMeasure final : public ITreeVisitor {
  public:
   explicit TMeasure(const TWanted& wanted) : FWanted(wanted) {}
   bool File(const TTreeEntry& entry) override {
-    if (FWanted(entry)) Bytes += entry.File->FileInfo.aSize;
+    if (!FWanted(entry)) return true;
+    ++Size.Files;
+    Size.Bytes += entry.File->FileInfo.aSize;
     return true;
   }
   bool EnterFolder(const TTreeEntry&) override { return true; }
   void LeaveFolder(const TTreeEntry&) override {}
-  std::int64_t Bytes = 0;
+  TRecoverySize Size;
 
  private:
   const TWanted& FWanted;
@@ -60,10 +62,10 @@ class TRecovery::TVisitor final : public ITreeVisitor {
   TRecovery& FRecovery;
 };
 
-std::int64_t TRecovery::Measure(int driveNumber) {
+TRecoverySize TRecovery::Measure(int driveNumber) {
   TMeasure measure(FWanted);
   WalkTree(FEngine, driveNumber, measure);
-  return measure.Bytes;
+  return measure.Size;
 }
 
 void TRecovery::Recover(int driveNumber, TStringView subfolder) {

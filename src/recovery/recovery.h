@@ -33,7 +33,7 @@ struct TFileOutcome {
 };
 
 struct TRecoverySummary {
-  std::int64_t Files = 0;
+  std::int64_t Files = 0;  ///< tried
   std::int64_t Bytes = 0;
   std::int64_t Whole = 0;
   std::int64_t DeletedFiles = 0;
@@ -42,6 +42,12 @@ struct TRecoverySummary {
   std::vector<TFileOutcome> Faults;  ///< every file that is not whole
   bool TargetFull = false;
   bool Stopped = false;
+};
+
+/// What a walk would write.
+struct TRecoverySize {
+  std::int64_t Files = 0;
+  std::int64_t Bytes = 0;
 };
 
 /// Tells whether the walk wants an entry; folders are asked too.
@@ -59,7 +65,7 @@ class TRecovery {
   /// Opens the target. 0, or the errno.
   int SetTarget(const std::string& path) { return FTarget.Open(path); }
   /// Adds up what the walk would write.
-  std::int64_t Measure(int driveNumber);
+  TRecoverySize Measure(int driveNumber);
   /// Writes everything wanted of the drive, in a folder of its own when `subfolder` is not empty.
   void Recover(int driveNumber, TStringView subfolder);
 
