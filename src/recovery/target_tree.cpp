@@ -74,10 +74,11 @@ int TTargetTree::EnsureCreated() {
     for (int number = 1; !level.Handle.Valid(); ++number) {
       if (number > 1) level.Name = NumberedName(wanted, number);
       if (::mkdirat(above.Handle.Get(), level.Name.c_str(), 0777) != 0 && errno != EEXIST) return errno;
-      level.Handle = THandle(OpenFolder(above.Handle.Get(), level.Name));
+      const int handle = OpenFolder(above.Handle.Get(), level.Name);
       // Something else has the name (a file, a link): another name is tried.
-      const bool taken = errno == ENOTDIR || errno == ELOOP;
-      if (!level.Handle.Valid() && (!taken || number == MostNumbers)) return errno;
+      const bool taken = handle < 0 && (errno == ENOTDIR || errno == ELOOP) && number < MostNumbers;
+      if (handle < 0 && !taken) return errno;
+      level.Handle = THandle(handle);
     }
   }
   return 0;
@@ -91,12 +92,13 @@ void TTargetTree::Pop() {
 
 int TTargetTree::CreateFile(TStringView name, THandle& handle, std::string& path) {
   const std::string wanted = SafeName(name);
+  const int error = EnsureCreated();
   path.clear();
   for (std::size_t i = 1; i < std::min(FLevels.size(), MaxDepth); ++i) path += FLevels[i].Name + "/";
+  const std::size_t folderLength = path.size();
   path += wanted;
-  if (const int error = EnsureCreated(); error != 0) return error;
+  if (error != 0) return error;
   TLevel& folder = Current();
-  const std::size_t folderLength = path.size() - wanted.size();
   std::string given = wanted;
   for (;;) {
     handle = THandle(

@@ -119,7 +119,10 @@ TEST_CASE("folders: a link in the way is not entered, a file in the way is passe
   TFixture t(fat);
   TTemporaryFolder elsewhere;
   filesystem::create_directory_symlink(elsewhere.Path(), t.Target.Path() + "/DIR");
+  std::string path;
+  t.Recovery.OnFile = [&](const TTreeEntry&, const TFileOutcome& outcome) { path = outcome.Path; };
   CHECK(t.Run().Whole == 1);
+  CHECK(path == "DIR (2)/INSIDE.TXT");
   CHECK(filesystem::is_empty(elsewhere.Path()));
   CHECK(ReadFile(t.Target.Path() + "/DIR (2)/INSIDE.TXT") == "abc");
   struct stat status {};
