@@ -79,6 +79,7 @@ std::string InfoLine(const TDriveInfo& drive, int number, const std::string& sty
   line.Number("sector_size", drive.BytesPerSector);
   line.Number("first_sector", drive.FirstSector).Number("sectors", drive.SectorsCount);
   if (!style.empty()) line.Text("partition_table", style);
+  line.TextOrNull("partition_type", ToUtf8(TDrives::GetPartitionTypeCaption(drive)));
   line.TextOrNull("file_system", SystemName(drive));
   if (drive.FileSystem != TFileSystem::fsUnknown) {
     line.TextOrNull("label", ToUtf8(drive.VolumeName)).Number("cluster_size", ClusterSize(drive));
@@ -96,6 +97,8 @@ std::string InfoText(const TDriveInfo& drive, int number, const std::string& sty
                                   drive.BytesPerSector));
   if (!style.empty()) return text + row("Partition table", style);
   text += row("First sector", std::to_string(drive.FirstSector));
+  const std::string role = ToUtf8(TDrives::GetPartitionTypeCaption(drive));
+  if (!role.empty()) text += row("Partition", role);
   if (drive.FileSystem == TFileSystem::fsUnknown) return text + row("File system", "not recognised");
   text += row("File system", SystemName(drive));
   text += row("Label", drive.VolumeName.empty() ? "-" : Printable(ToUtf8(drive.VolumeName)));

@@ -473,6 +473,20 @@ TStringView TDrives::GetSystemNameBySystem(TFileSystem system) {
   return index < std::size(names) ? names[index] : TStringView();
 }
 
+TString TDrives::GetPartitionTypeCaption(const TDriveInfo& drive) {
+  using enum TPartitionType;
+  constexpr std::pair<TPartitionType, int> texts[] = {{ptPrimary, 10},     {ptLogical, 11},  {ptBoot, 12},
+                                                      {ptEFI, 13},         {ptReserved, 14}, {ptRecovery, 15},
+                                                      {ptLdmMetadata, 16}, {ptLdmData, 17},  {ptAppleRaid, 18}};
+  TString caption;
+  for (const auto& [type, number] : texts) {
+    if (!drive.PartitionType.Has(type)) continue;
+    if (!caption.empty()) caption += u", ";
+    caption += MessageText("e_Drives", number);
+  }
+  return caption;
+}
+
 PARTITION_STYLE TDrives::GetPhysicalPartitionStyle(int number) const {
   TPhysicalDrive disk;
   if (IsWrongNumber(number)) return PARTITION_STYLE::PARTITION_STYLE_RAW;

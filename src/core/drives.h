@@ -95,6 +95,8 @@ class TDrives {
   /// Looks for a file system at the start of the drive.
   TFileSystem GetSystem(const TDriveInfo& drive);
   static TStringView GetSystemNameBySystem(TFileSystem system);
+  /// The role in the partition table, as "primary, boot"; empty when it has none.
+  static TString GetPartitionTypeCaption(const TDriveInfo& drive);
   TIntegerDynArray GetParentPhysicalDrives(const TDriveInfo& drive) const;
   PARTITION_STYLE GetPhysicalPartitionStyle(int number) const;
   /// Byte-addressed read: exactly `size` bytes with zeros for what cannot be read; empty when

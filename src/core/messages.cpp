@@ -24,6 +24,15 @@ constexpr TText Texts[] = {
     {"e_Drives", 2, u"Volume"},
     {"e_Drives", 3, u"Removable volume"},
     {"e_Drives", 4, u"Partition %d"},
+    {"e_Drives", 10, u"primary"},
+    {"e_Drives", 11, u"logical"},
+    {"e_Drives", 12, u"boot"},
+    {"e_Drives", 13, u"EFI system"},
+    {"e_Drives", 14, u"reserved"},
+    {"e_Drives", 15, u"recovery"},
+    {"e_Drives", 16, u"dynamic disk metadata"},
+    {"e_Drives", 17, u"dynamic disk data"},
+    {"e_Drives", 18, u"Apple RAID"},
 };
 
 }  // namespace

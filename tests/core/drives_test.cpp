@@ -49,6 +49,8 @@ TEST_CASE("mounting a disk lists it, its volumes and its large gaps") {
   CHECK(drives.List[3].FirstSector == 2048 + SectorsOf10MiB);
   CHECK(drives.List[4].FirstSector == 65536 + SectorsOf10MiB);
   CHECK_FALSE(drives.CanBeAnalysed(3));
+  CHECK(TDrives::GetPartitionTypeCaption(drives.List[1]) == u"primary");
+  CHECK(TDrives::GetPartitionTypeCaption(drives.List[3]).empty());
   // The same source twice is one drive.
   CHECK(drives.Mount(u"/test.img", false) == 0);
 }
