@@ -114,6 +114,9 @@ int TDrives::AddTableVolume(const TPhysicalDrive& disk, const TVolume& volume, b
   // Beyond this no byte has an address: garbage.
   const auto mostSectors = static_cast<std::uint64_t>(INT64_MAX / bytesPerSector);
   if (volume.StartingSector > mostSectors || volume.SectorCount > mostSectors - volume.StartingSector) return -1;
+  // A volume of which the source holds nothing: a table of garbage, or the head of an image.
+  if (disk.DiskSize > 0 && volume.StartingSector >= static_cast<std::uint64_t>(disk.DiskSize / bytesPerSector))
+    return -1;
   if (volume.PartitionType.Has(TPartitionType::ptReserved)) return -1;
   const auto start = static_cast<std::int64_t>(volume.StartingSector);
   const bool listed = std::any_of(List.begin(), List.end(), [&](const TDriveInfo& d) {
