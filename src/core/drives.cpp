@@ -2,6 +2,7 @@
 #include "core/drives.h"
 
 #include <algorithm>
+#include <string_view>
 #include <type_traits>
 
 #include "core/device/device.h"
@@ -295,30 +296,68 @@ void TDrives::ResetDefaultInfo(int number) {
 
 // ---- mounting -------------------------------------------------------------------------------
 
-/// Looks for a file system on the whole source, then for partitions; sources without a sector
-/// size of their own are tried with 512 bytes and then with 4096 (disks with native 4 KiB sectors
-/// keep their tables in those units). True when it is one volume.
+/// True when the whole source is one volume; the volume then says how long it is and, where the
+/// source does not, how large its sectors are.
+bool TDrives::IsWholeVolume(TDriveInfo& drive, int statedSectorSize) {
+  const TFileSystem system = GetSystem(drive);
+  if (system == TFileSystem::fsUnknown) return false;
+  TDriveInfo volume = drive;
+  volume.FileSystem = system;
+  if (statedSectorSize == 0) volume.BytesPerSector = 0;
+  volume.SectorsCount = 0;
+  if (!GetInfo(volume, false, true, false) || volume.SectorsCount <= 0) return false;
+  drive = std::move(volume);
+  return true;
+}
+
+/// How many volumes of a disk have a known file system where the table says that they begin.
+int TDrives::CountKnownSystems(const TDriveInfo& drive, const TVolumes& volumes) {
+  int known = 0;
+  TDriveInfo volume = drive;
+  for (const TVolume& entry : volumes) {
+    if (entry.StartingSector >= static_cast<std::uint64_t>(drive.SectorsCount)) continue;
+    volume.FirstSector = static_cast<std::int64_t>(entry.StartingSector);
+    if (GetSystem(volume) != TFileSystem::fsUnknown) ++known;
+  }
+  return known;
+}
+
+/// True where the header of a GPT lies in the second sector of 4096 bytes and not of 512.
+bool TDrives::HasNative4KTable(const TDriveInfo& drive) {
+  constexpr std::string_view signature = "EFI PART";
+  TByteDynArray head(8192);
+  FEngine.Reader().ReadDeviceSectors(drive.Drive, head.data(), 512, 0, 16);
+  const auto isAt = [&](std::ptrdiff_t at) {
+    return std::equal(signature.begin(), signature.end(), head.begin() + at);
+  };
+  return isAt(4096) && !isAt(512);
+}
+
+/// Looks for a file system on the whole source, then for partitions. A source without a sector
+/// size of its own is read with 512 bytes, and with 4096 where that shows more (disks with native
+/// 4 KiB sectors keep their tables in those units). True when it is one volume.
 bool TDrives::DetectWholeSource(TDriveInfo& drive, TPhysicalDrive& disk) {
   const int stated = drive.BytesPerSector;
   const std::int64_t size = drive.SectorsCount * GetBytesPerSector(drive);
-  for (const int bytesPerSector : {stated > 0 ? stated : 512, 4096}) {
+  int most = -1;
+  int chosen = stated > 0 ? stated : HasNative4KTable(drive) ? 4096 : 512;
+  for (const int bytesPerSector : {chosen, 4096}) {
     drive.BytesPerSector = bytesPerSector;
     drive.SectorsCount = size / bytesPerSector;
-    drive.FileSystem = GetSystem(drive);
-    if (drive.FileSystem != TFileSystem::fsUnknown) {
-      // The volume says how long it is and how large its sectors are.
-      if (stated == 0) drive.BytesPerSector = 0;
-      drive.SectorsCount = 0;
-      if (GetInfo(drive, false, true, false) && drive.SectorsCount > 0) return true;
-      drive.FileSystem = TFileSystem::fsUnknown;
-      drive.BytesPerSector = bytesPerSector;
-      drive.SectorsCount = size / bytesPerSector;
+    if (IsWholeVolume(drive, stated)) return true;
+    TPhysicalDrive found;
+    FEngine.Partitions().GetPhysicalDrive(drive, found);
+    const int known = CountKnownSystems(drive, found.Volumes);
+    const bool better = known > most || (disk.Volumes.empty() && !found.Volumes.empty());
+    if (better) {
+      most = known;
+      chosen = bytesPerSector;
+      disk = std::move(found);
     }
-    FEngine.Partitions().GetPhysicalDrive(drive, disk);
-    if (!disk.Volumes.empty() || stated > 0) return false;
+    if (known > 0 || stated > 0) break;
   }
-  drive.BytesPerSector = 512;
-  drive.SectorsCount = size / 512;
+  drive.BytesPerSector = chosen;
+  drive.SectorsCount = size / chosen;
   return false;
 }
 

@@ -132,6 +132,9 @@ class TDrives {
   void AddUnallocatedSpaces(const TPhysicalDrive& disk, TVolumes& volumes) const;
   int AddTableVolume(const TPhysicalDrive& disk, const TVolume& volume, bool unallocated, const TDriveInfo& like);
   void AddPhysicalDrive(const TPhysicalDrive& disk, int& unnamed);
+  bool IsWholeVolume(TDriveInfo& drive, int statedSectorSize);
+  int CountKnownSystems(const TDriveInfo& drive, const TVolumes& volumes);
+  bool HasNative4KTable(const TDriveInfo& drive);
   bool DetectWholeSource(TDriveInfo& drive, TPhysicalDrive& disk);
 
   TEngine& FEngine;

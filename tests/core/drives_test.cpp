@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include <doctest/doctest.h>
 
+#include <string_view>
+
 #include "analysis/analysis.h"
 #include "analysis/files.h"
 #include "core/device/system_disks.h"
@@ -67,6 +69,44 @@ TEST_CASE("small partitions get no row, those with a lost boot sector take the t
       std::find_if(drives.List.begin(), drives.List.end(), [](const TDriveInfo& d) { return d.FirstSector == 30000; });
   REQUIRE(named != drives.List.end());
   CHECK(named->FileSystem == TFileSystem::fsFAT32);
+}
+
+TEST_CASE("an image of a disk with native 4 KiB sectors is understood") {
+  TFatBuilder fat(TFatShape{16, 4096, 1, 1, 2, 512, 8192});
+  fat.PutEntry(fat.RootAt(), {"FILE    TXT", 0x20, 5, 9});
+  fat.Chain({5});
+  fat.Fill(5, "content 4");
+  TImage disk(10000 * 4096);
+  std::copy(fat.Image.begin(), fat.Image.end(), disk.begin() + 256 * 4096);
+  disk[446 + 4] = 0xEE;
+  disk[446 + 8] = 1;
+  const auto put = [&](std::size_t at, std::uint64_t value) {
+    for (std::size_t i = 0; i < 8; ++i) disk[at + i] = static_cast<std::uint8_t>(value >> (8 * i));
+  };
+  put(4096 + 12, 92);
+  put(4096 + 72, 2);
+  put(4096 + 80, (std::uint64_t{128} << 32) | 128);
+  put(2 * 4096, 0x11);
+  put(2 * 4096 + 32, 256);
+  put(2 * 4096 + 40, 256 + 8191);
+  SUBCASE("told by the place of the header, whatever the volumes hold") {
+    std::fill(disk.begin() + 256 * 4096, disk.end(), std::uint8_t{0});
+    constexpr std::string_view signature = "EFI PART";
+    std::copy(signature.begin(), signature.end(), disk.begin() + 4096);
+    TEngine engine;
+    Mount(engine, disk);
+    REQUIRE(engine.Drives().List.size() == 2);
+    CHECK(DriveOf(engine, 1).BytesPerSector == 4096);
+    return;
+  }
+  SUBCASE("told by its volume") {}
+  TEngine engine;
+  Mount(engine, disk);
+  REQUIRE(engine.Drives().List.size() == 2);
+  CHECK(DriveOf(engine, 0).BytesPerSector == 4096);
+  CHECK(DriveOf(engine, 1).FirstSector == 256);
+  AnalyseDrive(engine, 1);
+  CHECK(WalkText(engine, 1).starts_with("FILE.TXT 9 2021"));
 }
 
 TEST_CASE("a disk is analysed as its volumes, and a stop keeps what was found") {

@@ -57,26 +57,38 @@ std::int64_t TFolderWalk::LastReadableCluster() const {
 std::int64_t TFolderWalk::LostFolderSearchSize() const {
   const std::int64_t last = LastSearchedCluster();
   std::int64_t clusters = 0;
-  for (std::int64_t cluster = 2; cluster <= last; ++cluster) clusters += FreeOrBad(FDrive, cluster) ? 1 : 0;
+  for (std::int64_t cluster = 2; cluster <= last; ++cluster) {
+    clusters += FreeOrBad(FDrive, cluster) || IsLastOfChain(cluster) ? 1 : 0;
+  }
   return clusters * ClusterBytes(FDrive);
 }
 
-void TFolderWalk::FindLostFolders(bool wholeVolume) {
+/// True for the last cluster of a chain that is no folder's, if it has room behind its first sector.
+bool TFolderWalk::IsLastOfChain(std::int64_t cluster) const {
+  const TLongWordDynArray& table = FDrive.FATInfo.FATTable;
+  if (FDrive.FATInfo.SectorsPerCluster < 2 || cluster >= static_cast<std::int64_t>(table.size())) return false;
+  return table[static_cast<std::size_t>(cluster)] > BadMark(FDrive) && !IsKnown(static_cast<std::uint32_t>(cluster));
+}
+
+void TFolderWalk::FindLostFolders(bool wholeVolume, bool inSlack) {
   FLost = true;
   const std::int64_t first = 2;
   const std::int64_t last =
       std::min(wholeVolume ? ClusterRoom(FDrive) + 1 : LastSearchedCluster(), LastReadableCluster());
   const auto most = static_cast<std::uint32_t>(std::max<std::int64_t>(ScanReadSize / ClusterBytes(FDrive), 1));
   const bool noTable = FDrive.FATInfo.FATTable.empty();
+  const auto isWanted = [&](std::int64_t cluster) {
+    return noTable || FreeOrBad(FDrive, cluster) || (inSlack && IsLastOfChain(cluster));
+  };
   TByteDynArray bytes;
   for (std::int64_t cluster = first; cluster <= last && !FStopped;) {
     std::uint32_t count = 0;
-    while (count < most && cluster + count <= last && (noTable || FreeOrBad(FDrive, cluster + count))) ++count;
+    while (count < most && cluster + count <= last && isWanted(cluster + count)) ++count;
     if (count == 0) {
       ++cluster;
       continue;
     }
-    ScanFreeRun(static_cast<std::uint32_t>(cluster), count, bytes);
+    ScanRun(static_cast<std::uint32_t>(cluster), count, bytes);
     cluster += count;
     FEngine.AnalyseProgress(static_cast<double>(cluster - first) / static_cast<double>(last - first + 1));
     FEngine.Pump();
@@ -84,7 +96,7 @@ void TFolderWalk::FindLostFolders(bool wholeVolume) {
   }
 }
 
-void TFolderWalk::ScanFreeRun(std::uint32_t first, std::uint32_t count, TByteDynArray& bytes) {
+void TFolderWalk::ScanRun(std::uint32_t first, std::uint32_t count, TByteDynArray& bytes) {
   const auto clusterBytes = static_cast<std::size_t>(ClusterBytes(FDrive));
   const int perCluster = FDrive.FATInfo.SectorsPerCluster;
   const std::int64_t sector = FDrive.FirstSector + ClusterSector(FDrive, first);
@@ -96,26 +108,45 @@ void TFolderWalk::ScanFreeRun(std::uint32_t first, std::uint32_t count, TByteDyn
       std::uint8_t* place = bytes.data() + i * clusterBytes;
       const std::int64_t at = sector + std::int64_t{i} * perCluster;
       if (FEngine.Reader().ReadDriveSectors(FDrive, place, at, perCluster) == clusterBytes) {
-        ExamineFreeCluster(first + i, {place, clusterBytes});
+        ExamineCluster(first + i, {place, clusterBytes});
       }
       FEngine.Pump();
     }
   }
   for (std::size_t at = 0; at + clusterBytes <= got && !FStopped; at += clusterBytes) {
-    ExamineFreeCluster(first + static_cast<std::uint32_t>(at / clusterBytes), {bytes.data() + at, clusterBytes});
+    ExamineCluster(first + static_cast<std::uint32_t>(at / clusterBytes), {bytes.data() + at, clusterBytes});
   }
 }
 
-void TFolderWalk::ExamineFreeCluster(std::uint32_t cluster, std::span<const std::uint8_t> bytes) {
+void TFolderWalk::ExamineCluster(std::uint32_t cluster, std::span<const std::uint8_t> bytes) {
   if (IsKnown(cluster)) return;
-  if (IsFolderStart(FDrive, bytes, 0, false)) {
+  const auto sectorSize = static_cast<std::size_t>(FDrive.BytesPerSector);
+  const bool inUse = IsLastOfChain(cluster);
+  if (!inUse && IsFolderStart(FDrive, bytes, 0, false)) {
     const std::uint32_t own = IsFAT32(FDrive) ? EntryCluster(bytes, 0) : ReadLe16(bytes, 26);
     if (own != cluster || !MarkKnown(cluster)) return;
     WalkFolder(cluster, bytes);
     WalkWaiting(false);
-  } else if (IsContinuation(bytes)) {
-    WalkContinuation(cluster, bytes);
+    return;
   }
+  for (std::size_t at = inUse ? sectorSize : 0; at < bytes.size(); at += sectorSize) {
+    if (!IsContinuation(bytes.subspan(at))) continue;
+    if (at == 0) {
+      WalkContinuation(cluster, bytes);
+    } else {
+      WalkRemains(cluster, bytes.subspan(at), static_cast<std::int64_t>(at / sectorSize));
+    }
+    return;
+  }
+}
+
+/// The last sectors of a folder whose cluster was partly written over.
+void TFolderWalk::WalkRemains(std::uint32_t cluster, std::span<const std::uint8_t> bytes, std::int64_t firstSector) {
+  MarkKnown(cluster);
+  FParser.ClearPieces();
+  FParent = cluster;
+  WalkCluster(bytes, false, ClusterSector(FDrive, cluster) + firstSector);
+  WalkWaiting(false);
 }
 
 bool TFolderWalk::IsContinuation(std::span<const std::uint8_t> bytes) const {

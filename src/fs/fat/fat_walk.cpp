@@ -245,9 +245,10 @@ void TFAT::AnalyseSystem(int driveNumber) {
   walk.WalkWaiting(true);
   const bool formatted = !walk.AnyLiveEntry();
   const bool always = LostFolderSearch == TLostFolderSearch::Always;
-  const bool needed = formatted || walk.HasUnfinishedFolders() || walk.LostFolderSearchSize() <= fat::CheapSearch;
+  const bool cheap = walk.LostFolderSearchSize() <= fat::CheapSearch;
+  const bool needed = formatted || cheap || walk.HasUnfinishedFolders();
   if (FEngine.Analysing && (always || (LostFolderSearch == TLostFolderSearch::WhenNeeded && needed))) {
-    walk.FindLostFolders(always || formatted);
+    walk.FindLostFolders(always || formatted, always || cheap);
   }
   if (FEngine.Analysing) {
     drive.Analysed = TAnalyseInformation::aiFull;

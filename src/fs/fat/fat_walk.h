@@ -40,9 +40,9 @@ class TFolderWalk {
 
   /// Looks through free clusters for folders that no entry leads to, and for the rest of deleted
   /// folders that were longer than one cluster. `wholeVolume`: not only as far as the entries
-  /// found so far point.
-  void FindLostFolders(bool wholeVolume);
-  /// Bytes that this search would read, not on the whole volume.
+  /// found so far point. `inSlack`: also behind the ends of files, in their last clusters.
+  void FindLostFolders(bool wholeVolume, bool inSlack);
+  /// Bytes that this search would read, slack included, not on the whole volume.
   std::int64_t LostFolderSearchSize() const;
 
   bool Stopped() const { return FStopped; }
@@ -67,12 +67,14 @@ class TFolderWalk {
 
   bool MarkKnown(std::uint32_t cluster);
   bool IsKnown(std::uint32_t cluster) const;
-  void ScanFreeRun(std::uint32_t first, std::uint32_t count, TByteDynArray& bytes);
-  void ExamineFreeCluster(std::uint32_t cluster, std::span<const std::uint8_t> bytes);
+  void ScanRun(std::uint32_t first, std::uint32_t count, TByteDynArray& bytes);
+  void ExamineCluster(std::uint32_t cluster, std::span<const std::uint8_t> bytes);
   bool IsContinuation(std::span<const std::uint8_t> bytes) const;
   TUnfinished* OwnerOf(std::uint32_t cluster, std::span<const std::uint8_t> bytes);
   std::int64_t LastSearchedCluster() const;
   std::int64_t LastReadableCluster() const;
+  void WalkRemains(std::uint32_t cluster, std::span<const std::uint8_t> bytes, std::int64_t firstSector);
+  bool IsLastOfChain(std::int64_t cluster) const;
   void AddUnfinished(TUnfinished folder);
   void WalkContinuation(std::uint32_t cluster, std::span<const std::uint8_t> bytes);
 

@@ -280,6 +280,20 @@ TEST_CASE("a thousand folders whose chains run into one another cost no more tha
   CHECK(t.Engine.Files().List.size() == 500 + 500 * 14 + length * 16);
 }
 
+TEST_CASE("the rest of a folder behind the end of a file that took its cluster") {
+  TFatBuilder fat(TFatShape{16, 512, 4, 1, 2, 512, 60000});
+  fat.PutEntry(fat.RootAt(), {"TAKER   BIN", 0x20, 50, 700});
+  fat.Chain({50});
+  fat.Fill(50, std::string(700, 'x'));
+  const std::size_t rest = fat.ClusterAt(50) + 2 * 512;
+  fat.PutLongEntry(rest, u"survivor of the folder.txt", {"SURVIV~1TXT", 0x20, 60, 5}, true);
+  fat.Fill(60, "alive");
+  TFixture t(fat);
+  CHECK(t.Walk().find("Lost and found/Folder 50/survivor of the folder.txt 5 deleted") != std::string::npos);
+  CHECK(t.Data(u"survivor of the folder.txt") == "alive");
+  CHECK(t.Data(u"TAKER.BIN") == std::string(700, 'x'));
+}
+
 TEST_CASE("FAT32: a wiped high half of a deleted folder is found again") {
   TFatBuilder fat(Fat32Shape(140000));
   const std::uint32_t folder = 66000;
