@@ -71,7 +71,8 @@ std::uint32_t TFolderWalk::ReadChain(std::uint32_t cluster, TByteDynArray& bytes
   if (!IsInside(FDrive, cluster)) return 0;
   const auto limit = static_cast<std::uint32_t>(std::max<std::int64_t>(ChainReadSize / clusterBytes, 1));
   std::uint32_t count = 1;
-  while (count < limit && NextCluster(FDrive, cluster + count - 1) == cluster + count && MarkKnown(cluster + count)) {
+  while (count < limit && NextCluster(FDrive, cluster + count - 1) == cluster + count &&
+         IsInside(FDrive, cluster + count) && !IsKnown(cluster + count)) {
     ++count;
   }
   bytes.resize(static_cast<std::size_t>(count * clusterBytes));
@@ -111,6 +112,7 @@ bool TFolderWalk::WalkFolder(std::uint32_t cluster, std::span<const std::uint8_t
   std::uint32_t current = cluster;
   std::uint32_t walked = 0;
   while (count > 0 && walked <= MaxFolderClusters) {
+    for (std::uint32_t i = 0; i < count; ++i) MarkKnown(current + i);
     const TStep step = WalkCluster(bytes, walked == 0 && !isRoot, ClusterSector(FDrive, current));
     if (step == TStep::Stop) FStopped = true;
     if (step == TStep::Stop || step == TStep::FolderDone) return true;
@@ -123,7 +125,7 @@ bool TFolderWalk::WalkFolder(std::uint32_t cluster, std::span<const std::uint8_t
       }
       return true;
     }
-    if (!MarkKnown(next)) return true;
+    if (IsKnown(next)) return true;
     current = next;
     count = ReadChain(current, bytes);
   }

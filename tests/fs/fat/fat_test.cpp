@@ -282,16 +282,21 @@ TEST_CASE("a thousand folders whose chains run into one another cost no more tha
 
 TEST_CASE("the rest of a folder behind the end of a file that took its cluster") {
   TFatBuilder fat(TFatShape{16, 512, 4, 1, 2, 512, 60000});
-  fat.PutEntry(fat.RootAt(), {"TAKER   BIN", 0x20, 50, 700});
-  fat.Chain({50});
+  fat.PutEntry(fat.RootAt(), {"TAKER   BIN", 0x20, 48, 4096 + 700});
+  fat.Chain({48, 49, 50});
+  for (const std::uint32_t cluster : {48U, 49U}) fat.Fill(cluster, std::string(2048, 'x'));
   fat.Fill(50, std::string(700, 'x'));
+  // A deleted folder whose place the file has taken claims nothing of the file's chain.
+  fat.PutEntry(fat.RootAt() + 32, {"\xE5"
+                                   "OLDER     ",
+                                   0x10, 48});
   const std::size_t rest = fat.ClusterAt(50) + 2 * 512;
   fat.PutLongEntry(rest, u"survivor of the folder.txt", {"SURVIV~1TXT", 0x20, 60, 5}, true);
   fat.Fill(60, "alive");
   TFixture t(fat);
   CHECK(t.Walk().find("Lost and found/Folder 50/survivor of the folder.txt 5 deleted") != std::string::npos);
   CHECK(t.Data(u"survivor of the folder.txt") == "alive");
-  CHECK(t.Data(u"TAKER.BIN") == std::string(700, 'x'));
+  CHECK(t.Data(u"TAKER.BIN") == std::string(4096 + 700, 'x'));
 }
 
 TEST_CASE("FAT32: a wiped high half of a deleted folder is found again") {
