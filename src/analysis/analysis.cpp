@@ -32,10 +32,8 @@ void AnalyseDrive(TEngine& engine, int driveNumber) {
   engine.ChangeAnalysingStatus(driveNumber, true);
   const bool physical = drives.IsPhysical(driveNumber);
   if (!drives.IsDiskIn(driveNumber, true)) {
-    engine.ChangeAnalysingStatus(driveNumber, false);
-    return;
-  }
-  if (!physical && !engine.PartRecRunning && !drives.CanBeAnalysed(driveNumber)) {
+    // Without its disk a floppy gives nothing: straight to the end.
+  } else if (!physical && !engine.PartRecRunning && !drives.CanBeAnalysed(driveNumber)) {
     Drive(engine, driveNumber).Analysed = TAnalyseInformation::aiFull;
     engine.ShowMessage("e_Message", 0);
   } else {

@@ -20,6 +20,9 @@ struct TTreeEntry {
   TStringView Path;
   int Depth = 0;               ///< 0 for the drive's top level
   bool ParentDeleted = false;  ///< some folder above is deleted
+
+  /// Deleted itself or with a folder above it.
+  bool Deleted() const { return ParentDeleted || File->FileInfo.blnDeleted; }
 };
 
 /// What a walk does with the entries.

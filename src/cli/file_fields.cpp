@@ -10,7 +10,7 @@ TJsonLine FileFields(const TTreeEntry& entry) {
       .Text("name", info.strName)
       .Number("size", info.aSize)
       .Flag("folder", info.blnFolder)
-      .Flag("deleted", info.blnDeleted || entry.ParentDeleted)
+      .Flag("deleted", entry.Deleted())
       .Flag("deep", info.aDeepAnalyse)
       .Number("drive", info.aDriveNumber + 1)
       .TextOrNull("created", IsoTime(info.TimeStamp.dtCreated))

@@ -31,7 +31,7 @@ class TListing final : public ITreeVisitor {
     if (!FSelection.Wants(FEngine, entry)) return true;
     ++Files;
     Bytes += entry.File->FileInfo.aSize;
-    if (entry.File->FileInfo.blnDeleted || entry.ParentDeleted) ++Deleted;
+    if (entry.Deleted()) ++Deleted;
     Print(entry);
     return true;
   }
@@ -51,7 +51,7 @@ class TListing final : public ITreeVisitor {
  private:
   /// How the state of an entry is marked; empty for what is simply there.
   const char* Mark(const TTreeEntry& entry) const {
-    if (!entry.File->FileInfo.blnDeleted && !entry.ParentDeleted) return "";
+    if (!entry.Deleted()) return "";
     return IsOverwritten(FEngine, *entry.File) ? "overwritten" : "deleted";
   }
 

@@ -25,8 +25,7 @@ TSelection::TSelection(const TOptions& options) : FGlob(options.PathGlob) {
 
 bool TSelection::Wants(TEngine& engine, const TTreeEntry& entry) const {
   if (entry.File->FileInfo.blnFolder && (!FFilter.AllFiles || !FGlob.empty())) return false;
-  const bool deleted = entry.File->FileInfo.blnDeleted || entry.ParentDeleted;
-  if (entry.File->FileInfo.blnFolder && !(deleted ? FFilter.Deleted : FFilter.Existing)) return false;
+  if (entry.File->FileInfo.blnFolder && !(entry.Deleted() ? FFilter.Deleted : FFilter.Existing)) return false;
   if (!engine.Files().IsFiltered(entry.FileNumber, entry.ParentDeleted, FFilter)) return false;
   return FGlob.empty() || MatchesGlob(ToUtf8(entry.Path));
 }

@@ -110,7 +110,12 @@ TIntegerDynArray ChooseDrives(TEngine& engine, const TOptions& options, bool& wr
 TAnalysed Analyse(TEngine& engine, const TOptions& options, TProgressLine& progress) {
   TAnalysed analysed;
   const TIntegerDynArray chosen = ChooseDrives(engine, options, analysed.WrongDrive);
-  engine.OnMessage = [&](const TEngineMessage& message) {
+  std::error_code error;
+  const bool isImage = std::filesystem::is_regular_file(options.Source(), error);
+  engine.OnMessage = [&, isImage](const TEngineMessage& message) {
+    // Rights play no part once an image file is open: it is just empty.
+    constexpr int noRights = 7;
+    if (message.Number == noRights && isImage) return;
     progress.Clear();
     Complain(ToUtf8(message.Text));
     analysed.AllReadable = false;

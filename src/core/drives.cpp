@@ -347,14 +347,13 @@ bool TDrives::DetectWholeSource(TDriveInfo& drive, TPhysicalDrive& disk) {
     if (IsWholeVolume(drive, stated)) return true;
     TPhysicalDrive found;
     FEngine.Partitions().GetPhysicalDrive(drive, found);
-    const int known = CountKnownSystems(drive, found.Volumes);
-    const bool better = known > most || (disk.Volumes.empty() && !found.Volumes.empty());
-    if (better) {
+    const int known = stated > 0 ? 0 : CountKnownSystems(drive, found.Volumes);
+    if (known > most || (disk.Volumes.empty() && !found.Volumes.empty())) {
       most = known;
       chosen = bytesPerSector;
       disk = std::move(found);
     }
-    if (known > 0 || stated > 0) break;
+    if (known > 0 || stated > 0 || bytesPerSector == 4096) break;
   }
   drive.BytesPerSector = chosen;
   drive.SectorsCount = size / chosen;
@@ -394,7 +393,6 @@ int TDrives::Mount(TStringView fileName, bool canAddToTreeView, TMountFailure* f
   SetDefaultInfo(drive);
   const int number = Add(drive, false);
   if (!isVolume) {
-    disk.DiskGeometry.BytesPerSector = static_cast<std::uint32_t>(drive.BytesPerSector);
     TDriveInfo like;
     like.DriveTypes = {TDriveType::dtMounted};
     List[static_cast<std::size_t>(number)].Volumes = AddTableVolumes(disk, like);

@@ -80,7 +80,7 @@ void TRecovery::WriteFile(const TTreeEntry& entry) {
   THandle handle;
   std::string path;
   ++FSummary.Files;
-  if (file.FileInfo.blnDeleted || entry.ParentDeleted) ++FSummary.DeletedFiles;
+  if (entry.Deleted()) ++FSummary.DeletedFiles;
   const int error = FTarget.CreateFile(file.FileInfo.strName, handle, path);
   TFileOutcome outcome;
   if (error != 0) {

@@ -245,12 +245,11 @@ void TFAT::AnalyseSystem(int driveNumber) {
   });
   walk.WalkRoot();
   walk.WalkWaiting(true);
-  const bool formatted = !walk.AnyLiveEntry();
-  const bool always = LostFolderSearch == TLostFolderSearch::Always;
-  const bool cheap = walk.LostFolderSearchSize() <= fat::CheapSearch;
-  const bool needed = formatted || cheap || walk.HasUnfinishedFolders();
-  if (FEngine.Analysing && (always || (LostFolderSearch == TLostFolderSearch::WhenNeeded && needed))) {
-    walk.FindLostFolders(always || formatted, always || cheap);
+  if (FEngine.Analysing && LostFolderSearch != TLostFolderSearch::Never) {
+    const bool always = LostFolderSearch == TLostFolderSearch::Always;
+    const bool formatted = !walk.AnyLiveEntry();
+    const bool cheap = always || walk.LostFolderSearchSize() <= fat::CheapSearch;
+    if (cheap || formatted || walk.HasUnfinishedFolders()) walk.FindLostFolders(always || formatted, cheap);
   }
   if (FEngine.Analysing) {
     drive.Analysed = TAnalyseInformation::aiFull;
