@@ -5,10 +5,11 @@
 #include <chrono>
 
 #include "analysis/files.h"
+#include "analysis/folders.h"
 #include "analysis/signatures.h"
 #include "core/device/device.h"
 #include "core/drives.h"
-#include "core/messages.h"
+#include "core/language.h"
 #include "core/partitions.h"
 #include "core/sector_reader.h"
 #include "fs/dispatch.h"
@@ -27,12 +28,14 @@ std::int64_t SteadyMilliseconds() {
 }  // namespace
 
 TEngine::TEngine()
-    : FDevices(std::make_unique<TDeviceTable>()),
+    : FLanguage(std::make_unique<TLanguage>(TLanguage::English())),
+      FDevices(std::make_unique<TDeviceTable>()),
       FReader(std::make_unique<TSectorReader>(*this)),
       FPartitions(std::make_unique<TPartitionsInfo>(*this)),
       FDrives(std::make_unique<TDrives>(*this)),
       FSignatures(std::make_unique<TFileSignatures>()),
       FFiles(std::make_unique<TFiles>(*this)),
+      FFolders(std::make_unique<TFolders>(*this)),
       FFAT(std::make_unique<TFAT>(*this)) {}
 
 TEngine::~TEngine() = default;
@@ -41,7 +44,7 @@ void TEngine::ChangeAnalysingStatus(int driveNumber, bool status) {
   Analysing = status;
   if (status) {
     FFiles->FoundCount = 0;
-    FFiles->FolderFoundCount = 0;
+    FFolders->FoundCount = 0;
   }
   if (OnChangeAnalysingStatus) OnChangeAnalysingStatus(driveNumber, status);
 }
@@ -50,8 +53,15 @@ void TEngine::AnalyseProgress(double position) {
   if (OnAnalyseProgress) OnAnalyseProgress(position * AnalyseProgressScale + AnalyseProgressBase);
 }
 
-void TEngine::ShowMessage(const char* section, int number) {
-  if (OnMessage) OnMessage({section, number, MessageText(section, number)});
+void TEngine::ShowMessage(TText text) {
+  if (OnMessage) OnMessage({text, (*FLanguage)[text]});
+}
+
+void TEngine::ChangeLanguage(TLanguage language) {
+  *FLanguage = std::move(language);
+  FDrives->UpdateLanguage();
+  FFiles->UpdateLanguage();
+  FFolders->UpdateLanguage();
 }
 
 TFileSystem TEngine::RecogniseFileSystem(std::span<const std::uint8_t> buffer, std::size_t start,

@@ -6,6 +6,7 @@
 #include "analysis/files.h"
 #include "core/drives.h"
 #include "core/engine.h"
+#include "core/language.h"
 #include "fs/dispatch.h"
 
 namespace brenlow {
@@ -35,7 +36,7 @@ void AnalyseDrive(TEngine& engine, int driveNumber) {
     // Without its disk a floppy gives nothing: straight to the end.
   } else if (!physical && !engine.PartRecRunning && !drives.CanBeAnalysed(driveNumber)) {
     Drive(engine, driveNumber).Analysed = TAnalyseInformation::aiFull;
-    engine.ShowMessage("e_Message", 0);
+    engine.ShowMessage(TText::NothingToAnalyse);
   } else {
     drives.DeleteSubdrives(driveNumber);
     engine.Files().Clear(driveNumber, false);
@@ -45,7 +46,7 @@ void AnalyseDrive(TEngine& engine, int driveNumber) {
       AnalyseFileSystem(engine, driveNumber);
     }
   }
-  if (engine.Files().FoundCount == 0 && ::geteuid() != 0) engine.ShowMessage("e_Message", 7);
+  if (engine.Files().FoundCount == 0 && ::geteuid() != 0) engine.ShowMessage(TText::NothingFoundNoRights);
   engine.ChangeAnalysingStatus(driveNumber, false);
   if (engine.OnAnalyseProgress) engine.OnAnalyseProgress(0);
 }
@@ -110,6 +111,29 @@ void GetFileData(TEngine& engine, TByteDynArray& result, TFile& file, int adsNum
     return true;
   };
   if (!WithDriver(engine, drive.FileSystem, read, false)) result.clear();
+}
+
+void FindFirstClusters(TEngine& engine, TFile& file) {
+  const int number = file.FileInfo.aDriveNumber;
+  if (engine.Drives().IsWrongNumber(number) || !file.FileInfo.blnDeleted || file.FileInfo.aDeepAnalyse) return;
+  const auto find = [&](auto& driver) {
+    if constexpr (requires { driver.ChangeFileFirstCluster(file.FileInfo); }) {
+      driver.ChangeFileFirstCluster(file.FileInfo);
+    }
+    return true;
+  };
+  WithDriver(engine, Drive(engine, number).FileSystem, find, false);
+}
+
+void FillADS(TEngine& engine, const TFile& file, TADSDynArray& result) {
+  result.clear();
+  const int number = file.FileInfo.aDriveNumber;
+  if (engine.Drives().IsWrongNumber(number) || file.FileInfo.aDeepAnalyse) return;
+  const auto fill = [&](auto& driver) {
+    if constexpr (requires { driver.FillADS(file, result); }) driver.FillADS(file, result);
+    return true;
+  };
+  WithDriver(engine, Drive(engine, number).FileSystem, fill, false);
 }
 
 bool IsOverwritten(TEngine& engine, const TFile& file) {

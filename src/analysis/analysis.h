@@ -31,6 +31,12 @@ void GetDriveFiles(TEngine& engine, TDriveInfo& drive, TFileArray& result, bool 
 void GetFileData(TEngine& engine, TByteDynArray& result, TFile& file, int adsNumber, std::int64_t start,
                  std::int64_t size);
 
+/// Looks, once a file, for the places where a deleted file may begin (`TFileInfo::FirstClusters`).
+void FindFirstClusters(TEngine& engine, TFile& file);
+
+/// The streams and attributes of a file; empty on file systems that have none.
+void FillADS(TEngine& engine, const TFile& file, TADSDynArray& result);
+
 /// True for a deleted file whose place belongs to something else by now: what reads back is hardly
 /// its content.
 bool IsOverwritten(TEngine& engine, const TFile& file);

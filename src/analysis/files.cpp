@@ -5,9 +5,10 @@
 #include <new>
 
 #include "analysis/file_kinds.h"
+#include "analysis/folders.h"
 #include "core/drives.h"
 #include "core/engine.h"
-#include "core/messages.h"
+#include "core/language.h"
 #include "core/text.h"
 #include "fs/dispatch.h"
 
@@ -40,12 +41,13 @@ int TFiles::Add(const TFileInfo& file, std::int64_t parentCluster, bool& ramFull
     row.DefaultSize = row.aSize;
     if (OnAdded) OnAdded(static_cast<int>(number));
     if (file.blnFolder) drive.FileFirstClusters.push_back(file.FirstCluster);
-    TDrives::AddParentCluster(drive, parentCluster, static_cast<std::uint32_t>(number));
+    TDrives::AddParentCluster(drive, parentCluster, static_cast<std::uint32_t>(number), file.blnFolder);
     ramFull = false;
     if (canIncFoundCount) {
       ++FoundCount;
-      if (file.blnFolder) ++FolderFoundCount;
+      if (file.blnFolder) ++FEngine.Folders().FoundCount;
     }
+    if (file.blnFolder && file.aDeepAnalyse) FEngine.Folders().AddDeep(static_cast<int>(number));
     return static_cast<int>(number);
   } catch (const std::bad_alloc&) {
     return -1;
@@ -94,7 +96,7 @@ void TFiles::DoAfterAnalyse(int driveNumber) {
       folder.FirstCluster = number;
       folder.blnDeleted = true;
       folder.TimeStamp = {Now(), Now(), Now(), 0};
-      const TString name = FormatMessage("e_General", 8, NumberText(number));
+      const TString name = FEngine.Language().Format(TText::LostFolder, {NumberText(number)});
       folder.strName = name;
       Add(folder, SpecialCluster::LostAndFound, false);
       FEngine.Pump();
@@ -108,10 +110,34 @@ int TFiles::AddLostAndFoundDir(int driveNumber) {
   ClearInfo(folder, driveNumber);
   folder.FirstCluster = SpecialCluster::LostAndFound;
   folder.TimeStamp = {Now(), Now(), Now(), 0};
-  const TString name = MessageText("e_Files", 0);
+  const TString name = FEngine.Language()[TText::LostAndFound];
   folder.strName = name;
   return Add(folder, SpecialCluster::Root, false);
 }
+
+void TFiles::AddDeepAnalyseDir(int driveNumber, bool canAddNil) {
+  if (FEngine.Drives().IsWrongNumber(driveNumber)) return;
+  TFolders& folders = FEngine.Folders();
+  TTreeNode* node = folders.GetDeepNode(driveNumber);
+  if (node == nullptr) {
+    TFileInfo folder;
+    ClearInfo(folder, driveNumber);
+    folder.FirstCluster = SpecialCluster::DeepAnalyse;
+    const TString name = FEngine.Language()[TText::DeepAnalysis];
+    folder.strName = name;
+    const int known = GetAddedNumber(folder, SpecialCluster::Root);
+    const int number = known >= 0 ? known : Add(folder, SpecialCluster::Root, false);
+    node = folders.AddSorted(folders.GetDriveRootNode(driveNumber), number);
+    if (node == nullptr) return;
+  }
+  const bool masterShows = OnGetIsMasterShowing && OnGetIsMasterShowing();
+  if (canAddNil && node->Children.empty()) folders.AddNil(node);
+  if (!canAddNil && !masterShows && !FEngine.PartRecRunning) folders.Collapse(node);
+}
+
+int TFiles::AddTreeRow(const TFileInfo& row) { return static_cast<int>(List.Add(row, SpecialCluster::Unselected)); }
+
+bool TFiles::IsCustomFolder(int number) const { return FEngine.Folders().IsCustomFolder(number); }
 
 bool TFiles::IsRecycleBin(const TFile& file, std::int64_t parentCluster) {
   if (!file.FileInfo.blnFolder || file.ParentCluster != parentCluster) return false;
@@ -124,7 +150,10 @@ bool TFiles::IsRecycleBin(const TFile& file, std::int64_t parentCluster) {
 
 void TFiles::EraseFiles(const std::function<bool(std::size_t, const TFile&)>& doomed) {
   std::vector<std::uint32_t> newNumbers;
-  if (List.EraseIf(doomed, &newNumbers) > 0) FEngine.Drives().MoveParentClusters(newNumbers);
+  if (List.EraseIf(doomed, &newNumbers) == 0) return;
+  FEngine.Drives().MoveParentClusters(newNumbers);
+  FEngine.Folders().MoveNumbers(newNumbers);
+  if (OnNumbersMoved) OnNumbersMoved(newNumbers);
 }
 
 void TFiles::Clear(int driveNumber, bool deleteDrive) {
@@ -134,6 +163,8 @@ void TFiles::Clear(int driveNumber, bool deleteDrive) {
   TDriveInfo& drive = drives.List[static_cast<std::size_t>(driveNumber)];
   drive.Analysed = drive.DeepAnalysed = TAnalyseInformation::aiNone;
   TDrives::ClearParentClusters(drive);
+  FEngine.Folders().FolderListCleared(driveNumber);
+  if (deleteDrive) FEngine.Folders().DriveDeleted(driveNumber);
   EraseFiles([&](std::size_t, const TFile& file) {
     return file.FileInfo.aDriveNumber == driveNumber &&
            (deleteDrive || file.ParentCluster != SpecialCluster::Unselected);
@@ -151,6 +182,7 @@ void TFiles::ClearDeep(int driveNumber) {
   if (drives.IsWrongNumber(driveNumber)) return;
   if (OnBeforeDeepCleared) OnBeforeDeepCleared(driveNumber);
   drives.List[static_cast<std::size_t>(driveNumber)].DeepAnalysed = TAnalyseInformation::aiNone;
+  FEngine.Folders().DeepListCleared(driveNumber);
   EraseFiles([&](std::size_t, const TFile& file) {
     return file.FileInfo.aDriveNumber == driveNumber && file.FileInfo.aDeepAnalyse && !IsDeepAnalyse(file.FileInfo);
   });
@@ -172,7 +204,7 @@ void TFiles::ClearUnselected(int driveNumber) {
 // ---- questions ------------------------------------------------------------------------------
 
 bool TFiles::IsFiltered(int number, bool parentDeleted, const TFileFilter& filter) const {
-  if (IsWrongNumber(number)) return false;
+  if (IsWrongNumber(number) || IsCustomFolder(number)) return false;
   const TFileInfo& file = Info(number);
   bool shown = false;
   if (parentDeleted || file.blnDeleted) {
@@ -189,7 +221,9 @@ TString TFiles::GetType(TStringView fileName) {
   const TStringView extension = Trim(Extension(fileName));
   const auto cached = FFileTypes.find(extension);
   if (cached != FFileTypes.end()) return cached->second;
-  TString text = extension.empty() ? MessageText("e_Files", 2) : FormatMessage("e_Files", 3, UpperCase(extension));
+  const TLanguage& language = FEngine.Language();
+  TString text =
+      extension.empty() ? language[TText::FileType] : language.Format(TText::FileTypeOf, {UpperCase(extension)});
   FFileTypes.emplace(extension, text);
   return text;
 }
@@ -218,8 +252,8 @@ int TFiles::RightName(TStringView fileName) {
 void TFiles::UpdateLanguage() {
   FFileTypes.clear();
   for (std::size_t i = 0; i < List.size(); ++i) {
-    if (IsLostAndFound(List[i].FileInfo)) List.Rename(i, MessageText("e_Files", 0));
-    if (IsDeepAnalyse(List[i].FileInfo)) List.Rename(i, MessageText("e_Files", 1));
+    if (IsLostAndFound(List[i].FileInfo)) List.Rename(i, FEngine.Language()[TText::LostAndFound]);
+    if (IsDeepAnalyse(List[i].FileInfo)) List.Rename(i, FEngine.Language()[TText::DeepAnalysis]);
   }
 }
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <vector>
 
 #include "core/file_records.h"
 #include "core/types.h"
@@ -23,13 +24,15 @@ class TFiles {
 
   TFileArray List;
   int FoundCount = 0;
-  int FolderFoundCount = 0;
 
   std::function<bool(const TFileInfo&)> OnCanBeAdded;
   std::function<void(int)> OnAdded;
   std::function<void(int)> OnBeforeCleared;
   std::function<void(int)> OnBeforeDeepCleared;
   std::function<void()> OnRefreshFileList;
+  std::function<bool()> OnGetIsMasterShowing;
+  /// Rows went: `newNumbers[old]` is the new number of a row, or `TFileArray::Erased`.
+  std::function<void(const std::vector<std::uint32_t>&)> OnNumbersMoved;
 
   /// The blank state in which a driver starts a record: a ticked folder of that drive.
   static void ClearInfo(TFileInfo& file, int driveNumber);
@@ -46,6 +49,11 @@ class TFiles {
   /// Gives every parent reference without a folder a numbered folder in the lost-and-found folder.
   void DoAfterAnalyse(int driveNumber);
   int AddLostAndFoundDir(int driveNumber);
+  /// Makes sure that the tree shows the pseudo-folder of the deep analysis of a drive. Without
+  /// `canAddNil` it is collapsed.
+  void AddDeepAnalyseDir(int driveNumber, bool canAddNil);
+  /// A row that only the folder tree knows (a drive, a custom folder); the result is its number.
+  int AddTreeRow(const TFileInfo& row);
 
   /// Forgets a drive's files. With `deleteDrive` also those without a place in the tree, and the
   /// files of later drives move down by one drive number.
@@ -63,6 +71,7 @@ class TFiles {
   static bool IsUnselected(const TFileInfo& file) { return file.FirstCluster == SpecialCluster::Unselected; }
   bool IsRootDir(int number) const { return !IsWrongNumber(number) && IsRootDir(Info(number)); }
   bool IsLostAndFound(int number) const { return !IsWrongNumber(number) && IsLostAndFound(Info(number)); }
+  bool IsCustomFolder(int number) const;
   static bool IsRecycleBin(const TFile& file, std::int64_t parentCluster);
 
   /// True when a view with this filter shows the entry. A live folder shows with either state, as

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "analysis/files.h"
+#include "analysis/folder_index.h"
 #include "core/drives.h"
 #include "core/engine.h"
 
@@ -14,14 +15,11 @@ namespace {
 class TWalker {
  public:
   TWalker(TEngine& engine, int driveNumber, ITreeVisitor& visitor)
-      : FFiles(engine.Files()), FDrives(engine.Drives()), FDriveNumber(driveNumber), FVisitor(visitor) {
-    for (std::size_t i = 0; i < FFiles.List.size(); ++i) {
-      const TFileInfo& info = FFiles.List[i].FileInfo;
-      if (info.aDriveNumber != driveNumber || !info.blnFolder) continue;
-      const auto [owner, first] = FOwners.try_emplace(info.FirstCluster, i);
-      if (!first && FFiles.List[owner->second].FileInfo.blnDeleted && !info.blnDeleted) owner->second = i;
-    }
-  }
+      : FFiles(engine.Files()),
+        FDrives(engine.Drives()),
+        FDriveNumber(driveNumber),
+        FVisitor(visitor),
+        FFolders(FFiles, driveNumber) {}
 
   void Run() {
     Push(SpecialCluster::Root, -1, false);
@@ -44,8 +42,7 @@ class TWalker {
         continue;
       }
       if (!FVisitor.EnterFolder(entry)) return;
-      const auto owner = FOwners.find(file.FileInfo.FirstCluster);
-      const bool owns = owner != FOwners.end() && owner->second == static_cast<std::size_t>(number);
+      const bool owns = FFolders.Owner(file.FileInfo.FirstCluster) == number;
       Push(owns ? file.FileInfo.FirstCluster : SpecialCluster::NoKnownPlace, number,
            parentDeleted || file.FileInfo.blnDeleted);
       FStack.back().PathLength = length;
@@ -88,7 +85,7 @@ class TWalker {
   TDrives& FDrives;
   int FDriveNumber;
   ITreeVisitor& FVisitor;
-  std::unordered_map<std::int64_t, std::size_t> FOwners;  // folder key to the row that shows its content
+  TFolderIndex FFolders;
   std::vector<TLevel> FStack;
   TString FPath;
 };

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <unordered_map>
 
 #include "core/file_records.h"
 #include "core/types.h"

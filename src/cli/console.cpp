@@ -11,6 +11,7 @@
 
 #include "cli/options.h"
 #include "core/engine.h"
+#include "core/language.h"
 #include "core/sizes.h"
 
 namespace brenlow::cli {
@@ -44,7 +45,7 @@ void TOutput::Flush() {
   FBuffer.clear();
 }
 
-TProgressLine::TProgressLine() : FIsTerminal(::isatty(STDERR_FILENO) != 0) {}
+TProgressLine::TProgressLine(const TLanguage& texts) : FTexts(texts), FIsTerminal(::isatty(STDERR_FILENO) != 0) {}
 
 void TProgressLine::Begin(std::string title) {
   Clear();
@@ -61,7 +62,9 @@ void TProgressLine::Show(double position, std::int64_t bytes, const std::string&
   std::string line = fmt::format("{}: {:.0f}%", FTitle, position * 100);
   if (!detail.empty()) line += ", " + detail;
   line += ", " + SizeText(static_cast<std::int64_t>(static_cast<double>(bytes) / seconds)) + "/s";
-  if (position > 0.01 && position < 1) line += ", " + DurationText(seconds / position * (1 - position)) + " left";
+  if (position > 0.01 && position < 1) {
+    line += ", " + FTexts.Utf8(TText::TimeLeft, {DurationText(seconds / position * (1 - position))});
+  }
   std::fprintf(stderr, "\r%s\x1b[K", line.c_str());
   FDrawn = true;
 }

@@ -9,7 +9,8 @@
 
 namespace brenlow {
 class TEngine;
-}
+class TLanguage;
+}  // namespace brenlow
 
 namespace brenlow::cli {
 
@@ -27,7 +28,7 @@ class TOutput {
 /// One line on standard error that is drawn over and over; nothing when that is no terminal.
 class TProgressLine {
  public:
-  TProgressLine();
+  explicit TProgressLine(const TLanguage& texts);
   ~TProgressLine() { Clear(); }
   void Begin(std::string title);
   /// `position` 0 to 1; `bytes` moved since `Begin`, for the rate; `detail` is shown as it is.
@@ -35,6 +36,7 @@ class TProgressLine {
   void Clear();
 
  private:
+  const TLanguage& FTexts;
   bool FIsTerminal;
   bool FDrawn = false;
   std::string FTitle;

@@ -13,24 +13,33 @@
 namespace brenlow::cli {
 namespace {
 
-const char* RowType(const TDriveInfo& drive) {
+/// As JSON tells it.
+std::string RowType(const TDriveInfo& drive) {
   if (drive.DriveTypes.Has(TDriveType::dtPhysical)) return "disk";
   if (drive.ReceivedType == TReceivedType::rtByUnallocatedSpace) return "gap";
   return "volume";
 }
 
+/// As people read it.
+std::string RowTypeText(const TLanguage& texts, const TDriveInfo& drive) {
+  const std::string type = RowType(drive);
+  return texts.Utf8(type == "disk" ? TText::RowDisk : type == "gap" ? TText::RowGap : TText::RowVolume);
+}
+
 void PrintDriveRows(TEngine& engine, const TOptions& options) {
+  const TLanguage& texts = options.Texts;
   TOutput output;
   if (!options.Json) {
-    output.Write(fmt::format("{:>3}  {:6}  {:8}  {:>10}  {:>14}  {}\n", "No.", "Type", "System", "Size", "First sector",
-                             "Name"));
+    output.Write(fmt::format("{:>3}  {:6}  {:8}  {:>10}  {:>14}  {}\n", texts.Utf8(TText::HeadNumber),
+                             texts.Utf8(TText::HeadType), texts.Utf8(TText::HeadSystem), texts.Utf8(TText::HeadSize),
+                             texts.Utf8(TText::HeadFirstSector), texts.Utf8(TText::HeadName)));
   }
   for (int i = 0; i < static_cast<int>(engine.Drives().List.size()); ++i) {
     const TDriveInfo& drive = Drive(engine, i);
     if (options.Json) {
       TJsonLine line;
       output.Write(line.Number("number", i + 1)
-                       .Text("type", std::string(RowType(drive)))
+                       .Text("type", RowType(drive))
                        .TextOrNull("file_system", SystemName(drive))
                        .Number("size", SizeOf(drive))
                        .Number("first_sector", drive.FirstSector)
@@ -46,8 +55,9 @@ void PrintDriveRows(TEngine& engine, const TOptions& options) {
           drive.DriveTypes.Has(TDriveType::dtPhysical) && !drive.DriveTypes.Has(TDriveType::dtMounted)
               ? "  " + PathFromText(drive.Drive)
               : "";
-      output.Write(fmt::format("{:>3}  {:6}  {:8}  {:>10}  {:>14}  {}{}\n", i + 1, RowType(drive), SystemName(drive),
-                               SizeText(SizeOf(drive)), drive.FirstSector, Printable(ToUtf8(drive.Caption)), where));
+      output.Write(fmt::format("{:>3}  {:6}  {:8}  {:>10}  {:>14}  {}{}\n", i + 1, RowTypeText(texts, drive),
+                               SystemName(drive), SizeText(SizeOf(drive)), drive.FirstSector,
+                               Printable(ToUtf8(drive.Caption)), where));
     }
   }
 }
@@ -72,14 +82,14 @@ std::int64_t ClusterSize(const TDriveInfo& drive) {
 }
 
 /// `style` is the partition table of a disk, empty for a volume.
-std::string InfoLine(const TDriveInfo& drive, int number, const std::string& style) {
+std::string InfoLine(const TDriveInfo& drive, int number, const std::string& style, const std::string& role) {
   TJsonLine line;
-  line.Number("number", number).Text("type", std::string(RowType(drive))).Text("name", drive.Caption);
+  line.Number("number", number).Text("type", RowType(drive)).Text("name", drive.Caption);
   line.Text("source", PathFromText(drive.Drive)).Number("size", SizeOf(drive));
   line.Number("sector_size", drive.BytesPerSector);
   line.Number("first_sector", drive.FirstSector).Number("sectors", drive.SectorsCount);
   if (!style.empty()) line.Text("partition_table", style);
-  line.TextOrNull("partition_type", ToUtf8(TDrives::GetPartitionTypeCaption(drive)));
+  line.TextOrNull("partition_type", role);
   line.TextOrNull("file_system", SystemName(drive));
   if (drive.FileSystem != TFileSystem::fsUnknown) {
     line.TextOrNull("label", ToUtf8(drive.VolumeName)).Number("cluster_size", ClusterSize(drive));
@@ -89,31 +99,39 @@ std::string InfoLine(const TDriveInfo& drive, int number, const std::string& sty
   return line.Take();
 }
 
-std::string InfoText(const TDriveInfo& drive, int number, const std::string& style) {
-  const auto row = [](const char* name, const std::string& value) { return fmt::format("  {:16} {}\n", name, value); };
-  std::string text = fmt::format("Drive {}: {} ({})\n", number, Printable(ToUtf8(drive.Caption)), RowType(drive));
-  text += row("Source", PathFromText(drive.Drive));
-  text += row("Size", fmt::format("{} ({} sectors of {} bytes)", SizeText(SizeOf(drive)), drive.SectorsCount,
-                                  drive.BytesPerSector));
-  if (!style.empty()) return text + row("Partition table", style);
-  text += row("First sector", std::to_string(drive.FirstSector));
-  const std::string role = ToUtf8(TDrives::GetPartitionTypeCaption(drive));
-  if (!role.empty()) text += row("Partition", role);
-  if (drive.FileSystem == TFileSystem::fsUnknown) return text + row("File system", "not recognised");
-  text += row("File system", SystemName(drive));
-  text += row("Label", drive.VolumeName.empty() ? "-" : Printable(ToUtf8(drive.VolumeName)));
-  text += row("Cluster size", SizeText(ClusterSize(drive)));
-  return text + row("Free", SizeText(FreeBytes(drive)));
+std::string InfoText(const TLanguage& texts, const TDriveInfo& drive, int number, const std::string& style,
+                     const std::string& role) {
+  const auto row = [&](TText name, const std::string& value) {
+    return fmt::format("  {:16} {}\n", texts.Utf8(name), value);
+  };
+  std::string text = texts.Utf8(TText::InfoTitle,
+                                {std::to_string(number), Printable(ToUtf8(drive.Caption)), RowTypeText(texts, drive)}) +
+                     "\n";
+  text += row(TText::InfoSource, PathFromText(drive.Drive));
+  text +=
+      row(TText::InfoSize, texts.Utf8(TText::InfoSizeOf, {SizeText(SizeOf(drive)), std::to_string(drive.SectorsCount),
+                                                          std::to_string(drive.BytesPerSector)}));
+  if (!style.empty()) return text + row(TText::InfoTable, style == "none" ? texts.Utf8(TText::InfoNoTable) : style);
+  text += row(TText::InfoFirstSector, std::to_string(drive.FirstSector));
+  if (!role.empty()) text += row(TText::InfoPartition, role);
+  if (drive.FileSystem == TFileSystem::fsUnknown) {
+    return text + row(TText::InfoFileSystem, texts.Utf8(TText::InfoUnknownSystem));
+  }
+  text += row(TText::InfoFileSystem, SystemName(drive));
+  text += row(TText::InfoLabel, drive.VolumeName.empty() ? "-" : Printable(ToUtf8(drive.VolumeName)));
+  text += row(TText::InfoClusterSize, SizeText(ClusterSize(drive)));
+  return text + row(TText::InfoFree, SizeText(FreeBytes(drive)));
 }
 
 }  // namespace
 
 int ListDrives(const TOptions& options) {
   TEngine engine;
+  ApplyOptions(engine, options);
   if (options.Sources.empty()) {
     engine.Drives().Fill();
     if (engine.Drives().List.empty() && !options.Json) {
-      Complain("no disks were found. Image files can be named on the command line.");
+      Complain(options.Texts.Utf8(TText::NoDisks));
     }
   }
   int status = AllDone;
@@ -130,7 +148,7 @@ int ShowInfo(const TOptions& options) {
   ApplyOptions(engine, options);
   if (MountSource(engine, options.Source()) < 0) return WrongUsage;
   if (options.Drive != 0 && engine.Drives().IsWrongNumber(options.Drive - 1)) {
-    Complain(fmt::format("there is no drive {}.", options.Drive));
+    Complain(NoSuchDrive(options));
     return WrongUsage;
   }
   TOutput output;
@@ -139,7 +157,9 @@ int ShowInfo(const TOptions& options) {
     const bool isDisk = engine.Drives().IsPhysical(i);
     const std::string style = isDisk ? StyleName(engine.Drives().GetPhysicalPartitionStyle(i)) : "";
     const TDriveInfo& drive = Drive(engine, i);
-    output.Write(options.Json ? InfoLine(drive, i + 1, style) : InfoText(drive, i + 1, style));
+    const std::string role = ToUtf8(engine.Drives().GetPartitionTypeCaption(drive));
+    output.Write(options.Json ? InfoLine(drive, i + 1, style, role)
+                              : InfoText(options.Texts, drive, i + 1, style, role));
   }
   return AllDone;
 }

@@ -25,7 +25,12 @@ std::string ShortTime(TDateTime time) {
 class TListing final : public ITreeVisitor {
  public:
   TListing(TEngine& engine, const TSelection& selection, const TOptions& options, TOutput& output)
-      : FEngine(engine), FSelection(selection), FOptions(options), FOutput(output) {}
+      : FEngine(engine),
+        FSelection(selection),
+        FOptions(options),
+        FOutput(output),
+        FDeleted(options.Texts.Utf8(TText::MarkDeleted)),
+        FOverwritten(options.Texts.Utf8(TText::MarkOverwritten)) {}
 
   bool File(const TTreeEntry& entry) override {
     if (!FSelection.Wants(FEngine, entry)) return true;
@@ -50,9 +55,10 @@ class TListing final : public ITreeVisitor {
 
  private:
   /// How the state of an entry is marked; empty for what is simply there.
-  const char* Mark(const TTreeEntry& entry) const {
-    if (!entry.Deleted()) return "";
-    return IsOverwritten(FEngine, *entry.File) ? "overwritten" : "deleted";
+  const std::string& Mark(const TTreeEntry& entry) const {
+    static const std::string none;
+    if (!entry.Deleted()) return none;
+    return IsOverwritten(FEngine, *entry.File) ? FOverwritten : FDeleted;
   }
 
   void Print(const TTreeEntry& entry) {
@@ -61,7 +67,7 @@ class TListing final : public ITreeVisitor {
       FOutput.Write(FileFields(entry).Take());
       return;
     }
-    const std::string mark = Mark(entry);
+    const std::string& mark = Mark(entry);
     const std::string name = Printable(ToUtf8(FOptions.Tree ? info.strName : entry.Path)) + (info.blnFolder ? "/" : "");
     const std::string size = info.blnFolder ? "" : SizeText(info.aSize);
     if (FOptions.Tree) {
@@ -76,11 +82,14 @@ class TListing final : public ITreeVisitor {
   const TSelection& FSelection;
   const TOptions& FOptions;
   TOutput& FOutput;
+  std::string FDeleted;
+  std::string FOverwritten;
 };
 
-std::string VolumeTitle(const TDriveInfo& drive, int number) {
-  const std::string label = drive.VolumeName.empty() ? "no label" : "\"" + Printable(ToUtf8(drive.VolumeName)) + "\"";
-  return fmt::format("Drive {}: {} {}, {}", number + 1, SystemName(drive), label, SizeText(SizeOf(drive)));
+std::string VolumeTitle(const TLanguage& texts, const TDriveInfo& drive, int number) {
+  const std::string label =
+      drive.VolumeName.empty() ? texts.Utf8(TText::NoLabel) : "\"" + Printable(ToUtf8(drive.VolumeName)) + "\"";
+  return texts.Utf8(TText::ListTitle, {std::to_string(number + 1), SystemName(drive), label, SizeText(SizeOf(drive))});
 }
 
 }  // namespace
@@ -90,23 +99,24 @@ int ListFiles(const TOptions& options) {
   ApplyOptions(engine, options);
   if (MountSource(engine, options.Source()) < 0) return WrongUsage;
   const TStopKey stop(engine);
-  TProgressLine progress;
+  TProgressLine progress(options.Texts);
   const TAnalysed analysed = Analyse(engine, options, progress);
   if (analysed.Drives.empty()) return analysed.WrongDrive ? WrongUsage : DoneWithFailures;
   const TSelection selection(options);
   TOutput output;
   for (const int number : analysed.Drives) {
     TListing listing(engine, selection, options, output);
-    if (!options.Json) output.Write(VolumeTitle(Drive(engine, number), number) + "\n");
+    if (!options.Json) output.Write(VolumeTitle(options.Texts, Drive(engine, number), number) + "\n");
     WalkTree(engine, number, listing);
     if (!options.Json) {
-      output.Write(fmt::format("{} files in {} folders, {}; {} files deleted\n\n", listing.Files, listing.Folders,
-                               SizeText(listing.Bytes), listing.Deleted));
+      output.Write(options.Texts.Utf8(TText::ListSum, {std::to_string(listing.Files), std::to_string(listing.Folders),
+                                                       SizeText(listing.Bytes), std::to_string(listing.Deleted)}) +
+                   "\n\n");
     }
   }
   if (TStopKey::Pressed()) {
     output.Flush();
-    Complain("stopped: the listing holds what was found up to then.");
+    Complain(options.Texts.Utf8(TText::ListingStopped));
     return StoppedByUser;
   }
   return analysed.AllReadable ? AllDone : DoneWithFailures;

@@ -5,99 +5,162 @@
 #include <cstdio>
 #include <ctime>
 #include <exception>
+#include <memory>
+#include <string_view>
 
+#include "analysis/files.h"
 #include "cli/commands.h"
 #include "cli/options.h"
+#include "cli/session.h"
+#include "core/text.h"
+#include "shell/settings.h"
 
 namespace {
 
+using brenlow::TLanguage;
+using brenlow::TText;
 using brenlow::cli::TOptions;
 
 void AddSourceOption(CLI::App& verb, TOptions& options) {
-  verb.add_option("SOURCE", options.Sources, "Image file or block device; it is only ever read")
-      ->required()
-      ->expected(1);
-  verb.add_option("--drive", options.Drive, "Only this row of `brenlow-cli drives SOURCE`")
+  const TLanguage& texts = options.Texts;
+  verb.add_option("SOURCE", options.Sources, texts.Utf8(TText::HelpSource))->required()->expected(1);
+  verb.add_option("--drive", options.Drive, texts.Utf8(TText::HelpDriveOption))
       ->check(CLI::PositiveNumber)
       ->type_name("N");
-  verb.add_option("--oem-codepage", options.CodePage, "Code page of short FAT names")
+  verb.add_option("--oem-codepage", options.CodePage, texts.Utf8(TText::HelpCodePage))
       ->type_name("N")
       ->capture_default_str();
-  verb.add_flag("--json", options.Json, "JSON Lines for scripts, one object a line");
+  verb.add_flag("--json", options.Json, texts.Utf8(TText::HelpJson));
 }
 
 void AddFilterOptions(CLI::App& verb, TOptions& options) {
-  verb.add_flag("--deleted", options.Deleted, "Only deleted files");
-  verb.add_flag("--existing", options.Existing, "Only files that are not deleted");
-  verb.add_option("--type", options.Kinds,
-                  "Only files of a kind: archive, audio, database, document, image, video (may be repeated)")
+  const TLanguage& texts = options.Texts;
+  verb.add_flag("--deleted", options.Deleted, texts.Utf8(TText::HelpDeleted));
+  verb.add_flag("--existing", options.Existing, texts.Utf8(TText::HelpExisting));
+  verb.add_option("--type", options.Kinds, texts.Utf8(TText::HelpType))
       ->check(CLI::IsMember({"archive", "audio", "database", "document", "image", "video"}))
       ->type_name("KIND");
-  verb.add_option("--path", options.PathGlob, "Only files whose name, or path if the pattern has a slash, fits")
-      ->type_name("GLOB");
-  verb.add_option("--lost-folders", options.LostFolders,
-                  "Look through free space for lost folders: never, always, or auto (formatted volumes, deleted "
-                  "folders cut off, small volumes)")
+  verb.add_option("--path", options.PathGlob, texts.Utf8(TText::HelpPath))->type_name("GLOB");
+  verb.add_option("--lost-folders", options.LostFolders, texts.Utf8(TText::HelpLostFolders))
       ->check(CLI::IsMember({"never", "auto", "always"}))
       ->type_name("WHEN")
       ->capture_default_str();
 }
 
+/// The one character of `--replace-symbols`, which must not be a refused one itself.
+std::string CheckReplacement(const std::string& text) {
+  const brenlow::TString character = brenlow::FromUtf8(text);
+  const bool fits = character.size() == 1 && character[0] >= u' ' && brenlow::TFiles::RightName(character) == 0;
+  return fits ? "" : "one character, none of \\ / : * ? \" < > |";
+}
+
+void AddRecoverOptions(CLI::App& verb, TOptions& options) {
+  const TLanguage& texts = options.Texts;
+  const auto choice = [&](const char* name, std::string& value, TText help, std::vector<std::string> values) {
+    verb.add_option(name, value, texts.Utf8(help))
+        ->check(CLI::IsMember(std::move(values)))
+        ->type_name("HOW")
+        ->capture_default_str();
+  };
+  verb.add_option("--out", options.Out, texts.Utf8(TText::HelpOut))->required()->type_name("DIR");
+  choice("--conflict", options.Conflict, TText::HelpConflict, {"rename", "skip", "replace"});
+  verb.add_option("--replace-symbols", options.ReplaceSymbols, texts.Utf8(TText::HelpReplaceSymbols))
+      ->check(CheckReplacement)
+      ->type_name("C")
+      ->capture_default_str();
+  verb.add_flag("--flat", options.Flat, texts.Utf8(TText::HelpFlat));
+  choice("--candidates", options.Candidates, TText::HelpCandidates, {"first", "all"});
+  choice("--streams", options.Streams, TText::HelpStreams, {"none", "files", "xattr"});
+  choice("--long-paths", options.LongPaths, TText::HelpLongPaths, {"auto", "keep", "shorten"});
+  verb.add_option("--report", options.Report, texts.Utf8(TText::HelpReport))->type_name("FILE");
+}
+
+/// The language, before anything is said: `--language`, else the settings, else the environment.
+void ChooseLanguage(int argc, char** argv, TOptions& options) {
+  const std::string program = brenlow::ProgramFolder();
+  std::string name = brenlow::LanguageToUse(brenlow::TSettingsFile(brenlow::SettingsPath(program)).Load());
+  constexpr std::string_view option = "--language";
+  bool asked = false;
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view argument = argv[i];
+    const bool apart = argument == option && i + 1 < argc;
+    if (!apart && !(argument.starts_with(option) && argument.substr(option.size()).starts_with('='))) continue;
+    name = apart ? argv[i + 1] : argument.substr(option.size() + 1);
+    asked = true;
+  }
+  const bool found = TLanguage::Load(brenlow::LanguageFolder(program), name, options.Texts);
+  if (!found && asked && name != "English") {
+    brenlow::cli::Complain(options.Texts.Utf8(TText::LanguageUnknown, {name}));
+  }
+}
+
+/// What the parser says of a wrong command line stays in its own words behind ours.
+int ComplainOfUsage(const CLI::ParseError& error, const TOptions& options) {
+  TText text = TText::UsageValue;
+  if (error.get_name() == "RequiredError") text = TText::UsageMissing;
+  if (error.get_name() == "ExtrasError" || error.get_name() == "InvalidError") text = TText::UsageUnknown;
+  brenlow::cli::Complain(options.Texts.Utf8(text, {error.what()}));
+  std::fprintf(stderr, "%s\n", options.Texts.Utf8(TText::UsageHint).c_str());
+  return brenlow::cli::WrongUsage;
+}
+
 int Run(int argc, char** argv) {
   TOptions options;
-  CLI::App app(
-      "Brenlow Partition Recovery: finds files, deleted ones included, on disks and disk images and\n"
-      "copies them to a folder. The source is never written.",
-      "brenlow-cli");
-  app.require_subcommand(1);
-  app.footer(
-      "Examples:\n"
-      "  brenlow-cli drives                            what this machine has\n"
-      "  brenlow-cli drives stick.img                  the volumes in an image\n"
-      "  brenlow-cli ls stick.img --deleted            deleted files\n"
-      "  sudo brenlow-cli recover /dev/sdb --out ~/found --type image\n"
-      "\n"
-      "Exit status: 0 all done, 1 done with failures, 2 wrong usage or unreadable source, 130 stopped.\n"
-      "Ctrl-C stops a scan and keeps what was found; a second one ends.\n"
-      "`brenlow-cli VERB --help` tells the options of a verb.");
-  app.set_version_flag("--version", "brenlow-cli " BRENLOW_VERSION);
+  ChooseLanguage(argc, argv, options);
+  const TLanguage& texts = options.Texts;
+  CLI::App app(texts.Utf8(TText::HelpProgram), "brenlow-cli");
+  const auto formatter = std::make_shared<CLI::Formatter>();
+  formatter->label("Usage", texts.Utf8(TText::HelpUsage));
+  formatter->label("OPTIONS", texts.Utf8(TText::HelpOptions));
+  formatter->label("SUBCOMMAND", texts.Utf8(TText::HelpSubcommands));
+  formatter->label("Positionals", texts.Utf8(TText::HelpPositionals));
+  formatter->label("REQUIRED", texts.Utf8(TText::HelpRequired));
+  app.formatter(formatter);
+  app.option_defaults()->group(texts.Utf8(TText::HelpOptions));
+  app.set_help_flag("-h,--help", texts.Utf8(TText::HelpHelp));
+  app.fallthrough();
+  app.footer(texts.Utf8(TText::HelpExamples));
+  app.set_version_flag("--version", "brenlow-cli " BRENLOW_VERSION, texts.Utf8(TText::HelpVersion));
+  std::string language;  // taken before, by `ChooseLanguage`
+  app.add_option("--language", language, texts.Utf8(TText::HelpLanguage))->type_name("NAME");
+  const auto addVerb = [&](const char* name, TText about, TText example) {
+    CLI::App* verb = app.add_subcommand(name, texts.Utf8(about));
+    verb->group(texts.Utf8(TText::HelpSubcommands));
+    verb->footer(texts.Utf8(example));
+    verb->get_help_ptr()->group(texts.Utf8(TText::HelpOptions));
+    return verb;
+  };
 
-  CLI::App* drives = app.add_subcommand("drives", "List disks and volumes, of the machine or of images and devices");
-  drives->add_option("SOURCE", options.Sources, "Image files or devices; without any, the machine's own drives");
-  drives->add_flag("--json", options.Json, "JSON Lines for scripts");
-  drives->footer("Example:\n  brenlow-cli drives disk.img");
+  CLI::App* drives = addVerb("drives", TText::HelpDrives, TText::HelpDrivesExample);
+  drives->add_option("SOURCE", options.Sources, texts.Utf8(TText::HelpDrivesSource));
+  drives->add_flag("--json", options.Json, texts.Utf8(TText::HelpJson));
 
-  CLI::App* info = app.add_subcommand("info", "Show what is known of a source and its volumes");
+  CLI::App* info = addVerb("info", TText::HelpInfo, TText::HelpInfoExample);
   AddSourceOption(*info, options);
-  info->footer("Example:\n  brenlow-cli info disk.img --drive 2");
 
-  CLI::App* ls = app.add_subcommand("ls", "List the files of a source, deleted ones marked");
+  CLI::App* ls = addVerb("ls", TText::HelpLs, TText::HelpLsExample);
   AddSourceOption(*ls, options);
   AddFilterOptions(*ls, options);
-  ls->add_flag("--tree", options.Tree, "Indented by folder instead of one path a line");
-  ls->footer(
-      "Examples:\n  brenlow-cli ls stick.img --tree\n  brenlow-cli ls stick.img --deleted --path '*.jpg' --json");
+  ls->add_flag("--tree", options.Tree, texts.Utf8(TText::HelpTree));
 
-  CLI::App* recover = app.add_subcommand("recover", "Copy the files of a source to a folder");
+  CLI::App* recover = addVerb("recover", TText::HelpRecover, TText::HelpRecoverExample);
   AddSourceOption(*recover, options);
   AddFilterOptions(*recover, options);
-  recover->add_option("--out", options.Out, "Folder to write to; made when missing. Nothing in it is overwritten")
-      ->required()
-      ->type_name("DIR");
-  recover->footer(
-      "Examples:\n  brenlow-cli recover stick.img --out found\n"
-      "  brenlow-cli recover disk.img --drive 3 --deleted --type document --out found");
+  AddRecoverOptions(*recover, options);
 
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     // --help and --version arrive here as well, with exit code 0.
-    return app.exit(error) == 0 ? brenlow::cli::AllDone : brenlow::cli::WrongUsage;
+    if (error.get_exit_code() == 0) return app.exit(error);
+    return ComplainOfUsage(error, options);
   }
   if (drives->parsed()) return brenlow::cli::ListDrives(options);
   if (info->parsed()) return brenlow::cli::ShowInfo(options);
   if (ls->parsed()) return brenlow::cli::ListFiles(options);
-  return brenlow::cli::RecoverFiles(options);
+  if (recover->parsed()) return brenlow::cli::RecoverFiles(options);
+  brenlow::cli::Complain(texts.Utf8(TText::UsageNoVerb));
+  return brenlow::cli::WrongUsage;
 }
 
 }  // namespace

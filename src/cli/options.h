@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "core/language.h"
+
 namespace brenlow::cli {
 
 /// Exit status of the program.
@@ -25,6 +27,14 @@ struct TOptions {
   bool Tree = false;
   std::string LostFolders = "auto";
   int CodePage = 437;
+  std::string Conflict = "rename";
+  std::string ReplaceSymbols = "_";
+  bool Flat = false;
+  std::string Candidates = "first";
+  std::string Streams = "none";
+  std::string LongPaths = "auto";
+  std::string Report;
+  TLanguage Texts = TLanguage::English();
 
   const std::string& Source() const { return Sources.front(); }
 };

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The verb `recover`.
-#include <fmt/format.h>
-
+#include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
+#include <fstream>
 
+#include "analysis/files.h"
 #include "cli/commands.h"
 #include "cli/file_fields.h"
 #include "cli/selection.h"
@@ -13,22 +13,46 @@
 #include "core/device/system_disks.h"
 #include "core/sizes.h"
 #include "core/text.h"
-#include "recovery/recovery.h"
+#include "recovery/master_link.h"
+#include "recovery/questions.h"
+#include "recovery/save_progress.h"
 
 namespace brenlow::cli {
 namespace {
 
-std::string FaultText(const TFileOutcome& fault) {
-  switch (fault.Outcome) {
-    case TOutcome::Short:
-      return fmt::format("only {} of {} could be read", SizeText(fault.Written), SizeText(fault.Listed));
-    case TOutcome::Unreadable:
-      return "parts of it lie where the source cannot be read";
-    case TOutcome::Failed:
-      return fmt::format("could not be written: {}", std::strerror(fault.SystemError));
-    default:
-      return "";
+constexpr std::size_t MostFaultsShown = 100;
+
+/// The options answer what a window would ask.
+class TOptionAnswers final : public IRecoveryQuestions {
+ public:
+  explicit TOptionAnswers(const TOptions& options) : FOptions(options) {}
+  TRenameAnswer Rename(const TRenameQuestion&) override { return {}; }
+  TFileExistsAnswer FileExists(const TFileExistsQuestion&) override {
+    if (FOptions.Conflict == "replace") return {TRenameResult::rrReplaceAll, {}};
+    return {FOptions.Conflict == "skip" ? TRenameResult::rrSkipAll : TRenameResult::rrRenameAll, {}};
   }
+  TCandidateAnswer ChooseFirstCluster(const TFile&) override { return {FOptions.Candidates == "all", 0}; }
+  bool SaveToSameDrive() override { return false; }
+  bool LargerThanFAT() override { return true; }
+  bool CancelRecovery() override { return true; }
+
+ private:
+  const TOptions& FOptions;
+};
+
+TRecoveryOptions RecoveryOptions(const TOptions& options) {
+  TRecoveryOptions result;
+  result.Path = options.Out;
+  result.RestoreFolders = !options.Flat;
+  result.CanReplaceSymbols = true;
+  result.UnknownSymbols = FromUtf8(options.ReplaceSymbols);
+  result.NumberDoubles = true;
+  result.Digests = !options.Report.empty();
+  if (options.Streams == "files") result.Streams = TStreamMode::Files;
+  if (options.Streams == "xattr") result.Streams = TStreamMode::Attributes;
+  if (options.LongPaths == "keep") result.LongPaths = TLongPaths::Keep;
+  if (options.LongPaths == "shorten") result.LongPaths = TLongPaths::Shorten;
+  return result;
 }
 
 const char* OutcomeName(TOutcome outcome) {
@@ -41,51 +65,158 @@ const char* OutcomeName(TOutcome outcome) {
       return "unreadable";
     case TOutcome::Failed:
       return "failed";
+    case TOutcome::Skipped:
+      return "skipped";
   }
   return "";
 }
 
-std::string FilesText(std::int64_t count) { return fmt::format("{} {}", count, count == 1 ? "file" : "files"); }
+std::string FaultText(const TLanguage& texts, const TFileOutcome& fault) {
+  switch (fault.Outcome) {
+    case TOutcome::Short:
+      return texts.Utf8(fault.Stopped ? TText::FaultStopped : TText::FaultShort,
+                        {SizeText(fault.Written), SizeText(fault.Listed)});
+    case TOutcome::Unreadable:
+      return texts.Utf8(TText::FaultUnreadable);
+    case TOutcome::Failed:
+      return texts.Utf8(TText::FaultFailed, {SystemErrorText(texts, fault.SystemError)});
+    default:
+      return "";
+  }
+}
 
-void PrintSummary(const TRecoverySummary& summary, std::int64_t wanted, const TOptions& options, bool scanStopped) {
-  std::FILE* out = options.Json ? stderr : stdout;
-  fmt::print(out, "Recovered {} of {} ({}) to {}; {} of the files written were deleted.\n", summary.Whole,
-             FilesText(wanted), SizeText(summary.Bytes), options.Out, summary.DeletedFiles);
-  if (summary.Overwritten > 0) {
-    fmt::print(out, "{} overwritten: the place belongs to other files now, so the content is probably not theirs.\n",
-               FilesText(summary.Overwritten));
+/// One line of JSON for each file: on standard output, and with a digest in the report.
+class TOutcomeLines {
+ public:
+  TOutcomeLines(TEngine& engine, const TRecoveryMasterLink& link, const TOptions& options)
+      : FEngine(engine), FLink(link), FOptions(options) {}
+
+  /// 0, or the errno.
+  int OpenReport() {
+    if (FOptions.Report.empty()) return 0;
+    FReport.open(FOptions.Report, std::ios::binary | std::ios::trunc);
+    return FReport ? 0 : errno;
   }
-  if (!summary.Faults.empty()) {
-    fmt::print(out, "{} not whole:\n", FilesText(static_cast<std::int64_t>(summary.Faults.size())));
-    for (const TFileOutcome& fault : summary.Faults) {
-      fmt::print(out, "  {}: {}\n", Printable(fault.Path), FaultText(fault));
+  void Write(const TFileOutcome& outcome, bool parentDeleted) {
+    if (!FOptions.Json && FOptions.Report.empty()) return;
+    TString path;
+    for (const TString& folder : FLink.GetFilePath(outcome.FileNumber)) path += folder + u'/';
+    path += FLink.GetFileName(outcome.FileNumber);
+    if (FOptions.Json) {
+      const TFile& file = FEngine.Files().List[static_cast<std::size_t>(outcome.FileNumber)];
+      const TTreeEntry entry{outcome.FileNumber, &file, path, 0, parentDeleted};
+      FOutput.Write(FileFields(entry)
+                        .Text("target", outcome.Path)
+                        .Text("outcome", std::string(OutcomeName(outcome.Outcome)))
+                        .Take());
     }
+    if (!FOptions.Report.empty()) FReport << ReportLine(outcome, path, parentDeleted);
   }
-  if (summary.TargetFull)
-    fmt::print(out, "The target is full. Free some space or choose another folder, then run this again.\n");
-  if (scanStopped || summary.Stopped)
-    fmt::print(out, "Stopped before the end: what was found and written up to then is kept.\n");
+  /// False when the report could not be written.
+  bool Close() {
+    FOutput.Flush();
+    if (FOptions.Report.empty()) return true;
+    FReport.close();
+    return !FReport.fail();
+  }
+
+ private:
+  std::string ReportLine(const TFileOutcome& outcome, const TString& path, bool parentDeleted) const {
+    TJsonLine line;
+    line.Number("drive", FLink.GetFileDriveNumber(outcome.FileNumber) + 1)
+        .Text("path", path)
+        .Text("target", outcome.Path)
+        .Text("outcome", std::string(OutcomeName(outcome.Outcome)))
+        .Flag("deleted", parentDeleted || FLink.GetFileDeleted(outcome.FileNumber))
+        .Number("size", outcome.Listed)
+        .Number("written", outcome.Written)
+        .TextOrNull("sha256", outcome.Digest);
+    const bool failed = outcome.Outcome == TOutcome::Failed;
+    line.TextOrNull("error", failed ? SystemErrorText(TLanguage::English(), outcome.SystemError) : "");
+    return line.Take();
+  }
+
+  TEngine& FEngine;
+  const TRecoveryMasterLink& FLink;
+  const TOptions& FOptions;
+  TOutput FOutput;
+  std::ofstream FReport;
+};
+
+void PrintFaults(std::FILE* out, const TLanguage& texts, const TRecoverySummary& summary) {
+  const std::int64_t count = summary.FaultCount();
+  if (count == 0) return;
+  const auto line = [out](const std::string& text) { std::fprintf(out, "%s\n", text.c_str()); };
+  line(texts.Utf8(TText::SumFaults, {FilesText(texts, count)}));
+  const std::size_t shown = std::min(summary.Faults.size(), MostFaultsShown);
+  for (std::size_t i = 0; i < shown; ++i) {
+    line("  " + Printable(summary.Faults[i].Path) + ": " + FaultText(texts, summary.Faults[i]));
+  }
+  const std::int64_t more = count - static_cast<std::int64_t>(shown);
+  if (more > 0) line("  " + texts.Utf8(TText::SumMoreFaults, {std::to_string(more)}));
+}
+
+void PrintSummary(const TRecoverySummary& summary, std::int64_t wanted, const TOptions& options, bool stopped) {
+  const TLanguage& texts = options.Texts;
+  std::FILE* out = options.Json ? stderr : stdout;
+  const auto line = [out](const std::string& text) { std::fprintf(out, "%s\n", text.c_str()); };
+  line(texts.Utf8(TText::SumRecovered, {std::to_string(summary.Whole), FilesText(texts, wanted),
+                                        SizeText(summary.Bytes), options.Out, std::to_string(summary.DeletedFiles)}));
+  if (summary.Overwritten > 0) line(texts.Utf8(TText::SumOverwritten, {FilesText(texts, summary.Overwritten)}));
+  if (summary.Skipped > 0) line(texts.Utf8(TText::SumSkipped, {FilesText(texts, summary.Skipped)}));
+  if (summary.StreamsLeft > 0) {
+    line(texts.Utf8(summary.StreamsLeft == 1 ? TText::SumStreamsOne : TText::SumStreamsMany,
+                    {std::to_string(summary.StreamsLeft)}));
+  }
+  if (summary.StreamsFailed > 0) line(texts.Utf8(TText::SumStreamsFailed, {std::to_string(summary.StreamsFailed)}));
+  PrintFaults(out, texts, summary);
+  if (summary.TargetFull) line(texts.Utf8(TText::SumFull));
+  if (stopped) line(texts.Utf8(TText::SumStopped));
+}
+
+/// Whether writing to the path would write to the source.
+bool WouldWriteToSource(const std::string& path, const TOptions& options) {
+  std::error_code error;
+  std::filesystem::path existing = std::filesystem::absolute(path, error);
+  while (!existing.empty() && !std::filesystem::exists(existing, error) && existing != existing.root_path()) {
+    existing = existing.parent_path();
+  }
+  return LiesOnSource(existing.string(), options.Source()) ||
+         std::filesystem::equivalent(existing, options.Source(), error);
 }
 
 /// Refuses targets that would destroy what is to be recovered. 0 when the target will do.
 int CheckTarget(const TOptions& options) {
   std::error_code error;
-  std::filesystem::path existing = std::filesystem::absolute(options.Out, error);
-  while (!existing.empty() && !std::filesystem::exists(existing, error) && existing != existing.root_path()) {
-    existing = existing.parent_path();
+  if (WouldWriteToSource(options.Out, options)) {
+    Complain(options.Texts.Utf8(TText::TargetOnSource, {options.Out}));
+  } else if (!options.Report.empty() && WouldWriteToSource(options.Report, options)) {
+    Complain(options.Texts.Utf8(TText::ReportOnSource, {options.Report}));
+  } else if (std::filesystem::exists(options.Out, error) && !std::filesystem::is_directory(options.Out, error)) {
+    Complain(options.Texts.Utf8(TText::TargetNotAFolder, {options.Out}));
+  } else {
+    return 0;
   }
-  if (LiesOnSource(existing.string(), options.Source())) {
-    Complain(
-        fmt::format("{} lies on the source itself: writing there could destroy what is to be recovered. Choose a "
-                    "folder on another disk.",
-                    options.Out));
-    return WrongUsage;
-  }
-  if (std::filesystem::exists(options.Out, error) && !std::filesystem::is_directory(options.Out, error)) {
-    Complain(fmt::format("{}: is not a folder.", options.Out));
-    return WrongUsage;
-  }
-  return 0;
+  return WrongUsage;
+}
+
+/// Everything at the top of a drive.
+TOperation<void(TSelectedFiles&, const TFileFilter&)> TopOf(TEngine& engine, int drive) {
+  TOperation<void(TSelectedFiles&, const TFileFilter&)> operation;
+  operation = [&engine, drive](TSelectedFiles& files, const TFileFilter&) {
+    for (const std::int64_t number : engine.Drives().GetParentClusters(drive, SpecialCluster::Root)) {
+      files.push_back({static_cast<int>(number), false});
+    }
+    std::stable_partition(files.begin(), files.end(), [&](const TSelectedFile& file) {
+      return !engine.Files().List[static_cast<std::size_t>(file.FileIndex)].FileInfo.blnDeleted;
+    });
+  };
+  return operation;
+}
+
+int ComplainOf(const TOptions& options, const std::string& path, int error) {
+  Complain(options.Texts.Utf8(TText::ErrorOf, {path, SystemErrorText(options.Texts, error)}));
+  return WrongUsage;
 }
 
 }  // namespace
@@ -96,53 +227,54 @@ int RecoverFiles(const TOptions& options) {
   if (MountSource(engine, options.Source()) < 0) return WrongUsage;
   if (const int status = CheckTarget(options); status != 0) return status;
   const TStopKey stop(engine);
-  TProgressLine progress;
+  TProgressLine progress(options.Texts);
   const TAnalysed analysed = Analyse(engine, options, progress);
   if (analysed.Drives.empty()) return analysed.WrongDrive ? WrongUsage : DoneWithFailures;
   const bool scanStopped = TStopKey::Pressed();
 
   const TSelection selection(options);
-  TRecovery recovery(engine, [&](const TTreeEntry& entry) { return selection.Wants(engine, entry); });
-  if (const int error = recovery.SetTarget(options.Out); error != 0) {
-    Complain(fmt::format("{}: {}.", options.Out, std::strerror(error)));
-    return WrongUsage;
-  }
-  TRecoverySize total;
+  TOptionAnswers answers(options);
+  TRecoveryMasterLink link(engine);
+  selection.ApplyTo(link, engine, analysed.Drives);
+  TfrmSaveProgress recovery(engine, link, RecoveryOptions(options), &answers);
+  recovery.Filter = selection.Filter();
+  if (const int error = recovery.PrepareInfo(); error != 0) return ComplainOf(options, options.Out, error);
+  TOutcomeLines lines(engine, link, options);
+  if (const int error = lines.OpenReport(); error != 0) return ComplainOf(options, options.Report, error);
   for (const int number : analysed.Drives) {
-    const TRecoverySize size = recovery.Measure(number);
-    total.Files += size.Files;
-    total.Bytes += size.Bytes;
+    link.GetSelectedFiles = TopOf(engine, number);
+    recovery.PrepareRecovery(false);
   }
-  progress.Begin("Recovering");
-  recovery.OnProgress = [&](std::int64_t bytes) {
-    const double position = total.Bytes > 0 ? static_cast<double>(bytes) / static_cast<double>(total.Bytes) : 1;
-    progress.Show(position, bytes, fmt::format("{} files", recovery.Summary().Files));
+  progress.Begin(options.Texts.Utf8(TText::RecoveringFiles));
+  engine.OnPump = [&] {
+    const double total = static_cast<double>(std::max<std::int64_t>(recovery.RecoverySize, 1));
+    progress.Show(std::min(static_cast<double>(recovery.RecoveredSize) / total, 1.0), recovery.RecoveredSize,
+                  FilesText(options.Texts, recovery.Summary().Files));
   };
-  TOutput output;
-  if (options.Json) {
-    recovery.OnFile = [&](const TTreeEntry& entry, const TFileOutcome& outcome) {
-      output.Write(FileFields(entry)
-                       .Text("target", outcome.Path)
-                       .Text("outcome", std::string(OutcomeName(outcome.Outcome)))
-                       .Take());
-    };
-  }
+  recovery.OnFile = [&](const TFileOutcome& outcome, bool parentDeleted) { lines.Write(outcome, parentDeleted); };
   engine.Recovering = true;
   for (const int number : analysed.Drives) {
+    if (!engine.Recovering) break;
     TString subfolder;
     if (analysed.Drives.size() > 1) {
-      const TDriveInfo& drive = Drive(engine, number);
-      subfolder = NumberText(number + 1) + u" " + (drive.VolumeName.empty() ? TString(u"Volume") : drive.VolumeName);
+      const TString& name = Drive(engine, number).VolumeName;
+      subfolder = NumberText(number + 1) + u" " + (name.empty() ? engine.Language()[TText::Volume] : name);
     }
-    recovery.Recover(number, subfolder);
+    link.GetSelectedFiles = TopOf(engine, number);
+    recovery.Recovery(false, subfolder);
   }
   engine.Recovering = false;
+  engine.OnPump = nullptr;
+  recovery.CloseInfo();
   progress.Clear();
-  output.Flush();
+  const bool reported = lines.Close();
   const TRecoverySummary& summary = recovery.Summary();
-  PrintSummary(summary, total.Files, options, scanStopped);
-  if (scanStopped || summary.Stopped) return StoppedByUser;
-  return summary.Faults.empty() && analysed.AllReadable ? AllDone : DoneWithFailures;
+  const bool stopped = scanStopped || summary.Stopped;
+  PrintSummary(summary, recovery.RecoveryFiles, options, stopped);
+  if (!reported) ComplainOf(options, options.Report, EIO);
+  if (stopped) return StoppedByUser;
+  const bool sound = summary.FaultCount() == 0 && summary.StreamsFailed == 0 && analysed.AllReadable && reported;
+  return sound ? AllDone : DoneWithFailures;
 }
 
 }  // namespace brenlow::cli

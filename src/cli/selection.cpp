@@ -6,6 +6,7 @@
 #include "analysis/files.h"
 #include "core/engine.h"
 #include "core/text.h"
+#include "recovery/master_link.h"
 
 namespace brenlow::cli {
 
@@ -23,11 +24,54 @@ TSelection::TSelection(const TOptions& options) : FGlob(options.PathGlob) {
   }
 }
 
+namespace {
+
+/// Notes the files whose path fits.
+class TMatches final : public ITreeVisitor {
+ public:
+  TMatches(const TSelection& selection, TEngine& engine, std::vector<bool>& matches)
+      : FSelection(selection), FEngine(engine), FMatches(matches) {}
+  bool File(const TTreeEntry& entry) override {
+    FMatches[static_cast<std::size_t>(entry.FileNumber)] = FSelection.Wants(FEngine, entry);
+    return true;
+  }
+  bool EnterFolder(const TTreeEntry&) override { return true; }
+  void LeaveFolder(const TTreeEntry&) override {}
+
+ private:
+  const TSelection& FSelection;
+  TEngine& FEngine;
+  std::vector<bool>& FMatches;
+};
+
+}  // namespace
+
+bool TSelection::PassesFilter(TEngine& engine, int fileNumber, bool parentDeleted) const {
+  const TFileInfo& info = engine.Files().List[static_cast<std::size_t>(fileNumber)].FileInfo;
+  if (info.blnFolder && (!FFilter.AllFiles || !FGlob.empty())) return false;
+  const bool deleted = parentDeleted || info.blnDeleted;
+  if (info.blnFolder && !(deleted ? FFilter.Deleted : FFilter.Existing)) return false;
+  return engine.Files().IsFiltered(fileNumber, parentDeleted, FFilter);
+}
+
 bool TSelection::Wants(TEngine& engine, const TTreeEntry& entry) const {
-  if (entry.File->FileInfo.blnFolder && (!FFilter.AllFiles || !FGlob.empty())) return false;
-  if (entry.File->FileInfo.blnFolder && !(entry.Deleted() ? FFilter.Deleted : FFilter.Existing)) return false;
-  if (!engine.Files().IsFiltered(entry.FileNumber, entry.ParentDeleted, FFilter)) return false;
+  if (!PassesFilter(engine, entry.FileNumber, entry.ParentDeleted)) return false;
   return FGlob.empty() || MatchesGlob(ToUtf8(entry.Path));
+}
+
+void TSelection::ApplyTo(TRecoveryMasterLink& link, TEngine& engine, const TIntegerDynArray& drives) const {
+  if (FGlob.empty()) {
+    link.IsFiltered = [this, &engine](int number, bool parentDeleted, const TFileFilter&) {
+      return PassesFilter(engine, number, parentDeleted);
+    };
+    return;
+  }
+  std::vector<bool> matches(engine.Files().List.size());
+  TMatches visitor(*this, engine, matches);
+  for (const int number : drives) WalkTree(engine, number, visitor);
+  link.IsFiltered = [matches = std::move(matches)](int number, bool, const TFileFilter&) {
+    return bool{matches[static_cast<std::size_t>(number)]};
+  };
 }
 
 /// A pattern without a slash is compared with the name, one with a slash with the whole path.

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "analysis/tree_walk.h"
 #include "cli/options.h"
@@ -9,7 +10,8 @@
 
 namespace brenlow {
 class TEngine;
-}
+class TRecoveryMasterLink;
+}  // namespace brenlow
 
 namespace brenlow::cli {
 
@@ -18,8 +20,12 @@ class TSelection {
  public:
   explicit TSelection(const TOptions& options);
   bool Wants(TEngine& engine, const TTreeEntry& entry) const;
+  const TFileFilter& Filter() const { return FFilter; }
+  /// Lets a recovery of these drives take the same entries.
+  void ApplyTo(TRecoveryMasterLink& link, TEngine& engine, const TIntegerDynArray& drives) const;
 
  private:
+  bool PassesFilter(TEngine& engine, int fileNumber, bool parentDeleted) const;
   bool MatchesGlob(const std::string& path) const;
 
   std::string FGlob;

@@ -1,12 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "cli/session.h"
 
-#include <fmt/format.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 
 #include "analysis/analysis.h"
@@ -29,24 +27,20 @@ TString SourceKey(const std::string& path) {
   return TextFromPath(text);
 }
 
-std::string MountComplaint(const std::string& source, const TMountFailure& failure) {
-  if (failure.TooSmall) return source + ": smaller than one sector, so it cannot be a disk or an image of one.";
+std::string MountComplaint(const TLanguage& texts, const std::string& source, const TMountFailure& failure) {
+  if (failure.TooSmall) return texts.Utf8(TText::SourceTooSmall, {source});
   switch (failure.SystemError) {
     case EACCES:
     case EPERM:
-      if (::geteuid() == 0)
-        return source + ": permission denied, even to root: a container or a security policy keeps it.";
-      return source + ": permission denied. Reading a device needs administrator rights: try again with sudo.";
+      return texts.Utf8(::geteuid() == 0 ? TText::SourceDeniedToRoot : TText::SourceDenied, {source});
     case EISDIR:
-      return source +
-             ": is a folder. Give the image file, or the device that the folder's volume lies on (see `brenlow-cli "
-             "drives`).";
+      return texts.Utf8(TText::SourceIsFolder, {source});
     case ENOTBLK:
-      return source + ": is neither a file nor a block device.";
+      return texts.Utf8(TText::SourceIsNeither, {source});
     case ENOMEDIUM:
-      return source + ": no medium is in the drive.";
+      return texts.Utf8(TText::SourceNoMedium, {source});
     default:
-      return source + ": " + std::strerror(failure.SystemError) + ".";
+      return texts.Utf8(TText::ErrorOf, {source, SystemErrorText(texts, failure.SystemError)});
   }
 }
 
@@ -54,9 +48,8 @@ std::string MountComplaint(const std::string& source, const TMountFailure& failu
 bool IsReadable(TEngine& engine, int number) {
   const TDriveInfo& drive = Drive(engine, number);
   if (drive.Analysed == TAnalyseInformation::aiFull || TStopKey::Pressed()) return true;
-  Complain(fmt::format(
-      "drive {} ({}, {}): its boot sector is damaged and has no usable copy, so its files cannot be listed.",
-      number + 1, SystemName(drive), SizeText(SizeOf(drive))));
+  Complain(engine.Language().Utf8(TText::VolumeDamaged,
+                                  {std::to_string(number + 1), SystemName(drive), SizeText(SizeOf(drive))}));
   return false;
 }
 
@@ -67,18 +60,27 @@ void Complain(const std::string& text) { std::fprintf(stderr, "brenlow-cli: %s\n
 int MountSource(TEngine& engine, const std::string& source) {
   TMountFailure failure;
   const int number = engine.Drives().Mount(SourceKey(source), false, &failure);
-  if (number < 0) Complain(MountComplaint(source, failure));
+  if (number < 0) Complain(MountComplaint(engine.Language(), source, failure));
   return number;
 }
 
+std::string FilesText(const TLanguage& texts, std::int64_t count) {
+  return texts.Utf8(count == 1 ? TText::FilesOne : TText::FilesMany, {std::to_string(count)});
+}
+
 void ApplyOptions(TEngine& engine, const TOptions& options) {
+  engine.ChangeLanguage(options.Texts);
   TFAT& fat = engine.FAT();
   if (options.LostFolders == "never") fat.LostFolderSearch = TLostFolderSearch::Never;
   if (options.LostFolders == "always") fat.LostFolderSearch = TLostFolderSearch::Always;
   if (!fat.SetOemCodePage(options.CodePage)) {
-    Complain(fmt::format("code page {} is not known on this system; 437 is used.", options.CodePage));
+    Complain(options.Texts.Utf8(TText::CodePageUnknown, {std::to_string(options.CodePage)}));
     fat.SetOemCodePage(437);
   }
+}
+
+std::string NoSuchDrive(const TOptions& options) {
+  return options.Texts.Utf8(TText::NoSuchDrive, {std::to_string(options.Drive), options.Source()});
 }
 
 std::string SystemName(const TDriveInfo& drive) { return ToUtf8(TDrives::GetSystemNameBySystem(drive.FileSystem)); }
@@ -92,8 +94,7 @@ TIntegerDynArray ChooseDrives(TEngine& engine, const TOptions& options, bool& wr
   TDrives& drives = engine.Drives();
   wrongDrive = options.Drive != 0 && drives.IsWrongNumber(options.Drive - 1);
   if (wrongDrive) {
-    Complain(fmt::format("there is no drive {}: `brenlow-cli drives {}` shows what there is.", options.Drive,
-                         options.Source()));
+    Complain(NoSuchDrive(options));
     return {};
   }
   if (options.Drive != 0) return {options.Drive - 1};
@@ -101,7 +102,7 @@ TIntegerDynArray ChooseDrives(TEngine& engine, const TOptions& options, bool& wr
   for (int i = 0; i < static_cast<int>(drives.List.size()); ++i) {
     if (drives.CanBeAnalysed(i)) chosen.push_back(i);
   }
-  if (chosen.empty()) Complain(fmt::format("{}: no known file system was found.", options.Source()));
+  if (chosen.empty()) Complain(options.Texts.Utf8(TText::NothingRecognised, {options.Source()}));
   return chosen;
 }
 
@@ -114,8 +115,7 @@ TAnalysed Analyse(TEngine& engine, const TOptions& options, TProgressLine& progr
   const bool isImage = std::filesystem::is_regular_file(options.Source(), error);
   engine.OnMessage = [&, isImage](const TEngineMessage& message) {
     // Rights play no part once an image file is open: it is just empty.
-    constexpr int noRights = 7;
-    if (message.Number == noRights && isImage) return;
+    if (message.Id == TText::NothingFoundNoRights && isImage) return;
     progress.Clear();
     Complain(ToUtf8(message.Text));
     analysed.AllReadable = false;
@@ -125,16 +125,16 @@ TAnalysed Analyse(TEngine& engine, const TOptions& options, TProgressLine& progr
   engine.OnAnalyseProgress = [&](double p) { position = p; };
   engine.OnPump = [&] {
     progress.Show(position, static_cast<std::int64_t>(engine.Reader().BytesRead() - readBefore),
-                  fmt::format("{} files", engine.Files().FoundCount));
+                  FilesText(engine.Language(), engine.Files().FoundCount));
   };
   for (const int number : chosen) {
-    progress.Begin(fmt::format("Analysing {}", Printable(ToUtf8(Drive(engine, number).Caption))));
+    progress.Begin(engine.Language().Utf8(TText::AnalysingDrive, {Printable(ToUtf8(Drive(engine, number).Caption))}));
     readBefore = engine.Reader().BytesRead();
     AnalyseDrive(engine, number);
     if (engine.Drives().IsPhysical(number)) {
       const TIntegerDynArray& subs = Drive(engine, number).SubDrives;
       analysed.Drives.insert(analysed.Drives.end(), subs.begin(), subs.end());
-      if (subs.empty()) Complain("this disk has no volumes that could be analysed.");
+      if (subs.empty()) Complain(options.Texts.Utf8(TText::DiskWithoutVolumes));
     } else {
       analysed.Drives.push_back(number);
     }

@@ -17,7 +17,13 @@ void Complain(const std::string& text);
 /// Adds a source to the registry; -1 with a complaint when it cannot be read.
 int MountSource(TEngine& engine, const std::string& source);
 
+/// Language, code page and the like.
 void ApplyOptions(TEngine& engine, const TOptions& options);
+
+/// "1 file", "2 files".
+std::string FilesText(const TLanguage& texts, std::int64_t count);
+/// The complaint that `--drive` names none.
+std::string NoSuchDrive(const TOptions& options);
 
 struct TAnalysed {
   TIntegerDynArray Drives;  ///< that hold the files; empty when there was nothing to analyse

@@ -23,9 +23,21 @@ struct TDiskGeometry {
 inline constexpr std::uint32_t RemovableMedia = 11;
 inline constexpr std::uint32_t FixedMedia = 12;
 
+/// What a drive's caption is made of, so that it can be made again in another language.
+enum class TCaptionKind : std::uint8_t {
+  OwnName,           ///< a model or file name: stays as it is
+  SystemVolume,      ///< label, or "Volume", and the mount point
+  TableVolume,       ///< label, or "Volume", and the size
+  UnallocatedSpace,  ///< "Unallocated space" and the number
+  PhysicalDrive,     ///< "Physical drive", the number and the size
+  SubDrive,          ///< label, or "Partition" and the number, and the size
+};
+
 struct TDriveInfo {
   TString VolumeName;
   TString Caption;
+  TCaptionKind CaptionKind = TCaptionKind::OwnName;
+  int CaptionNumber = 0;
   /// Key of the sector reader: a short text (drive number, drive letter) or a path of at least
   /// four characters. A volume has the same text as the physical drive under it.
   TString Drive;

@@ -8,7 +8,7 @@
 #include "core/device/device.h"
 #include "core/device/system_disks.h"
 #include "core/engine.h"
-#include "core/messages.h"
+#include "core/language.h"
 #include "core/numbers.h"
 #include "core/sizes.h"
 #include "core/text.h"
@@ -62,9 +62,7 @@ void TDrives::AddSystemVolumes() {
     drive.FileSystem = GetSystem(drive);
     GetInfo(drive, false, true, false);
     SetDefaultInfo(drive);
-    const TString name =
-        drive.VolumeName.empty() ? MessageText("e_Drives", mounted.Removable ? 3 : 2) : drive.VolumeName;
-    drive.Caption = name + u" (" + drive.DriveLetter + u")";
+    drive.CaptionKind = TCaptionKind::SystemVolume;
     drive.CanBeAnalysed = true;
     Add(drive, false);
   }
@@ -142,14 +140,8 @@ int TDrives::AddTableVolume(const TPhysicalDrive& disk, const TVolume& volume, b
     GetInfo(drive, false, true, false);
   }
   SetDefaultInfo(drive);
-  const TString size = SizeCaption(drive.SectorsCount * drive.BytesPerSector);
-  if (unallocated) {
-    drive.Caption = FormatMessage("e_Drives", 0, NumberText(++FUnallocatedCount));
-  } else if (!drive.VolumeName.empty()) {
-    drive.Caption = drive.VolumeName + u" " + size;
-  } else {
-    drive.Caption = MessageText("e_Drives", 2) + u" " + size;
-  }
+  drive.CaptionKind = unallocated ? TCaptionKind::UnallocatedSpace : TCaptionKind::TableVolume;
+  if (unallocated) drive.CaptionNumber = ++FUnallocatedCount;
   drive.CanBeAnalysed = true;
   return Add(drive, false);
 }
@@ -161,9 +153,11 @@ void TDrives::AddPhysicalDrive(const TPhysicalDrive& disk, int& unnamed) {
   drive.DiskGeometry = disk.DiskGeometry;
   drive.BytesPerSector = static_cast<int>(disk.DiskGeometry.BytesPerSector);
   if (drive.BytesPerSector > 0 && disk.DiskSize > 0) drive.SectorsCount = disk.DiskSize / drive.BytesPerSector;
-  drive.Caption = disk.Model.empty()
-                      ? FormatMessage("e_Drives", 1, NumberText(++unnamed)) + u" " + SizeCaption(disk.DiskSize)
-                      : disk.Model;
+  drive.Caption = disk.Model;
+  if (disk.Model.empty()) {
+    drive.CaptionKind = TCaptionKind::PhysicalDrive;
+    drive.CaptionNumber = ++unnamed;
+  }
   drive.DriveTypes = {TDriveType::dtPhysical};
   if (disk.DiskGeometry.MediaType == RemovableMedia) drive.DriveTypes.Add(TDriveType::dtRemovable);
   for (int i = 0; i < static_cast<int>(List.size()); ++i) {
@@ -185,6 +179,7 @@ void TDrives::Clear() {
 
 int TDrives::Add(const TDriveInfo& drive, bool canAddToTreeView) {
   List.push_back(drive);
+  UpdateCaption(List.back());
   FEngine.Pump();
   const int number = static_cast<int>(List.size()) - 1;
   if (canAddToTreeView && OnAdded) OnAdded(number);
@@ -255,10 +250,43 @@ void TDrives::UpdateSubDrivesCaptions(int driveNumber) {
   int count = 0;
   for (const int sub : List[static_cast<std::size_t>(driveNumber)].SubDrives) {
     TDriveInfo& drive = List[static_cast<std::size_t>(sub)];
-    const TString name =
-        drive.VolumeName.empty() ? FormatMessage("e_Drives", 4, NumberText(++count)) : drive.VolumeName;
-    drive.Caption = name + u" " + SizeCaption(drive.SectorsCount * drive.BytesPerSector);
+    drive.CaptionKind = TCaptionKind::SubDrive;
+    if (drive.VolumeName.empty()) drive.CaptionNumber = ++count;
+    UpdateCaption(drive);
   }
+}
+
+void TDrives::UpdateCaption(TDriveInfo& drive) const {
+  const TLanguage& language = FEngine.Language();
+  const TString number = NumberText(drive.CaptionNumber);
+  const auto nameOr = [&](const TString& text) { return drive.VolumeName.empty() ? text : drive.VolumeName; };
+  const TString size = u" " + SizeCaption(drive.SectorsCount * drive.BytesPerSector);
+  switch (drive.CaptionKind) {
+    case TCaptionKind::OwnName:
+      break;
+    case TCaptionKind::SystemVolume: {
+      const bool removable = drive.DriveTypes.Has(TDriveType::dtRemovable);
+      const TString name = nameOr(language[removable ? TText::RemovableVolume : TText::Volume]);
+      drive.Caption = name + u" (" + drive.DriveLetter + u")";
+      break;
+    }
+    case TCaptionKind::TableVolume:
+      drive.Caption = nameOr(language[TText::Volume]) + size;
+      break;
+    case TCaptionKind::UnallocatedSpace:
+      drive.Caption = language.Format(TText::UnallocatedSpace, {number});
+      break;
+    case TCaptionKind::PhysicalDrive:
+      drive.Caption = language.Format(TText::PhysicalDrive, {number}) + size;
+      break;
+    case TCaptionKind::SubDrive:
+      drive.Caption = nameOr(language.Format(TText::Partition, {number})) + size;
+      break;
+  }
+}
+
+void TDrives::UpdateLanguage() {
+  for (TDriveInfo& drive : List) UpdateCaption(drive);
 }
 
 void TDrives::CopyInfo(int source, int destination) {
@@ -416,13 +444,33 @@ bool TDrives::IsDiskIn(int number, bool canShowMessages) {
     FEngine.Devices().Close(drive.Drive);
     const IDevice* device = FEngine.Devices().Get(drive.Drive);
     if (device != nullptr && device->Size() > 0) return true;
-    const TString question = FormatMessage("e_Message", 1, drive.DriveLetter + u":");
+    const TString question = FEngine.Language().Format(TText::NoDiskInDrive, {drive.DriveLetter + u":"});
     if (!canShowMessages || !FEngine.OnAskRetry || !FEngine.OnAskRetry(question)) return false;
   }
 }
 
 bool TDrives::IsEmpty(int number) const {
   return IsWrongNumber(number) || List[static_cast<std::size_t>(number)].ParentClusters.Empty();
+}
+
+bool TDrives::IsEmpty(int number, std::int64_t parent) const {
+  return IsWrongNumber(number) || List[static_cast<std::size_t>(number)].ParentClusters.Empty(parent);
+}
+
+bool TDrives::CanCloseDisk(int number) const {
+  for (const TDriveType type :
+       {TDriveType::dtMounted, TDriveType::dtFound, TDriveType::dtVirtual, TDriveType::dtRaid}) {
+    if (HasType(number, type)) return true;
+  }
+  return false;
+}
+
+void TDrives::CloseDisks(TIntegerDynArray numbers) {
+  // From the last, so that those still to go keep their numbers. A disk takes its volumes along,
+  // which lie behind it.
+  std::sort(numbers.rbegin(), numbers.rend());
+  numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
+  for (const int number : numbers) Delete(number);
 }
 
 bool TDrives::CanBeAnalysed(int number) const {
@@ -513,16 +561,22 @@ TStringView TDrives::GetSystemNameBySystem(TFileSystem system) {
   return index < std::size(names) ? names[index] : TStringView();
 }
 
-TString TDrives::GetPartitionTypeCaption(const TDriveInfo& drive) {
+TString TDrives::GetPartitionTypeCaption(const TDriveInfo& drive) const {
   using enum TPartitionType;
-  constexpr std::pair<TPartitionType, int> texts[] = {{ptPrimary, 10},     {ptLogical, 11},  {ptBoot, 12},
-                                                      {ptEFI, 13},         {ptReserved, 14}, {ptRecovery, 15},
-                                                      {ptLdmMetadata, 16}, {ptLdmData, 17},  {ptAppleRaid, 18}};
+  constexpr std::pair<TPartitionType, TText> texts[] = {{ptPrimary, TText::PartitionPrimary},
+                                                        {ptLogical, TText::PartitionLogical},
+                                                        {ptBoot, TText::PartitionBoot},
+                                                        {ptEFI, TText::PartitionEFI},
+                                                        {ptReserved, TText::PartitionReserved},
+                                                        {ptRecovery, TText::PartitionRecovery},
+                                                        {ptLdmMetadata, TText::PartitionLdmMetadata},
+                                                        {ptLdmData, TText::PartitionLdmData},
+                                                        {ptAppleRaid, TText::PartitionAppleRaid}};
   TString caption;
-  for (const auto& [type, number] : texts) {
+  for (const auto& [type, text] : texts) {
     if (!drive.PartitionType.Has(type)) continue;
     if (!caption.empty()) caption += u", ";
-    caption += MessageText("e_Drives", number);
+    caption += FEngine.Language()[text];
   }
   return caption;
 }
@@ -555,8 +609,8 @@ TByteDynArray TDrives::GetDriveData(int number, std::int64_t start, std::int64_t
 
 // ---- parent index ---------------------------------------------------------------------------
 
-void TDrives::AddParentCluster(TDriveInfo& drive, std::int64_t number, std::uint32_t fileIndex) {
-  drive.ParentClusters.Add(number, fileIndex);
+void TDrives::AddParentCluster(TDriveInfo& drive, std::int64_t number, std::uint32_t fileIndex, bool isFolder) {
+  drive.ParentClusters.Add(number, fileIndex, isFolder);
 }
 
 void TDrives::DeleteParentCluster(TDriveInfo& drive, std::int64_t number, std::uint32_t fileIndex) {
@@ -566,6 +620,11 @@ void TDrives::DeleteParentCluster(TDriveInfo& drive, std::int64_t number, std::u
 TInt64DynArray TDrives::GetParentClusters(int driveNumber, std::int64_t number) const {
   if (IsWrongNumber(driveNumber)) return {};
   return List[static_cast<std::size_t>(driveNumber)].ParentClusters.Files(number);
+}
+
+TInt64DynArray TDrives::GetParentFolders(int driveNumber, std::int64_t number) const {
+  if (IsWrongNumber(driveNumber)) return {};
+  return List[static_cast<std::size_t>(driveNumber)].ParentClusters.Folders(number);
 }
 
 void TDrives::MergeParentClusters(int source, int destination) {

@@ -61,6 +61,8 @@ class TDrives {
   int AddSubdrive(int driveNumber, int driveIcon);
   void DeleteSubdrives(int driveNumber);
   void UpdateSubDrivesCaptions(int driveNumber);
+  /// Makes all captions anew that hold words of the language.
+  void UpdateLanguage();
   /// Copies everything but the place in the registry (`SubDrives`, `Volumes`, `IsSubDrive`).
   void CopyInfo(int source, int destination);
   /// Remembers the live values as the detected ones.
@@ -81,7 +83,13 @@ class TDrives {
   bool IsVMware(int number) const { return HasType(number, TDriveType::dtVMWare); }
   /// True for a wrong number and for a drive without any entry in its parent index.
   bool IsEmpty(int number) const;
+  /// The same for one parent reference.
+  bool IsEmpty(int number, std::int64_t parent) const;
   bool CanBeAnalysed(int number) const;
+  /// True for what was added to the list: mounted images, found and virtual volumes, RAIDs.
+  bool CanCloseDisk(int number) const;
+  /// Takes drives off the list.
+  void CloseDisks(TIntegerDynArray numbers);
   static bool Same(const TDriveInfo& drive1, const TDriveInfo& drive2);
 
   // ---- facts ----
@@ -96,7 +104,7 @@ class TDrives {
   TFileSystem GetSystem(const TDriveInfo& drive);
   static TStringView GetSystemNameBySystem(TFileSystem system);
   /// The role in the partition table, as "primary, boot"; empty when it has none.
-  static TString GetPartitionTypeCaption(const TDriveInfo& drive);
+  TString GetPartitionTypeCaption(const TDriveInfo& drive) const;
   TIntegerDynArray GetParentPhysicalDrives(const TDriveInfo& drive) const;
   PARTITION_STYLE GetPhysicalPartitionStyle(int number) const;
   /// Byte-addressed read: exactly `size` bytes with zeros for what cannot be read; empty when
@@ -108,11 +116,13 @@ class TDrives {
                    TFileSystem& fileSystem, int bytesPerSector) const;
 
   // ---- parent index ----
-  static void AddParentCluster(TDriveInfo& drive, std::int64_t number, std::uint32_t fileIndex);
+  static void AddParentCluster(TDriveInfo& drive, std::int64_t number, std::uint32_t fileIndex, bool isFolder);
   static void DeleteParentCluster(TDriveInfo& drive, std::int64_t number, std::uint32_t fileIndex);
   static void ClearParentClusters(TDriveInfo& drive) { drive.ParentClusters.Clear(); }
   /// The files under a parent reference, in order of addition.
   TInt64DynArray GetParentClusters(int driveNumber, std::int64_t number) const;
+  /// Only the folders among them, found without a look at the files.
+  TInt64DynArray GetParentFolders(int driveNumber, std::int64_t number) const;
   /// Parent references with at least one file, ascending.
   static TInt64DynArray GetFoundPosParentClusters(const TDriveInfo& drive) { return drive.ParentClusters.Numbers(); }
   void MergeParentClusters(int source, int destination);
@@ -124,6 +134,7 @@ class TDrives {
   void PartRecApplyFoundDriveInfoToDrive(int driveNumber, int foundDriveNumber);
 
  private:
+  void UpdateCaption(TDriveInfo& drive) const;
   bool HasType(int number, TDriveType type) const {
     return !IsWrongNumber(number) && List[static_cast<std::size_t>(number)].DriveTypes.Has(type);
   }

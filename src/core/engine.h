@@ -16,15 +16,17 @@ class TDeviceTable;
 class TDrives;
 class TFAT;
 class TFiles;
+class TFolders;
 class TFileSignatures;
+class TLanguage;
 class TPartitionsInfo;
 class TSectorReader;
 struct TDriveInfo;
+enum class TText : std::uint16_t;
 
-/// A message of the engine for the user: number `Number` of the language section `Section`.
+/// A message of the engine for the user, in the language in force.
 struct TEngineMessage {
-  const char* Section = "";
-  int Number = 0;
+  TText Id{};
   TString Text;
 };
 
@@ -56,7 +58,7 @@ class TEngine {
   void ChangeAnalysingStatus(int driveNumber, bool status);
   /// Publishes the position of one volume's scan, mapped onto its share of the whole.
   void AnalyseProgress(double position);
-  void ShowMessage(const char* section, int number);
+  void ShowMessage(TText text);
 
   /// Lets waiting events run. Scans call it for every unit of work, so it costs next to nothing
   /// unless some time has passed.
@@ -78,11 +80,15 @@ class TEngine {
   void BeginDriveFiles(int driveNumber);
 
   // ---- parts ----
+  const TLanguage& Language() const { return *FLanguage; }
+  /// Changes all texts, those of known drives and files included.
+  void ChangeLanguage(TLanguage language);
   TDeviceTable& Devices() { return *FDevices; }
   TSectorReader& Reader() { return *FReader; }
   TPartitionsInfo& Partitions() { return *FPartitions; }
   TDrives& Drives() { return *FDrives; }
   TFiles& Files() { return *FFiles; }
+  TFolders& Folders() { return *FFolders; }
   const TFileSignatures& Signatures() const { return *FSignatures; }
   TFAT& FAT() { return *FFAT; }
 
@@ -93,12 +99,14 @@ class TEngine {
   std::int64_t FLastPump = 0;  // steady clock, milliseconds
   bool FPumping = false;
 
+  std::unique_ptr<TLanguage> FLanguage;
   std::unique_ptr<TDeviceTable> FDevices;
   std::unique_ptr<TSectorReader> FReader;
   std::unique_ptr<TPartitionsInfo> FPartitions;
   std::unique_ptr<TDrives> FDrives;
   std::unique_ptr<TFileSignatures> FSignatures;
   std::unique_ptr<TFiles> FFiles;
+  std::unique_ptr<TFolders> FFolders;
   std::unique_ptr<TFAT> FFAT;
 };
 

@@ -134,6 +134,16 @@ class TFileArray {
   std::size_t FSize = 0;
 };
 
+/// One alternate data stream or attribute of a file.
+struct TADS {
+  std::int64_t aType = 0;
+  std::int64_t aSize = 0;  ///< bytes
+  bool IsSystem = false;   ///< kept by the file system for itself; only others are streams for users
+  TString sType;
+  TString Name;
+};
+using TADSDynArray = std::vector<TADS>;
+
 /// Part of a file's layout, in sectors; `FirstSectorInDrive` counts from the volume's start.
 struct TFileFragment {
   std::int64_t FirstSectorInDrive = 0;

@@ -38,25 +38,23 @@ void TParentClusters::Grow() {
   }
 }
 
-void TParentClusters::Add(std::int64_t number, std::uint32_t fileNumber) {
+void TParentClusters::Add(std::int64_t number, std::uint32_t fileNumber, bool isFolder) {
   if (FUsed * 2 >= FBuckets.size()) Grow();
   if (FLinkCount == FLinks.size() * LinksPerChunk) FLinks.emplace_back(LinksPerChunk);
   TBucket& bucket = FBuckets[Find(number)];
   if (!bucket.Used) {
-    bucket = {number, None, true};
+    bucket.Number = number;
+    bucket.Used = true;
     ++FUsed;
   }
-  Link(FLinkCount) = {fileNumber, bucket.Newest};
-  bucket.Newest = FLinkCount++;
+  std::uint32_t& newest = isFolder ? bucket.NewestFolder : bucket.Newest;
+  Link(FLinkCount) = {fileNumber, newest};
+  newest = FLinkCount++;
   ++FFileCount;
 }
 
-bool TParentClusters::Delete(std::int64_t number, std::uint32_t fileNumber) {
-  const TBucket* found = FindUsed(number);
-  if (found == nullptr) return false;
-  TBucket& bucket = FBuckets[static_cast<std::size_t>(found - FBuckets.data())];
-  std::uint32_t* reference = &bucket.Newest;
-  for (; *reference != None; reference = &Link(*reference).Previous) {
+bool TParentClusters::DeleteFrom(std::uint32_t& newest, std::uint32_t fileNumber) {
+  for (std::uint32_t* reference = &newest; *reference != None; reference = &Link(*reference).Previous) {
     if (Link(*reference).FileNumber != fileNumber) continue;
     *reference = Link(*reference).Previous;
     --FFileCount;
@@ -65,45 +63,86 @@ bool TParentClusters::Delete(std::int64_t number, std::uint32_t fileNumber) {
   return false;
 }
 
+bool TParentClusters::Delete(std::int64_t number, std::uint32_t fileNumber) {
+  const TBucket* found = FindUsed(number);
+  if (found == nullptr) return false;
+  TBucket& bucket = FBuckets[static_cast<std::size_t>(found - FBuckets.data())];
+  return DeleteFrom(bucket.Newest, fileNumber) || DeleteFrom(bucket.NewestFolder, fileNumber);
+}
+
 void TParentClusters::Clear() { *this = TParentClusters(); }
 
 TInt64DynArray TParentClusters::Files(std::int64_t number) const {
   TInt64DynArray files;
   const TBucket* bucket = FindUsed(number);
   if (bucket == nullptr) return files;
-  for (std::uint32_t at = bucket->Newest; at != None; at = Link(at).Previous) files.push_back(Link(at).FileNumber);
+  // Links are numbered in order of addition: the newer of the two chains comes next.
+  std::uint32_t file = bucket->Newest;
+  std::uint32_t folder = bucket->NewestFolder;
+  while (file != None || folder != None) {
+    std::uint32_t& next = folder == None || (file != None && file > folder) ? file : folder;
+    files.push_back(Link(next).FileNumber);
+    next = Link(next).Previous;
+  }
   std::reverse(files.begin(), files.end());
   return files;
+}
+
+TInt64DynArray TParentClusters::Folders(std::int64_t number) const {
+  TInt64DynArray folders;
+  const TBucket* bucket = FindUsed(number);
+  if (bucket == nullptr) return folders;
+  for (std::uint32_t at = bucket->NewestFolder; at != None; at = Link(at).Previous) {
+    folders.push_back(Link(at).FileNumber);
+  }
+  std::reverse(folders.begin(), folders.end());
+  return folders;
+}
+
+bool TParentClusters::Empty(std::int64_t number) const {
+  const TBucket* bucket = FindUsed(number);
+  return bucket == nullptr || (bucket->Newest == None && bucket->NewestFolder == None);
 }
 
 TInt64DynArray TParentClusters::Numbers() const {
   TInt64DynArray numbers;
   for (const TBucket& bucket : FBuckets) {
-    if (bucket.Used && bucket.Newest != None) numbers.push_back(bucket.Number);
+    if (bucket.Used && (bucket.Newest != None || bucket.NewestFolder != None)) numbers.push_back(bucket.Number);
   }
   std::sort(numbers.begin(), numbers.end());
   return numbers;
 }
 
+void TParentClusters::RenumberChain(std::uint32_t& newest, std::span<const std::uint32_t> newNumbers) {
+  std::uint32_t* reference = &newest;
+  while (*reference != None) {
+    TLink& link = Link(*reference);
+    link.FileNumber = link.FileNumber < newNumbers.size() ? newNumbers[link.FileNumber] : TFileArray::Erased;
+    if (link.FileNumber == TFileArray::Erased) {
+      *reference = link.Previous;
+      --FFileCount;
+    } else {
+      reference = &link.Previous;
+    }
+  }
+}
+
 void TParentClusters::Renumber(std::span<const std::uint32_t> newNumbers) {
   for (TBucket& bucket : FBuckets) {
-    std::uint32_t* reference = &bucket.Newest;
-    while (*reference != None) {
-      TLink& link = Link(*reference);
-      link.FileNumber = link.FileNumber < newNumbers.size() ? newNumbers[link.FileNumber] : TFileArray::Erased;
-      if (link.FileNumber == TFileArray::Erased) {
-        *reference = link.Previous;
-        --FFileCount;
-      } else {
-        reference = &link.Previous;
-      }
-    }
+    RenumberChain(bucket.Newest, newNumbers);
+    RenumberChain(bucket.NewestFolder, newNumbers);
   }
 }
 
 void TParentClusters::Merge(TParentClusters& other) {
   for (const std::int64_t number : other.Numbers()) {
-    for (const std::int64_t file : other.Files(number)) Add(number, static_cast<std::uint32_t>(file));
+    const TInt64DynArray folders = other.Folders(number);
+    std::size_t nextFolder = 0;
+    for (const std::int64_t file : other.Files(number)) {
+      const bool isFolder = nextFolder < folders.size() && folders[nextFolder] == file;
+      if (isFolder) ++nextFolder;
+      Add(number, static_cast<std::uint32_t>(file), isFolder);
+    }
   }
   other.Clear();
 }

@@ -15,10 +15,11 @@ namespace brenlow {
 /// must be sorted are sorted when asked for.
 ///
 /// A hash table with open addressing (about one cache miss for an insertion in random order) holds
-/// for each parent the newest of its files, and each file a link to the one before it.
+/// for each parent the newest of its files and the newest of its folders, each with a link to the
+/// one before it. The folders of a parent are thus found without a look at its files.
 class TParentClusters {
  public:
-  void Add(std::int64_t number, std::uint32_t fileNumber);
+  void Add(std::int64_t number, std::uint32_t fileNumber, bool isFolder);
   /// Takes one file out of a bucket; a bucket may stay behind empty. False when it was not there.
   bool Delete(std::int64_t number, std::uint32_t fileNumber);
   void Clear();
@@ -27,6 +28,10 @@ class TParentClusters {
 
   /// The files under `number`; empty when there are none.
   TInt64DynArray Files(std::int64_t number) const;
+  /// Only what was entered as a folder.
+  TInt64DynArray Folders(std::int64_t number) const;
+  /// True when nothing lies under `number`.
+  bool Empty(std::int64_t number) const;
   /// All parent references that have at least one file, ascending.
   TInt64DynArray Numbers() const;
 
@@ -44,7 +49,8 @@ class TParentClusters {
   };
   struct TBucket {
     std::int64_t Number = 0;
-    std::uint32_t Newest = None;  // link of the file added last; None when all are gone
+    std::uint32_t Newest = None;        // link of the file added last; None when all are gone
+    std::uint32_t NewestFolder = None;  // the same for folders
     bool Used = false;
   };
   static constexpr std::size_t LinksPerChunk = 8192;
@@ -54,6 +60,8 @@ class TParentClusters {
   /// Place of the parent, or of the free bucket where it belongs. The table is not empty.
   std::size_t Find(std::int64_t number) const;
   const TBucket* FindUsed(std::int64_t number) const;
+  bool DeleteFrom(std::uint32_t& newest, std::uint32_t fileNumber);
+  void RenumberChain(std::uint32_t& newest, std::span<const std::uint32_t> newNumbers);
   void Grow();
 
   std::vector<TBucket> FBuckets;  // a power of two, at most half of them used

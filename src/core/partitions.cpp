@@ -352,8 +352,8 @@ TPhysicalDrives TPartitionsInfo::GetPhysicalDrives() {
     info.BytesPerSector = disk.SectorSize;
     info.SectorsCount = disk.Size / disk.SectorSize;
     // What the system's old translation reports for every large disk: 255 heads of 63 sectors.
-    info.DiskGeometry = {info.SectorsCount / (std::int64_t{255} * 63), disk.Removable ? RemovableMedia : FixedMedia, 255, 63,
-                         static_cast<std::uint32_t>(disk.SectorSize)};
+    info.DiskGeometry = {info.SectorsCount / (std::int64_t{255} * 63), disk.Removable ? RemovableMedia : FixedMedia,
+                         255, 63, static_cast<std::uint32_t>(disk.SectorSize)};
     TPhysicalDrive physical;
     physical.Drive = info.Drive;
     physical.DriveNumber = static_cast<int>(drives.size());

@@ -34,7 +34,7 @@ class TEnumSet {
   constexpr bool operator==(const TEnumSet&) const = default;
 
  private:
-  static constexpr TBits Bit(TEnum value) { return static_cast<TBits>(1U << static_cast<unsigned>(value)); }
+  static constexpr TBits Bit(TEnum value) { return static_cast<TBits>(TBits{1} << static_cast<unsigned>(value)); }
   TBits FBits = 0;
 };
 

@@ -1,22 +1,11 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "recovery/chunk_writer.h"
 
-#include <unistd.h>
-
-#include <cerrno>
 #include <utility>
 
-namespace brenlow {
+#include "recovery/file_sink.h"
 
-int WriteAll(int handle, std::span<const std::uint8_t> bytes) {
-  while (!bytes.empty()) {
-    const ssize_t done = ::write(handle, bytes.data(), bytes.size());
-    if (done < 0 && errno == EINTR) continue;
-    if (done < 0) return errno;
-    bytes = bytes.subspan(static_cast<std::size_t>(done));
-  }
-  return 0;
-}
+namespace brenlow {
 
 TChunkWriter::~TChunkWriter() {
   if (!FThread.joinable()) return;
@@ -28,12 +17,12 @@ TChunkWriter::~TChunkWriter() {
   FThread.join();
 }
 
-int TChunkWriter::Write(int handle, TByteDynArray& chunk) {
+int TChunkWriter::Write(TFileSink& sink, TByteDynArray& chunk) {
   if (!FThread.joinable()) FThread = std::thread([this] { Run(); });
   std::unique_lock lock(FMutex);
   FChanged.wait(lock, [this] { return FJobs.size() < MostChunks || FError != 0; });
   if (FError != 0) return FError;
-  FJobs.push_back({handle, std::move(chunk)});
+  FJobs.push_back({&sink, std::move(chunk)});
   chunk = TByteDynArray();
   if (!FSpare.empty()) {
     chunk = std::move(FSpare.back());
@@ -59,7 +48,7 @@ void TChunkWriter::Run() {
     FBusy = true;
     const bool skip = FError != 0;
     lock.unlock();
-    const int error = skip ? 0 : WriteAll(job.Handle, job.Bytes);
+    const int error = skip ? 0 : job.Sink->Write(job.Bytes);
     lock.lock();
     if (error != 0) FError = error;
     FSpare.push_back(std::move(job.Bytes));

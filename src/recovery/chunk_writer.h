@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Writes a large file's chunks on a thread of its own, so that the target is written while the
-// source is read. The thread sees nothing of the engine but the bytes handed over.
+// source is read. The thread sees nothing of the engine but the bytes and the sink handed over.
 #pragma once
 
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <mutex>
-#include <span>
 #include <thread>
 #include <vector>
 
@@ -15,8 +14,7 @@
 
 namespace brenlow {
 
-/// Writes all bytes. 0, or the errno.
-int WriteAll(int handle, std::span<const std::uint8_t> bytes);
+class TFileSink;
 
 class TChunkWriter {
  public:
@@ -26,17 +24,17 @@ class TChunkWriter {
   TChunkWriter(const TChunkWriter&) = delete;
   TChunkWriter& operator=(const TChunkWriter&) = delete;
 
-  /// Hands a chunk over for the open file and gives another buffer back in its place. Waits while
+  /// Hands a chunk over for the sink and gives another buffer back in its place. Waits while
   /// enough chunks are under way. 0, or the errno of an earlier chunk, after which nothing more
   /// is written until `Finish`.
-  int Write(int handle, TByteDynArray& chunk);
+  int Write(TFileSink& sink, TByteDynArray& chunk);
   /// Waits until everything is written; the next chunk starts anew. 0, or the errno.
   int Finish();
 
  private:
   static constexpr std::size_t MostChunks = 4;  // bounds the memory
   struct TJob {
-    int Handle = -1;
+    TFileSink* Sink = nullptr;
     TByteDynArray Bytes;
   };
   void Run();

@@ -44,11 +44,15 @@ std::string SafeName(TStringView name, char16_t replacement) {
     const bool control = c < u' ' || (c >= 0x7F && c <= 0x9F);
     if (control || refused.find(c) != TStringView::npos) c = replacement;
   }
+  // The name that the target keeps for the file being written.
+  if (safe == u".brenlow-partial") safe.insert(safe.begin(), replacement);
   if (std::all_of(safe.begin(), safe.end(), [](char16_t c) { return c == u'.'; })) {
     safe.insert(safe.begin(), replacement);
   }
   return Fit(Split(ToUtf8(safe)), "");
 }
+
+std::string WithSuffix(const std::string& name, const std::string& suffix) { return Fit({name, suffix}, ""); }
 
 std::string NumberedName(const std::string& name, int number) {
   return Fit(Split(name), " (" + std::to_string(number) + ")");

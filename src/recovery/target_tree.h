@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The folder that a recovery writes into. Every file and folder is created relative to an open
-// folder, never through a symbolic link, and never over something that exists.
+// The folder that a recovery writes into. Files and folders are created relative to open folders
+// and never through a symbolic link. A file is written under a name of its own and moved to its
+// real name when it is done, so that a real name always stands for a finished file.
 #pragma once
 
-#include <algorithm>
 #include <cstdint>
-#include <map>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "core/datetime.h"
@@ -32,33 +32,92 @@ class THandle {
 
 class TTargetTree {
  public:
+  /// A folder below the target, made on disk when it is entered.
+  using TPlace = std::uint32_t;
+  static constexpr TPlace Root = 0;
+  /// Name of a file while it is written.
+  static constexpr const char* PartialName = ".brenlow-partial";
+
   /// Opens the folder, creating it and its parents where missing. 0, or the errno of the failure.
   int Open(const std::string& path);
 
-  /// Descends into a folder named on the source. It is created when the first file goes into it.
-  void Push(TStringView name, const TTimeStamp& times);
-  /// Creates the folder in hand and those above it. 0, or the errno.
-  int EnsureCreated();
-  /// Leaves the folder in hand and gives it its times.
-  void Pop();
+  // ---- folders ----
+  /// The place of a folder named on the source. Folders of one parent that are asked for one after
+  /// the other share a place when they share a name. `comesAgain`: the place will be entered more
+  /// than once, so the names noted in it are kept.
+  TPlace Folder(TPlace parent, TStringView name, const TTimeStamp& times, bool comesAgain = false);
+  /// Makes a folder the one in hand, creating it and those above it. 0, or the errno.
+  int Enter(TPlace place);
+  /// Path below the target, empty or ending in a slash.
+  std::string PathOf(TPlace place) const;
+  /// Gives all folders entered their times; at the end, as each file in a folder changes them.
+  void SetFolderTimes();
 
-  /// Creates a new file in the folder in hand; where its name is taken, a numbered one. 0, or the
-  /// errno. `path` gets the path below the target.
-  int CreateFile(TStringView name, THandle& handle, std::string& path);
+  // ---- files in the folder in hand ----
+  /// True when something has that name.
+  bool Exists(const std::string& name) const;
+  /// The name with the first number from 2 on that is free.
+  std::string FreeName(const std::string& name);
+  /// Notes a name for a file of this run; the result is the name, or where it was noted before, a
+  /// numbered one.
+  std::string Claim(const std::string& name);
+  /// Starts a file. 0, or the errno.
+  int CreatePartial(THandle& handle);
+  /// Gives the file just written its name. 0, or the errno; EEXIST when the name is taken and
+  /// `replace` is not set.
+  int Finish(const std::string& name, bool replace);
+  /// The file just written stays unfinished: "NAME.partial" marks what there is of it, and nothing
+  /// is kept of an empty one. The result is the name that it got.
+  std::string KeepPartial(const std::string& name);
+  /// Opens a finished file for changes. Not valid when there is none.
+  THandle OpenFile(const std::string& name) const;
+
+  // ---- the target's file system ----
+  const std::string& Path() const { return FPath; }
+  /// Keeps alternate data streams of its own.
+  bool IsNTFS() const { return FIsNTFS; }
+  bool IsFAT32() const { return FIsFAT32; }
+  /// FAT, exFAT or NTFS: other systems will read it, and upper and lower case are the same.
+  bool IsOfWindows() const { return FIsOfWindows; }
+  /// Bytes that may still be written; -1 when not known.
+  std::int64_t FreeBytes() const;
 
  private:
-  struct TLevel {
-    std::string Name;  // as it is on the target
-    THandle Handle;
+  struct TFolder {
+    TPlace Above = Root;
+    std::uint32_t Depth = 0;
+    std::string Name;  // as it is on the target once it was entered
     TTimeStamp Times;
-    std::map<std::string, int> Taken;  // last number given to a name that was taken
+    bool Entered = false;
+    bool ComesAgain = false;
+  };
+  using TNumbers = std::unordered_map<std::string, int>;  // name to the last number given
+  struct TOpenFolder {
+    TPlace Place = Root;
+    THandle Handle;
   };
   // Descriptors are a limited resource: content deeper than this stays in the folder at this depth.
-  static constexpr std::size_t MaxDepth = 200;
+  static constexpr std::uint32_t MaxDepth = 200;
 
-  TLevel& Current() { return FLevels[std::min(FLevels.size(), MaxDepth) - 1]; }
+  int Here() const { return FCurrent.Handle.Valid() ? FCurrent.Handle.Get() : FRoot.Get(); }
+  int OpenBelow(int above, TFolder& folder, THandle& handle);
+  void LookAtFileSystem();
+  void Leave();
+  std::string Key(const std::string& name) const;
 
-  std::vector<TLevel> FLevels;
+  std::string FPath;
+  THandle FRoot;
+  std::vector<TFolder> FFolders;
+  TOpenFolder FCurrent;                              // the folder in hand; no handle stands for the root
+  TOpenFolder FAbove;                                // the folder above it, for the next one beside it
+  TNumbers FClaimed;                                 // names noted in the folder in hand
+  TNumbers FTaken;                                   // numbers found taken in the folder in hand
+  std::unordered_map<TPlace, TNumbers> FKeptClaims;  // of folders that come again
+  TPlace FSiblingsOf = Root;
+  std::unordered_map<std::string, TPlace> FSiblings;  // places below `FSiblingsOf`, by name
+  bool FIsNTFS = false;
+  bool FIsFAT32 = false;
+  bool FIsOfWindows = false;
 };
 
 /// Gives an open file or folder its times; unknown ones stay. Creation times cannot be set here.

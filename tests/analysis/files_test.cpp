@@ -4,6 +4,7 @@
 #include <doctest/doctest.h>
 
 #include "analysis/file_kinds.h"
+#include "analysis/folders.h"
 #include "analysis/signatures.h"
 #include "analysis/tree_walk.h"
 #include "support/images.h"
@@ -59,7 +60,7 @@ TEST_CASE("adding: refusals, counts, duplicates only during a partition search")
   CHECK(t.Add(u"a", 6, -8) == 3);
   CHECK(t.Add(u"a", 5, -8, true) == 4);
   CHECK(t.Files.FoundCount == 5);
-  CHECK(t.Files.FolderFoundCount == 1);
+  CHECK(t.Engine.Folders().FoundCount == 1);
   t.Files.OnCanBeAdded = [](const TFileInfo&) { return false; };
   CHECK(t.Add(u"z", 9, -8) == -1);
 }

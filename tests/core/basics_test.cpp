@@ -71,15 +71,17 @@ TEST_CASE("sizes for people") {
 
 TEST_CASE("the parent index keeps order, forgets and renumbers") {
   TParentClusters index;
-  for (std::uint32_t file = 0; file < 9; ++file) index.Add(std::int64_t{file % 3} - 8, file);
-  index.Add(INT64_MAX, 9);
+  for (std::uint32_t file = 0; file < 9; ++file) index.Add(std::int64_t{file % 3} - 8, file, file == 4);
+  index.Add(INT64_MAX, 9, true);
+  CHECK(index.Folders(-7) == TInt64DynArray{4});
+  CHECK(index.Folders(-8).empty());
   CHECK(index.Files(-7) == TInt64DynArray{1, 4, 7});
   CHECK(index.Numbers() == TInt64DynArray{-8, -7, -6, INT64_MAX});
   const TParentClusters copy = index;  // must not write into the original's buckets
 
   CHECK(index.Delete(-7, 7));
   CHECK_FALSE(index.Delete(-7, 7));
-  index.Add(-7, 10);
+  index.Add(-7, 10, false);
   CHECK(index.Files(-7) == TInt64DynArray{1, 4, 10});
   CHECK(copy.Files(-7) == TInt64DynArray{1, 4, 7});
 
@@ -88,11 +90,13 @@ TEST_CASE("the parent index keeps order, forgets and renumbers") {
   index.Renumber(moved);
   CHECK(index.Files(-8) == TInt64DynArray{2, 4});
   CHECK(index.Files(-7) == TInt64DynArray{0, 8});
+  CHECK(index.Folders(-7).empty());
 
   TParentClusters other;
-  other.Add(-7, 100);
+  other.Add(-7, 100, false);
   other.Merge(index);
   CHECK(other.Files(-7) == TInt64DynArray{100, 0, 8});
+  CHECK(other.Folders(INT64_MAX) == TInt64DynArray{7});
   CHECK(index.Empty());
 }
 

@@ -6,6 +6,7 @@
 #include "analysis/analysis.h"
 #include "analysis/files.h"
 #include "core/device/system_disks.h"
+#include "core/language.h"
 #include "support/fat_builder.h"
 #include "support/images.h"
 
@@ -51,8 +52,8 @@ TEST_CASE("mounting a disk lists it, its volumes and its large gaps") {
   CHECK(drives.List[3].FirstSector == 2048 + SectorsOf10MiB);
   CHECK(drives.List[4].FirstSector == 65536 + SectorsOf10MiB);
   CHECK_FALSE(drives.CanBeAnalysed(3));
-  CHECK(TDrives::GetPartitionTypeCaption(drives.List[1]) == u"primary");
-  CHECK(TDrives::GetPartitionTypeCaption(drives.List[3]).empty());
+  CHECK(engine.Drives().GetPartitionTypeCaption(drives.List[1]) == u"primary");
+  CHECK(engine.Drives().GetPartitionTypeCaption(drives.List[3]).empty());
   // The same source twice is one drive.
   CHECK(drives.Mount(u"/test.img", false) == 0);
 }
@@ -204,10 +205,11 @@ TEST_CASE("a drive without a known file system counts as analysed, with a messag
   TEngine engine;
   const int number = Mount(engine, TImage(1 << 20)).Number;
   DriveOf(engine, number).DriveTypes.Remove(TDriveType::dtPhysical);
-  int message = -1;
-  engine.OnMessage = [&](const TEngineMessage& m) { message = message < 0 ? m.Number : message; };
+  std::vector<TText> messages;
+  engine.OnMessage = [&](const TEngineMessage& m) { messages.push_back(m.Id); };
   AnalyseDrive(engine, number);
-  CHECK(message == 0);
+  REQUIRE_FALSE(messages.empty());
+  CHECK((messages.front() == TText::NothingToAnalyse));
   CHECK(DriveOf(engine, number).Analysed == TAnalyseInformation::aiFull);
   CHECK_FALSE(engine.Analysing);
 }

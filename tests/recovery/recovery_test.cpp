@@ -1,16 +1,23 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "recovery/recovery.h"
-
 #include <doctest/doctest.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 
 #include "analysis/analysis.h"
+#include "analysis/files.h"
+#include "recovery/file_sink.h"
+#include "recovery/long_path.h"
+#include "recovery/master_link.h"
+#include "recovery/questions.h"
+#include "recovery/recovery_list.h"
+#include "recovery/recovery_master.h"
 #include "recovery/safe_name.h"
+#include "recovery/save_progress.h"
 #include "support/fat_builder.h"
 #include "support/images.h"
 
@@ -39,22 +46,83 @@ TFatBuilder VolumeOf(const std::vector<std::u16string>& names) {
   return fat;
 }
 
+/// Answers from a list; the last one stays. Remembers what it was asked.
+struct TScript final : IRecoveryQuestions {
+  std::vector<TFileExistsAnswer> Exists{{TRenameResult::rrRenameAll, {}}};
+  std::vector<TRenameAnswer> Names{{TRenameAnswer::Skip, {}}};
+  TCandidateAnswer Candidates;
+  bool GoOn = true;
+  std::vector<std::string> Asked;
+
+  template <typename TAnswer>
+  static TAnswer Next(std::vector<TAnswer>& answers) {
+    TAnswer answer = answers.front();
+    if (answers.size() > 1) answers.erase(answers.begin());
+    return answer;
+  }
+  TRenameAnswer Rename(const TRenameQuestion& question) override {
+    Asked.push_back(ToUtf8(question.OldName));
+    return Next(Names);
+  }
+  TFileExistsAnswer FileExists(const TFileExistsQuestion& question) override {
+    Asked.push_back(ToUtf8(question.Name) + "|" + ToUtf8(question.Proposal));
+    return Next(Exists);
+  }
+  TCandidateAnswer ChooseFirstCluster(const TFile&) override { return Candidates; }
+  bool SaveToSameDrive() override {
+    Asked.push_back("same drive");
+    return GoOn;
+  }
+  bool LargerThanFAT() override { return GoOn; }
+  bool CancelRecovery() override { return GoOn; }
+};
+
 struct TFixture {
   TEngine Engine;
   TTemporaryFolder Target;
   TMounted Source;
-  TRecovery Recovery{Engine, [](const TTreeEntry&) { return true; }};
+  TScript Script;
+  TRecoveryMasterLink Link{Engine};
+  TRecoveryOptions Options;
+  std::unique_ptr<TfrmSaveProgress> Recovery;
+  std::function<void(const TFileOutcome&, bool)> OnFile;
 
   explicit TFixture(const TFatBuilder& fat) : Source(Mount(Engine, fat.Image)) {
     AnalyseDrive(Engine, Source.Number);
-    Engine.Recovering = true;
-    REQUIRE(Recovery.SetTarget(Target.Path()) == 0);
+    Options.Path = Target.Path();
+    Options.CanReplaceSymbols = true;
+    Link.GetSelectedFiles = [this](TSelectedFiles& files, const TFileFilter&) {
+      for (const std::int64_t n : Engine.Drives().GetParentClusters(Source.Number, SpecialCluster::Root)) {
+        files.push_back({static_cast<int>(n), false});
+      }
+    };
   }
-  const TRecoverySummary& Run() {
-    Recovery.Recover(Source.Number, u"");
-    return Recovery.Summary();
+  const TRecoverySummary& Run(bool isMasterResults = false) {
+    Recovery = std::make_unique<TfrmSaveProgress>(Engine, Link, Options, &Script);
+    Recovery->OnFile = OnFile;
+    REQUIRE(Recovery->PrepareInfo() == 0);
+    Recovery->PrepareRecovery(isMasterResults);
+    Engine.Recovering = true;
+    Recovery->Recovery(isMasterResults);
+    Recovery->CloseInfo();
+    return Recovery->Summary();
+  }
+  std::string Content(const std::string& name) const { return ReadFile(Target.Path() + "/" + name); }
+  bool Has(const std::string& name) const { return filesystem::exists(Target.Path() + "/" + name); }
+  void Put(const std::string& name, const std::string& text) const {
+    std::ofstream(Target.Path() + "/" + name) << text;
+  }
+  int NumberOf(TStringView name) const {
+    const TFileArray& list = const_cast<TEngine&>(Engine).Files().List;
+    for (std::size_t i = 0; i < list.size(); ++i) {
+      if (list[i].FileInfo.strName == name) return static_cast<int>(i);
+    }
+    FAIL("no such file: ", ToUtf8(name));
+    return -1;
   }
 };
+
+constexpr TSelectedFile Select(int number) { return {number, false}; }
 
 }  // namespace
 
@@ -77,6 +145,8 @@ TEST_CASE("hostile names become harmless ones") {
   CHECK(NumberedName(".profile", 3) == ".profile (3)");
   CHECK(NumberedName(cut, 12).size() <= 255);
   CHECK(NumberedName(cut, 12).ends_with(" (12).jpeg"));
+  CHECK(WithSuffix(cut, ".partial").size() <= 255);
+  CHECK(SafeName(u".brenlow-partial") == "_.brenlow-partial");
 }
 
 TEST_CASE("files, times and outcomes") {
@@ -120,7 +190,7 @@ TEST_CASE("folders: a link in the way is not entered, a file in the way is passe
   TTemporaryFolder elsewhere;
   filesystem::create_directory_symlink(elsewhere.Path(), t.Target.Path() + "/DIR");
   std::string path;
-  t.Recovery.OnFile = [&](const TTreeEntry&, const TFileOutcome& outcome) { path = outcome.Path; };
+  t.OnFile = [&](const TFileOutcome& outcome, bool) { path = outcome.Path; };
   CHECK(t.Run().Whole == 1);
   CHECK(path == "DIR (2)/INSIDE.TXT");
   CHECK(filesystem::is_empty(elsewhere.Path()));
@@ -144,7 +214,7 @@ TEST_CASE("an unreadable place is an outcome of its file only") {
 
 TEST_CASE("a stop keeps the files written up to then") {
   TFixture t(VolumeOf({u"one.txt", u"two.txt", u"three.txt"}));
-  t.Recovery.OnFile = [&](const TTreeEntry&, const TFileOutcome&) { t.Engine.Recovering = false; };
+  t.OnFile = [&](const TFileOutcome&, bool) { t.Engine.Recovering = false; };
   const TRecoverySummary& summary = t.Run();
   CHECK(summary.Stopped);
   CHECK(summary.Files == 1);
@@ -174,19 +244,348 @@ TEST_CASE("large files: reading and writing overlap, byte for byte, and a full t
   TChunkWriter writer;
   const THandle full(::open("/dev/full", O_WRONLY));
   REQUIRE(full.Valid());
+  TFileSink nowhere(full.Get(), false);
   TByteDynArray chunk(1000, 1);
-  writer.Write(full.Get(), chunk);
+  writer.Write(nowhere, chunk);
   CHECK(writer.Finish() == ENOSPC);
   CHECK(writer.Finish() == 0);
   const THandle fine(::open((t.Target.Path() + "/again").c_str(), O_WRONLY | O_CREAT, 0600));
+  TFileSink sink(fine.Get(), false);
   for (int i = 0; i < 50; ++i) {
     chunk.assign(1000, static_cast<std::uint8_t>(i));
-    CHECK(writer.Write(fine.Get(), chunk) == 0);
+    CHECK(writer.Write(sink, chunk) == 0);
   }
   CHECK(writer.Finish() == 0);
   const std::string again = ReadFile(t.Target.Path() + "/again");
   REQUIRE(again.size() == 50000);
   for (std::size_t i = 0; i < again.size(); ++i) REQUIRE(again[i] == static_cast<char>(i / 1000));
+}
+
+TEST_CASE("taken names: every answer") {
+  const TFatBuilder fat = VolumeOf({u"a.txt", u"b.txt", u"c.txt"});
+  using enum TRenameResult;
+  TFixture t(fat);
+  for (const char* name : {"a.txt", "a (2).txt", "b.txt", "c.txt"}) t.Put(name, "mine");
+  const auto mine = [&](const std::string& name) { return t.Content(name) == "mine"; };
+
+  SUBCASE("replace one, rename one, skip one") {
+    // The first new name is taken as well, so the question comes again.
+    t.Script.Exists = {{rrReplace, {}}, {rrRename, u"c.txt"}, {rrRename, u"other.txt"}, {rrSkip, {}}};
+    const TRecoverySummary& summary = t.Run();
+    CHECK(t.Script.Asked ==
+          std::vector<std::string>{"a.txt|a (3).txt", "b.txt|b (2).txt", "c.txt|c (2).txt", "c.txt|c (2).txt"});
+    CHECK(summary.Whole == 2);
+    CHECK(summary.Skipped == 1);
+    CHECK(t.Content("a.txt") == std::string(600, 'k'));
+    CHECK(t.Content("other.txt") == std::string(600, 'm'));
+    CHECK((mine("a (2).txt") && mine("b.txt") && mine("c.txt")));
+  }
+  SUBCASE("answers for all are asked for once") {
+    for (const TRenameResult all : {rrReplaceAll, rrSkipAll, rrRenameAll}) {
+      t.Script.Exists = {{all, {}}};
+      t.Script.Asked.clear();
+      const TRecoverySummary& summary = t.Run();
+      CHECK(t.Script.Asked.size() == 1);
+      CHECK(summary.Whole == (all == rrSkipAll ? 0 : 3));
+      CHECK(summary.Skipped == (all == rrSkipAll ? 3 : 0));
+      CHECK(t.Has("a (3).txt") == (all == rrRenameAll));
+    }
+  }
+}
+
+TEST_CASE("files of one run that share a name are all kept, whatever the answer, and keep their names") {
+  TFatBuilder fat = VolumeOf({u"a.txt"});
+  const std::size_t second = fat.RootAt() + 64;
+  fat.PutLongEntry(second, u"a.txt", {"\xE5ILE90  TXT", 0x20, 90, 300}, true);
+  fat.Fill(90, std::string(300, 'D'));
+  for (const TRenameResult answer : {TRenameResult::rrReplaceAll, TRenameResult::rrSkipAll}) {
+    TFixture t(fat);
+    t.Options.NumberDoubles = true;
+    t.Script.Exists = {{answer, {}}};
+    CHECK(t.Run().Whole == 2);
+    CHECK(t.Content("a.txt").size() == 600);
+    CHECK(t.Content("a (2).txt").size() == 300);
+    // What an earlier run has not written yet is written under the same name.
+    filesystem::remove(t.Target.Path() + "/a (2).txt");
+    t.Run();
+    CHECK(t.Content("a (2).txt").size() == 300);
+    CHECK_FALSE(t.Has("a (3).txt"));
+  }
+}
+
+TEST_CASE("refused characters: replaced, asked for, skipped") {
+  TFatBuilder fat = VolumeOf({u"a:b.txt", u"c*d?.txt", u"fine.txt"});
+  const std::size_t at = fat.RootAt() + 3 * 64;
+  fat.PutLongEntry(at, u"bad<dir>", {"BADDIR     ", 0x10, 50});
+  fat.Chain({50});
+  fat.PutDots(50, 0);
+  fat.PutEntry(fat.ClusterAt(50) + 64, {"INSIDE  TXT", 0x20, 60, 3});
+  fat.Chain({60});
+  TFixture t(fat);
+  SUBCASE("replaced") {
+    t.Options.UnknownSymbols = u"#!";
+    CHECK(t.Run().Whole == 4);
+    CHECK((t.Has("a#b.txt") && t.Has("c#d#.txt") && t.Has("bad#dir#/INSIDE.TXT")));
+    CHECK(t.Script.Asked.empty());
+  }
+  SUBCASE("asked until the name is right") {
+    t.Options.CanReplaceSymbols = false;
+    t.Script.Names = {{TRenameAnswer::OK, u"still:bad"}, {TRenameAnswer::OK, u"good.txt"}, {TRenameAnswer::Skip, {}}};
+    const TRecoverySummary& summary = t.Run();
+    CHECK(t.Script.Asked == std::vector<std::string>{"a:b.txt", "a:b.txt", "c*d?.txt", "bad<dir>"});
+    CHECK(t.Content("good.txt").size() == 600);
+    CHECK(summary.Whole == 2);
+    CHECK(summary.Skipped == 1);
+    CHECK_FALSE(t.Has("bad<dir>"));
+  }
+  SUBCASE("Skip All is not asked again") {
+    t.Options.CanReplaceSymbols = false;
+    t.Script.Names = {{TRenameAnswer::SkipAll, {}}};
+    CHECK(t.Run().Whole == 1);
+    CHECK(t.Script.Asked == std::vector<std::string>{"a:b.txt"});
+  }
+}
+
+TEST_CASE("several first clusters: one file, the chosen one, or all") {
+  // The low half of the cluster is 100; places 100 and 65636 both begin like a PNG.
+  TFatBuilder fat(TFatShape{32, 512, 1, 32, 2, 0, 70000});
+  fat.Chain({2});
+  fat.PutEntry(fat.RootAt(), {"\xE5IC     PNG", 0x20, 100, 300});
+  const std::string magic = "\x89PNG\r\n\x1A\n";
+  fat.Fill(100, magic + std::string(300, 'A'));
+  fat.Fill(65636, magic + std::string(300, 'B'));
+  const std::string first = (magic + std::string(300, 'A')).substr(0, 300);
+  const std::string second = (magic + std::string(300, 'B')).substr(0, 300);
+  TFixture t(fat);
+  SUBCASE("the chosen one") {
+    t.Script.Candidates = {false, 1};
+    CHECK(t.Run().Whole == 1);
+    CHECK((t.Content("_IC.PNG") == second));
+  }
+  SUBCASE("all, beside a name that is taken") {
+    t.Script.Candidates = {true, 0};
+    t.Put("_IC (2).PNG", "mine");
+    const TRecoverySummary& summary = t.Run();
+    CHECK(summary.Whole == 2);
+    CHECK(summary.Bytes == 600);
+    CHECK(t.Recovery->RecoverySize == 600);
+    CHECK((t.Content("_IC.PNG") == first));
+    CHECK((t.Content("_IC (3).PNG") == second));
+    CHECK(t.Content("_IC (2).PNG") == "mine");
+    const auto number = static_cast<std::size_t>(t.NumberOf(u"?IC.PNG"));
+    CHECK(t.Engine.Files().List[number].FileInfo.FirstCluster == 100);
+  }
+}
+
+TEST_CASE("streams: beside the file, as attributes, or counted") {
+  TFixture t(VolumeOf({u"one.txt", u"two.txt"}));
+  const std::string stream = "the stream";
+  t.Link.GetStreams = [&](int number) {
+    TADSDynArray streams(2);
+    streams[0].IsSystem = true;
+    streams[1].Name = u"Zone:Id";
+    streams[1].aSize = static_cast<std::int64_t>(stream.size());
+    return number == 0 ? streams : TADSDynArray();
+  };
+  const TRecoveryMasterLink defaults(t.Engine);
+  t.Link.GetFileData = [&](TByteDynArray& result, int number, int ads, std::int64_t start, std::int64_t size) {
+    if (ads < 0) return defaults.GetFileData(result, number, ads, start, size);
+    CHECK(ads == 1);
+    result.assign(stream.begin() + start, stream.begin() + start + size);
+  };
+  SUBCASE("left behind") { CHECK(t.Run().StreamsLeft == 1); }
+  SUBCASE("files") {
+    t.Options.Streams = TStreamMode::Files;
+    CHECK(t.Run().StreamsWritten == 1);
+    CHECK(t.Content("one.txt:Zone_Id") == stream);
+  }
+  SUBCASE("attributes") {
+    t.Options.Streams = TStreamMode::Attributes;
+    const TRecoverySummary& summary = t.Run();
+    if (summary.StreamsFailed == 1) {
+      MESSAGE("this file system has no user attributes");
+    } else {
+      CHECK(summary.StreamsWritten == 1);
+      char value[64] = {};
+      CHECK(::getxattr((t.Target.Path() + "/one.txt").c_str(), "user.Zone_Id", value, sizeof value) == 10);
+      CHECK(stream == value);
+    }
+  }
+}
+
+TEST_CASE("a sink makes holes of zeros and knows the digest") {
+  const TTemporaryFolder folder;
+  const std::string path = folder.Path() + "/sparse";
+  const THandle handle(::open(path.c_str(), O_WRONLY | O_CREAT, 0600));
+  TFileSink sink(handle.Get(), true);
+  std::string content;
+  const auto append = [&](const std::string& piece) {
+    content += piece;
+    CHECK(sink.Write({reinterpret_cast<const std::uint8_t*>(piece.data()), piece.size()}) == 0);
+  };
+  append(std::string(5000, 'x') + std::string(300'000, '\0'));
+  append(std::string(700'001, '\0') + "y");
+  append(std::string(1 << 20, '\0'));
+  CHECK(sink.Finish() == 0);
+  CHECK((ReadFile(path) == content));
+  struct stat status {};
+  REQUIRE(::fstat(handle.Get(), &status) == 0);
+  CHECK(status.st_blocks * 512 < 100'000);
+
+  TFileSink abc(handle.Get(), true);
+  const std::string text = "abc";
+  abc.Write({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
+  CHECK(abc.Digest() == "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");  // FIPS 180-4
+}
+
+TEST_CASE("long paths") {
+  const TString folder(158, u'd');
+  const TString exact = TString(250, u'd') + u"/" + TString(8, u'n');
+  REQUIRE(exact.size() == 259);
+  CHECK(ShortenLongPath(exact, u'/') == exact);
+  CHECK(ShortenLongPath(exact + u"n", u'/') == folder + u"/nnnnnnnnn");
+  CHECK(ShortenLongPath(folder + u"/" + TString(101, u'n'), u'/') == folder + u"/" + TString(100, u'n'));
+  CHECK(ShortenLongPath(folder + u"/" + TString(96, u'n') + u" x  yz", u'/') ==
+        folder + u"/" + TString(96, u'n') + u" x");
+  CHECK(ShortenLongPath(TString(300, u'n'), u'/') == TString(100, u'n'));
+
+  TFixture t(VolumeOf({TString(200, u'a') + u"1.txt", TString(200, u'a') + u"2.txt"}));
+  t.Options.Path += "/" + std::string(80, 'p');
+  SUBCASE("kept where the target holds them") {
+    CHECK(t.Run().Whole == 2);
+    CHECK(t.Content(std::string(80, 'p') + "/" + std::string(200, 'a') + "2.txt").size() == 600);
+  }
+  SUBCASE("shortened below the target folder, and what meets is numbered") {
+    t.Options.LongPaths = TLongPaths::Shorten;
+    CHECK(t.Run().Whole == 2);
+    CHECK(t.Content(std::string(80, 'p') + "/" + std::string(100, 'a')).size() == 600);
+    CHECK(t.Content(std::string(80, 'p') + "/" + std::string(100, 'a') + " (2)").size() == 600);
+  }
+}
+
+TEST_CASE("a list that is not the file table, and results that get their folders back") {
+  TFatBuilder fat(TFatShape{});
+  fat.PutEntry(fat.RootAt(), {"DIR        ", 0x10, 5});
+  fat.Chain({5});
+  fat.PutDots(5, 0);
+  fat.PutEntry(fat.ClusterAt(5) + 64, {"SUB        ", 0x10, 6});
+  fat.Chain({6});
+  fat.PutDots(6, 5);
+  fat.PutEntry(fat.ClusterAt(6) + 64, {"DEEP    TXT", 0x20, 9, 3});
+  fat.Chain({9});
+  fat.Fill(9, "abc");
+  TFixture t(fat);
+  const int deep = t.NumberOf(u"DEEP.TXT");
+  t.Link.GetSelectedFiles = [&](TSelectedFiles& files, const TFileFilter&) { files = {Select(deep)}; };
+  SUBCASE("results") {
+    t.Run(true);
+    CHECK(t.Recovery->CurrentRecoveringFile == deep);
+    CHECK(t.Content("DIR/SUB/DEEP.TXT") == "abc");
+    t.Options.RestoreFolders = false;
+    t.Run(true);
+    CHECK(t.Content("DEEP.TXT") == "abc");
+  }
+  SUBCASE("other operations") {
+    t.Link.GetFileName = [](int) { return TStringView(u"other name"); };
+    t.Link.GetFileData = [](TByteDynArray& result, int, int, std::int64_t, std::int64_t size) {
+      result.assign(static_cast<std::size_t>(size), 'z');
+    };
+    t.Run();
+    CHECK(t.Content("other name") == "zzz");
+    t.Link.ResetToDefaults();
+    t.Link.GetSelectedFiles = [&](TSelectedFiles& files, const TFileFilter&) { files = {Select(deep), Select(99)}; };
+    CHECK(t.Run().Files == 1);
+    CHECK(t.Content("DEEP.TXT") == "abc");
+  }
+  SUBCASE("without its operations a link does nothing") {
+    t.Link.GetSelectedFiles.Reset();
+    CHECK(t.Run().Files == 0);
+  }
+}
+
+TEST_CASE("leftovers of a killed run go, a stop and a full target leave a marked part") {
+  TFixture t(VolumeOf({u"one.txt"}));
+  TTemporaryFolder elsewhere;
+  filesystem::create_symlink(elsewhere.Path() + "/stolen", t.Target.Path() + "/.brenlow-partial");
+  CHECK(t.Run().Whole == 1);
+  CHECK_FALSE(t.Has(".brenlow-partial"));
+  CHECK(filesystem::is_empty(elsewhere.Path()));
+
+  TTargetTree target;
+  REQUIRE(target.Open(t.Target.Path()) == 0);
+  t.Put("big.bin.partial", "older");
+  THandle handle;
+  REQUIRE(target.CreatePartial(handle) == 0);
+  REQUIRE(::write(handle.Get(), "half", 4) == 4);
+  CHECK(target.KeepPartial("big.bin") == "big.bin (2).partial");
+  REQUIRE(target.CreatePartial(handle) == 0);
+  CHECK(target.KeepPartial("empty.bin") == "empty.bin");
+  CHECK_FALSE(t.Has("empty.bin"));
+  REQUIRE(target.CreatePartial(handle) == 0);
+  CHECK(target.Finish("one.txt", false) == EEXIST);
+}
+
+TEST_CASE("the wizard: pages, options and the warning of the same drive") {
+  TFixture t(VolumeOf({u"one.txt", u"a:b.txt"}));
+  TRecoverySettings settings;
+  settings.Path = t.Target.Path() + "/new";
+  TfRecoveryMaster master(t.Engine, settings, t.Script, TRecoverySender::rsFiles);
+  master.Link.GetSelectedFiles = [&](TSelectedFiles& files, const TFileFilter&) { files = {Select(0), Select(1)}; };
+  std::vector<int> pages;
+  std::vector<double> ratios;
+  master.OnPage = [&](int page) { pages.push_back(page); };
+  master.OnBeforeRecovery = [&](TfrmSaveProgress& progress) {
+    progress.OnProgress = [&](double ratio, std::int64_t) { ratios.push_back(ratio); };
+  };
+  master.Show();
+  CHECK(master.FActivePage() == TfRecoveryMaster::OutputKind);
+  master.Next();
+  CHECK(master.Options.SpaceRequiredText == "Space required: 1.17 KB");
+  CHECK(master.Options.SpaceAvailableText.starts_with("Space available: "));
+  CHECK_FALSE(master.Options.TypeSymbol(u':'));
+  CHECK(master.Options.TypeSymbol(u'\b'));
+  CHECK(master.Options.UnknownSymbols == u"_");
+  CHECK(master.Options.TypeSymbol(u'-'));
+  master.Options.CanReplaceSymbols = true;
+
+  // The drive in focus is mounted where the target lies.
+  t.Engine.Drives().Add(TDriveInfo(), false);
+  t.Engine.Drives().Current = t.Source.Number;
+  DriveOf(t.Engine, t.Source.Number).DriveLetter = TextFromPath(t.Target.Path());
+  t.Script.GoOn = false;
+  master.Next();
+  CHECK(master.FActivePage() == TfRecoveryMaster::SaveOptions);
+  CHECK_FALSE(t.Has("new"));
+  t.Script.GoOn = true;
+  master.Next();
+  CHECK(t.Script.Asked == std::vector<std::string>{"same drive", "same drive"});
+  CHECK(pages == std::vector<int>{0, 3, 4, 12});
+  CHECK(t.Content("new/a-b.txt").size() == 600);
+  CHECK(ratios == std::vector<double>{0.5, 1.0});
+  CHECK(settings.UnknownSymbols == "-");
+  CHECK_FALSE(t.Engine.Recovering);
+
+  // A remembered choice passes the first page; another kind of output leads elsewhere.
+  settings.Remember = true;
+  settings.Type = 1;
+  TfRecoveryMaster again(t.Engine, settings, t.Script, TRecoverySender::rsRecoveryList);
+  again.Show();
+  CHECK(again.FActivePage() == TfRecoveryMaster::ZIPOptions);
+}
+
+TEST_CASE("the recovery list follows the file table") {
+  TFixture t(VolumeOf({u"one.txt", u"two.txt"}));
+  const TMounted other = Mount(t.Engine, VolumeOf({u"three.txt"}).Image, u"/other.img");
+  AnalyseDrive(t.Engine, other.Number);
+  TRecoveryList list(t.Engine);
+  t.Engine.Files().OnBeforeCleared = [&](int drive) { list.ClearFiles(drive); };
+  t.Engine.Files().OnNumbersMoved = [&](const auto& numbers) { list.MoveNumbers(numbers); };
+  const int three = t.NumberOf(u"three.txt");
+  list.AddFiles({three, 0, three, 99, 1});
+  CHECK(list.Files() == TIntegerDynArray{three, 0, 1});
+  list.Remove(1);
+  t.Engine.Files().Clear(t.Source.Number, false);
+  CHECK(list.Files() == TIntegerDynArray{t.NumberOf(u"three.txt")});
 }
 
 TEST_CASE("very deep trees are written without exhausting descriptors") {

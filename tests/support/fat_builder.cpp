@@ -15,7 +15,8 @@ constexpr std::uint16_t Time = (17 << 11) | (20 << 5) | 3;
 TFatBuilder::TFatBuilder(TFatShape shape) : Shape(shape) {
   const int clusters = Shape.TotalSectors / Shape.SectorsPerCluster + 2;
   TableSectors = (clusters * Shape.Width / 8 + Shape.BytesPerSector) / Shape.BytesPerSector;
-  FirstDataSector = Shape.Reserved + Shape.Tables * TableSectors + (Shape.RootEntries * 32 + Shape.BytesPerSector - 1) / Shape.BytesPerSector;
+  FirstDataSector = Shape.Reserved + Shape.Tables * TableSectors +
+                    (Shape.RootEntries * 32 + Shape.BytesPerSector - 1) / Shape.BytesPerSector;
   Image.assign(static_cast<std::size_t>(Shape.TotalSectors) * static_cast<std::size_t>(Shape.BytesPerSector), 0);
   Put16(11, static_cast<std::uint32_t>(Shape.BytesPerSector));
   Image[13] = static_cast<std::uint8_t>(Shape.SectorsPerCluster);
@@ -43,12 +44,14 @@ std::size_t TFatBuilder::ClusterSize() const {
 }
 
 std::size_t TFatBuilder::ClusterAt(std::uint32_t cluster) const {
-  return static_cast<std::size_t>(FirstDataSector) * static_cast<std::size_t>(Shape.BytesPerSector) + (cluster - 2) * ClusterSize();
+  return static_cast<std::size_t>(FirstDataSector) * static_cast<std::size_t>(Shape.BytesPerSector) +
+         (cluster - 2) * ClusterSize();
 }
 
 std::size_t TFatBuilder::RootAt() const {
   if (Shape.Width == 32) return ClusterAt(2);
-  return static_cast<std::size_t>(Shape.Reserved + Shape.Tables * TableSectors) * static_cast<std::size_t>(Shape.BytesPerSector);
+  return static_cast<std::size_t>(Shape.Reserved + Shape.Tables * TableSectors) *
+         static_cast<std::size_t>(Shape.BytesPerSector);
 }
 
 std::uint32_t TFatBuilder::EndMark() const {
@@ -57,7 +60,8 @@ std::uint32_t TFatBuilder::EndMark() const {
 
 void TFatBuilder::Link(std::uint32_t cluster, std::uint32_t next) {
   for (int table = 0; table < Shape.Tables; ++table) {
-    const auto base = static_cast<std::size_t>(Shape.Reserved + table * TableSectors) * static_cast<std::size_t>(Shape.BytesPerSector);
+    const auto base = static_cast<std::size_t>(Shape.Reserved + table * TableSectors) *
+                      static_cast<std::size_t>(Shape.BytesPerSector);
     if (Shape.Width == 12) {
       const std::size_t at = base + cluster + cluster / 2;
       const std::uint32_t old = Image[at] | (std::uint32_t{Image[at + 1]} << 8);
@@ -90,10 +94,12 @@ void TFatBuilder::PutEntry(std::size_t at, const TFatEntry& entry) {
   Put32(at + 28, entry.Size);
 }
 
-std::size_t TFatBuilder::PutLongEntry(std::size_t at, const std::u16string& name, const TFatEntry& entry, bool deleted) {
+std::size_t TFatBuilder::PutLongEntry(std::size_t at, const std::u16string& name, const TFatEntry& entry,
+                                      bool deleted) {
   std::uint8_t checksum = 0;
   for (std::size_t i = 0; i < 11; ++i) {
-    checksum = static_cast<std::uint8_t>(((checksum & 1) << 7) + (checksum >> 1) + static_cast<std::uint8_t>(entry.Name[i]));
+    checksum =
+        static_cast<std::uint8_t>(((checksum & 1) << 7) + (checksum >> 1) + static_cast<std::uint8_t>(entry.Name[i]));
   }
   const std::size_t pieces = (name.size() + 12) / 13;
   const std::size_t places[13] = {1, 3, 5, 7, 9, 14, 16, 18, 20, 22, 24, 28, 30};

@@ -11,12 +11,12 @@
 namespace brenlow::test {
 
 struct TFatShape {
-  int Width = 16;              // 12, 16 or 32
+  int Width = 16;  // 12, 16 or 32
   int BytesPerSector = 512;
   int SectorsPerCluster = 1;
-  int Reserved = 1;            // 32 for FAT32 is customary
+  int Reserved = 1;  // 32 for FAT32 is customary
   int Tables = 2;
-  int RootEntries = 512;       // 0 for FAT32
+  int RootEntries = 512;  // 0 for FAT32
   int TotalSectors = 16384;
 };
 

@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "analysis/folder_index.h"
+
+#include "analysis/files.h"
+
+namespace brenlow {
+
+TFolderIndex::TFolderIndex(const TFiles& files, int driveNumber) {
+  for (std::size_t i = 0; i < files.List.size(); ++i) {
+    const TFile& file = files.List[i];
+    const TFileInfo& info = file.FileInfo;
+    if (info.aDriveNumber != driveNumber || !info.blnFolder) continue;
+    if (file.ParentCluster == SpecialCluster::Unselected) continue;  // a row of the tree, not of the drive
+    const auto [owner, first] = FOwners.try_emplace(info.FirstCluster, static_cast<int>(i));
+    if (first || info.blnDeleted) continue;
+    const TFileInfo& known = files.List[static_cast<std::size_t>(owner->second)].FileInfo;
+    if (known.blnDeleted) owner->second = static_cast<int>(i);
+  }
+}
+
+int TFolderIndex::Owner(std::int64_t firstCluster) const {
+  const auto owner = FOwners.find(firstCluster);
+  return owner == FOwners.end() ? -1 : owner->second;
+}
+
+}  // namespace brenlow

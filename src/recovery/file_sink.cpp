@@ -1,0 +1,83 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "recovery/file_sink.h"
+
+#include <openssl/evp.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace brenlow {
+namespace {
+
+constexpr std::int64_t HoleBlock = 4096;  // bytes; the smallest hole of most file systems
+
+bool IsZero(std::span<const std::uint8_t> bytes) {
+  return bytes.front() == 0 && bytes.back() == 0 && std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0;
+}
+
+}  // namespace
+
+TFileSink::TFileSink(int handle, bool digest) : FHandle(handle) {
+  if (!digest) return;
+  FDigest = EVP_MD_CTX_new();
+  EVP_DigestInit_ex(FDigest, EVP_sha256(), nullptr);
+}
+
+TFileSink::~TFileSink() { EVP_MD_CTX_free(FDigest); }
+
+int TFileSink::Write(std::span<const std::uint8_t> bytes) {
+  if (FDigest != nullptr) EVP_DigestUpdate(FDigest, bytes.data(), bytes.size());
+  // Runs of blocks that are all zeros or not, with borders at whole blocks of the file.
+  const auto size = static_cast<std::int64_t>(bytes.size());
+  std::int64_t dataStart = 0;
+  for (std::int64_t at = 0; at < size;) {
+    const std::int64_t end = std::min(size, at + HoleBlock - (FLength + at) % HoleBlock);
+    const auto block = bytes.subspan(static_cast<std::size_t>(at), static_cast<std::size_t>(end - at));
+    if (IsZero(block)) {
+      const auto data = bytes.subspan(static_cast<std::size_t>(dataStart), static_cast<std::size_t>(at - dataStart));
+      if (const int error = WriteAt(FLength + dataStart, data); error != 0) return error;
+      dataStart = end;
+    }
+    at = end;
+  }
+  if (const int error = WriteAt(FLength + dataStart, bytes.subspan(static_cast<std::size_t>(dataStart))); error != 0) {
+    return error;
+  }
+  FLength += size;
+  return 0;
+}
+
+int TFileSink::WriteAt(std::int64_t offset, std::span<const std::uint8_t> bytes) {
+  while (!bytes.empty()) {
+    const ssize_t done = ::pwrite(FHandle, bytes.data(), bytes.size(), offset);
+    if (done < 0 && errno == EINTR) continue;
+    if (done < 0) return errno;
+    offset += done;
+    FOnTarget = offset;
+    bytes = bytes.subspan(static_cast<std::size_t>(done));
+  }
+  return 0;
+}
+
+int TFileSink::Finish() {
+  if (FLength == FOnTarget) return 0;
+  return ::ftruncate(FHandle, FLength) == 0 ? 0 : errno;
+}
+
+std::string TFileSink::Digest() {
+  if (FDigest == nullptr) return {};
+  unsigned char bytes[EVP_MAX_MD_SIZE];
+  unsigned length = 0;
+  EVP_DigestFinal_ex(FDigest, bytes, &length);
+  std::string text;
+  for (unsigned i = 0; i < length; ++i) {
+    constexpr const char* digits = "0123456789abcdef";
+    text += digits[bytes[i] >> 4];
+    text += digits[bytes[i] & 15];
+  }
+  return text;
+}
+
+}  // namespace brenlow

@@ -1,0 +1,189 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "recovery/file_writer.h"
+
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "analysis/analysis.h"
+#include "analysis/files.h"
+#include "core/engine.h"
+#include "core/sector_reader.h"
+#include "core/text.h"
+#include "recovery/file_sink.h"
+#include "recovery/master_link.h"
+#include "recovery/questions.h"
+#include "recovery/safe_name.h"
+
+namespace brenlow {
+namespace {
+
+constexpr std::int64_t ChunkSize = 0x20000;  // bytes; bounds the memory whatever the file's size
+// From this size on reading and writing overlap; below, the hand-over costs more than it saves.
+constexpr std::int64_t LargeFile = 1 << 20;       // bytes
+constexpr std::int64_t LargestAttribute = 65536;  // bytes; XATTR_SIZE_MAX of Linux
+
+/// Puts the first cluster of a row back when it goes.
+class TFirstClusterKeeper {
+ public:
+  explicit TFirstClusterKeeper(TFileInfo& info) : FInfo(info), FFirstCluster(info.FirstCluster) {}
+  ~TFirstClusterKeeper() { FInfo.FirstCluster = FFirstCluster; }
+  TFirstClusterKeeper(const TFirstClusterKeeper&) = delete;
+  TFirstClusterKeeper& operator=(const TFirstClusterKeeper&) = delete;
+
+ private:
+  TFileInfo& FInfo;
+  std::int64_t FFirstCluster;
+};
+
+}  // namespace
+
+bool IsFullTarget(int error) { return error == ENOSPC || error == EDQUOT; }
+
+TFileOutcomes TFileWriter::Recovery(int fileNumber, const TTargetFile& target) {
+  TFiles& files = FEngine.Files();
+  if (files.IsWrongNumber(fileNumber)) return {};
+  TFile& file = files.List[static_cast<std::size_t>(fileNumber)];
+  TFileInfo& info = file.FileInfo;
+  FindFirstClusters(FEngine, file);
+  if (info.FirstClusters.size() < 2 || FQuestions == nullptr) return {WriteFile(fileNumber, target)};
+  const TCandidateAnswer answer = FQuestions->ChooseFirstCluster(file);
+  if (!answer.All) {
+    if (answer.Chosen < info.FirstClusters.size()) info.FirstCluster = info.FirstClusters[answer.Chosen];
+    return {WriteFile(fileNumber, target)};
+  }
+  const TFirstClusterKeeper keeper(info);
+  if (OnMoreToCome) OnMoreToCome(static_cast<std::int64_t>(info.FirstClusters.size() - 1) * info.aSize);
+  TFileOutcomes outcomes;
+  for (std::size_t i = 0; i < info.FirstClusters.size() && FEngine.Recovering; ++i) {
+    info.FirstCluster = info.FirstClusters[i];
+    TTargetFile place = target;
+    // Further candidates never take the place of another file.
+    if (i > 0) place = {FTarget.Claim(NumberedName(target.Name, static_cast<int>(i) + 1)), false};
+    if (i > 0 && FTarget.Exists(place.Name)) place.Name = FTarget.FreeName(target.Name);
+    outcomes.push_back(WriteFile(fileNumber, place));
+  }
+  return outcomes;
+}
+
+TFileOutcome TFileWriter::WriteFile(int fileNumber, const TTargetFile& target) {
+  const TFileInfo& info = FEngine.Files().List[static_cast<std::size_t>(fileNumber)].FileInfo;
+  TFileOutcome outcome;
+  outcome.FileNumber = fileNumber;
+  outcome.Path = target.Name;
+  outcome.Listed = info.aSize;
+  THandle handle;
+  // A target that was full once is asked first, so that not all of the source is read for nothing.
+  const std::int64_t free = FTargetWasFull ? FTarget.FreeBytes() : -1;
+  outcome.SystemError = free >= 0 && free < info.aSize ? ENOSPC : FTarget.CreatePartial(handle);
+  if (outcome.SystemError == 0) {
+    WriteData(fileNumber, outcome, handle.Get());
+    SetTimes(handle.Get(), info.TimeStamp);
+    // A full network target may tell only now.
+    if (::close(handle.Release()) != 0 && outcome.SystemError == 0) outcome.SystemError = errno;
+    const bool finished = outcome.SystemError == 0 && !outcome.Stopped;
+    if (finished) outcome.SystemError = FTarget.Finish(target.Name, target.Replace);
+    if (!finished || outcome.SystemError != 0) outcome.Path = FTarget.KeepPartial(target.Name);
+  }
+  FTargetWasFull = FTargetWasFull || IsFullTarget(outcome.SystemError);
+  if (outcome.SystemError != 0) {
+    outcome.Outcome = TOutcome::Failed;
+  } else if (outcome.Written < outcome.Listed) {
+    outcome.Outcome = TOutcome::Short;
+  }
+  return outcome;
+}
+
+/// Fills in what was written and how it went.
+void TFileWriter::WriteData(int fileNumber, TFileOutcome& outcome, int handle) {
+  const std::uint64_t failedReads = FEngine.Reader().FailedReads();
+  const bool large = outcome.Listed >= LargeFile;
+  TFileSink sink(handle, FOptions.Digests);
+  while (outcome.Written < outcome.Listed) {
+    FLink.GetFileData(FChunk, fileNumber, -1, outcome.Written, std::min(ChunkSize, outcome.Listed - outcome.Written));
+    if (FChunk.empty()) break;
+    const auto size = static_cast<std::int64_t>(FChunk.size());
+    outcome.SystemError = large ? FWriter.Write(sink, FChunk) : sink.Write(FChunk);
+    if (outcome.SystemError != 0) break;
+    outcome.Written += size;
+    if (OnProgress) OnProgress(size);
+    FEngine.Pump();
+    if (!FEngine.Recovering && outcome.Written < outcome.Listed) {
+      outcome.Stopped = true;
+      break;
+    }
+  }
+  if (large) {
+    const int error = FWriter.Finish();
+    if (outcome.SystemError == 0) outcome.SystemError = error;
+  }
+  if (outcome.SystemError == 0) outcome.SystemError = sink.Finish();
+  outcome.Digest = sink.Digest();
+  if (FEngine.Reader().FailedReads() != failedReads) outcome.Outcome = TOutcome::Unreadable;
+}
+
+// ---- alternate data streams -----------------------------------------------------------------
+
+void TFileWriter::RecoveryAllADS(int fileNumber, const TTargetFile& target) {
+  const bool native = FOptions.ADS && FTarget.IsNTFS();
+  const TStreamMode mode = native ? TStreamMode::Attributes : FOptions.Streams;
+  const TADSDynArray streams = FLink.GetStreams(fileNumber);
+  for (std::size_t i = 0; i < streams.size(); ++i) {
+    if (streams[i].IsSystem) continue;
+    const auto number = static_cast<int>(i);
+    bool written = false;
+    switch (mode) {
+      case TStreamMode::None:
+        ++StreamsLeft;
+        continue;
+      case TStreamMode::Files:
+        written = WriteStreamFile(fileNumber, number, streams[i], target);
+        break;
+      case TStreamMode::Attributes:
+        written = WriteStreamAttribute(fileNumber, number, streams[i], target);
+        break;
+    }
+    ++(written ? StreamsWritten : StreamsFailed);
+  }
+}
+
+bool TFileWriter::WriteStreamFile(int fileNumber, int adsNumber, const TADS& stream, const TTargetFile& target) {
+  std::string name = FTarget.Claim(WithSuffix(target.Name, ":" + SafeName(stream.Name)));
+  if (!target.Replace && FTarget.Exists(name)) name = FTarget.FreeName(name);
+  THandle handle;
+  if (FTarget.CreatePartial(handle) != 0) return false;
+  TFileSink sink(handle.Get(), false);
+  std::int64_t written = 0;
+  int error = 0;
+  while (error == 0 && written < stream.aSize && FEngine.Recovering) {
+    FLink.GetFileData(FChunk, fileNumber, adsNumber, written, std::min(ChunkSize, stream.aSize - written));
+    if (FChunk.empty()) break;
+    error = sink.Write(FChunk);
+    written += static_cast<std::int64_t>(FChunk.size());
+    FEngine.Pump();
+  }
+  if (error == 0) error = sink.Finish();
+  handle.Close();
+  if (error == 0 && written == stream.aSize) return FTarget.Finish(name, target.Replace) == 0;
+  FTarget.KeepPartial(name);
+  return false;
+}
+
+/// On NTFS mounted by ntfs-3g such an attribute is the stream itself.
+bool TFileWriter::WriteStreamAttribute(int fileNumber, int adsNumber, const TADS& stream, const TTargetFile& target) {
+  if (stream.aSize > LargestAttribute) return false;
+  TByteDynArray bytes;
+  while (static_cast<std::int64_t>(bytes.size()) < stream.aSize) {
+    const auto start = static_cast<std::int64_t>(bytes.size());
+    FLink.GetFileData(FChunk, fileNumber, adsNumber, start, stream.aSize - start);
+    if (FChunk.empty()) return false;
+    bytes.insert(bytes.end(), FChunk.begin(), FChunk.end());
+  }
+  const THandle handle = FTarget.OpenFile(target.Name);
+  const std::string name = "user." + SafeName(stream.Name);
+  return handle.Valid() && ::fsetxattr(handle.Get(), name.c_str(), bytes.data(), bytes.size(), 0) == 0;
+}
+
+}  // namespace brenlow

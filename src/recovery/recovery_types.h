@@ -1,0 +1,96 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Vocabulary of the recovery.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "core/types.h"
+
+namespace brenlow {
+
+/// Where the selection is drawn from: the file list, the folder tree, the recovery list.
+enum class TRecoverySender { rsFiles, rsFolders, rsRecoveryList };
+
+/// Kind of output.
+enum class TRecoverType { rtSave, rtCreateZIP, rtUploadFTP };
+
+/// Answer to a name that is taken on the target.
+enum class TRenameResult { rrReplace, rrReplaceAll, rrSkip, rrSkipAll, rrRename, rrRenameAll };
+
+struct TSelectedFile {
+  int FileIndex = -1;
+  bool blnDeleted = false;  ///< deleted itself or shown in a deleted branch
+};
+using TSelectedFiles = std::vector<TSelectedFile>;
+
+/// What becomes of alternate data streams on a target that does not hold them itself.
+enum class TStreamMode {
+  None,        ///< left behind and counted
+  Files,       ///< a file NAME:STREAM beside the file
+  Attributes,  ///< an extended attribute user.STREAM
+};
+
+/// Whether paths of more than 259 characters are shortened to what Windows programs can open.
+enum class TLongPaths { Keep, Shorten, OnWindowsFileSystems };
+
+/// How the files are written.
+struct TRecoveryOptions {
+  std::string Path;  ///< target folder
+  bool RestoreFolders = true;
+  bool ADS = true;
+  bool CanReplaceSymbols = false;
+  TString UnknownSymbols = u"_";  ///< its first character stands for refused ones
+  TStreamMode Streams = TStreamMode::None;
+  TLongPaths LongPaths = TLongPaths::OnWindowsFileSystems;
+  /// Files of one run that meet in a name get numbers; the answers to taken names then concern only
+  /// what was there before. A run that is repeated thus gives every file the same name.
+  bool NumberDoubles = false;
+  bool Digests = false;  ///< SHA-256 of everything written, for reports
+};
+
+enum class TOutcome {
+  Whole,
+  Short,       ///< fewer bytes than listed could be read, or the recovery was stopped
+  Unreadable,  ///< as long as listed, but parts of the source could not be read
+  Failed,      ///< could not be created or written
+  Skipped,     ///< left out by the answer to a question
+};
+
+struct TFileOutcome {
+  int FileNumber = -1;
+  TOutcome Outcome = TOutcome::Whole;
+  std::string Path;     ///< on the target, below its folder
+  int SystemError = 0;  ///< errno of a failed file
+  bool Stopped = false;
+  std::int64_t Written = 0;  ///< bytes
+  std::int64_t Listed = 0;   ///< bytes
+  std::string Digest;        ///< SHA-256 of what was written, in hexadecimal, if asked for
+};
+
+using TFileOutcomes = std::vector<TFileOutcome>;
+
+struct TRecoverySummary {
+  std::int64_t Files = 0;  ///< met on the walk, the skipped ones included
+  std::int64_t Bytes = 0;  ///< written, streams not counted
+  std::int64_t Whole = 0;
+  std::int64_t Short = 0;
+  std::int64_t Unreadable = 0;
+  std::int64_t Failed = 0;
+  std::int64_t Skipped = 0;
+  std::int64_t DeletedFiles = 0;  ///< of the files written
+  /// Deleted files whose place belongs to another file by now: written, but hardly their content.
+  std::int64_t Overwritten = 0;
+  std::int64_t StreamsWritten = 0;
+  std::int64_t StreamsLeft = 0;      ///< not wanted on this target
+  std::int64_t StreamsFailed = 0;    ///< wanted, but the target refused them
+  std::vector<TFileOutcome> Faults;  ///< the first `MostFaults` files that are neither whole nor skipped
+  bool TargetFull = false;
+  bool Stopped = false;
+
+  static constexpr std::size_t MostFaults = 1000;
+  std::int64_t FaultCount() const { return Short + Unreadable + Failed; }
+};
+
+}  // namespace brenlow

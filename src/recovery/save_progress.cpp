@@ -1,0 +1,340 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "recovery/save_progress.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include "analysis/analysis.h"
+#include "analysis/files.h"
+#include "core/engine.h"
+#include "core/text.h"
+#include "recovery/long_path.h"
+#include "recovery/master_link.h"
+#include "recovery/questions.h"
+#include "recovery/safe_name.h"
+
+namespace brenlow {
+
+TString WithoutRefusedCharacters(TString name, char16_t replacement) {
+  constexpr TStringView refused = u"\\/:*?\"<>|";
+  for (auto c = name.rbegin(); c != name.rend(); ++c) {
+    if (refused.find(*c) != TStringView::npos) *c = replacement;
+  }
+  return name;
+}
+
+TfrmSaveProgress::TfrmSaveProgress(TEngine& engine, const TRecoveryMasterLink& link, const TRecoveryOptions& options,
+                                   IRecoveryQuestions* questions)
+    : FEngine(engine),
+      FLink(link),
+      FOptions(options),
+      FQuestions(questions),
+      FWriter(engine, link, FTarget, FOptions, questions) {
+  FWriter.OnProgress = [this](std::int64_t size) { SetRecoveryProgress(size); };
+  FWriter.OnMoreToCome = [this](std::int64_t size) { AddRecoveryProgress(size); };
+}
+
+int TfrmSaveProgress::PrepareInfo() {
+  FRenameResult = TRenameResult::rrSkip;
+  CurrentRecoveringFile = -1;
+  RecoveredSize = RecoverySize = RecoveryFiles = 0;
+  FShownRatio = 0;
+  FSummary = TRecoverySummary();
+  FResultPlaces.clear();
+  return FTarget.Open(FOptions.Path);
+}
+
+void TfrmSaveProgress::PrepareRecovery(bool isMasterResults) { Walk(true, isMasterResults, TTargetTree::Root); }
+
+void TfrmSaveProgress::Recovery(bool isMasterResults, TStringView subfolder) {
+  TPlace start = TTargetTree::Root;
+  if (!subfolder.empty()) start = FTarget.Folder(start, subfolder, {}, true);
+  FResultPlaces.clear();
+  Walk(false, isMasterResults, start);
+  FSummary.StreamsWritten = FWriter.StreamsWritten;
+  FSummary.StreamsLeft = FWriter.StreamsLeft;
+  FSummary.StreamsFailed = FWriter.StreamsFailed;
+}
+
+void TfrmSaveProgress::CloseInfo() { FTarget.SetFolderTimes(); }
+
+// ---- progress -------------------------------------------------------------------------------
+
+void TfrmSaveProgress::SetRecoveryProgress(std::int64_t size) {
+  RecoveredSize += size;
+  FSummary.Bytes += size;
+  const double ratio =
+      RecoverySize > 0 ? std::min(static_cast<double>(RecoveredSize) / static_cast<double>(RecoverySize), 1.0) : 0;
+  if (ratio <= FShownRatio) return;
+  FShownRatio = ratio;
+  if (OnProgress) OnProgress(ratio, RecoveredSize);
+}
+
+bool TfrmSaveProgress::GoOn() {
+  FEngine.Pump();
+  return FEngine.Recovering;
+}
+
+// ---- the walk -------------------------------------------------------------------------------
+
+void TfrmSaveProgress::Walk(bool measure, bool isMasterResults, TPlace start) {
+  FSkipAllNames = false;
+  FEntered.clear();
+  TSelectedFiles selected;
+  FLink.GetSelectedFiles(selected, Filter);
+  // Folders whose content shows under another entry come last: it may have been written by then.
+  std::stable_partition(selected.begin(), selected.end(), [&](const TSelectedFile& entry) {
+    return !FLink.GetFileIsFolder(entry.FileIndex) || FLink.OwnsContent(entry.FileIndex);
+  });
+  if (!measure) {
+    const bool oneFile = selected.size() == 1 && !FLink.GetFileIsFolder(selected.front().FileIndex);
+    CurrentRecoveringFile = oneFile ? selected.front().FileIndex : -1;
+  }
+  for (const TSelectedFile& entry : selected) {
+    if (FLink.IsFileWrongNumber(entry.FileIndex)) continue;
+    if (FLink.GetFileIsFolder(entry.FileIndex)) {
+      FolderStep(entry.FileIndex, start, entry.blnDeleted, measure);
+    } else if (FLink.IsFiltered(entry.FileIndex, entry.blnDeleted, Filter)) {
+      const bool rebuild = !measure && FOptions.RestoreFolders && isMasterResults;
+      FileStep(entry.FileIndex, rebuild ? ResultPlace(entry.FileIndex, start) : start, entry.blnDeleted, measure);
+    }
+    // A measurement is not a recovery: nobody can have stopped it.
+    if (!GoOn() && !measure) {
+      FSummary.Stopped = true;
+      return;
+    }
+  }
+}
+
+/// The folder on the target that stands for the folders above a selected file.
+TfrmSaveProgress::TPlace TfrmSaveProgress::ResultPlace(int fileNumber, TPlace start) {
+  TPlace place = start;
+  TString path;
+  for (const TString& name : FLink.GetFilePath(fileNumber)) {
+    path += name + u'/';
+    const auto [known, isNew] = FResultPlaces.try_emplace(path, place);
+    if (isNew) known->second = FTarget.Folder(place, name, {}, true);
+    place = known->second;
+  }
+  return place;
+}
+
+void TfrmSaveProgress::FolderStep(int folderNumber, TPlace place, bool parentDeleted, bool measure) {
+  const bool restore = !measure && FOptions.RestoreFolders;
+  TPlace start = place;
+  if (restore) {
+    TString name(FLink.GetFileName(folderNumber));
+    if (!RenameStep(name, true)) return;
+    start = FTarget.Folder(place, name, FLink.GetFileTimes(folderNumber));
+  }
+  const bool isNew = EnterFirst(FLink.GetFileFirstCluster(folderNumber), FLink.GetFileDriveNumber(folderNumber));
+  std::deque<TWaiting> waiting{{folderNumber, start, parentDeleted, isNew}};
+  while (!waiting.empty()) {
+    const TWaiting folder = waiting.front();
+    waiting.pop_front();
+    if (restore && FLink.IsFiltered(folder.FolderNumber, folder.ParentDeleted, Filter)) FTarget.Enter(folder.Place);
+    if (folder.HasContent) FolderContent(folder, place, measure, waiting);
+    if (!FEngine.Recovering && !measure) return;
+  }
+}
+
+/// Notes that a folder's content is walked; false when it was before. Damaged folders may lie
+/// within each other.
+bool TfrmSaveProgress::EnterFirst(std::int64_t firstCluster, int driveNumber) {
+  const auto key = static_cast<std::int64_t>(static_cast<std::uint64_t>(firstCluster) * 4096U) + driveNumber;
+  return FEntered.insert(key).second;
+}
+
+/// Writes the files of a folder and queues its folders. `flat`: where files go without folders.
+void TfrmSaveProgress::FolderContent(const TWaiting& folder, TPlace flat, bool measure, std::deque<TWaiting>& waiting) {
+  const bool restore = !measure && FOptions.RestoreFolders;
+  const bool deleted = folder.ParentDeleted || FLink.GetFileDeleted(folder.FolderNumber);
+  const int drive = FLink.GetFileDriveNumber(folder.FolderNumber);
+  TInt64DynArray children = FLink.GetParentClusters(drive, FLink.GetFileFirstCluster(folder.FolderNumber));
+  // What is live keeps its name where it meets something deleted of the same name.
+  std::stable_partition(children.begin(), children.end(),
+                        [&](std::int64_t n) { return !FLink.GetFileDeleted(static_cast<int>(n)); });
+  for (const std::int64_t child : children) {
+    const auto number = static_cast<int>(child);
+    if (FLink.IsFileWrongNumber(number)) continue;
+    if (!FLink.GetFileIsFolder(number)) {
+      if (FLink.IsFiltered(number, deleted, Filter)) {
+        FileStep(number, restore ? folder.Place : flat, deleted, measure);
+      }
+    } else {
+      TPlace place = folder.Place;
+      if (restore) {
+        TString name(FLink.GetFileName(number));
+        if (!RenameStep(name, true)) continue;
+        place = FTarget.Folder(folder.Place, name, FLink.GetFileTimes(number));
+      }
+      const bool isNew = FLink.OwnsContent(number) && EnterFirst(FLink.GetFileFirstCluster(number), drive);
+      if (isNew || restore) waiting.push_back({number, place, deleted, isNew});
+    }
+    if (!GoOn() && !measure) {
+      FSummary.Stopped = true;
+      return;
+    }
+  }
+}
+
+// ---- one file -------------------------------------------------------------------------------
+
+void TfrmSaveProgress::FileStep(int fileNumber, TPlace place, bool parentDeleted, bool measure) {
+  if (measure) {
+    RecoverySize += FLink.GetFileSize(fileNumber);
+    ++RecoveryFiles;
+    return;
+  }
+  CurrentRecoveringFile = fileNumber;
+  ++FSummary.Files;
+  TString name(FLink.GetFileName(fileNumber));
+  if (RenameStep(name, false)) {
+    SaveStep(fileNumber, name, place, parentDeleted);
+    return;
+  }
+  TFileOutcome outcome;
+  outcome.FileNumber = fileNumber;
+  outcome.Outcome = TOutcome::Skipped;
+  outcome.Path = FTarget.PathOf(place) + SafeName(name);
+  outcome.Listed = FLink.GetFileSize(fileNumber);
+  Record(std::move(outcome), parentDeleted);
+}
+
+/// Deals with characters that a target may refuse. False skips the file or folder.
+bool TfrmSaveProgress::RenameStep(TString& name, bool isFolder) {
+  if (TFiles::RightName(name) == 0) return true;
+  if (FSkipAllNames) return false;
+  if (FOptions.CanReplaceSymbols && !FOptions.UnknownSymbols.empty()) {
+    name = WithoutRefusedCharacters(std::move(name), FOptions.UnknownSymbols.front());
+    return true;
+  }
+  const TString oldName = name;
+  while (FQuestions != nullptr) {
+    const TRenameAnswer answer = FQuestions->Rename({oldName, isFolder});
+    FSkipAllNames = answer.Result == TRenameAnswer::SkipAll;
+    if (answer.Result != TRenameAnswer::OK) return false;
+    name = answer.NewName;
+    if (TFiles::RightName(name) == 0) return true;
+  }
+  return false;
+}
+
+/// Applies the rule for long paths where the target asks for it: the name and the place change.
+TfrmSaveProgress::TPlace TfrmSaveProgress::Shortened(TString& name, TPlace place) {
+  const bool shorten = FOptions.LongPaths == TLongPaths::Shorten ||
+                       (FOptions.LongPaths == TLongPaths::OnWindowsFileSystems && FTarget.IsOfWindows());
+  if (!shorten) return place;
+  const TString root = TextFromPath(FTarget.Path() + "/");
+  const TString path = root + FromUtf8(FTarget.PathOf(place)) + name;
+  const TString shorter = ShortenLongPath(path, u'/');
+  if (shorter == path) return place;
+  const std::size_t nameStart = shorter.rfind(u'/') + 1;
+  name = shorter.substr(nameStart);
+  // The target folder itself is the user's: a cut that would leave it stops there.
+  if (!shorter.starts_with(root)) return TTargetTree::Root;
+  TPlace shortPlace = TTargetTree::Root;
+  for (std::size_t at = root.size(); at < nameStart;) {
+    const std::size_t end = shorter.find(u'/', at);
+    shortPlace = FTarget.Folder(shortPlace, shorter.substr(at, end - at), {}, true);
+    at = end + 1;
+  }
+  return shortPlace;
+}
+
+void TfrmSaveProgress::SaveStep(int fileNumber, const TString& name, TPlace place, bool parentDeleted) {
+  TString shortName = name;
+  place = Shortened(shortName, place);
+  TTargetFile file{SafeName(shortName), false};
+  TFileOutcomes outcomes;
+  const int error = FTarget.Enter(place);
+  const bool wanted = error != 0 || ResolveConflict(file, place);
+  if (error != 0 || !wanted) {
+    outcomes.emplace_back().FileNumber = fileNumber;
+    outcomes.back().Path = file.Name;
+    outcomes.back().Listed = FLink.GetFileSize(fileNumber);
+    outcomes.back().SystemError = error;
+    outcomes.back().Outcome = error != 0 ? TOutcome::Failed : TOutcome::Skipped;
+  } else {
+    outcomes = FLink.Recovery(FWriter, fileNumber, file);
+    const bool written = !outcomes.empty() && outcomes.front().Outcome != TOutcome::Failed && !outcomes.front().Stopped;
+    if (written) FLink.RecoveryAllADS(FWriter, fileNumber, file);
+  }
+  const std::string folder = FTarget.PathOf(place);
+  for (TFileOutcome& outcome : outcomes) {
+    outcome.Path.insert(0, folder);
+    Record(std::move(outcome), parentDeleted);
+  }
+}
+
+/// Settles a name that is taken. False when the file is to be left out.
+bool TfrmSaveProgress::ResolveConflict(TTargetFile& file, TPlace place) {
+  if (FOptions.NumberDoubles) file.Name = FTarget.Claim(file.Name);
+  while (FTarget.Exists(file.Name)) {
+    if (FRenameResult == TRenameResult::rrSkipAll) return false;
+    if (FRenameResult == TRenameResult::rrReplaceAll) {
+      file.Replace = true;
+      return true;
+    }
+    const std::string proposal = FTarget.FreeName(file.Name);
+    if (FRenameResult == TRenameResult::rrRenameAll) {
+      file.Name = proposal;
+      continue;
+    }
+    if (FQuestions == nullptr) return false;
+    const TString path = TextFromPath(FTarget.Path() + "/" + FTarget.PathOf(place));
+    const TFileExistsAnswer answer = FQuestions->FileExists({FromUtf8(file.Name), path, FromUtf8(proposal)});
+    FRenameResult = answer.Result;
+    switch (answer.Result) {
+      case TRenameResult::rrReplace:
+      case TRenameResult::rrReplaceAll:
+        file.Replace = true;
+        return true;
+      case TRenameResult::rrRename:
+        file.Name = SafeName(answer.NewName);
+        break;
+      case TRenameResult::rrRenameAll:
+        file.Name = proposal;
+        break;
+      case TRenameResult::rrSkip:
+      case TRenameResult::rrSkipAll:
+        return false;
+    }
+  }
+  return true;
+}
+
+void TfrmSaveProgress::Record(TFileOutcome outcome, bool parentDeleted) {
+  switch (outcome.Outcome) {
+    case TOutcome::Whole:
+      ++FSummary.Whole;
+      break;
+    case TOutcome::Short:
+      ++FSummary.Short;
+      break;
+    case TOutcome::Unreadable:
+      ++FSummary.Unreadable;
+      break;
+    case TOutcome::Failed:
+      ++FSummary.Failed;
+      break;
+    case TOutcome::Skipped:
+      ++FSummary.Skipped;
+      break;
+  }
+  FSummary.TargetFull = FSummary.TargetFull || IsFullTarget(outcome.SystemError);
+  const bool written = outcome.Outcome != TOutcome::Skipped && outcome.Outcome != TOutcome::Failed;
+  if (written && (parentDeleted || FLink.GetFileDeleted(outcome.FileNumber))) {
+    ++FSummary.DeletedFiles;
+    const TFiles& files = FEngine.Files();
+    if (!files.IsWrongNumber(outcome.FileNumber) &&
+        IsOverwritten(FEngine, files.List[static_cast<std::size_t>(outcome.FileNumber)])) {
+      ++FSummary.Overwritten;
+    }
+  }
+  if (OnFile) OnFile(outcome, parentDeleted);
+  const bool fault = outcome.Outcome != TOutcome::Whole && outcome.Outcome != TOutcome::Skipped;
+  if (fault && FSummary.Faults.size() < TRecoverySummary::MostFaults) FSummary.Faults.push_back(std::move(outcome));
+}
+
+}  // namespace brenlow
