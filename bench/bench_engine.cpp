@@ -3,7 +3,8 @@
 //   bench_engine pread FILE           reads the file in pieces of 128 KiB
 //   bench_engine sum FILE             the same, adding up every byte
 //   bench_engine add FILES PARENTS    enters files under parents in random order
-// Each prints "seconds bytes-of-memory" (memory only for `add`).
+//   bench_engine open FILES CHILDREN  opens a folder of so many folders, which hold all the files
+// Each prints "seconds number": bytes of memory for `add`, children shown for `open`.
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -17,6 +18,7 @@
 #include <vector>
 
 #include "analysis/files.h"
+#include "analysis/folders.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/text.h"
@@ -79,6 +81,61 @@ int AddFiles(std::uint32_t files, std::uint32_t parents) {
   return engine.Files().List.size() == files ? 0 : 1;
 }
 
+struct TCountingView final : IFolderTreeView {
+  long long Added = 0;
+  void NodeAdded(const TTreeNode&) override { ++Added; }
+  void NodeDeleted(const TTreeNode&) override {}
+  void NodeChanged(const TTreeNode&) override {}
+  void ChildrenSorted(const TTreeNode&) override {}
+  void Collapse(const TTreeNode&) override {}
+  void SetWaitCursor(bool) override {}
+};
+
+/// One folder holds `children` folders, each of these an equal share of the files and one folder.
+/// What happens between the click and the tree and the list being ready.
+int OpenFolder(std::uint32_t files, std::uint32_t children) {
+  constexpr std::int64_t opened = 2;
+  TEngine engine;
+  TCountingView view;
+  engine.Folders().AssignTreeView(&view);
+  TDriveInfo drive;
+  drive.DriveTypes = {TDriveType::dtVolume};
+  engine.Drives().Add(drive, false);
+  TTreeNode* node = engine.Folders().AddDrive(0);
+  char16_t name[] = u"Folder 00000000";
+  const auto add = [&](std::uint32_t number, std::int64_t key, std::int64_t parent, bool folder) {
+    TFileInfo info;
+    TFiles::ClearInfo(info, 0);
+    for (std::uint32_t digit = 0, n = number; digit < 8; ++digit, n /= 10) {
+      name[14 - digit] = static_cast<char16_t>(u'0' + n % 10);
+    }
+    info.strName = name;
+    info.blnFolder = folder;
+    info.FirstCluster = key;
+    engine.Files().Add(info, parent, true);
+  };
+  add(0, opened, SpecialCluster::Root, true);
+  std::mt19937 random(1);
+  for (std::uint32_t i = 0; i < children; ++i) add(random() % 100'000'000, opened + 1 + i, opened, true);
+  for (std::uint32_t i = 0; i < files; ++i) {
+    const bool folder = i < children;
+    add(i, std::int64_t{1'000'000} + i, opened + 1 + (folder ? i : random() % children), folder);
+  }
+  engine.Folders().FillDriveNodes(node);
+  TTreeNode* folder =
+      node->Children.front()->Children.size() > 0 ? node->Children.front().get() : node->Children.back().get();
+  view.Added = 0;
+  const auto begin = std::chrono::steady_clock::now();
+  engine.Folders().FillNodes(folder, true);
+  const TInt64DynArray content = engine.Drives().GetParentClusters(0, opened);
+  std::size_t shown = 0;
+  for (const std::int64_t number : content) {
+    shown += engine.Files().IsFiltered(static_cast<int>(number), false, TFileFilter()) ? 1 : 0;
+  }
+  std::printf("%f %zu\n", Seconds(begin), shown);
+  return view.Added == children && shown == children ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -87,6 +144,8 @@ int main(int argc, char** argv) {
   if (verb == "sum" && argc == 3) return ReadFile(argv[2], true);
   if (verb == "add" && argc == 4)
     return AddFiles(static_cast<std::uint32_t>(std::atoi(argv[2])), static_cast<std::uint32_t>(std::atoi(argv[3])));
-  std::fprintf(stderr, "usage: bench_engine pread FILE | sum FILE | add FILES PARENTS\n");
+  if (verb == "open" && argc == 4)
+    return OpenFolder(static_cast<std::uint32_t>(std::atoi(argv[2])), static_cast<std::uint32_t>(std::atoi(argv[3])));
+  std::fprintf(stderr, "usage: bench_engine pread FILE | sum FILE | add FILES PARENTS | open FILES CHILDREN\n");
   return 2;
 }

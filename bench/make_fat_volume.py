@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: GPL-3.0-or-later
-"""The recipe of the FAT32 volumes that are measured on; both are written in seconds.
+"""The recipe of the FAT32 volumes that are measured on; all are written in seconds.
 
     make_fat_volume.py many OUT [FILES] [FOLDERS]   FILES (100,000) small files in FOLDERS (1,000) folders
+    make_fat_volume.py small OUT                    100,000 files of 4 KiB in 1,000 folders
     make_fat_volume.py large OUT [BYTES]            one file of BYTES (1 GiB) in one piece
 """
 import os
@@ -88,7 +89,11 @@ class Volume:
         self.file.close()
 
 
-def many(path, files=100000, folders=1000):
+def small(path):
+    many(path, sizes=lambda folder, number: 4096, fill=True)
+
+
+def many(path, files=100000, folders=1000, sizes=lambda folder, number: 500 + (folder * 31 + number * 7) % 3000, fill=False):
     v = Volume(path, files + folders * 4 + files // 50 + 1000)
     v.chain_root(folders * 64)
     root, per = b"", files // folders
@@ -96,9 +101,12 @@ def many(path, files=100000, folders=1000):
         rows = b""
         cluster = v.take((per * 4 + 3) * 32)
         for i in range(per):
-            size = 500 + (f * 31 + i * 7) % 3000
+            size = sizes(f, i)
+            first = v.take(size)
+            if fill:
+                v.write(first, (b"%08d" % (f * per + i)) * (size // 8))
             short = b"FILE%04dTXT" % i
-            rows += long_entries("file number %04d of %04d.txt" % (i, f), short) + entry(short, 0x20, v.take(size), size)
+            rows += long_entries("file number %04d of %04d.txt" % (i, f), short) + entry(short, 0x20, first, size)
         dots = entry(b".          ", 0x10, cluster, 0) + entry(b"..         ", 0x10, 0, 0)
         v.write(cluster, dots + rows)
         short = b"DIR%04d    " % f
@@ -120,4 +128,4 @@ def large(path, size=1 << 30):
 
 
 if __name__ == "__main__":
-    {"many": many, "large": large}[sys.argv[1]](sys.argv[2], *map(int, sys.argv[3:]))
+    {"many": many, "small": small, "large": large}[sys.argv[1]](sys.argv[2], *map(int, sys.argv[3:]))

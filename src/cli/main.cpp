@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <clocale>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <exception>
 #include <memory>
@@ -167,6 +168,8 @@ int Run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   std::setlocale(LC_CTYPE, "C.UTF-8");  // patterns of --path are matched by character, not by byte
+  // Without the variable every conversion of a time looks whether /etc/localtime has changed.
+  ::setenv("TZ", ":/etc/localtime", 0);
   tzset();
   try {
     return Run(argc, argv);

@@ -13,6 +13,8 @@
 
 namespace brenlow {
 
+class TIniFile;
+
 /// The texts by name; core/texts.inc says which section and number each has.
 enum class TText : std::uint16_t {
 #define BRENLOW_TEXT(name, section, number) name,
@@ -39,6 +41,9 @@ class TLanguage {
   /// Languages that the folder has, by the stems of its files, sorted.
   static std::vector<std::string> Names(const std::string& folder);
 
+  /// Takes the texts that a file has.
+  void Read(const TIniFile& file);
+
   const TString& operator[](TText text) const { return FTexts[static_cast<std::size_t>(text)]; }
   /// The text with each "%s" or "%d" replaced by the next argument, or "%2$s" by the second.
   TString Format(TText text, std::initializer_list<TStringView> arguments) const;
@@ -49,8 +54,6 @@ class TLanguage {
   const std::string& Name() const { return FName; }
 
  private:
-  void Read(const class TIniFile& file);
-
   std::string FName = "English";
   std::vector<TString> FTexts;
 };

@@ -84,7 +84,7 @@ TFileOutcome TFileWriter::WriteFile(int fileNumber, const TTargetFile& target) {
     // A full network target may tell only now.
     if (::close(handle.Release()) != 0 && outcome.SystemError == 0) outcome.SystemError = errno;
     const bool finished = outcome.SystemError == 0 && !outcome.Stopped;
-    if (finished) outcome.SystemError = FTarget.Finish(target.Name, target.Replace);
+    if (finished) outcome.SystemError = Finish(outcome.Path, target.Replace);
     if (!finished || outcome.SystemError != 0) outcome.Path = FTarget.KeepPartial(target.Name);
   }
   FTargetWasFull = FTargetWasFull || IsFullTarget(outcome.SystemError);
@@ -94,6 +94,16 @@ TFileOutcome TFileWriter::WriteFile(int fileNumber, const TTargetFile& target) {
     outcome.Outcome = TOutcome::Short;
   }
   return outcome;
+}
+
+/// Gives the file just written its name, or another one where someone was faster.
+int TFileWriter::Finish(std::string& name, bool replace) {
+  int error = FTarget.Finish(name, replace);
+  if (error == EEXIST) {
+    name = FTarget.FreeName(name);
+    error = FTarget.Finish(name, false);
+  }
+  return error;
 }
 
 /// Fills in what was written and how it went.

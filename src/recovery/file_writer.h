@@ -45,6 +45,7 @@ class TFileWriter {
 
  private:
   TFileOutcome WriteFile(int fileNumber, const TTargetFile& target);
+  int Finish(std::string& name, bool replace);
   void WriteData(int fileNumber, TFileOutcome& outcome, int handle);
   bool WriteStreamFile(int fileNumber, int adsNumber, const TADS& stream, const TTargetFile& target);
   bool WriteStreamAttribute(int fileNumber, int adsNumber, const TADS& stream, const TTargetFile& target);

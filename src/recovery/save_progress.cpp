@@ -269,7 +269,10 @@ void TfrmSaveProgress::SaveStep(int fileNumber, const TString& name, TPlace plac
 
 /// Settles a name that is taken. False when the file is to be left out.
 bool TfrmSaveProgress::ResolveConflict(TTargetFile& file, TPlace place) {
-  if (FOptions.NumberDoubles) file.Name = FTarget.Claim(file.Name);
+  if (FOptions.NumberDoubles) {
+    file.Name = FTarget.Claim(file.Name);
+    if (FTarget.HoldsOnlyClaimed()) return true;
+  }
   while (FTarget.Exists(file.Name)) {
     if (FRenameResult == TRenameResult::rrSkipAll) return false;
     if (FRenameResult == TRenameResult::rrReplaceAll) {

@@ -135,7 +135,10 @@ int TTargetTree::OpenBelow(int above, TFolder& folder, THandle& handle) {
   const std::string wanted = folder.Name;
   for (int number = 1;; ++number) {
     if (number > 1) folder.Name = NumberedName(wanted, number);
-    if (!folder.Entered && ::mkdirat(above, folder.Name.c_str(), 0777) != 0 && errno != EEXIST) return errno;
+    if (!folder.Entered) {
+      folder.IsNew = ::mkdirat(above, folder.Name.c_str(), 0777) == 0;
+      if (!folder.IsNew && errno != EEXIST) return errno;
+    }
     handle = THandle(OpenFolder(above, folder.Name));
     if (handle.Valid()) break;
     // Something else has the name (a file, a link): another name is tried.

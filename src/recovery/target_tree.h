@@ -56,6 +56,11 @@ class TTargetTree {
   // ---- files in the folder in hand ----
   /// True when something has that name.
   bool Exists(const std::string& name) const;
+  /// True while nothing can be in the folder in hand but files of claimed names: this run has made
+  /// it and enters it once. Saves a look at the target for every file.
+  bool HoldsOnlyClaimed() const {
+    return FFolders[FCurrent.Place].IsNew && !FFolders[FCurrent.Place].ComesAgain && !FIsOfWindows;
+  }
   /// The name with the first number from 2 on that is free.
   std::string FreeName(const std::string& name);
   /// Notes a name for a file of this run; the result is the name, or where it was noted before, a
@@ -90,6 +95,7 @@ class TTargetTree {
     TTimeStamp Times;
     bool Entered = false;
     bool ComesAgain = false;
+    bool IsNew = false;  // made by this run
   };
   using TNumbers = std::unordered_map<std::string, int>;  // name to the last number given
   struct TOpenFolder {

@@ -305,7 +305,12 @@ TSelectedFiles TCommands::GetSelectedFiles(TRecoverySender sender) const {
       for (const int number : FSelected) add(number, inDeleted, &FFilter);
       break;
     case TRecoverySender::rsFolders:
-      for (const int number : NodeAsList()) add(number, false, nullptr);
+      for (const int number : NodeAsList()) {
+        const int drive = files.List[static_cast<std::size_t>(number)].FileInfo.aDriveNumber;
+        // A folder of the host is no entry of a view, so no filter knows it.
+        if (FEngine.Drives().IsDiskIn(drive, false))
+          add(number, false, files.IsCustomFolder(number) ? nullptr : &FFilter);
+      }
       break;
     case TRecoverySender::rsRecoveryList:
       for (const int number : FRecoveryList.Files()) add(number, false, nullptr);

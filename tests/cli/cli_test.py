@@ -10,13 +10,29 @@ import signal
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
+
+from fat_image import fat16
 
 CLI, DATA = sys.argv[1], pathlib.Path(sys.argv[2])
 
 
+# Neither the settings nor the locale of whoever runs the tests play a part.
+ENVIRONMENT = {**{k: v for k, v in os.environ.items() if not k.startswith(("LC_", "LANG"))}, "LC_ALL": "C.UTF-8"}
+
+
 def run(*arguments, **more):
-    return subprocess.run([CLI, *map(str, arguments)], capture_output=True, text=True, timeout=60, **more)
+    return subprocess.run([CLI, *map(str, arguments)], capture_output=True, text=True, timeout=60, env=ENVIRONMENT, **more)
+
+
+def mounted(options, script, folder, *arguments):
+    """Runs a script in a mount namespace of its own with a tmpfs over `folder`; None where that is not allowed."""
+    command = "mount -t tmpfs -o %s tmpfs \"$1\" || exit 77; shift; %s" % (options, script)
+    rights = ["-m"] if os.geteuid() == 0 else ["-Urm"]
+    r = subprocess.run(["unshare", *rights, "sh", "-c", command, "sh", str(folder), *map(str, arguments)],
+                       capture_output=True, text=True, timeout=60, env=ENVIRONMENT)
+    return None if r.returncode == 77 or "unshare" in r.stderr else r
 
 
 def digest(path):
@@ -135,6 +151,133 @@ class Program(unittest.TestCase):
         r = run("recover", image, "--out", self.target())
         self.assertEqual(r.returncode, 1)
         self.assertIn(last["name"] + ": parts of it lie where the source cannot be read", r.stdout)
+
+    def image(self, files):
+        path = self.target() / "made.img"
+        path.write_bytes(fat16(files))
+        return path
+
+    def test_taken_names(self):
+        image = self.image([("a.txt", b"new a", False), ("b.txt", b"new b", False), ("a.txt", b"old a", True)])
+        for how, a, b, others in (("replace", b"new a", b"new b", {"a (2).txt": b"old a"}), ("skip", b"mine", b"new b", {"a (2).txt": b"old a"}),
+                                  ("rename", b"mine", b"new b", {"a (2).txt": b"new a", "a (2) (2).txt": b"old a"})):
+            out = self.target()
+            (out / "a.txt").write_bytes(b"mine")
+            r = run("recover", image, "--out", out, "--conflict", how)
+            self.assertEqual(r.returncode, 0, r.stderr)
+            self.assertEqual((out / "a.txt").read_bytes(), a)
+            self.assertEqual((out / "b.txt").read_bytes(), b)
+            self.assertEqual("1 file skipped" in r.stdout, how == "skip")
+            found = {p.name: p.read_bytes() for p in out.iterdir() if p.name not in ("a.txt", "b.txt")}
+            self.assertEqual(sorted(found.values()), sorted(others.values()), how)
+
+    def test_names_and_folders(self):
+        image = self.image([("a:b?.txt", b"1", False), ("sub", [("c.txt", b"2", False), ("a:b?.txt", b"3", True)], False)])
+        out = self.target()
+        self.assertEqual(run("recover", image, "--out", out, "--replace-symbols", "-").returncode, 0)
+        self.assertEqual({str(p.relative_to(out)) for p in out.rglob("*")}, {"a-b-.txt", "sub", "sub/c.txt", "sub/a-b-.txt"})
+        out = self.target()
+        self.assertEqual(run("recover", image, "--out", out, "--flat").returncode, 0)
+        self.assertEqual({p.name: p.read_bytes() for p in out.iterdir()}, {"a_b_.txt": b"1", "c.txt": b"2", "a_b_ (2).txt": b"3"})
+        for wrong in ("/", "ab", ""):
+            self.assertEqual(run("recover", image, "--out", out, "--replace-symbols", wrong).returncode, 2)
+
+    def test_hostile_names(self):
+        long = "\u20ac" * 100 + ".jpeg"  # 305 bytes of UTF-8
+        names = ["..", "../../up", "a/b", "nul\0tab\t\x1b[2J", long, "link", "\ud800lone", ".brenlow-partial", "CON. "]
+        inner = [(name, name.encode("utf-16-le", "surrogatepass"), False) for name in names]
+        image = self.image(inner + [("..", inner, False), ("/", [("deep", b"x", False)], False), ("linked", [("f", b"y", False)], False)])
+        top = self.target()
+        out, elsewhere = top / "out", top / "elsewhere"
+        out.mkdir(), elsewhere.mkdir()
+        (out / "link").symlink_to(elsewhere / "stolen")
+        (out / "linked").symlink_to(elsewhere)
+        report = top / "report.jsonl"
+        for how in ("rename", "replace"):
+            r = run("recover", image, "--out", out, "--conflict", how, "--report", report)
+            self.assertEqual(r.returncode, 0, r.stderr + r.stdout)
+            self.assertEqual(sorted(p.name for p in top.iterdir()), ["elsewhere", "out", "report.jsonl"])
+            self.assertEqual(list(elsewhere.iterdir()), [])
+            rows = [json.loads(line) for line in report.read_text().splitlines()]
+            self.assertEqual(len(rows), 2 * len(names) + 2)
+            for row in rows:
+                target = out / row["target"]
+                self.assertFalse(target.is_symlink())
+                self.assertEqual(hashlib.sha256(target.read_bytes()).hexdigest(), row["sha256"])
+                self.assertEqual(target.stat().st_size, row["size"])
+                self.assertFalse({c for c in target.name if ord(c) < 32 or c in '\\/:*?"<>|'})
+            self.assertEqual(len({row["target"] for row in rows}), len(rows))
+            self.assertNotIn("\x1b", r.stdout)
+
+    def test_long_paths(self):
+        name = "n" * 200
+        image = self.image([(name + "1.txt", b"1", False), (name + "2.txt", b"2", False), (name, [(name + ".txt", b"3", False)], False)])
+        out = self.target() / ("p" * 80)
+        self.assertEqual(run("recover", image, "--out", out).returncode, 0)
+        self.assertEqual((out / name / (name + ".txt")).read_bytes(), b"3")
+        out = self.target() / ("p" * 80)
+        self.assertEqual(run("recover", image, "--out", out, "--long-paths", "shorten").returncode, 0)
+        # Nothing leaves the target folder, nothing is lost where shortened names meet.
+        self.assertEqual(sorted(p.read_bytes() for p in out.rglob("*") if p.is_file()), [b"1", b"2", b"3"])
+        self.assertTrue(all(len(p.name) <= 104 for p in out.rglob("*") if p.is_file()))
+
+    def test_full_and_read_only_targets(self):
+        folder = self.target()
+        image = self.image([("first.bin", os.urandom(20000), False), ("large.bin", os.urandom(300000), False), ("small.bin", b"s" * 100, False)])
+        list_it = '"$1" recover "$2" --out "$3"; status=$?; ls "$3"; exit $status'
+        r = mounted("size=128k", list_it, folder, CLI, image, folder)
+        if r is None:
+            self.skipTest("mount namespaces are not allowed here")
+        self.assertEqual(r.returncode, 1)
+        self.assertIn("The target is full.", r.stdout)
+        self.assertIn("could not be written: No space left on device", r.stdout)
+        # What fits is there, the rest is marked as a part, and nothing is left of a file without content.
+        self.assertEqual(r.stdout.splitlines()[-2:], ["first.bin", "large.bin.partial"])
+        self.assertIn("small.bin: could not be written", r.stdout)
+        r = mounted("ro", '"$1" recover "$2" --out "$3"', folder, CLI, image, folder)
+        self.assertEqual(r.returncode, 2)
+        self.assertIn("Read-only file system", r.stderr)
+
+    def test_killed_and_run_again(self):
+        files = [("folder %d" % f, [("file %d.bin" % i, bytes([f, i]) * (100 + 37 * i), False) for i in range(60)] + [("file 7.bin", b"deleted", True)], False) for f in range(60)]
+        image = self.image(files)
+        complete = self.target()
+        begin = time.monotonic()
+        self.assertEqual(run("recover", image, "--out", complete).returncode, 0)
+        whole_run = time.monotonic() - begin
+        expected = {p.relative_to(complete): p.read_bytes() for p in complete.rglob("*") if p.is_file()}
+        self.assertEqual(len(expected), 60 * 61)
+        killed = 0
+        for share in (0.3, 0.5, 0.6, 0.7, 0.8, 0.9):
+            out = self.target()
+            process = subprocess.Popen([CLI, "recover", str(image), "--out", str(out)], stdout=subprocess.DEVNULL, env=ENVIRONMENT)
+            time.sleep(whole_run * share)
+            process.kill()
+            process.wait()
+            left = {p.relative_to(out): p.read_bytes() for p in out.rglob("*") if p.is_file()}
+            partial = {p for p in left if p.name == ".brenlow-partial"}
+            self.assertLessEqual(len(partial), 1)
+            for path in left.keys() - partial:
+                self.assertEqual(left[path], expected[path])
+            killed += 0 < len(left) < len(expected)
+            r = run("recover", image, "--out", out, "--conflict", "skip")
+            self.assertEqual(r.returncode, 0, r.stderr)
+            again = {p.relative_to(out): p.read_bytes() for p in out.rglob("*") if p.is_file()}
+            for path in again.keys() - expected.keys():
+                self.assertEqual(path.name, ".brenlow-partial")
+            self.assertEqual({p: again[p] for p in expected}, expected)
+        self.assertGreater(killed, 0, "no run was killed half-way")
+
+    def test_languages(self):
+        german = run("recover", self.stick, "--out", self.target(), "--language", "German")
+        self.assertEqual(german.returncode, 0)
+        self.assertIn("Wiederhergestellt: 22 von 22 Dateien", german.stdout)
+        out = subprocess.run([CLI, "ls", "--help"], capture_output=True, text=True, env={**ENVIRONMENT, "LC_ALL": "de_DE.UTF-8"}).stdout
+        self.assertIn("Nur gelöschte Dateien", out)
+        self.assertNotIn("Only deleted", out)
+        r = run("drives", self.stick, "--language=Klingon")
+        self.assertIn("no texts for the language Klingon", r.stderr)
+        self.assertIn("First sector", r.stdout)
 
     def test_stop(self):
         # A named pipe in the program's way would be refused, so the scan is slowed by its size.
