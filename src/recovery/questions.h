@@ -12,12 +12,16 @@ namespace brenlow {
 /// A name holds characters that a target may refuse.
 struct TRenameQuestion {
   TString OldName;
-  bool IsFolder = false;  ///< changes the wording only
+  bool IsFolder = false;   ///< changes the wording only
+  TString UnknownSymbols;  ///< what the box for the replacement holds
 };
 struct TRenameAnswer {
   enum TResult { OK, Skip, SkipAll };
   TResult Result = Skip;
   TString NewName;  ///< with OK; refused characters left in it are asked about again
+  /// The check box: refused characters are replaced from now on, without more questions.
+  bool CanReplaceSymbols = false;
+  TString UnknownSymbols;  ///< with the check box on
 };
 
 /// A name is taken on the target.

@@ -167,6 +167,8 @@ void TfRecoveryMaster::LeaveSaveOptions() {
   FProgress->Recovery(IsMasterResults);
   FEngine.Recovering = false;
   FProgress->CloseInfo();
+  FSettings.CanReplaceSymbols = FProgress->Options().CanReplaceSymbols;
+  FSettings.UnknownSymbols = ToUtf8(FProgress->Options().UnknownSymbols);
   ShowPage(Finish);
 }
 

@@ -40,7 +40,7 @@ int TfrmSaveProgress::PrepareInfo() {
   RecoveredSize = RecoverySize = RecoveryFiles = 0;
   FShownRatio = 0;
   FSummary = TRecoverySummary();
-  FResultPlaces.clear();
+  FPlaces.clear();
   return FTarget.Open(FOptions.Path);
 }
 
@@ -49,7 +49,6 @@ void TfrmSaveProgress::PrepareRecovery(bool isMasterResults) { Walk(true, isMast
 void TfrmSaveProgress::Recovery(bool isMasterResults, TStringView subfolder) {
   TPlace start = TTargetTree::Root;
   if (!subfolder.empty()) start = FTarget.Folder(start, subfolder, {}, true);
-  FResultPlaces.clear();
   Walk(false, isMasterResults, start);
   FSummary.StreamsWritten = FWriter.StreamsWritten;
   FSummary.StreamsLeft = FWriter.StreamsLeft;
@@ -96,7 +95,8 @@ void TfrmSaveProgress::Walk(bool measure, bool isMasterResults, TPlace start) {
       FolderStep(entry.FileIndex, start, entry.blnDeleted, measure);
     } else if (FLink.IsFiltered(entry.FileIndex, entry.blnDeleted, Filter)) {
       const bool rebuild = !measure && FOptions.RestoreFolders && isMasterResults;
-      FileStep(entry.FileIndex, rebuild ? ResultPlace(entry.FileIndex, start) : start, entry.blnDeleted, measure);
+      FileStep(entry.FileIndex, rebuild ? PlaceOf(FLink.GetFilePath(entry.FileIndex), start) : start, entry.blnDeleted,
+               measure);
     }
     // A measurement is not a recovery: nobody can have stopped it.
     if (!GoOn() && !measure) {
@@ -106,13 +106,13 @@ void TfrmSaveProgress::Walk(bool measure, bool isMasterResults, TPlace start) {
   }
 }
 
-/// The folder on the target that stands for the folders above a selected file.
-TfrmSaveProgress::TPlace TfrmSaveProgress::ResultPlace(int fileNumber, TPlace start) {
+/// A folder on the target by the names of the folders from `start` down.
+TfrmSaveProgress::TPlace TfrmSaveProgress::PlaceOf(const std::vector<TString>& folders, TPlace start) {
   TPlace place = start;
-  TString path;
-  for (const TString& name : FLink.GetFilePath(fileNumber)) {
-    path += name + u'/';
-    const auto [known, isNew] = FResultPlaces.try_emplace(path, place);
+  TString path = NumberText(start);
+  for (const TString& name : folders) {
+    path += u'/' + name;
+    const auto [known, isNew] = FPlaces.try_emplace(path, place);
     if (isNew) known->second = FTarget.Folder(place, name, {}, true);
     place = known->second;
   }
@@ -211,10 +211,15 @@ bool TfrmSaveProgress::RenameStep(TString& name, bool isFolder) {
   }
   const TString oldName = name;
   while (FQuestions != nullptr) {
-    const TRenameAnswer answer = FQuestions->Rename({oldName, isFolder});
+    const TRenameAnswer answer = FQuestions->Rename({oldName, isFolder, FOptions.UnknownSymbols});
     FSkipAllNames = answer.Result == TRenameAnswer::SkipAll;
     if (answer.Result != TRenameAnswer::OK) return false;
     name = answer.NewName;
+    if (answer.CanReplaceSymbols && !answer.UnknownSymbols.empty()) {
+      FOptions.CanReplaceSymbols = true;
+      FOptions.UnknownSymbols = answer.UnknownSymbols;
+      name = WithoutRefusedCharacters(std::move(name), FOptions.UnknownSymbols.front());
+    }
     if (TFiles::RightName(name) == 0) return true;
   }
   return false;
@@ -233,13 +238,11 @@ TfrmSaveProgress::TPlace TfrmSaveProgress::Shortened(TString& name, TPlace place
   name = shorter.substr(nameStart);
   // The target folder itself is the user's: a cut that would leave it stops there.
   if (!shorter.starts_with(root)) return TTargetTree::Root;
-  TPlace shortPlace = TTargetTree::Root;
-  for (std::size_t at = root.size(); at < nameStart;) {
-    const std::size_t end = shorter.find(u'/', at);
-    shortPlace = FTarget.Folder(shortPlace, shorter.substr(at, end - at), {}, true);
-    at = end + 1;
+  std::vector<TString> folders;
+  for (std::size_t at = root.size(); at < nameStart; at += folders.back().size() + 1) {
+    folders.push_back(shorter.substr(at, shorter.find(u'/', at) - at));
   }
-  return shortPlace;
+  return PlaceOf(folders, TTargetTree::Root);
 }
 
 void TfrmSaveProgress::SaveStep(int fileNumber, const TString& name, TPlace place, bool parentDeleted) {

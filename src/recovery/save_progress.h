@@ -57,6 +57,8 @@ class TfrmSaveProgress {
   void AddRecoveryProgress(std::int64_t size) { RecoverySize += size; }
 
   const TRecoverySummary& Summary() const { return FSummary; }
+  /// As they are by now: an answer may have changed them.
+  const TRecoveryOptions& Options() const { return FOptions; }
 
  private:
   using TPlace = TTargetTree::TPlace;
@@ -75,7 +77,7 @@ class TfrmSaveProgress {
   bool RenameStep(TString& name, bool isFolder);
   void SaveStep(int fileNumber, const TString& name, TPlace place, bool parentDeleted);
   bool ResolveConflict(TTargetFile& file, TPlace place);
-  TPlace ResultPlace(int fileNumber, TPlace start);
+  TPlace PlaceOf(const std::vector<TString>& folders, TPlace start);
   TPlace Shortened(TString& name, TPlace place);
   void Record(TFileOutcome outcome, bool parentDeleted);
   bool GoOn();
@@ -88,9 +90,9 @@ class TfrmSaveProgress {
   TFileWriter FWriter;
   TRecoverySummary FSummary;
   double FShownRatio = 0;
-  bool FSkipAllNames = false;  // the answer to a bad name was Skip All
-  std::unordered_map<std::u16string, TPlace> FResultPlaces;
-  std::unordered_set<std::int64_t> FEntered;  // folders walked so far
+  bool FSkipAllNames = false;                          // the answer to a bad name was Skip All
+  std::unordered_map<std::u16string, TPlace> FPlaces;  // by start and path
+  std::unordered_set<std::int64_t> FEntered;           // folders walked so far
 };
 
 /// `name` with every refused character replaced, from the last to the first.

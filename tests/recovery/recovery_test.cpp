@@ -49,7 +49,7 @@ TFatBuilder VolumeOf(const std::vector<std::u16string>& names) {
 /// Answers from a list; the last one stays. Remembers what it was asked.
 struct TScript final : IRecoveryQuestions {
   std::vector<TFileExistsAnswer> Exists{{TRenameResult::rrRenameAll, {}}};
-  std::vector<TRenameAnswer> Names{{TRenameAnswer::Skip, {}}};
+  std::vector<TRenameAnswer> Names{{}};
   TCandidateAnswer Candidates;
   bool GoOn = true;
   std::vector<std::string> Asked;
@@ -330,7 +330,7 @@ TEST_CASE("refused characters: replaced, asked for, skipped") {
   }
   SUBCASE("asked until the name is right") {
     t.Options.CanReplaceSymbols = false;
-    t.Script.Names = {{TRenameAnswer::OK, u"still:bad"}, {TRenameAnswer::OK, u"good.txt"}, {TRenameAnswer::Skip, {}}};
+    t.Script.Names = {{TRenameAnswer::OK, u"still:bad", false, {}}, {TRenameAnswer::OK, u"good.txt", false, {}}, {}};
     const TRecoverySummary& summary = t.Run();
     CHECK(t.Script.Asked == std::vector<std::string>{"a:b.txt", "a:b.txt", "c*d?.txt", "bad<dir>"});
     CHECK(t.Content("good.txt").size() == 600);
@@ -338,9 +338,17 @@ TEST_CASE("refused characters: replaced, asked for, skipped") {
     CHECK(summary.Skipped == 1);
     CHECK_FALSE(t.Has("bad<dir>"));
   }
+  SUBCASE("a name may still be bad when its characters are to be replaced from now on") {
+    t.Options.CanReplaceSymbols = false;
+    t.Script.Names = {{TRenameAnswer::OK, u"new:name", true, u"+"}};
+    CHECK(t.Run().Whole == 4);
+    CHECK(t.Script.Asked == std::vector<std::string>{"a:b.txt"});
+    CHECK((t.Has("new+name") && t.Has("c+d+.txt") && t.Has("bad+dir+/INSIDE.TXT")));
+    CHECK(t.Recovery->Options().UnknownSymbols == u"+");
+  }
   SUBCASE("Skip All is not asked again") {
     t.Options.CanReplaceSymbols = false;
-    t.Script.Names = {{TRenameAnswer::SkipAll, {}}};
+    t.Script.Names = {{TRenameAnswer::SkipAll, {}, false, {}}};
     CHECK(t.Run().Whole == 1);
     CHECK(t.Script.Asked == std::vector<std::string>{"a:b.txt"});
   }
