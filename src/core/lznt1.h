@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// LZNT1, the compression of NTFS and of compressed disk images: independent chunks that stand for
+// 4096 bytes each.
+//
+// Format facts: Microsoft, [MS-XCA] "Xpress Compression Algorithm", section 2.5.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "core/types.h"
+
+namespace brenlow {
+
+/// Decompresses a stream into `output`, at most `limit` bytes of it: a full output ends the call
+/// with success. False on damage; `output` then holds what came before it.
+bool DecompressLZNT1(std::span<const std::uint8_t> input, TByteDynArray& output, std::size_t limit = 65536);
+
+/// Compresses into `output`, which must not become longer than `capacity`. False when it does not
+/// fit; `output` is then of no use.
+bool CompressLZNT1(std::span<const std::uint8_t> input, TByteDynArray& output, std::size_t capacity);
+
+}  // namespace brenlow
