@@ -14,6 +14,7 @@
 #include "core/sector_reader.h"
 #include "fs/dispatch.h"
 #include "fs/fat/fat.h"
+#include "fs/ntfs/ntfs.h"
 
 namespace brenlow {
 namespace {
@@ -36,7 +37,8 @@ TEngine::TEngine()
       FSignatures(std::make_unique<TFileSignatures>()),
       FFiles(std::make_unique<TFiles>(*this)),
       FFolders(std::make_unique<TFolders>(*this)),
-      FFAT(std::make_unique<TFAT>(*this)) {}
+      FFAT(std::make_unique<TFAT>(*this)),
+      FNTFS(std::make_unique<TNTFS>(*this)) {}
 
 TEngine::~TEngine() = default;
 
@@ -67,11 +69,13 @@ void TEngine::ChangeLanguage(TLanguage language) {
 TFileSystem TEngine::RecogniseFileSystem(std::span<const std::uint8_t> buffer, std::size_t start,
                                          [[maybe_unused]] bool addSuperblockOffset,
                                          [[maybe_unused]] int bytesPerSector) {
+  if (FNTFS->IsPartition(buffer, start)) return TFileSystem::fsNTFS;
   return FFAT->IsPartition(buffer, start) ? FFAT->GetFileSystem(buffer, start) : TFileSystem::fsUnknown;
 }
 
-TFileSystem TEngine::RecogniseByCopy(std::span<const std::uint8_t> head, int bytesPerSector) {
-  return FFAT->IsBackupBootSector(head, bytesPerSector) ? TFileSystem::fsFAT32 : TFileSystem::fsUnknown;
+TFileSystem TEngine::RecogniseByCopy(const TDriveInfo& drive, std::span<const std::uint8_t> head, int bytesPerSector) {
+  if (FFAT->IsBackupBootSector(head, bytesPerSector)) return TFileSystem::fsFAT32;
+  return FNTFS->IsBackupAtEnd(drive) ? TFileSystem::fsNTFS : TFileSystem::fsUnknown;
 }
 
 bool TEngine::GetDriveInfo(TDriveInfo& drive, bool fillTable) {

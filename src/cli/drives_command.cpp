@@ -78,7 +78,7 @@ const char* StyleName(PARTITION_STYLE style) {
 std::int64_t FreeBytes(const TDriveInfo& drive) { return std::max<std::int64_t>(drive.aFreeSize, 0); }
 
 std::int64_t ClusterSize(const TDriveInfo& drive) {
-  return std::int64_t{drive.FATInfo.SectorsPerCluster} * drive.BytesPerSector;
+  return drive.DefaultSectorsPerCluster * drive.BytesPerSector;
 }
 
 /// `style` is the partition table of a disk, empty for a volume.

@@ -66,6 +66,41 @@ std::string IsoTime(TDateTime time) {
   return std::string(text, static_cast<std::size_t>(length));
 }
 
+namespace {
+
+/// Seconds that local time is ahead of UTC. The C library takes its time over each question, and
+/// the answer changes at quarters of an hour only.
+std::int64_t LocalOffset(std::int64_t unixSeconds) {
+  struct TKnown {
+    std::int64_t Quarter = INT64_MIN;
+    std::int64_t Offset = 0;
+  };
+  thread_local TKnown known[1024];
+  const std::int64_t quarter = unixSeconds / 900 - (unixSeconds % 900 < 0 ? 1 : 0);
+  TKnown& entry = known[static_cast<std::uint64_t>(quarter) % std::size(known)];
+  if (entry.Quarter != quarter) {
+    const std::time_t time = unixSeconds;
+    std::tm local{};
+    localtime_r(&time, &local);
+    entry = {quarter, local.tm_gmtoff};
+  }
+  return entry.Offset;
+}
+
+}  // namespace
+
+TDateTime FromFileTime(std::uint64_t fileTime) {
+  constexpr std::uint64_t perSecond = 10'000'000;
+  constexpr std::int64_t epochs = 11'644'473'600;      // seconds from 1601 to 1970
+  constexpr std::int64_t dayZero = 25'569;             // days from 1899-12-30 to 1970
+  constexpr std::uint64_t last = 2'650'467'744'000'000'000;  // the end of the year 9999
+  if (fileTime == 0 || fileTime >= last) return 0;
+  const std::int64_t seconds = static_cast<std::int64_t>(fileTime / perSecond) - epochs;
+  const std::int64_t milliseconds = static_cast<std::int64_t>(fileTime % perSecond) / 10'000;
+  const std::int64_t local = seconds + LocalOffset(seconds);
+  return static_cast<double>(dayZero) + static_cast<double>(local * 1000 + milliseconds) / 86'400'000.0;
+}
+
 bool ToUnixTime(TDateTime time, std::timespec& result) {
   TCivil civil;
   if (!Decode(time, civil)) return false;

@@ -33,6 +33,9 @@ TDateTime Now();
 /// empty for 0.
 std::string IsoTime(TDateTime time);
 
+/// Local time of a FILETIME: units of 100 ns since 1601-01-01 UTC. 0 and what no date can mean give 0.
+TDateTime FromFileTime(std::uint64_t fileTime);
+
 /// The instant that a local time names in the current zone. False when it is unknown (0) or out
 /// of the range of years 1601 to 9999.
 bool ToUnixTime(TDateTime time, std::timespec& result);

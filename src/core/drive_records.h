@@ -9,6 +9,7 @@
 #include "core/parent_clusters.h"
 #include "core/types.h"
 #include "fs/fat/fat_info.h"
+#include "fs/ntfs/ntfs_info.h"
 
 namespace brenlow {
 
@@ -49,6 +50,7 @@ struct TDriveInfo {
   TFileSystem FileSystem = TFileSystem::fsUnknown;  ///< selects the driver
   int DriveIcon = -1;
   TFATInfo FATInfo;
+  TNTFSInfo NTFSInfo;
   std::int64_t FirstSector = 0;  ///< on the device that `Drive` names; every read adds it
   int BytesPerSector = 0;        ///< logical; 0 until known
   std::int64_t SectorsCount = 0;

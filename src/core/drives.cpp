@@ -307,7 +307,8 @@ void TDrives::SetDefaultInfo(TDriveInfo& drive) {
   drive.DefaultFirstSector = drive.FirstSector;
   drive.DefaultBytesPerSector = drive.BytesPerSector;
   drive.DefaultSectorsCount = drive.SectorsCount;
-  drive.DefaultSectorsPerCluster = drive.FATInfo.SectorsPerCluster;
+  const bool isNTFS = drive.FileSystem == TFileSystem::fsNTFS;
+  drive.DefaultSectorsPerCluster = isNTFS ? drive.NTFSInfo.SectorsPerCluster : drive.FATInfo.SectorsPerCluster;
 }
 
 void TDrives::ResetDefaultInfo(int number) {
@@ -317,6 +318,7 @@ void TDrives::ResetDefaultInfo(int number) {
   drive.BytesPerSector = static_cast<int>(drive.DefaultBytesPerSector);
   drive.SectorsCount = drive.DefaultSectorsCount;
   drive.FATInfo = TFATInfo();
+  drive.NTFSInfo = TNTFSInfo();
   drive.FileSystem = GetSystem(drive);
   GetInfo(drive, false, true, false);
   SetDefaultInfo(drive);
@@ -544,7 +546,7 @@ TFileSystem TDrives::GetSystem(const TDriveInfo& drive) {
   head.resize(got);
   TFileSystem system = TFileSystem::fsUnknown;
   if (IsPartition(head, 0, true, system, bytesPerSector)) return system;
-  return FEngine.RecogniseByCopy(head, bytesPerSector);
+  return FEngine.RecogniseByCopy(drive, head, bytesPerSector);
 }
 
 bool TDrives::IsPartition(std::span<const std::uint8_t> buffer, std::size_t start, bool addSuperblockOffset,
@@ -660,6 +662,7 @@ void TDrives::PartRecApplyFoundDriveInfoToDrive(int driveNumber, int foundDriveN
   drive.aFreeSize = from.aFreeSize;
   drive.VolumeName = from.VolumeName;
   drive.FATInfo = from.FATInfo;
+  drive.NTFSInfo = from.NTFSInfo;
   drive.CanBeAnalysed = true;
   SetDefaultInfo(drive);
   found.erase(found.begin() + foundDriveNumber);

@@ -19,6 +19,7 @@ class TFiles;
 class TFolders;
 class TFileSignatures;
 class TLanguage;
+class TNTFS;
 class TPartitionsInfo;
 class TSectorReader;
 struct TDriveInfo;
@@ -71,9 +72,9 @@ class TEngine {
   /// `addSuperblockOffset`: the buffer begins at the volume's start.
   TFileSystem RecogniseFileSystem(std::span<const std::uint8_t> buffer, std::size_t start, bool addSuperblockOffset,
                                   int bytesPerSector);
-  /// Looks for the copies of a boot sector that lie near the start of a volume; `head` begins at
-  /// the volume's start.
-  TFileSystem RecogniseByCopy(std::span<const std::uint8_t> head, int bytesPerSector);
+  /// Looks for the copies of a boot sector, near the start of a volume (`head` begins there) and at
+  /// its end.
+  TFileSystem RecogniseByCopy(const TDriveInfo& drive, std::span<const std::uint8_t> head, int bytesPerSector);
   /// Lets the driver of the drive's file system fill the record; false when it cannot.
   bool GetDriveInfo(TDriveInfo& drive, bool fillTable);
   void ClearDriveFiles(int driveNumber, bool deleteDrive);
@@ -91,6 +92,7 @@ class TEngine {
   TFolders& Folders() { return *FFolders; }
   const TFileSignatures& Signatures() const { return *FSignatures; }
   TFAT& FAT() { return *FFAT; }
+  TNTFS& NTFS() { return *FNTFS; }
 
  private:
   void PumpSlowly();
@@ -108,6 +110,7 @@ class TEngine {
   std::unique_ptr<TFiles> FFiles;
   std::unique_ptr<TFolders> FFolders;
   std::unique_ptr<TFAT> FFAT;
+  std::unique_ptr<TNTFS> FNTFS;
 };
 
 }  // namespace brenlow

@@ -5,6 +5,7 @@
 #include "core/engine.h"
 #include "core/types.h"
 #include "fs/fat/fat.h"
+#include "fs/ntfs/ntfs.h"
 
 namespace brenlow {
 
@@ -17,6 +18,8 @@ TResult WithDriver(TEngine& engine, TFileSystem fileSystem, TCallable&& callable
     case TFileSystem::fsFAT16:
     case TFileSystem::fsFAT32:
       return callable(engine.FAT());
+    case TFileSystem::fsNTFS:
+      return callable(engine.NTFS());
     default:
       return otherwise;
   }

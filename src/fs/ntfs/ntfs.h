@@ -1,0 +1,145 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// NTFS: recognition, the table of file records with its deleted ones, names and hard links, records
+// that exist only in the log, file data and streams.
+//
+// Format facts: linux-ntfs project documentation; B. Carrier, "File System Forensic Analysis", ch. 13.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "core/drive_records.h"
+#include "core/file_records.h"
+#include "core/types.h"
+#include "fs/ntfs/ntfs_record.h"
+
+namespace brenlow {
+
+class TEngine;
+
+class TNTFS {
+ public:
+  explicit TNTFS(TEngine& engine) : FEngine(engine) {}
+
+  // ---- recognition ----
+  bool IsPartition(std::span<const std::uint8_t> buffer, std::size_t start) const;
+  /// True when the last sector of the drive holds the copy of a boot sector of just this drive.
+  bool IsBackupAtEnd(const TDriveInfo& drive);
+  bool IsMFT(std::span<const std::uint8_t> buffer, std::size_t start) const { return ntfs::IsMFT(buffer, start); }
+  /// Fills the volume fields from the boot sector or one of its copies. `forSubDrive` leaves the
+  /// table of records alone.
+  bool GetDriveInfo(TDriveInfo& drive, bool getFreeSize) { return GetDriveInfo(drive, getFreeSize, false); }
+  bool GetDriveInfo(TDriveInfo& drive, bool getFreeSize, bool forSubDrive);
+  int GetSectorsPerCluster(const TDriveInfo& drive) const;
+
+  // ---- listing ----
+  void AnalyseSystem(int driveNumber);
+  void DoBeforeAnalyse(TDriveInfo& drive);
+  void DoAfterAnalyse(TDriveInfo& drive);
+  void GetFiles(TDriveInfo& drive, TFileArray& result, bool rootDirOnly, const TOnFilesGotten& onFilesGotten);
+  /// Enters one record in the file table. True when a file was taken from it.
+  bool AnalyseRecord(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber, std::int64_t mftNumber);
+  bool IsMFTDeleted(const TDriveInfo& drive, std::int64_t mftNumber, bool otherwise) const;
+  static bool IsSystemFile(TStringView name);
+  /// The place of a record, also beyond what of the table is known. False when there is none.
+  bool GetSectorByMFTNumber(const TDriveInfo& drive, std::int64_t number, TMFTRecord& place, bool canBeNull) const;
+
+  // ---- data ----
+  /// `adsNumber` -1 is the default stream, others count as in `FillADS`.
+  void GetFileData(TDriveInfo& drive, TByteDynArray& result, TFile& file, int adsNumber, std::int64_t start,
+                   std::int64_t size, int incDataSector);
+  void FillADS(const TFile& file, TADSDynArray& result);
+  void GetFileFragments(TFile& file, TFileFragments& result);
+  std::int64_t GetSizeOnDisk(const TFile& file);
+  /// True for a deleted file whose first cluster belongs to something else by now.
+  bool IsOverwritten(const TFile& file);
+  /// Drops the caches; needed when the drive list changes.
+  void ClearMemory() { FStream = TStream(); }
+
+ private:
+  /// A name of a record: one for each folder that it lies in.
+  struct TName {
+    std::int64_t Parent = 0;
+    int Priority = 0;
+    TString Text;
+  };
+  /// What a record and its extension records tell of a file.
+  struct TParsed {
+    TFileInfo Info;
+    std::vector<TName> Names;
+    bool HaveMainRecord = false;  ///< an extension record itself
+    TString VolumeName;
+  };
+  /// A stream of a file, made ready for reading; kept between reads.
+  struct TStream {
+    const TDriveInfo* Drive = nullptr;
+    TMFTRecord Place;
+    std::int64_t Journal = 0;
+    int AdsNumber = -1;
+    bool Resident = false;
+    TByteDynArray Value;         // of a resident stream
+    ntfs::TRuns Runs;            // of all its pieces
+    std::int64_t Size = 0;       // bytes, as the first piece states it
+    std::int64_t ValidSize = 0;  // bytes; what lies behind was never written and reads as zeros
+    bool Compressed = false;
+    std::int64_t UnitClusters = 1;
+    // How far a compressed stream was read: the next unit and its position in the file.
+    std::int64_t NextUnit = 0;
+    std::int64_t NextPosition = 0;
+  };
+
+  // Volume.
+  bool ReadBootSector(TDriveInfo& drive, std::int64_t sector, bool getFreeSize, bool forSubDrive);
+  /// Clusters of the volume that its device really has.
+  std::int64_t BackedClusters(const TDriveInfo& drive) const;
+  void FillMFTStructure(TDriveInfo& drive);
+  bool FillMFTStructureFrom(TDriveInfo& drive, std::int64_t firstSector);
+  void AddMFTRuns(TDriveInfo& drive, const ntfs::TAttribute& data);
+  void AddMFTUsage(TDriveInfo& drive, const ntfs::TAttribute& bitmap);
+  void ReadVolumeName(TDriveInfo& drive);
+  void ComputeFreeSize(TDriveInfo& drive);
+  void FillClustersUsage(TDriveInfo& drive);
+  void GetSectorsPerClusterByIndex(TDriveInfo& drive, std::int64_t cluster);
+  // Records.
+  bool ReadRecord(const TDriveInfo& drive, const TMFTRecord& place, TByteDynArray& record);
+  bool ReadRecordOf(const TDriveInfo& drive, const TFile& file, TByteDynArray& record, TMFTRecord& place,
+                    std::int64_t& journal);
+  void ReadAttributeList(const TDriveInfo& drive, const ntfs::TAttribute& attribute, TInt64DynArray& records);
+  TByteDynArray ReadRuns(const TDriveInfo& drive, const ntfs::TRuns& runs, std::int64_t size);
+  void ReadClusters(const TDriveInfo& drive, std::int64_t cluster, std::int64_t offset, std::span<std::uint8_t> place,
+                    int incDataSector);
+  bool AnalyseMFTRecord(TDriveInfo& drive, std::span<const std::uint8_t> buffer, std::size_t start,
+                        bool canCheckForAnalysing, TParsed& parsed, std::int64_t mftNumber, bool rootDirFastScan);
+  bool ParseAttributes(TDriveInfo& drive, std::span<const std::uint8_t> record, TParsed& parsed,
+                       TInt64DynArray& records, std::int64_t mftNumber, bool rootDirFastScan,
+                       bool canCheckForAnalysing);
+  bool AddName(std::span<const std::uint8_t> value, TParsed& parsed, bool rootDirFastScan);
+  void ApplyDataAttribute(const TDriveInfo& drive, const ntfs::TAttribute& data, TFileInfo& info,
+                          std::int64_t mftNumber);
+  void DeriveMFTNumberFromIndex(const TDriveInfo& drive, std::span<const std::uint8_t> record, std::size_t header,
+                                std::size_t end, TFileInfo& info);
+  void AnalyseMFTRecords(int driveNumber);
+  template <typename TCallable>
+  void ForEachRecord(TDriveInfo& drive, TCallable&& callable);
+  static std::int64_t MoveToSystemDataFolder(const TName& name);
+  void AddSystemDataFolder(TDriveInfo& drive, int driveNumber);
+  TFileInfo SystemDataFolder(int driveNumber, TString& name) const;
+  // Data.
+  bool OpenStream(const TDriveInfo& drive, const TFile& file, int adsNumber);
+  void ReadPlain(const TDriveInfo& drive, TByteDynArray& result, std::int64_t start, std::int64_t size,
+                 int incDataSector);
+  void ReadCompressed(const TDriveInfo& drive, TByteDynArray& result, std::int64_t start, std::int64_t size,
+                      int incDataSector);
+  template <typename TCallable>
+  void ForEachAttribute(const TDriveInfo& drive, const TFile& file, TCallable&& callable);
+
+  TEngine& FEngine;
+  TByteDynArray FRecord;     // the record being parsed
+  TByteDynArray FExtension;  // one of its extension records
+  TInt64DynArray FRecords;   // numbers of the records of the file being parsed
+  TParsed FParsed;
+  TStream FStream;
+};
+
+}  // namespace brenlow

@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// What the NTFS driver keeps of one drive.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "core/types.h"
+
+namespace brenlow {
+
+/// Where a file record lies: `Offset` bytes into `Sector`, counted from the volume's start.
+struct TMFTRecord {
+  std::int64_t Sector = 0;
+  int Offset = 0;
+};
+
+/// Records of consecutive numbers that lie one behind the other. `FirstSector` is 0 for a hole in
+/// the table. A table is a list of these: it takes as little room as the table has fragments.
+struct TMFTRun {
+  std::int64_t FirstNumber = 0;
+  std::int64_t Count = 0;
+  std::int64_t FirstSector = 0;
+};
+
+struct TNTFSLogInfo {
+  std::int64_t FileSize = 0x4000000;  ///< bytes
+  std::uint32_t PageSize = 0x1000;    ///< bytes
+  std::uint16_t LogPageDataOffset = 0x40;
+};
+
+struct TNTFSInfo {
+  int SectorsPerCluster = 0;  ///< 0 until known
+  int MFTRecordSize = 0;      ///< bytes
+  std::int64_t MFTFirstSector = 0;
+  std::int64_t MFTMirrorSector = 0;
+  std::vector<TMFTRun> MFTStructure;
+  std::int64_t MFTRecordCount = 0;  ///< that `MFTStructure` covers
+  /// One bit a record, set while the record is in use.
+  TByteDynArray MFTUsage;
+  /// One bit a cluster of the volume, set while it is in use; read when first asked for.
+  TByteDynArray ClustersUsage;
+  bool IsMFTStructureFilled = false;
+  bool IsClustersUsageFilled = false;
+  bool SystemDataFolderAdded = false;
+  TNTFSLogInfo LogInfo;
+  /// File records rebuilt from the log, by `TFileInfo::JournalPosition`; the first one has the
+  /// position that means "none".
+  std::vector<TByteDynArray> LogMFTs;
+};
+
+}  // namespace brenlow

@@ -1,0 +1,376 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The walk over the table of file records: names, links, times, sizes and state of every file.
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+#include "analysis/files.h"
+#include "core/drives.h"
+#include "core/engine.h"
+#include "core/language.h"
+#include "core/numbers.h"
+#include "core/sector_reader.h"
+#include "core/text.h"
+#include "fs/ntfs/ntfs.h"
+
+namespace brenlow {
+
+using namespace ntfs;
+
+namespace {
+
+constexpr std::int64_t ChunkSectors = 256;
+constexpr std::int64_t ProgressStep = 256;  // records between two reports
+constexpr std::size_t NameText = 0x42;      // of a $FILE_NAME value
+
+int NamePriority(unsigned space) {
+  constexpr int priorities[] = {2, 4, 1, 3};  // POSIX, Win32, DOS, Win32 and DOS
+  return space < std::size(priorities) ? priorities[space] : 0;
+}
+
+TAtributes AttributesOf(std::uint32_t bits) {
+  TAtributes attributes;
+  attributes.blnReadOnly = (bits & 1) != 0;
+  attributes.blnHidden = (bits & 2) != 0;
+  attributes.blnSystem = (bits & 4) != 0;
+  attributes.blnArchive = (bits & 0x20) != 0;
+  attributes.blnCompressed = (bits & 0x800) != 0;
+  attributes.blnEncrypted = (bits & 0x4000) != 0;
+  return attributes;
+}
+
+/// Sizes on disk are signed for whoever adds them up: a negative one is damage.
+std::int64_t Sane(std::int64_t size) { return std::max<std::int64_t>(size, 0); }
+
+}  // namespace
+
+bool TNTFS::IsSystemFile(TStringView name) {
+  constexpr TStringView names[] = {u"$MFT",    u"$MFTMirr", u"$LogFile", u"$Volume", u"$AttrDef", u".",
+                                   u"$Bitmap", u"$Boot",    u"$BadClus", u"$Secure", u"$Upcase",  u"$Extend"};
+  return std::find(std::begin(names), std::end(names), name) != std::end(names);
+}
+
+bool TNTFS::IsMFTDeleted(const TDriveInfo& drive, std::int64_t mftNumber, bool otherwise) const {
+  const TByteDynArray& usage = drive.NTFSInfo.MFTUsage;
+  if (mftNumber < 0 || mftNumber / 8 >= static_cast<std::int64_t>(usage.size())) return otherwise;
+  return (usage[static_cast<std::size_t>(mftNumber / 8)] >> (mftNumber % 8) & 1) == 0;
+}
+
+// ---- one record -----------------------------------------------------------------------------
+
+/// Parses a record and its extension records to names and a common row. False when the record
+/// yields nothing.
+bool TNTFS::AnalyseMFTRecord(TDriveInfo& drive, std::span<const std::uint8_t> buffer, std::size_t start,
+                             bool canCheckForAnalysing, TParsed& parsed, std::int64_t mftNumber, bool rootDirFastScan) {
+  parsed.Names.clear();
+  parsed.HaveMainRecord = false;
+  TFiles::ClearInfo(parsed.Info, parsed.Info.aDriveNumber);
+  if (!ntfs::IsMFT(buffer, start)) return false;
+  const std::size_t size = std::min(static_cast<std::size_t>(drive.NTFSInfo.MFTRecordSize), buffer.size() - start);
+  FRecord.assign(buffer.begin() + static_cast<std::ptrdiff_t>(start),
+                 buffer.begin() + static_cast<std::ptrdiff_t>(start + size));
+  ApplyFixups(FRecord);
+  const unsigned flags = FRecord.size() > 0x16 ? FRecord[0x16] : 0;
+  parsed.Info.blnFolder = (flags & 2) != 0;
+  parsed.Info.blnDeleted = (flags & 1) == 0;
+  parsed.Info.FirstCluster = mftNumber;
+  parsed.HaveMainRecord = ReadLe64(FRecord, 0x20) != 0;
+  if (parsed.HaveMainRecord) return true;
+
+  FRecords.assign(1, mftNumber);
+  if (!ParseAttributes(drive, FRecord, parsed, FRecords, mftNumber, rootDirFastScan, canCheckForAnalysing)) {
+    return false;
+  }
+  for (std::size_t i = 1; i < FRecords.size() && i < MostRecords; ++i) {
+    TMFTRecord place;
+    if (!GetSectorByMFTNumber(drive, FRecords[i], place, false)) return false;
+    if (!ReadRecord(drive, place, FExtension)) continue;
+    if (mftNumber > 0 && ReadReference(FExtension, 0x20) != mftNumber) continue;
+    if (!ParseAttributes(drive, FExtension, parsed, FRecords, mftNumber, rootDirFastScan, canCheckForAnalysing)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+/// False abandons the file.
+bool TNTFS::ParseAttributes(TDriveInfo& drive, std::span<const std::uint8_t> record, TParsed& parsed,
+                            TInt64DynArray& records, std::int64_t mftNumber, bool rootDirFastScan,
+                            bool canCheckForAnalysing) {
+  TFileInfo& info = parsed.Info;
+  std::uint32_t indexBlockSize = 0;
+  for (TAttributeWalk walk(record); walk.Next();) {
+    if (canCheckForAnalysing && !FEngine.Analysing) return false;
+    switch (walk->Type()) {
+      case AttrStandardInformation: {
+        if (rootDirFastScan) break;
+        const auto value = walk->Value();
+        info.TimeStamp.dtCreated = FromFileTime(ReadLe64(value, 0));
+        info.TimeStamp.dtModified = FromFileTime(ReadLe64(value, 8));
+        info.TimeStamp.dtAccessed = FromFileTime(ReadLe64(value, 0x18));
+        info.Atributes = AttributesOf(ReadLe32(value, 0x20));
+        break;
+      }
+      case AttrAttributeList:
+        if (!rootDirFastScan) ReadAttributeList(drive, *walk, records);
+        break;
+      case AttrFileName:
+        if (!walk->NonResident() && !AddName(walk->Value(), parsed, rootDirFastScan)) return false;
+        break;
+      case AttrVolumeName:
+        if (FEngine.PartRecRunning && walk->ValueLength() > 0) {
+          parsed.VolumeName = ReadText(walk->Value(), 0, walk->Value().size() / 2);
+        }
+        break;
+      case AttrData:
+        if (walk->IsDefaultDataStream()) ApplyDataAttribute(drive, *walk, info, mftNumber);
+        break;
+      case AttrIndexRoot: {
+        const auto value = walk->Value();
+        if (!info.blnFolder || ReadLe32(value, 0) != AttrFileName) break;
+        indexBlockSize = ReadLe32(value, 8);
+        const std::size_t start = static_cast<std::size_t>(value.data() - record.data());
+        DeriveMFTNumberFromIndex(drive, record, start + 0x10, start + value.size(), info);
+        break;
+      }
+      case AttrIndexAllocation:
+        if (info.blnFolder && indexBlockSize > 0 && drive.NTFSInfo.SectorsPerCluster < 1) {
+          const TRuns runs = walk->Runs(drive.SectorsCount);
+          if (!runs.empty() && runs.front().Lcn >= 0) GetSectorsPerClusterByIndex(drive, runs.front().Lcn);
+        }
+        break;
+      default:
+        break;
+    }
+  }
+  return true;
+}
+
+/// False for a file that a look at the root folder only does not want.
+bool TNTFS::AddName(std::span<const std::uint8_t> value, TParsed& parsed, bool rootDirFastScan) {
+  if (value.size() < NameText) return true;
+  const std::int64_t parent = ReadReference(value, 0);
+  if (rootDirFastScan && parent != RootRecord) return false;
+  TFileInfo& info = parsed.Info;
+  for (const std::size_t field : {std::size_t{0x30}, std::size_t{0x28}}) {
+    if (info.aSize == 0) info.aSize = Sane(static_cast<std::int64_t>(ReadLe64(value, field)));
+  }
+  info.DefaultSize = info.aSize;
+  TString text = ReadText(value, NameText, value[0x40]);
+  if (text.empty()) return true;
+  const int priority = NamePriority(value[0x41]);
+  const bool sameFolder = !parsed.Names.empty() && parsed.Names.back().Parent == parent;
+  if (!sameFolder || parsed.Names.back().Priority == priority) {
+    parsed.Names.push_back({parent, priority, std::move(text)});
+  } else if (parsed.Names.back().Priority < priority) {
+    parsed.Names.back() = {parent, priority, std::move(text)};
+  }
+  return true;
+}
+
+void TNTFS::ApplyDataAttribute(const TDriveInfo& drive, const TAttribute& data, TFileInfo& info,
+                               std::int64_t mftNumber) {
+  info.Atributes.blnCompressed = data.Compressed();
+  info.Atributes.blnEncrypted = data.Encrypted();
+  if (!data.NonResident()) {
+    if (data.ValueLength() != 0) info.aSize = data.ValueLength();
+    // The size of a name may be out of date; that of the content never is.
+    if (data.ValueLength() == 0) info.aSize = 0;
+    info.DefaultSize = info.aSize;
+    return;
+  }
+  if (data.FirstVcn() == 0) info.aSize = Sane(data.RealSize());
+  if (info.aSize == 0 && data.FirstVcn() == 0 && data.RealSize() < 0) info.aSize = Sane(data.AllocatedSize());
+  info.DefaultSize = info.aSize;
+  const int perCluster = drive.NTFSInfo.SectorsPerCluster;
+  if (info.aSize <= 0 || perCluster < 1 || (mftNumber >= 0 && !info.blnDeleted)) return;
+  if (data.FirstVcn() != 0) return;
+  for (const TRun& run : data.Runs(drive.SectorsCount / perCluster)) {
+    if (run.Lcn < 0) continue;
+    info.DataStartingSector = run.Lcn * perCluster;
+    break;
+  }
+}
+
+/// Gives a folder found without a number its own, out of what its children say.
+void TNTFS::DeriveMFTNumberFromIndex(const TDriveInfo& drive, std::span<const std::uint8_t> record, std::size_t header,
+                                     std::size_t end, TFileInfo& info) {
+  if (info.FirstCluster >= 0 || drive.NTFSInfo.MFTRecordSize < 1) return;
+  std::size_t at = header + ReadLe32(record, header);
+  end = std::min({end, header + ReadLe32(record, header + 8), record.size()});
+  if (at >= record.size() || ReadLe32(record, at + 0x0C) >= 4) return;
+  const std::int64_t numbers = drive.SectorsCount / std::max(drive.NTFSInfo.MFTRecordSize / drive.BytesPerSector, 1);
+  for (int i = 0; i < MostEntries && at + 0x52 <= end; ++i) {
+    const std::size_t length = record[at + 0x50];
+    if (length != 0 && record[at + 0x51] != 2) {
+      const TString name = ReadText(record, at + 0x52, length);
+      if (name.find(u'\0') != TString::npos) return;
+      const std::int64_t parent = ReadReference(record, at + 0x10);
+      if (ReadLe16(record, at + 0x0A) != 0 && parent != 0 && parent < numbers) {
+        info.FirstCluster = parent;
+        return;
+      }
+    }
+    const std::size_t step = ReadLe16(record, at + 8);
+    if (step == 0) return;
+    at += step;
+  }
+}
+
+/// The parent that a row is shown under: what the system keeps in the root for itself has a folder
+/// of its own.
+std::int64_t TNTFS::MoveToSystemDataFolder(const TName& name) {
+  if (name.Parent != RootRecord) return name.Parent;
+  const bool system = name.Text.starts_with(u'$') && Extension(name.Text).empty();
+  return system ? SpecialCluster::NTFSSystemData : SpecialCluster::Root;
+}
+
+TFileInfo TNTFS::SystemDataFolder(int driveNumber, TString& name) const {
+  TFileInfo folder;
+  TFiles::ClearInfo(folder, driveNumber);
+  folder.FirstCluster = SpecialCluster::NTFSSystemData;
+  folder.Atributes.blnSystem = true;
+  folder.TimeStamp = {Now(), Now(), Now(), 0};
+  name = u"$" + FEngine.Language()[TText::SystemData];
+  folder.strName = name;
+  return folder;
+}
+
+void TNTFS::AddSystemDataFolder(TDriveInfo& drive, int driveNumber) {
+  if (drive.NTFSInfo.SystemDataFolderAdded) return;
+  drive.NTFSInfo.SystemDataFolderAdded = true;
+  TString name;
+  const TFileInfo folder = SystemDataFolder(driveNumber, name);
+  FEngine.Files().Add(folder, SpecialCluster::Root, false);
+}
+
+bool TNTFS::AnalyseRecord(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
+                          std::int64_t mftNumber) {
+  TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
+  FParsed.Info.aDriveNumber = driveNumber;
+  if (!AnalyseMFTRecord(drive, buffer, start, true, FParsed, mftNumber, false)) return false;
+  if (FParsed.HaveMainRecord || FParsed.Names.empty()) return false;
+  TFileInfo& info = FParsed.Info;
+  if (!info.blnDeleted) info.blnDeleted = IsMFTDeleted(drive, mftNumber, false);
+  if (mftNumber == RootRecord) return true;
+  for (const TName& name : FParsed.Names) {
+    const std::int64_t parent = MoveToSystemDataFolder(name);
+    if (parent == SpecialCluster::NTFSSystemData) AddSystemDataFolder(drive, driveNumber);
+    info.strName = name.Text;
+    FEngine.Files().Add(info, parent, true);
+  }
+  return true;
+}
+
+// ---- the table ------------------------------------------------------------------------------
+
+/// Calls `callable(chunk, start, number)` for each record of the table, in order, until it answers
+/// false. Records are read in large pieces.
+template <typename TCallable>
+void TNTFS::ForEachRecord(TDriveInfo& drive, TCallable&& callable) {
+  const std::vector<TMFTRun> runs = drive.NTFSInfo.MFTStructure;
+  const int recordSize = drive.NTFSInfo.MFTRecordSize;
+  const int sectorSize = drive.BytesPerSector;
+  TByteDynArray chunk(static_cast<std::size_t>(
+      std::max<std::int64_t>(ChunkSectors * sectorSize, CeilDiv(recordSize, sectorSize) * sectorSize)));
+  const auto chunkSectors = static_cast<std::int64_t>(chunk.size()) / sectorSize;
+  for (const TMFTRun& run : runs) {
+    if (run.FirstSector == 0) continue;
+    std::int64_t loadedSector = -1;
+    std::int64_t loadedBytes = 0;
+    for (std::int64_t i = 0; i < run.Count; ++i) {
+      const std::int64_t byte = i * recordSize;
+      const std::int64_t sector = run.FirstSector + byte / sectorSize;
+      std::int64_t at = loadedSector < 0 ? -1 : (sector - loadedSector) * sectorSize + byte % sectorSize;
+      if (at < 0 || at + recordSize > loadedBytes) {
+        const std::int64_t end = run.FirstSector + CeilDiv(run.Count * recordSize, sectorSize);
+        std::int64_t wanted = std::min(chunkSectors, end - sector);
+        loadedSector = sector;
+        at = byte % sectorSize;
+        const std::int64_t needed = CeilDiv(at + recordSize, sectorSize);
+        wanted = std::max(wanted, needed);
+        loadedBytes = FEngine.Reader().ReadDriveSectors(drive, chunk.data(), drive.FirstSector + sector, wanted);
+        if (loadedBytes == 0 && wanted > needed) {
+          // A bad place somewhere in the piece: this record alone.
+          loadedBytes = FEngine.Reader().ReadDriveSectors(drive, chunk.data(), drive.FirstSector + sector, needed);
+        }
+      }
+      if (at + recordSize > loadedBytes) {
+        loadedSector = -1;
+        if (sector > FEngine.Reader().DeviceSectors(drive)) break;
+        continue;
+      }
+      const auto bytes = std::span<const std::uint8_t>(chunk).first(static_cast<std::size_t>(at + recordSize));
+      if (!callable(bytes, static_cast<std::size_t>(at), run.FirstNumber + i)) return;
+    }
+  }
+}
+
+void TNTFS::AnalyseMFTRecords(int driveNumber) {
+  TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
+  const double count = static_cast<double>(std::max<std::int64_t>(drive.NTFSInfo.MFTRecordCount, 1));
+  ForEachRecord(drive, [&](std::span<const std::uint8_t> chunk, std::size_t start, std::int64_t number) {
+    AnalyseRecord(chunk, start, driveNumber, number);
+    if (number % ProgressStep == 0) FEngine.AnalyseProgress(static_cast<double>(number + 1) / count);
+    FEngine.Pump();
+    return FEngine.Analysing.load();
+  });
+}
+
+void TNTFS::DoBeforeAnalyse(TDriveInfo& drive) {
+  ClearMemory();
+  TNTFSInfo& info = drive.NTFSInfo;
+  info.MFTStructure.clear();
+  info.MFTRecordCount = 0;
+  info.MFTUsage.clear();
+  info.ClustersUsage.clear();
+  info.IsClustersUsageFilled = false;
+  info.LogMFTs.clear();
+  info.SystemDataFolderAdded = false;
+}
+
+void TNTFS::DoAfterAnalyse(TDriveInfo& drive) { drive.NTFSInfo.SystemDataFolderAdded = false; }
+
+void TNTFS::AnalyseSystem(int driveNumber) {
+  TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
+  drive.Analysed = TAnalyseInformation::aiPartial;
+  DoBeforeAnalyse(drive);
+  if (!GetDriveInfo(drive, true)) return;
+  if (FEngine.Analysing) AnalyseMFTRecords(driveNumber);
+  DoAfterAnalyse(drive);
+  if (FEngine.Analysing) drive.Analysed = TAnalyseInformation::aiFull;
+}
+
+void TNTFS::GetFiles(TDriveInfo& drive, TFileArray& result, bool rootDirOnly, const TOnFilesGotten& onFilesGotten) {
+  DoBeforeAnalyse(drive);
+  if (!GetDriveInfo(drive, false)) return;
+  TParsed parsed;
+  bool canBreak = false;
+  const auto offer = [&] {
+    if (onFilesGotten) onFilesGotten(drive, result, canBreak);
+  };
+  ForEachRecord(drive, [&](std::span<const std::uint8_t> chunk, std::size_t start, std::int64_t number) {
+    FEngine.Pump();
+    parsed.Info.aDriveNumber = -1;
+    if (!AnalyseMFTRecord(drive, chunk, start, false, parsed, number, rootDirOnly) || parsed.HaveMainRecord)
+      return true;
+    for (const TName& name : parsed.Names) {
+      if (name.Text == u".") continue;
+      const std::int64_t parent = MoveToSystemDataFolder(name);
+      if (parent == SpecialCluster::NTFSSystemData) {
+        if (drive.NTFSInfo.SystemDataFolderAdded) continue;
+        drive.NTFSInfo.SystemDataFolderAdded = true;
+        TString caption;
+        const TFileInfo folder = SystemDataFolder(-1, caption);
+        result.Add(folder, SpecialCluster::Root);
+        continue;
+      }
+      parsed.Info.strName = name.Text;
+      result.Add(parsed.Info, parent);
+    }
+    offer();
+    return !canBreak;
+  });
+}
+
+}  // namespace brenlow
