@@ -74,7 +74,75 @@ def write(folder, name, data):
     (HERE / folder / name).write_bytes(data)
 
 
+def attribute(kind, value=None, name="", flags=0, runs=None, clusters=0, size=0, unit=0):
+    """An NTFS attribute, resident with `value` or in clusters."""
+    text = name.encode("utf-16-le")
+    head = 0x18 if value is not None else 0x48
+    body = head + (len(text) + 7) // 8 * 8
+    content = value if value is not None else runs + b"\0"
+    out = struct.pack("<IIBBHHH", kind, (body + len(content) + 7) // 8 * 8, value is None, len(name), head if name else 0, flags, 0)
+    if value is not None:
+        out += struct.pack("<IHH", len(value), body, 0)
+    else:
+        out += struct.pack("<QQHHIQQQ", 0, clusters - 1, body, unit, 0, clusters * 512, size, size) + bytes(8)
+    out += text
+    return (out + bytes(body - len(out)) + content).ljust((body + len(content) + 7) // 8 * 8, b"\0")
+
+
+def file_name(parent, name, size=0):
+    return struct.pack("<QQQQQQQII", parent, *[0x01D7402000000000] * 4, size, size, 0x20, 0) + bytes([len(name), 3]) + name.encode("utf-16-le")
+
+
+def record(number, attributes, flags=1, base=0):
+    used = b"".join(attributes) + struct.pack("<I", 0xFFFFFFFF)
+    out = bytearray(1024)
+    out[:4] = b"FILE"
+    struct.pack_into("<HHQHHHHIIQHHI", out, 4, 0x30, 3, 0, 1, 1, 0x38, flags, 0x38 + len(used), 1024, base, 8, 0, number)
+    out[0x38:0x38 + len(used)] = used
+    for i in (1, 2):  # the ends of both blocks move into the update sequence
+        out[0x30 + 2 * i:0x32 + 2 * i] = out[i * 512 - 2:i * 512]
+        out[i * 512 - 2:i * 512] = out[0x30:0x32] = b"\x07\0"
+    return bytes(out)
+
+
+def ntfs():
+    """64 KiB with clusters of 512 bytes: resident, compressed, sparse, listed, deleted and linked files."""
+    image = bytearray(129 * 512)
+    boot = bytearray(512)
+    boot[3:11] = b"NTFS    "
+    struct.pack_into("<HB", boot, 11, 512, 1)
+    struct.pack_into("<QQQ", boot, 0x28, 128, 4, 100)
+    boot[0x40] = 0xF6
+    boot[510:512] = b"\x55\xAA"
+    image[:512] = image[-512:] = boot
+    info = attribute(0x10, struct.pack("<4QI", *[0x01D7402000000000] * 4, 0x20) + bytes(12))
+    named = lambda parent, name, size=0: attribute(0x30, file_name(parent, name, size))
+    packed = bytes([0x03, 0xB0, 0x02, 0x41, 0xFC, 0x0F]) * 2
+    listed = b"".join(struct.pack("<IHBBQQH", kind, 0x20, 0, 0x1A, 0, number, 0).ljust(0x20, b"\0") for kind, number in ((0x10, 12), (0x80, 13)))
+    index = struct.pack("<IIII", 0x30, 1, 4096, 0) + struct.pack("<IIII", 16, 120, 120, 0) + struct.pack("<QHHI", 14, 0x58, 0x48, 0) + file_name(10, "inner", 0)
+    records = {
+        0: record(0, [info, named(5, "$MFT"), attribute(0x80, runs=b"\x11\x24\x04", clusters=36, size=18432), attribute(0xB0, b"\xFF\xF7\x03")]),
+        3: record(3, [named(5, "$Volume"), attribute(0x60, "SEED".encode("utf-16-le"))]),
+        5: record(5, [named(5, ".")], 3),
+        6: record(6, [named(5, "$Bitmap"), attribute(0x80, b"\xFF" * 8 + bytes(8))]),
+        10: record(10, [info, named(5, "folder"), attribute(0x90, index, "$I30")], 3),
+        11: record(11, [info, named(10, "gone.txt", 700), attribute(0x80, runs=b"\x11\x02\x40", clusters=2, size=700)], 0),
+        12: record(12, [info, attribute(0x20, listed), named(5, "listed"), named(10, "link")]),
+        13: record(13, [attribute(0x80, runs=b"\x11\x02\x42\x01\x03\x11\x01\x04", clusters=6, size=3000)], 1, 12),
+        14: record(14, [info, named(10, "inner"), attribute(0x80, runs=b"\x11\x01\x48\x01\x0F", clusters=16, size=8192, flags=1, unit=4), attribute(0x80, b"stream", "named")]),
+    }
+    for number, bytes_of in records.items():
+        image[2048 + number * 1024:3072 + number * 1024] = bytes_of
+    image[100 * 512:104 * 512] = image[2048:4096]
+    image[0x48 * 512:0x48 * 512 + len(packed)] = packed
+    return bytes(image)
+
+
 def main():
+    write("ntfs", "seed-volume", b"\0" + ntfs())
+    write("lznt1", "seed-text", bytes.fromhex("38b08846232000204720410010a24701a045204400084501507900c04520052413"
+                                              "8805b4024a44ef0358028c091601484500be009e000401189000"))
+    write("lznt1", "seed-stored", b"\x00\x30\x41\x03\xB0\x02\x00\xFC\x0F")
     for width in (12, 16, 32):
         write("fat", "seed-fat%d" % width, bytes([0x80 | width]) + volume(width))
     blank = bytes(512)

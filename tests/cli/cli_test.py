@@ -268,6 +268,24 @@ class Program(unittest.TestCase):
             self.assertEqual({p: again[p] for p in expected}, expected)
         self.assertGreater(killed, 0, "no run was killed half-way")
 
+    def test_specimens(self):
+        specimens = DATA.resolve().parents[2] / "shared/specimens/ntfs"
+        if not specimens.is_dir():
+            self.skipTest("the specimens are not here")
+        for truth in sorted(specimens.glob("*.truth.json")):
+            image = self.target() / "specimen.raw"
+            subprocess.run(["zstd", "-dqf", str(truth).replace(".truth.json", ".zst"), "-o", str(image)], check=True)
+            out = self.target()
+            self.assertEqual(run("recover", image, "--out", out, "--streams", "files").returncode, 0, truth.name)
+            found = {str(p.relative_to(out)): digest(p) for p in out.rglob("*") if p.is_file()}
+            for file in json.loads(truth.read_text())["files"]:
+                if file.get("system") or "sha256" not in file:
+                    continue
+                if "$OrphanFiles" in file["path"]:  # others' name for what has no folder
+                    self.assertIn(file["sha256"], found.values(), (truth.name, file["path"]))
+                else:
+                    self.assertEqual(found.get(file["path"]), file["sha256"], (truth.name, file["path"]))
+
     def test_languages(self):
         german = run("recover", self.stick, "--out", self.target(), "--language", "German")
         self.assertEqual(german.returncode, 0)

@@ -29,7 +29,7 @@ class TNTFS {
   bool IsMFT(std::span<const std::uint8_t> buffer, std::size_t start) const { return ntfs::IsMFT(buffer, start); }
   /// Fills the volume fields from the boot sector or one of its copies. `forSubDrive` leaves the
   /// table of records alone.
-  bool GetDriveInfo(TDriveInfo& drive, bool getFreeSize) { return GetDriveInfo(drive, getFreeSize, false); }
+  bool GetDriveInfo(TDriveInfo& drive, bool /*fillTable: it always is*/) { return GetDriveInfo(drive, true, false); }
   bool GetDriveInfo(TDriveInfo& drive, bool getFreeSize, bool forSubDrive);
   int GetSectorsPerCluster(const TDriveInfo& drive) const;
 

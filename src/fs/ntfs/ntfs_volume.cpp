@@ -88,6 +88,8 @@ bool TNTFS::GetDriveInfo(TDriveInfo& drive, bool getFreeSize, bool forSubDrive) 
   }
   if (sectors <= 0) return false;
   if (ReadBootSector(drive, sectors - 1, getFreeSize, forSubDrive)) return true;
+  // The size that a boot sector states ends before its copy.
+  if (ReadBootSector(drive, sectors, getFreeSize, forSubDrive)) return true;
   for (std::int64_t at = sectors / 2 - 2; at <= sectors / 2 + 2; ++at) {
     if (at > 0 && ReadBootSector(drive, at, getFreeSize, forSubDrive)) return true;
   }

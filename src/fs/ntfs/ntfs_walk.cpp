@@ -309,12 +309,14 @@ void TNTFS::ForEachRecord(TDriveInfo& drive, TCallable&& callable) {
 void TNTFS::AnalyseMFTRecords(int driveNumber) {
   TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
   const double count = static_cast<double>(std::max<std::int64_t>(drive.NTFSInfo.MFTRecordCount, 1));
+  FEngine.AnalyseProgress(0);
   ForEachRecord(drive, [&](std::span<const std::uint8_t> chunk, std::size_t start, std::int64_t number) {
     AnalyseRecord(chunk, start, driveNumber, number);
     if (number % ProgressStep == 0) FEngine.AnalyseProgress(static_cast<double>(number + 1) / count);
     FEngine.Pump();
     return FEngine.Analysing.load();
   });
+  if (FEngine.Analysing) FEngine.AnalyseProgress(1.0);
 }
 
 void TNTFS::DoBeforeAnalyse(TDriveInfo& drive) {
@@ -335,7 +337,7 @@ void TNTFS::AnalyseSystem(int driveNumber) {
   TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
   drive.Analysed = TAnalyseInformation::aiPartial;
   DoBeforeAnalyse(drive);
-  if (!GetDriveInfo(drive, true)) return;
+  if (!GetDriveInfo(drive, true, false)) return;
   if (FEngine.Analysing) AnalyseMFTRecords(driveNumber);
   DoAfterAnalyse(drive);
   if (FEngine.Analysing) drive.Analysed = TAnalyseInformation::aiFull;
@@ -343,7 +345,7 @@ void TNTFS::AnalyseSystem(int driveNumber) {
 
 void TNTFS::GetFiles(TDriveInfo& drive, TFileArray& result, bool rootDirOnly, const TOnFilesGotten& onFilesGotten) {
   DoBeforeAnalyse(drive);
-  if (!GetDriveInfo(drive, false)) return;
+  if (!GetDriveInfo(drive, false, false)) return;
   TParsed parsed;
   bool canBreak = false;
   const auto offer = [&] {

@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The NTFS driver: any bytes as a volume, analysed, listed and read with all streams. The first
+// byte picks where reading starts.
+#include <cstdint>
+#include <cstdlib>
+
+#include "analysis/analysis.h"
+#include "analysis/files.h"
+#include "core/drives.h"
+#include "core/engine.h"
+#include "fs/ntfs/ntfs.h"
+#include "memory_device.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  using namespace brenlow;
+  if (size < 513 || size > (1 << 18)) return 0;
+  const std::uint8_t way = data[0];
+  TEngine engine;
+  engine.Devices().Insert(u"/input", std::make_unique<fuzz::TInputDevice>(data + 1, size - 1));
+  const int number = engine.Drives().Mount(u"/input", false);
+  if (number < 0) return 0;
+  TDriveInfo& drive = engine.Drives().List[static_cast<std::size_t>(number)];
+  if (drive.FileSystem != TFileSystem::fsNTFS) return 0;
+  AnalyseDrive(engine, number);
+
+  engine.Recovering = true;
+  TByteDynArray bytes;
+  TADSDynArray streams;
+  TFileFragments fragments;
+  for (std::size_t i = 0; i < std::min<std::size_t>(engine.Files().List.size(), 64); ++i) {
+    TFile& file = engine.Files().List[i];
+    GetFileData(engine, bytes, file, -1, way * 100, 10000);
+    if (static_cast<std::int64_t>(bytes.size()) > file.FileInfo.aSize) std::abort();
+    GetFileFragments(engine, file, fragments);
+    engine.Files().GetSizeOnDisk(file);
+    FillADS(engine, file, streams);
+    for (std::size_t s = 0; s < std::min<std::size_t>(streams.size(), 8); ++s) {
+      GetFileData(engine, bytes, file, static_cast<int>(s), way, 5000);
+      if (bytes.size() > 5000) std::abort();
+    }
+    IsOverwritten(engine, file);
+  }
+  TFileArray listed;
+  TDriveInfo copy = engine.Drives().List[static_cast<std::size_t>(number)];
+  GetDriveFiles(engine, copy, listed, (way & 1) != 0,
+                [](TDriveInfo&, const TFileArray& files, bool& canBreak) { canBreak = files.size() > 20000; });
+  return 0;
+}
