@@ -17,6 +17,9 @@
 namespace brenlow {
 
 class TEngine;
+namespace ntfs {
+struct TNTFSLogImage;
+}
 
 class TNTFS {
  public:
@@ -120,6 +123,8 @@ class TNTFS {
   void DeriveMFTNumberFromIndex(const TDriveInfo& drive, std::span<const std::uint8_t> record, std::size_t header,
                                 std::size_t end, TFileInfo& info);
   void AnalyseMFTRecords(int driveNumber);
+  void AnalyseLogFile(int driveNumber);
+  void AddLogFiles(int driveNumber, std::vector<ntfs::TNTFSLogImage>& images);
   template <typename TCallable>
   void ForEachRecord(TDriveInfo& drive, TCallable&& callable);
   static std::int64_t MoveToSystemDataFolder(const TName& name);

@@ -339,6 +339,7 @@ void TNTFS::AnalyseSystem(int driveNumber) {
   DoBeforeAnalyse(drive);
   if (!GetDriveInfo(drive, true, false)) return;
   if (FEngine.Analysing) AnalyseMFTRecords(driveNumber);
+  if (FEngine.Analysing) AnalyseLogFile(driveNumber);
   DoAfterAnalyse(drive);
   if (FEngine.Analysing) drive.Analysed = TAnalyseInformation::aiFull;
 }

@@ -9,6 +9,7 @@
 #include "analysis/files.h"
 #include "core/lznt1.h"
 #include "fs/driver_contract.h"
+#include "fs/ntfs/ntfs_log.h"
 #include "fs/ntfs/ntfs_record.h"
 #include "support/truth.h"
 
@@ -44,6 +45,82 @@ std::string RunsText(const std::vector<std::uint8_t>& runs, std::int64_t lastVcn
   }
   return text;
 }
+
+/// A file record in the folder `parent`, with resident content at byte 0xE8 (for names of 9 to 12
+/// characters).
+TImage FileRecord(std::int64_t parent, const std::u16string& name, const std::string& content) {
+  TImage record(1024);
+  std::memcpy(record.data(), "FILE", 4);
+  Put(record, 0x14, 2, 0x38);
+  Put(record, 0x16, 2, 1);
+  const std::size_t nameValue = 0x38 + 0x18;
+  Put(record, 0x38, 4, AttrFileName);
+  Put(record, 0x3C, 4, 0x98);
+  Put(record, 0x38 + 0x10, 4, 0x42 + 2 * name.size());
+  Put(record, 0x38 + 0x14, 2, 0x18);
+  Put(record, nameValue, 6, static_cast<std::uint64_t>(parent));
+  record[nameValue + 0x40] = static_cast<std::uint8_t>(name.size());
+  record[nameValue + 0x41] = 1;
+  for (std::size_t i = 0; i < name.size(); ++i) Put(record, nameValue + 0x42 + 2 * i, 2, name[i]);
+  const std::size_t data = 0x38 + 0x98;
+  Put(record, data, 4, AttrData);
+  Put(record, data + 4, 4, 0x100);
+  Put(record, data + 0x10, 4, content.size());
+  Put(record, data + 0x14, 2, 0x18);
+  std::copy(content.begin(), content.end(), record.begin() + static_cast<std::ptrdiff_t>(data + 0x18));
+  Put(record, data + 0x100, 4, AttrEnd);
+  return record;
+}
+
+struct TLogged {
+  std::uint64_t Lsn;
+  std::uint32_t Operations;  // as the four bytes stand there, big-endian
+  std::uint32_t Vcn;
+  std::uint16_t RecordOffset;
+  std::uint16_t AttributeOffset;
+  TImage Redo;
+};
+
+/// The bytes of one log record.
+TImage LogRecord(const TLogged& logged) {
+  TImage bytes((0x58 + logged.Redo.size() + 7) / 8 * 8);
+  Put(bytes, 0, 8, logged.Lsn);
+  Put(bytes, 8, 8, 77);
+  Put(bytes, 0x10, 8, 77);
+  Put(bytes, 0x18, 4, 0x28 + logged.Redo.size());
+  Put(bytes, 0x20, 4, 1);
+  for (std::size_t i = 0; i < 4; ++i) bytes[0x30 + i] = static_cast<std::uint8_t>(logged.Operations >> (24 - 8 * i));
+  Put(bytes, 0x34, 2, 0x28);
+  Put(bytes, 0x36, 2, logged.Redo.size());
+  Put(bytes, 0x40, 2, logged.RecordOffset);
+  Put(bytes, 0x42, 2, logged.AttributeOffset);
+  Put(bytes, 0x48, 4, logged.Vcn);
+  Put(bytes, 0x50, 4, 9);
+  std::copy(logged.Redo.begin(), logged.Redo.end(), bytes.begin() + 0x58);
+  return bytes;
+}
+
+/// A log of pages of 4 KiB: a restart page, and from page 4 on the records, which go on behind the
+/// header of the next page.
+TImage Log(const std::vector<TLogged>& records) {
+  TImage log(16 * 4096);
+  std::memcpy(log.data(), "RSTR", 4);
+  Put(log, 0x14, 4, 4096);
+  Put(log, 0x18, 2, 0x30);
+  Put(log, 0x30 + 0x18, 8, log.size());
+  Put(log, 0x30 + 0x26, 2, 0x40);
+  std::size_t at = 4 * 4096 + 0x40;
+  for (std::size_t page = 4; page < 16; ++page) std::memcpy(&log[page * 4096], "RCRD", 4);
+  for (const TLogged& logged : records) {
+    for (const std::uint8_t byte : LogRecord(logged)) {
+      if (at % 4096 == 0) at += 0x40;
+      log[at++] = byte;
+    }
+  }
+  return log;
+}
+
+TImage Bytes(const std::string& text) { return {text.begin(), text.end()}; }
 
 TDriverSpecimen Specimen() { return {LoadTestImage("lab-ntfs.img.zst"), TFileSystem::fsNTFS}; }
 
@@ -195,4 +272,96 @@ TEST_CASE("NTFS: fix-ups and attribute lists are bounded") {
   records.clear();
   AddListedRecords(list, records);
   CHECK(records == TInt64DynArray{1000});
+}
+
+TEST_CASE("NTFS: files that only the log knows") {
+  constexpr std::size_t content = 0x38 + 0x98;  // offset of the data attribute
+  constexpr std::uint32_t initialise = 0x02000000, updateResident = 0x07000700;
+  TImage image = Specimen().Volume;
+  std::int64_t logSector = 0;
+  std::int64_t live = 0;  // the size of a live file in the root
+  {
+    TAnalysed before(image);
+    TFileFragments fragments;
+    GetFileFragments(before.Engine, before.File(u"$LogFile"), fragments);
+    REQUIRE(!fragments.empty());
+    logSector = fragments[0].FirstSectorInDrive;
+    live = before.File(u"README.TXT").FileInfo.aSize;
+  }
+  TImage knownFile = FileRecord(5, u"README.TXT", "");
+  Put(knownFile, content + 0x10, 4, static_cast<std::uint64_t>(live));
+  const TImage log = Log({
+      {100, initialise, 7, 0, 0, FileRecord(5, u"log-1.txt", "the first one")},
+      {101, initialise, 8, 0, 0, FileRecord(5, u"log-2.txt", "as it was logged")},
+      {102, updateResident, 8, content, 0x18, Bytes("AS IT")},
+      {99, updateResident, 8, content, 0x18, Bytes("older")},   // before the image: not applied
+      {103, updateResident, 6, content, 0x18, Bytes("other")},  // another place
+      {104, updateResident, 8, content, 0x18 + 6, Bytes("IS")},
+      {105, initialise, 8, 0, 0, FileRecord(5, u"log-3.txt", "later in the same place")},
+      {106, updateResident, 8, content, 0x18, Bytes("LATER")},
+      {107, initialise, 9, 0, 0, knownFile},
+  });
+  std::copy(log.begin(), log.end(), image.begin() + logSector * 512);
+  TAnalysed t(image);
+  const auto text = [&](TStringView name) {
+    TFile& file = t.File(name);
+    CHECK(bool{file.FileInfo.blnDeleted});
+    CHECK(file.ParentCluster == SpecialCluster::Root);
+    TByteDynArray data;
+    GetFileData(t.Engine, data, file, -1, 0, 100);
+    return std::string(data.begin(), data.end());
+  };
+  CHECK(text(u"log-1.txt").empty());  // its position means "none"
+  CHECK(text(u"log-2.txt") == "AS IT ISs logged");
+  CHECK(text(u"log-3.txt") == "LATER in the same place");
+  int readmes = 0;
+  for (std::size_t i = 0; i < t.Engine.Files().List.size(); ++i) {
+    readmes += t.Engine.Files().List[i].FileInfo.strName == u"README.TXT" ? 1 : 0;
+  }
+  CHECK(readmes == 1);  // the live one has the same size: no second row
+}
+
+TEST_CASE("NTFS: log records are taken only when everything about them fits") {
+  const TNTFSLogInfo info;
+  TNTFSLogRecord record;
+  const TLogged good{5, 0x0B000B00, 3, 0x50, 0, TImage(0x18, 1)};
+  const TImage log = Log({good});
+  const std::size_t at = 4 * 4096 + 0x40;
+  REQUIRE((ParseLogRecord(log, at, 0, info, 1024, record) == TLogParse::Record));
+  CHECK(record.Size == 0x70);
+  CHECK(record.RedoOperation == 0x0B);
+  CHECK(record.RedoData.size() == 0x18);
+  struct TSpoil {
+    std::size_t Offset, Size;
+    std::uint64_t Value;
+  };
+  for (const TSpoil& spoil : {TSpoil{0, 8, 0},
+                              {8, 8, 0},
+                              {8, 8, 78},
+                              {0x18, 4, 1025 + 0x28},
+                              {0x20, 4, 2},
+                              {0x2A, 1, 1},
+                              {0x30, 2, 3},
+                              {0x34, 2, 0x20},
+                              {0x36, 2, 0x19},
+                              {0x48, 4, 0},
+                              {0x4C, 4, 1},
+                              {0x50, 4, 0},
+                              {0x54, 4, 1}}) {
+    TImage spoiled = log;
+    Put(spoiled, at + spoil.Offset, spoil.Size, spoil.Value);
+    CAPTURE(spoil.Offset);
+    CHECK((ParseLogRecord(spoiled, at, 0, info, 1024, record) == TLogParse::Nothing));
+  }
+  // At the end of the pages there may be more of it.
+  CHECK((ParseLogRecord(std::span(log).first(at + 0x60), at, 0, info, 1024, record) == TLogParse::NeedsMore));
+
+  TNTFSLogContent content;
+  content.Images.resize(3);
+  for (std::size_t i = 0; i < 3; ++i) content.Images[i].Record.Position = static_cast<std::int64_t>(i) * 100;
+  content.Images[1].Record.TargetVCN = 4;
+  LinkLogImages(content.Images);
+  CHECK(content.Images[0].EndPosition == 200);
+  CHECK(content.Images[1].EndPosition == -1);
+  CHECK(content.Images[2].EndPosition == 0);  // round the ring
 }
