@@ -4,7 +4,12 @@
 //   bench_engine sum FILE             the same, adding up every byte
 //   bench_engine add FILES PARENTS    enters files under parents in random order
 //   bench_engine open FILES CHILDREN  opens a folder of so many folders, which hold all the files
-// Each prints "seconds number": bytes of memory for `add`, children shown for `open`.
+//   bench_engine pack FILE            compresses the file in LZNT1 blocks of 64 KiB
+//   bench_engine unpack FILE          the same, and decompresses them: the time is of that alone
+//   bench_engine readall FILE         analyses it and reads every file; the time is of reading alone
+//   bench_engine analyse FILE         analyses the first volume of the image
+// Each prints "seconds number": bytes of memory for `add` and `analyse`, children
+// shown for `open`, compressed bytes for `pack` and `unpack`.
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -17,10 +22,12 @@
 #include <string>
 #include <vector>
 
+#include "analysis/analysis.h"
 #include "analysis/files.h"
 #include "analysis/folders.h"
 #include "core/drives.h"
 #include "core/engine.h"
+#include "core/lznt1.h"
 #include "core/text.h"
 
 namespace {
@@ -136,6 +143,61 @@ int OpenFolder(std::uint32_t files, std::uint32_t children) {
   return view.Added == children && shown == children ? 0 : 1;
 }
 
+int Pack(const char* path, bool unpack) {
+  constexpr std::size_t blockSize = 65536;
+  std::FILE* file = std::fopen(path, "rb");
+  if (file == nullptr) return 1;
+  std::vector<std::uint8_t> all(256 << 20);
+  all.resize(std::fread(all.data(), 1, all.size(), file));
+  std::fclose(file);
+  std::vector<TByteDynArray> packed;
+  std::size_t size = 0;
+  auto begin = std::chrono::steady_clock::now();
+  for (std::size_t at = 0; at < all.size(); at += blockSize) {
+    packed.emplace_back();
+    CompressLZNT1(std::span(all).subspan(at, std::min(blockSize, all.size() - at)), packed.back(), 2 * blockSize);
+    size += packed.back().size();
+  }
+  if (unpack) {
+    begin = std::chrono::steady_clock::now();
+    TByteDynArray plain;
+    for (const TByteDynArray& block : packed) {
+      if (!DecompressLZNT1(block, plain)) return 1;
+    }
+  }
+  std::printf("%f %zu\n", Seconds(begin), size);
+  return 0;
+}
+
+int ReadAll(const char* path) {
+  constexpr std::int64_t chunk = 0x20000;
+  TEngine engine;
+  if (engine.Drives().Mount(TextFromPath(path), false) < 0) return 1;
+  AnalyseDrive(engine, 0);
+  const auto begin = std::chrono::steady_clock::now();
+  std::size_t total = 0;
+  TByteDynArray bytes;
+  for (std::size_t i = 0; i < engine.Files().List.size(); ++i) {
+    TFile& file = engine.Files().List[i];
+    for (std::int64_t at = 0; at < file.FileInfo.aSize; at += chunk) {
+      GetFileData(engine, bytes, file, -1, at, std::min(chunk, file.FileInfo.aSize - at));
+      total += bytes.size();
+    }
+  }
+  std::printf("%f %zu\n", Seconds(begin), total);
+  return 0;
+}
+
+int Analyse(const char* path) {
+  TEngine engine;
+  if (engine.Drives().Mount(TextFromPath(path), false) < 0) return 1;
+  const std::int64_t before = ResidentBytes();
+  const auto begin = std::chrono::steady_clock::now();
+  AnalyseDrive(engine, 0);
+  std::printf("%f %lld\n", Seconds(begin), static_cast<long long>(ResidentBytes() - before));
+  return engine.Files().List.empty() ? 1 : 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -146,6 +208,12 @@ int main(int argc, char** argv) {
     return AddFiles(static_cast<std::uint32_t>(std::atoi(argv[2])), static_cast<std::uint32_t>(std::atoi(argv[3])));
   if (verb == "open" && argc == 4)
     return OpenFolder(static_cast<std::uint32_t>(std::atoi(argv[2])), static_cast<std::uint32_t>(std::atoi(argv[3])));
-  std::fprintf(stderr, "usage: bench_engine pread FILE | sum FILE | add FILES PARENTS | open FILES CHILDREN\n");
+  if (verb == "pack" && argc == 3) return Pack(argv[2], false);
+  if (verb == "unpack" && argc == 3) return Pack(argv[2], true);
+  if (verb == "readall" && argc == 3) return ReadAll(argv[2]);
+  if (verb == "analyse" && argc == 3) return Analyse(argv[2]);
+  std::fprintf(
+      stderr,
+      "usage: bench_engine pread|sum|pack|unpack|readall|analyse FILE | add FILES PARENTS | open FILES CHILDREN\n");
   return 2;
 }
