@@ -140,6 +140,21 @@ def ntfs():
 
 def main():
     write("ntfs", "seed-volume", b"\0" + ntfs())
+    write("ntfs_record", "seed-resident", ntfs()[2048 + 14 * 1024:2048 + 15 * 1024])
+    write("ntfs_record", "seed-listed", ntfs()[2048 + 12 * 1024:2048 + 13 * 1024])
+    write("ntfs_record", "seed-table", ntfs()[2048:3072])
+    log = bytearray(3 * 4096)
+    log[:4] = b"RSTR"
+    struct.pack_into("<IH", log, 0x14, 4096, 0x30)
+    struct.pack_into("<H", log, 0x30 + 0x26, 0x40)
+    at = 4096 + 0x40
+    image = record(0, [named for named in (attribute(0x30, file_name(5, "logged")), attribute(0x80, b"content"))])
+    for lsn, operation, redo in ((9, 2, image), (10, 7, b"changed!"), (11, 0x0B, bytes(24)), (12, 2, image)):
+        struct.pack_into("<QQQI4xI", log, at, lsn, 5, 5, 0x28 + len(redo), 1)
+        struct.pack_into("<HHHH8xHHHHIIII", log, at + 0x30, operation, 0 if operation == 2 else operation, 0x28, len(redo), 0x38, 0x10, 0, 0, 3, 0, 9, 0)
+        log[at + 0x58:at + 0x58 + len(redo)] = redo
+        at += 0x58 + len(redo)
+    write("ntfs_log", "seed-log", bytes(log))
     write("lznt1", "seed-text", bytes.fromhex("38b08846232000204720410010a24701a045204400084501507900c04520052413"
                                               "8805b4024a44ef0358028c091601484500be009e000401189000"))
     write("lznt1", "seed-stored", b"\x00\x30\x41\x03\xB0\x02\x00\xFC\x0F")
