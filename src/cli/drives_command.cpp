@@ -77,9 +77,7 @@ const char* StyleName(PARTITION_STYLE style) {
 
 std::int64_t FreeBytes(const TDriveInfo& drive) { return std::max<std::int64_t>(drive.aFreeSize, 0); }
 
-std::int64_t ClusterSize(const TDriveInfo& drive) {
-  return drive.DefaultSectorsPerCluster * drive.BytesPerSector;
-}
+std::int64_t ClusterSize(const TDriveInfo& drive) { return drive.DefaultSectorsPerCluster * drive.BytesPerSector; }
 
 /// `style` is the partition table of a disk, empty for a volume.
 std::string InfoLine(const TDriveInfo& drive, int number, const std::string& style, const std::string& role) {
@@ -95,6 +93,9 @@ std::string InfoLine(const TDriveInfo& drive, int number, const std::string& sty
     line.TextOrNull("label", ToUtf8(drive.VolumeName)).Number("cluster_size", ClusterSize(drive));
     line.Number("free", FreeBytes(drive));
     line.Number("used", std::max<std::int64_t>(SizeOf(drive) - FreeBytes(drive), 0));
+    if (drive.FileSystem == TFileSystem::fsNTFS) {
+      line.Number("record_size", drive.NTFSInfo.MFTRecordSize).Number("records", drive.NTFSInfo.MFTRecordCount);
+    }
   }
   return line.Take();
 }
@@ -120,7 +121,12 @@ std::string InfoText(const TLanguage& texts, const TDriveInfo& drive, int number
   text += row(TText::InfoFileSystem, SystemName(drive));
   text += row(TText::InfoLabel, drive.VolumeName.empty() ? "-" : Printable(ToUtf8(drive.VolumeName)));
   text += row(TText::InfoClusterSize, SizeText(ClusterSize(drive)));
-  return text + row(TText::InfoFree, SizeText(FreeBytes(drive)));
+  text += row(TText::InfoFree, SizeText(FreeBytes(drive)));
+  if (drive.FileSystem == TFileSystem::fsNTFS) {
+    text += row(TText::InfoRecordSize, SizeText(drive.NTFSInfo.MFTRecordSize));
+    text += row(TText::InfoRecords, std::to_string(drive.NTFSInfo.MFTRecordCount));
+  }
+  return text;
 }
 
 }  // namespace

@@ -12,6 +12,8 @@ TJsonLine FileFields(const TTreeEntry& entry) {
       .Flag("folder", info.blnFolder)
       .Flag("deleted", entry.Deleted())
       .Flag("deep", info.aDeepAnalyse)
+      .Flag("compressed", info.Atributes.blnCompressed)
+      .Flag("encrypted", info.Atributes.blnEncrypted)
       .Number("drive", info.aDriveNumber + 1)
       .TextOrNull("created", IsoTime(info.TimeStamp.dtCreated))
       .TextOrNull("modified", IsoTime(info.TimeStamp.dtModified))

@@ -30,7 +30,9 @@ class TListing final : public ITreeVisitor {
         FOptions(options),
         FOutput(output),
         FDeleted(options.Texts.Utf8(TText::MarkDeleted)),
-        FOverwritten(options.Texts.Utf8(TText::MarkOverwritten)) {}
+        FOverwritten(options.Texts.Utf8(TText::MarkOverwritten)),
+        FEncrypted(options.Texts.Utf8(TText::MarkEncrypted)),
+        FCompressed(options.Texts.Utf8(TText::MarkCompressed)) {}
 
   bool File(const TTreeEntry& entry) override {
     if (!FSelection.Wants(FEngine, entry)) return true;
@@ -54,27 +56,51 @@ class TListing final : public ITreeVisitor {
   std::int64_t Bytes = 0;
 
  private:
-  /// How the state of an entry is marked; empty for what is simply there.
+  /// How an entry is marked; empty for what is simply there.
   const std::string& Mark(const TTreeEntry& entry) const {
     static const std::string none;
-    if (!entry.Deleted()) return none;
-    return IsOverwritten(FEngine, *entry.File) ? FOverwritten : FDeleted;
+    const TAtributes& attributes = entry.File->FileInfo.Atributes;
+    if (entry.Deleted()) return IsOverwritten(FEngine, *entry.File) ? FOverwritten : FDeleted;
+    if (attributes.blnEncrypted) return FEncrypted;
+    return attributes.blnCompressed ? FCompressed : none;
   }
 
   void Print(const TTreeEntry& entry) {
     const TFileInfo& info = entry.File->FileInfo;
     if (FOptions.Json) {
       FOutput.Write(FileFields(entry).Take());
-      return;
+    } else {
+      const std::string size = info.blnFolder ? "" : SizeText(info.aSize);
+      const TStringView name = FOptions.Tree ? info.strName : entry.Path;
+      PrintLine(entry, Printable(ToUtf8(name)) + (info.blnFolder ? "/" : ""), size);
     }
+    if (FOptions.ListStreams) PrintStreams(entry);
+  }
+
+  void PrintLine(const TTreeEntry& entry, const std::string& name, const std::string& size) {
     const std::string& mark = Mark(entry);
-    const std::string name = Printable(ToUtf8(FOptions.Tree ? info.strName : entry.Path)) + (info.blnFolder ? "/" : "");
-    const std::string size = info.blnFolder ? "" : SizeText(info.aSize);
     if (FOptions.Tree) {
       FOutput.Write(fmt::format("{:{}}{}{}{}\n", "", 2 + 2 * std::min(entry.Depth, 100), name,
                                 size.empty() ? "" : "  " + size, mark.empty() ? "" : "  [" + mark + "]"));
     } else {
-      FOutput.Write(fmt::format("{:16}  {:>10}  {:11}  {}\n", ShortTime(info.TimeStamp.dtModified), size, mark, name));
+      const std::string time = ShortTime(entry.File->FileInfo.TimeStamp.dtModified);
+      FOutput.Write(fmt::format("{:16}  {:>10}  {:11}  {}\n", time, size, mark, name));
+    }
+  }
+
+  void PrintStreams(const TTreeEntry& entry) {
+    TADSDynArray streams;
+    FillADS(FEngine, *entry.File, streams);
+    for (const TADS& stream : streams) {
+      if (stream.IsSystem) continue;
+      const TString path = TString(entry.Path) + u":" + stream.Name;
+      if (FOptions.Json) {
+        TJsonLine line;
+        FOutput.Write(line.Text("path", path).Text("stream", stream.Name).Number("size", stream.aSize).Take());
+      } else {
+        const TString name = FOptions.Tree ? TString(entry.File->FileInfo.strName) + u":" + stream.Name : path;
+        PrintLine(entry, Printable(ToUtf8(name)), SizeText(stream.aSize));
+      }
     }
   }
 
@@ -84,6 +110,8 @@ class TListing final : public ITreeVisitor {
   TOutput& FOutput;
   std::string FDeleted;
   std::string FOverwritten;
+  std::string FEncrypted;
+  std::string FCompressed;
 };
 
 std::string VolumeTitle(const TLanguage& texts, const TDriveInfo& drive, int number) {

@@ -143,6 +143,7 @@ int Run(int argc, char** argv) {
   AddSourceOption(*ls, options);
   AddFilterOptions(*ls, options);
   ls->add_flag("--tree", options.Tree, texts.Utf8(TText::HelpTree));
+  ls->add_flag("--streams", options.ListStreams, texts.Utf8(TText::HelpListStreams));
 
   CLI::App* recover = addVerb("recover", TText::HelpRecover, TText::HelpRecoverExample);
   AddSourceOption(*recover, options);

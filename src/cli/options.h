@@ -25,6 +25,7 @@ struct TOptions {
   std::string Out;
   bool Json = false;
   bool Tree = false;
+  bool ListStreams = false;
   std::string LostFolders = "auto";
   int CodePage = 437;
   std::string Conflict = "rename";
