@@ -44,5 +44,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   TDriveInfo copy = engine.Drives().List[static_cast<std::size_t>(number)];
   GetDriveFiles(engine, copy, listed, (way & 1) != 0,
                 [](TDriveInfo&, const TFileArray& files, bool& canBreak) { canBreak = files.size() > 20000; });
+
+  // The same bytes met by a partition search, which has found the boot sector already.
+  engine.PartRecRunning = engine.Analysing = true;
+  engine.Drives().PartRecInfo.MainDrive = number;
+  engine.Drives().PartRecInfo.FoundDrives = {copy};
+  const int sub = engine.Drives().PartRecAddSubdrive(number, TFileSystem::fsNTFS);
+  for (std::size_t at = 1; at + 512 <= size; at += 512) {
+    const auto rest = std::span(data + at, std::min<std::size_t>(size - at, 4096));
+    engine.NTFS().PartRecAnalyseSector(rest, 0, sub, static_cast<std::int64_t>(at / 512), true);
+  }
+  engine.NTFS().PartRecDoAfterAnalyse(number);
+  engine.NTFS().DoAfterAnalyse(engine.Drives().List[static_cast<std::size_t>(sub)]);
   return 0;
 }

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <vector>
 
@@ -25,6 +26,12 @@ class TNTFS {
  public:
   explicit TNTFS(TEngine& engine) : FEngine(engine) {}
 
+  /// Asked before a file without a known record number is kept; unset means yes.
+  std::function<bool(const TFileInfo&)> OnCanFileBeAddedToUFCF;
+  /// A partition search has confirmed a volume by the record at this sector: what ends before it can
+  /// be closed.
+  std::function<void(std::int64_t sectorNumber)> OnPartRecConfirmed;
+
   // ---- recognition ----
   bool IsPartition(std::span<const std::uint8_t> buffer, std::size_t start) const;
   /// True when the last sector of the drive holds the copy of a boot sector of just this drive.
@@ -42,9 +49,12 @@ class TNTFS {
   void DoAfterAnalyse(TDriveInfo& drive);
   void GetFiles(TDriveInfo& drive, TFileArray& result, bool rootDirOnly, const TOnFilesGotten& onFilesGotten);
   /// Enters one record in the file table. True when a file was taken from it.
-  bool AnalyseRecord(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber, std::int64_t mftNumber);
+  /// `mftNumber` is negative for a record met by a search: then `sectorNumber` and `offsetInSector`
+  /// say where on the drive it lies.
+  bool AnalyseRecord(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber, std::int64_t mftNumber,
+                     std::int64_t sectorNumber, int offsetInSector, bool canCheckNewDrive);
   bool IsMFTDeleted(const TDriveInfo& drive, std::int64_t mftNumber, bool otherwise) const;
-  static bool IsSystemFile(TStringView name);
+  static bool IsSystemFile(TStringView name) { return SystemFileNumber(name) >= 0; }
   /// The place of a record, also beyond what of the table is known. False when there is none.
   bool GetSectorByMFTNumber(const TDriveInfo& drive, std::int64_t number, TMFTRecord& place, bool canBeNull) const;
 
@@ -57,6 +67,16 @@ class TNTFS {
   std::int64_t GetSizeOnDisk(const TFile& file);
   /// True for a deleted file whose first cluster belongs to something else by now.
   bool IsOverwritten(const TFile& file);
+  // ---- partition search ----
+  /// Enters the records that begin in a sector, at any of its 512-byte slices.
+  void PartRecAnalyseSector(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
+                            std::int64_t sectorNumber, bool canCheckNewDrive);
+  /// Analyses a volume whose boot sector was confirmed.
+  void PartRecDriveAdded(int driveNumber);
+  /// Gives the files without a number one, and enters them.
+  void PartRecDoAfterAnalyse(int parentDrive);
+  void PartRecChangeVolumeName(TDriveInfo& drive);
+
   /// Drops the caches; needed when the drive list changes.
   void ClearMemory() { FStream = TStream(); }
 
@@ -113,7 +133,8 @@ class TNTFS {
   void ReadClusters(const TDriveInfo& drive, std::int64_t cluster, std::int64_t offset, std::span<std::uint8_t> place,
                     int incDataSector);
   bool AnalyseMFTRecord(TDriveInfo& drive, std::span<const std::uint8_t> buffer, std::size_t start,
-                        bool canCheckForAnalysing, TParsed& parsed, std::int64_t mftNumber, bool rootDirFastScan);
+                        bool canCheckForAnalysing, TParsed& parsed, std::int64_t mftNumber, std::int64_t sectorNumber,
+                        int offsetInSector, bool rootDirFastScan);
   bool ParseAttributes(TDriveInfo& drive, std::span<const std::uint8_t> record, TParsed& parsed,
                        TInt64DynArray& records, std::int64_t mftNumber, bool rootDirFastScan,
                        bool canCheckForAnalysing);
@@ -122,12 +143,24 @@ class TNTFS {
                           std::int64_t mftNumber);
   void DeriveMFTNumberFromIndex(const TDriveInfo& drive, std::span<const std::uint8_t> record, std::size_t header,
                                 std::size_t end, TFileInfo& info);
-  void AnalyseMFTRecords(int driveNumber);
+  void AnalyseMFTRecords(int driveNumber, bool showProgress);
+  void AnalyseRecordsBehindTable(int driveNumber);
   void AnalyseLogFile(int driveNumber);
   void AddLogFiles(int driveNumber, std::vector<ntfs::TNTFSLogImage>& images);
   template <typename TCallable>
   void ForEachRecord(TDriveInfo& drive, TCallable&& callable);
-  static std::int64_t MoveToSystemDataFolder(const TName& name);
+  /// Number of the record of a system file, -1 for other names.
+  static int SystemFileNumber(TStringView name);
+  static std::int64_t MoveToSystemDataFolder(TStringView name, std::int64_t parent);
+  void AddRow(TDriveInfo& drive, int driveNumber, const TFileInfo& info, std::int64_t parent, bool canIncFoundCount);
+  // Partition search.
+  bool IsTakenByNewDrive(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
+                         std::int64_t sectorNumber, int offsetInSector, TStringView name);
+  int DriveForFound(int foundNumber);
+  void EstimateMFTNumber(TDriveInfo& drive, TFileInfo& info, std::int64_t parent, std::int64_t sectorNumber);
+  void AddToUFCF(TDriveInfo& drive, const TFileInfo& info, std::int64_t parent);
+  void ResolveUFCF(int driveNumber, double& done, double total);
+  void DropEstimatedFolderDuplicates(TDriveInfo& drive);
   void AddSystemDataFolder(TDriveInfo& drive, int driveNumber);
   TFileInfo SystemDataFolder(int driveNumber, TString& name) const;
   // Data.
@@ -144,6 +177,7 @@ class TNTFS {
   TByteDynArray FExtension;  // one of its extension records
   TInt64DynArray FRecords;   // numbers of the records of the file being parsed
   TParsed FParsed;
+  std::int64_t FLastSector = 0;  // of the last record whose number was known, in a partition search
   TStream FStream;
 };
 

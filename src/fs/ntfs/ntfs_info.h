@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "core/datetime.h"
+#include "core/file_records.h"
 #include "core/types.h"
 
 namespace brenlow {
@@ -23,6 +25,29 @@ struct TMFTRun {
   std::int64_t FirstSector = 0;
 };
 
+/// A record whose number is known, met by a partition search.
+struct TPartRecMFT {
+  std::int64_t MFTNumber = 0;
+  std::int64_t SectorNumber = 0;
+};
+
+/// A file whose record number is not known yet.
+struct TUnknownFirstClusterFile {
+  bool blnFolder = false;
+  bool blnDeleted = false;
+  int aDriveNumber = -1;
+  std::int64_t ParentCluster = 0;
+  std::int64_t FirstCluster = -1;
+  std::int64_t FirstSector = -1;
+  int OffsetInSector = 0;
+  std::int64_t aSize = 0;
+  std::int64_t DataStartingSector = -1;
+  TString strName;
+  TAtributes Atributes;
+  TFirstClusterInfo FirstClusterInfo = TFirstClusterInfo::fciNormal;
+  TTimeStamp TimeStamp;
+};
+
 struct TNTFSLogInfo {
   std::int64_t FileSize = 0x4000000;  ///< bytes
   std::uint32_t PageSize = 0x1000;    ///< bytes
@@ -36,13 +61,19 @@ struct TNTFSInfo {
   std::int64_t MFTMirrorSector = 0;
   std::vector<TMFTRun> MFTStructure;
   std::int64_t MFTRecordCount = 0;  ///< that `MFTStructure` covers
+  /// By `MFTNumber`, each once; during a partition search only.
+  std::vector<TPartRecMFT> PartRecMFTStructure;
   /// One bit a record, set while the record is in use.
   TByteDynArray MFTUsage;
   /// One bit a cluster of the volume, set while it is in use; read when first asked for.
   TByteDynArray ClustersUsage;
   bool IsMFTStructureFilled = false;
   bool IsClustersUsageFilled = false;
+  std::vector<TUnknownFirstClusterFile> UnknownFirstClusterFiles;
   bool SystemDataFolderAdded = false;
+  /// A sub-drive made from a found boot sector may be dropped at the end of the search.
+  bool CanBeTruncated = false;
+  std::int64_t LastMFTNumber = -1;  ///< last one known for certain, during a partition search
   TNTFSLogInfo LogInfo;
   /// File records rebuilt from the log, by `TFileInfo::JournalPosition`; the first one has the
   /// position that means "none".

@@ -306,20 +306,18 @@ void TNTFS::AddLogFiles(int driveNumber, std::vector<TNTFSLogImage>& images) {
   for (TNTFSLogImage& image : images) {
     FParsed.Info.aDriveNumber = driveNumber;
     image.Image.resize(static_cast<std::size_t>(drive.NTFSInfo.MFTRecordSize));
-    if (!AnalyseMFTRecord(drive, image.Image, 0, true, FParsed, -1, false)) continue;
+    if (!AnalyseMFTRecord(drive, image.Image, 0, true, FParsed, -1, -1, 0, false)) continue;
     if (FParsed.HaveMainRecord || FParsed.Names.empty()) continue;
     TFileInfo& info = FParsed.Info;
     const TName& name = FParsed.Names.front();
     info.blnDeleted = true;
     info.strName = name.Text;
-    const std::int64_t parent = MoveToSystemDataFolder(name);
-    if (!known.Enter(driveNumber, parent, info)) continue;
-    if (parent == SpecialCluster::NTFSSystemData) AddSystemDataFolder(drive, driveNumber);
+    if (!known.Enter(driveNumber, MoveToSystemDataFolder(name.Text, name.Parent), info)) continue;
     ApplyFixups(image.Image);
     // Position 0 means "none" to whoever reads: the first image is listed, but has no content.
     info.JournalPosition = static_cast<std::int64_t>(drive.NTFSInfo.LogMFTs.size());
     drive.NTFSInfo.LogMFTs.push_back(std::move(image.Image));
-    FEngine.Files().Add(info, parent, true);
+    AddRow(drive, driveNumber, info, name.Parent, true);
     FEngine.Pump();
     if (!FEngine.Analysing) return;
   }

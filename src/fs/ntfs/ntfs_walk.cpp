@@ -44,10 +44,11 @@ std::int64_t Sane(std::int64_t size) { return std::max<std::int64_t>(size, 0); }
 
 }  // namespace
 
-bool TNTFS::IsSystemFile(TStringView name) {
+int TNTFS::SystemFileNumber(TStringView name) {
   constexpr TStringView names[] = {u"$MFT",    u"$MFTMirr", u"$LogFile", u"$Volume", u"$AttrDef", u".",
                                    u"$Bitmap", u"$Boot",    u"$BadClus", u"$Secure", u"$Upcase",  u"$Extend"};
-  return std::find(std::begin(names), std::end(names), name) != std::end(names);
+  const auto found = std::find(std::begin(names), std::end(names), name);
+  return found == std::end(names) ? -1 : static_cast<int>(found - std::begin(names));
 }
 
 bool TNTFS::IsMFTDeleted(const TDriveInfo& drive, std::int64_t mftNumber, bool otherwise) const {
@@ -61,7 +62,8 @@ bool TNTFS::IsMFTDeleted(const TDriveInfo& drive, std::int64_t mftNumber, bool o
 /// Parses a record and its extension records to names and a common row. False when the record
 /// yields nothing.
 bool TNTFS::AnalyseMFTRecord(TDriveInfo& drive, std::span<const std::uint8_t> buffer, std::size_t start,
-                             bool canCheckForAnalysing, TParsed& parsed, std::int64_t mftNumber, bool rootDirFastScan) {
+                             bool canCheckForAnalysing, TParsed& parsed, std::int64_t mftNumber,
+                             std::int64_t sectorNumber, int offsetInSector, bool rootDirFastScan) {
   parsed.Names.clear();
   parsed.HaveMainRecord = false;
   TFiles::ClearInfo(parsed.Info, parsed.Info.aDriveNumber);
@@ -74,6 +76,10 @@ bool TNTFS::AnalyseMFTRecord(TDriveInfo& drive, std::span<const std::uint8_t> bu
   parsed.Info.blnFolder = (flags & 2) != 0;
   parsed.Info.blnDeleted = (flags & 1) == 0;
   parsed.Info.FirstCluster = mftNumber;
+  if (mftNumber < 0) {
+    parsed.Info.FirstSector = sectorNumber;
+    parsed.Info.OffsetInSector = offsetInSector;
+  }
   parsed.HaveMainRecord = ReadLe64(FRecord, 0x20) != 0;
   if (parsed.HaveMainRecord) return true;
 
@@ -219,10 +225,17 @@ void TNTFS::DeriveMFTNumberFromIndex(const TDriveInfo& drive, std::span<const st
 
 /// The parent that a row is shown under: what the system keeps in the root for itself has a folder
 /// of its own.
-std::int64_t TNTFS::MoveToSystemDataFolder(const TName& name) {
-  if (name.Parent != RootRecord) return name.Parent;
-  const bool system = name.Text.starts_with(u'$') && Extension(name.Text).empty();
+std::int64_t TNTFS::MoveToSystemDataFolder(TStringView name, std::int64_t parent) {
+  if (parent != RootRecord) return parent;
+  const bool system = name.starts_with(u'$') && Extension(name).empty();
   return system ? SpecialCluster::NTFSSystemData : SpecialCluster::Root;
+}
+
+void TNTFS::AddRow(TDriveInfo& drive, int driveNumber, const TFileInfo& info, std::int64_t parent,
+                   bool canIncFoundCount) {
+  parent = MoveToSystemDataFolder(info.strName, parent);
+  if (parent == SpecialCluster::NTFSSystemData) AddSystemDataFolder(drive, driveNumber);
+  FEngine.Files().Add(info, parent, canIncFoundCount);
 }
 
 TFileInfo TNTFS::SystemDataFolder(int driveNumber, TString& name) const {
@@ -245,19 +258,32 @@ void TNTFS::AddSystemDataFolder(TDriveInfo& drive, int driveNumber) {
 }
 
 bool TNTFS::AnalyseRecord(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
-                          std::int64_t mftNumber) {
+                          std::int64_t mftNumber, std::int64_t sectorNumber, int offsetInSector,
+                          bool canCheckNewDrive) {
+  const auto parse = [&] {
+    TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
+    FParsed.Info.aDriveNumber = driveNumber;
+    return AnalyseMFTRecord(drive, buffer, start, true, FParsed, mftNumber, sectorNumber, offsetInSector, false) &&
+           !FParsed.HaveMainRecord && !FParsed.Names.empty();
+  };
+  if (!parse()) return false;
+  if (FEngine.PartRecRunning && canCheckNewDrive) {
+    const TString name = FParsed.Names.front().Text;
+    if (IsTakenByNewDrive(buffer, start, driveNumber, sectorNumber, offsetInSector, name)) return true;
+    if (!parse()) return false;  // a new volume may have been analysed meanwhile
+  }
   TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
-  FParsed.Info.aDriveNumber = driveNumber;
-  if (!AnalyseMFTRecord(drive, buffer, start, true, FParsed, mftNumber, false)) return false;
-  if (FParsed.HaveMainRecord || FParsed.Names.empty()) return false;
-  TFileInfo& info = FParsed.Info;
-  if (!info.blnDeleted) info.blnDeleted = IsMFTDeleted(drive, mftNumber, false);
-  if (mftNumber == RootRecord) return true;
   for (const TName& name : FParsed.Names) {
-    const std::int64_t parent = MoveToSystemDataFolder(name);
-    if (parent == SpecialCluster::NTFSSystemData) AddSystemDataFolder(drive, driveNumber);
+    TFileInfo info = FParsed.Info;
     info.strName = name.Text;
-    FEngine.Files().Add(info, parent, true);
+    if (mftNumber < 0) EstimateMFTNumber(drive, info, name.Parent, sectorNumber);
+    if (!info.blnDeleted) info.blnDeleted = IsMFTDeleted(drive, info.FirstCluster, false);
+    if (mftNumber >= drive.NTFSInfo.MFTRecordCount) info.blnDeleted = true;  // of an earlier table
+    if (info.FirstCluster < 0) {
+      AddToUFCF(drive, info, name.Parent);
+    } else if (info.FirstCluster != RootRecord) {
+      AddRow(drive, driveNumber, info, name.Parent, true);
+    }
   }
   return true;
 }
@@ -306,17 +332,48 @@ void TNTFS::ForEachRecord(TDriveInfo& drive, TCallable&& callable) {
   }
 }
 
-void TNTFS::AnalyseMFTRecords(int driveNumber) {
+void TNTFS::AnalyseMFTRecords(int driveNumber, bool showProgress) {
   TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
   const double count = static_cast<double>(std::max<std::int64_t>(drive.NTFSInfo.MFTRecordCount, 1));
-  FEngine.AnalyseProgress(0);
+  if (showProgress) FEngine.AnalyseProgress(0);
   ForEachRecord(drive, [&](std::span<const std::uint8_t> chunk, std::size_t start, std::int64_t number) {
-    AnalyseRecord(chunk, start, driveNumber, number);
-    if (number % ProgressStep == 0) FEngine.AnalyseProgress(static_cast<double>(number + 1) / count);
+    AnalyseRecord(chunk, start, driveNumber, number, -1, 0, false);
+    if (showProgress && number % ProgressStep == 0) FEngine.AnalyseProgress(static_cast<double>(number + 1) / count);
     FEngine.Pump();
     return FEngine.Analysing.load();
   });
-  if (FEngine.Analysing) FEngine.AnalyseProgress(1.0);
+  if (showProgress && FEngine.Analysing) FEngine.AnalyseProgress(1.0);
+}
+
+/// A quick format makes a short table where the old one began. What is left of the old one behind
+/// it has the numbers that it would have in the new one, and says so itself (the number in the
+/// record is of NTFS 3.1). Reading ends after 4096 places without such a record.
+void TNTFS::AnalyseRecordsBehindTable(int driveNumber) {
+  constexpr int mostMisses = 4096;
+  constexpr std::int64_t recordsPerRead = 128;
+  constexpr std::size_t ownNumber = 0x2C;
+  TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
+  const std::int64_t recordSize = drive.NTFSInfo.MFTRecordSize;
+  if (recordSize < drive.BytesPerSector) return;
+  const std::int64_t perRecord = recordSize / drive.BytesPerSector;
+  TByteDynArray chunk(static_cast<std::size_t>(recordsPerRead * recordSize));
+  int misses = 0;
+  for (std::int64_t number = drive.NTFSInfo.MFTRecordCount; misses < mostMisses; number += recordsPerRead) {
+    TMFTRecord place;
+    if (!GetSectorByMFTNumber(drive, number, place, false)) return;
+    const std::int64_t count = std::min(recordsPerRead, (drive.SectorsCount - place.Sector) / perRecord);
+    const std::int64_t start = drive.FirstSector + place.Sector;
+    if (count <= 0 || FEngine.Reader().ReadDriveSectors(drive, chunk.data(), start, count * perRecord) == 0) return;
+    for (std::int64_t i = 0; i < count; ++i) {
+      const auto at = static_cast<std::size_t>(i * recordSize);
+      const auto bytes = std::span<const std::uint8_t>(chunk).subspan(at, static_cast<std::size_t>(recordSize));
+      const bool known = ntfs::IsMFT(bytes, 0) && ReadLe32(bytes, ownNumber) == static_cast<std::uint64_t>(number + i);
+      misses = known ? 0 : misses + 1;
+      if (known) AnalyseRecord(bytes, 0, driveNumber, number + i, -1, 0, false);
+      FEngine.Pump();
+      if (!FEngine.Analysing) return;
+    }
+  }
 }
 
 void TNTFS::DoBeforeAnalyse(TDriveInfo& drive) {
@@ -328,17 +385,29 @@ void TNTFS::DoBeforeAnalyse(TDriveInfo& drive) {
   info.ClustersUsage.clear();
   info.IsClustersUsageFilled = false;
   info.LogMFTs.clear();
+  info.PartRecMFTStructure.clear();
+  info.UnknownFirstClusterFiles.clear();
   info.SystemDataFolderAdded = false;
+  info.LastMFTNumber = -1;
 }
 
-void TNTFS::DoAfterAnalyse(TDriveInfo& drive) { drive.NTFSInfo.SystemDataFolderAdded = false; }
+void TNTFS::DoAfterAnalyse(TDriveInfo& drive) {
+  if (FEngine.PartRecRunning) {
+    PartRecChangeVolumeName(drive);
+    if (FEngine.Analysing) DropEstimatedFolderDuplicates(drive);
+  }
+  drive.NTFSInfo.PartRecMFTStructure.clear();
+  drive.NTFSInfo.SystemDataFolderAdded = false;
+  drive.NTFSInfo.LastMFTNumber = -1;
+}
 
 void TNTFS::AnalyseSystem(int driveNumber) {
   TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
   drive.Analysed = TAnalyseInformation::aiPartial;
   DoBeforeAnalyse(drive);
   if (!GetDriveInfo(drive, true, false)) return;
-  if (FEngine.Analysing) AnalyseMFTRecords(driveNumber);
+  if (FEngine.Analysing) AnalyseMFTRecords(driveNumber, true);
+  if (FEngine.Analysing) AnalyseRecordsBehindTable(driveNumber);
   if (FEngine.Analysing) AnalyseLogFile(driveNumber);
   DoAfterAnalyse(drive);
   if (FEngine.Analysing) drive.Analysed = TAnalyseInformation::aiFull;
@@ -355,11 +424,11 @@ void TNTFS::GetFiles(TDriveInfo& drive, TFileArray& result, bool rootDirOnly, co
   ForEachRecord(drive, [&](std::span<const std::uint8_t> chunk, std::size_t start, std::int64_t number) {
     FEngine.Pump();
     parsed.Info.aDriveNumber = -1;
-    if (!AnalyseMFTRecord(drive, chunk, start, false, parsed, number, rootDirOnly) || parsed.HaveMainRecord)
+    if (!AnalyseMFTRecord(drive, chunk, start, false, parsed, number, -1, 0, rootDirOnly) || parsed.HaveMainRecord)
       return true;
     for (const TName& name : parsed.Names) {
       if (name.Text == u".") continue;
-      const std::int64_t parent = MoveToSystemDataFolder(name);
+      const std::int64_t parent = MoveToSystemDataFolder(name.Text, name.Parent);
       if (parent == SpecialCluster::NTFSSystemData) {
         if (drive.NTFSInfo.SystemDataFolderAdded) continue;
         drive.NTFSInfo.SystemDataFolderAdded = true;

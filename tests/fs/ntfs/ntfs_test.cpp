@@ -365,3 +365,102 @@ TEST_CASE("NTFS: log records are taken only when everything about them fits") {
   CHECK(content.Images[1].EndPosition == -1);
   CHECK(content.Images[2].EndPosition == 0);  // round the ring
 }
+
+TEST_CASE("NTFS: what a quick format leaves of the old table comes back as deleted") {
+  const auto truth = LoadTruth("lab-ntfs.truth.tsv");
+  TImage image = Specimen().Volume;
+  const std::size_t table = std::size_t{4} * 4096;
+  // The table's own record says that it has 32 records.
+  TImage record(image.begin() + table, image.begin() + table + 1024);
+  ApplyFixups(record);
+  for (TAttributeWalk walk(record); walk.Next();) {
+    if (walk->Type() != AttrData) continue;
+    const std::size_t at = table + walk->At();
+    Put(image, at + 0x18, 8, 7);
+    Put(image, at + image[at + 0x20], 4, 0x00040811);  // one run: 8 clusters from cluster 4 on
+  }
+  const std::string walk = Walk(image);
+  int back = 0;
+  for (const TTruthLine& line : truth) {
+    const std::string crc = line.Text.substr(line.Text.rfind(' '));
+    if (line.Live) back += walk.find(crc) != std::string::npos ? 1 : 0;
+  }
+  CHECK(back >= Count(truth, true) * 9 / 10);
+  CHECK(walk.find("deleted") != std::string::npos);
+}
+
+TEST_CASE("NTFS: a partition search numbers the records that it meets") {
+  TEngine engine;
+  TImage disk(20000 * 512);
+  const auto put = [&](std::int64_t sector, const TImage& record) {
+    std::copy(record.begin(), record.end(), disk.begin() + sector * 512);
+  };
+  put(1000, FileRecord(5, u"$MFT", ""));
+  put(1060, FileRecord(30, u"near.txt", "near"));     // record 30, by its distance
+  put(9000, FileRecord(30, u"far.txt", "far away"));  // too far for that: waits for the end
+  const int number = Mount(engine, disk).Number;
+  engine.PartRecRunning = engine.Analysing = true;
+  engine.Drives().PartRecInfo.MainDrive = number;
+  const int sub = engine.Drives().PartRecAddSubdrive(number, TFileSystem::fsNTFS);
+  for (const std::int64_t sector : {1000, 1001, 1060, 9000}) {
+    engine.NTFS().PartRecAnalyseSector(std::span(disk).subspan(static_cast<std::size_t>(sector) * 512, 1024), 0, sub,
+                                       sector, true);
+  }
+  TFiles& files = engine.Files();
+  REQUIRE(files.List.size() == 3);  // with the folder of system files
+  CHECK(files.FoundCount == 3);
+  const TFileInfo& near = files.List[2].FileInfo;
+  CHECK(near.FirstCluster == 30);
+  CHECK((near.FirstClusterInfo == TFirstClusterInfo::fciUnknown));
+  engine.NTFS().PartRecDoAfterAnalyse(number);
+  REQUIRE(files.List.size() == 4);
+  CHECK(files.List[3].FileInfo.FirstCluster == (9000 - 1000) / 2);
+  CHECK(files.FoundCount == 3);
+  TByteDynArray data;
+  GetFileData(engine, data, files.List[3], -1, 0, 100);
+  CHECK(std::string(data.begin(), data.end()) == "far away");
+
+  // A folder known by an estimate gives way to the same folder known for certain.
+  TFileInfo folder;
+  TFiles::ClearInfo(folder, sub);
+  folder.strName = u"twice";
+  folder.FirstCluster = 40;
+  files.Add(folder, 77, true);
+  folder.FirstCluster = 41;
+  folder.FirstClusterInfo = TFirstClusterInfo::fciUnknown;
+  files.Add(folder, 77, true);
+  engine.NTFS().DoAfterAnalyse(DriveOf(engine, sub));
+  CHECK(engine.Drives().GetParentClusters(sub, 77) == TInt64DynArray{4});
+}
+
+TEST_CASE("NTFS: a record where a found boot sector expects it confirms the volume") {
+  const TImage volume = Specimen().Volume;
+  constexpr std::int64_t start = 777;
+  TImage disk(volume.size() + 2000 * 512);
+  std::copy(volume.begin(), volume.end(), disk.begin() + start * 512);
+  TEngine engine;
+  const int number = Mount(engine, disk).Number;
+  engine.PartRecRunning = engine.Analysing = true;
+  TDriveInfo found = DriveOf(engine, number);
+  found.FirstSector = start;
+  found.SectorsCount = 0;
+  REQUIRE(engine.NTFS().GetDriveInfo(found, false, true));
+  found.FileSystem = TFileSystem::fsNTFS;
+  TDriveInfo elsewhere = found;
+  elsewhere.FirstSector = start + 1;
+  engine.Drives().PartRecInfo.MainDrive = number;
+  engine.Drives().PartRecInfo.FoundDrives = {elsewhere, found};
+  const int sub = engine.Drives().PartRecAddSubdrive(number, TFileSystem::fsNTFS);
+  std::int64_t confirmed = -1;
+  engine.NTFS().OnPartRecConfirmed = [&](std::int64_t sector) { confirmed = sector; };
+  const std::int64_t sector = start + 4 * 8;  // record 0
+  engine.NTFS().PartRecAnalyseSector(std::span(disk).subspan(static_cast<std::size_t>(sector) * 512, 1024), 0, sub,
+                                     sector, true);
+  CHECK(confirmed == sector);
+  CHECK(DriveOf(engine, sub).FirstSector == start);
+  CHECK(engine.Drives().PartRecInfo.FoundDrives.size() == 1);
+  const auto truth = LoadTruth("lab-ntfs.truth.tsv");
+  CHECK(CountFound(truth, WalkText(engine, sub), true) == Count(truth, true));
+  engine.NTFS().DoAfterAnalyse(DriveOf(engine, sub));
+  CHECK(DriveOf(engine, sub).VolumeName == u"LAB5");
+}
