@@ -1,13 +1,17 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: GPL-3.0-or-later
-"""The recipe of the NTFS volumes that are measured on, written record by record.
+"""The recipe of the NTFS volumes that are measured on, written record by record; one by ntfs-3g.
 
     make_ntfs_volume.py many OUT [FILES] [FOLDERS]   FILES (500,000) small files in FOLDERS (5,000) folders
+    make_ntfs_volume.py used OUT [FILES] [FOLDERS]   the same through mkntfs and ntfs-3g (needs root and FUSE;
+                                                     minutes), a tenth of the files deleted again
     make_ntfs_volume.py pieces OUT [BYTES] [COUNT]   one file of BYTES (1 GiB) in COUNT (1,000) pieces
 """
 import os
 import struct
+import subprocess
 import sys
+import tempfile
 
 SECTOR, CLUSTER, RECORD = 512, 4096, 1024
 TABLE = 16  # cluster where $MFT begins
@@ -118,6 +122,26 @@ def many(path, files=500000, folders=5000):
     v.close()
 
 
+def used(path, files=500000, folders=5000):
+    with open(path, "wb") as f:
+        f.truncate(1400 << 20)
+    subprocess.run(["mkntfs", "-F", "-Q", "-s", "512", "-c", "512", path], check=True, stdout=subprocess.DEVNULL)
+    top = tempfile.mkdtemp()
+    subprocess.run(["ntfs-3g", "-o", "noatime,big_writes", path, top], check=True)
+    try:
+        for f in range(folders):
+            folder = os.path.join(top, "Folder %05d" % f)
+            os.mkdir(folder)
+            for i in range(files // folders):
+                with open(os.path.join(folder, "IMG_%08d.JPG" % (f * 1000 + i)), "wb") as out:
+                    out.write(b"content %d" % i)
+            for i in range(0, files // folders, 10):
+                os.unlink(os.path.join(folder, "IMG_%08d.JPG" % (f * 1000 + i)))
+    finally:
+        subprocess.run(["umount", top], check=True)
+        os.rmdir(top)
+
+
 def pieces(path, size=1 << 30, count=1000):
     """The pieces lie in reverse order, each with a gap behind it."""
     per = size // CLUSTER // count
@@ -145,4 +169,4 @@ def pieces(path, size=1 << 30, count=1000):
 
 
 if __name__ == "__main__":
-    {"many": many, "pieces": pieces}[sys.argv[1]](sys.argv[2], *map(int, sys.argv[3:]))
+    {"many": many, "used": used, "pieces": pieces}[sys.argv[1]](sys.argv[2], *map(int, sys.argv[3:]))
