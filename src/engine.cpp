@@ -83,6 +83,7 @@ bool TEngine::GetDriveInfo(TDriveInfo& drive, bool fillTable) {
       *this, drive.FileSystem, [&](auto& driver) { return driver.GetDriveInfo(drive, fillTable); }, false);
 }
 
+void TEngine::DriveListChanged() { FNTFS->ClearMemory(); }
 void TEngine::ClearDriveFiles(int driveNumber, bool deleteDrive) { FFiles->Clear(driveNumber, deleteDrive); }
 void TEngine::BeginDriveFiles(int driveNumber) { FFiles->DoBeforeAnalyse(driveNumber); }
 

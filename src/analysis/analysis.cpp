@@ -113,6 +113,16 @@ void GetFileData(TEngine& engine, TByteDynArray& result, TFile& file, int adsNum
   if (!WithDriver(engine, drive.FileSystem, read, false)) result.clear();
 }
 
+void ClearReadCache(TEngine& engine, const TFile& file) {
+  const int number = file.FileInfo.aDriveNumber;
+  if (engine.Drives().IsWrongNumber(number)) return;
+  const auto clear = [](auto& driver) {
+    if constexpr (requires { driver.ClearMemory(); }) driver.ClearMemory();
+    return true;
+  };
+  WithDriver(engine, Drive(engine, number).FileSystem, clear, false);
+}
+
 void FindFirstClusters(TEngine& engine, TFile& file) {
   const int number = file.FileInfo.aDriveNumber;
   if (engine.Drives().IsWrongNumber(number) || !file.FileInfo.blnDeleted || file.FileInfo.aDeepAnalyse) return;

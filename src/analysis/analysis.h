@@ -31,6 +31,9 @@ void GetDriveFiles(TEngine& engine, TDriveInfo& drive, TFileArray& result, bool 
 void GetFileData(TEngine& engine, TByteDynArray& result, TFile& file, int adsNumber, std::int64_t start,
                  std::int64_t size);
 
+/// Drops what the driver of a file keeps between reads.
+void ClearReadCache(TEngine& engine, const TFile& file);
+
 /// Looks, once a file, for the places where a deleted file may begin (`TFileInfo::FirstClusters`).
 void FindFirstClusters(TEngine& engine, TFile& file);
 

@@ -179,6 +179,7 @@ void TDrives::Clear() {
 
 int TDrives::Add(const TDriveInfo& drive, bool canAddToTreeView) {
   List.push_back(drive);
+  FEngine.DriveListChanged();
   UpdateCaption(List.back());
   FEngine.Pump();
   const int number = static_cast<int>(List.size()) - 1;
@@ -211,6 +212,7 @@ void TDrives::Delete(int number) {
   }
   const TString key = List[static_cast<std::size_t>(number)].Drive;
   List.erase(List.begin() + number);
+  FEngine.DriveListChanged();
   FEngine.Devices().Close(key);
   if (OnDeleted) OnDeleted(number);
 }

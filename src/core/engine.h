@@ -77,6 +77,8 @@ class TEngine {
   TFileSystem RecogniseByCopy(const TDriveInfo& drive, std::span<const std::uint8_t> head, int bytesPerSector);
   /// Lets the driver of the drive's file system fill the record; false when it cannot.
   bool GetDriveInfo(TDriveInfo& drive, bool fillTable);
+  /// Drive records have moved: whatever the drivers keep of them is dropped.
+  void DriveListChanged();
   void ClearDriveFiles(int driveNumber, bool deleteDrive);
   void BeginDriveFiles(int driveNumber);
 

@@ -46,8 +46,14 @@ TFileOutcomes TFileWriter::Recovery(int fileNumber, const TTargetFile& target) {
   TFiles& files = FEngine.Files();
   if (files.IsWrongNumber(fileNumber)) return {};
   TFile& file = files.List[static_cast<std::size_t>(fileNumber)];
-  TFileInfo& info = file.FileInfo;
   FindFirstClusters(FEngine, file);
+  TFileOutcomes outcomes = WriteCandidates(file, fileNumber, target);
+  ClearReadCache(FEngine, file);
+  return outcomes;
+}
+
+TFileOutcomes TFileWriter::WriteCandidates(TFile& file, int fileNumber, const TTargetFile& target) {
+  TFileInfo& info = file.FileInfo;
   if (info.FirstClusters.size() < 2 || FQuestions == nullptr) return {WriteFile(fileNumber, target)};
   const TCandidateAnswer answer = FQuestions->ChooseFirstCluster(file);
   if (!answer.All) {

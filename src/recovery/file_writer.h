@@ -44,6 +44,7 @@ class TFileWriter {
   void RecoveryAllADS(int fileNumber, const TTargetFile& target);
 
  private:
+  TFileOutcomes WriteCandidates(TFile& file, int fileNumber, const TTargetFile& target);
   TFileOutcome WriteFile(int fileNumber, const TTargetFile& target);
   int Finish(std::string& name, bool replace);
   void WriteData(int fileNumber, TFileOutcome& outcome, int handle);

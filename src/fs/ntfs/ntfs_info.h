@@ -11,10 +11,13 @@
 
 namespace brenlow {
 
-/// Where a file record lies: `Offset` bytes into `Sector`, counted from the volume's start.
+/// Where a file record lies: `Offset` bytes into `Sector`, counted from the volume's start. Where
+/// clusters are smaller than records, a record may go on elsewhere.
 struct TMFTRecord {
   std::int64_t Sector = 0;
   int Offset = 0;
+  int HeadSectors = 0;          ///< of a record in two pieces: those from `Sector` on; 0 for one piece
+  std::int64_t TailSector = 0;  ///< where the rest lies
 };
 
 /// Records of consecutive numbers that lie one behind the other. `FirstSector` is 0 for a hole in
@@ -23,6 +26,8 @@ struct TMFTRun {
   std::int64_t FirstNumber = 0;
   std::int64_t Count = 0;
   std::int64_t FirstSector = 0;
+  int HeadSectors = 0;  ///< of a single record in two pieces, as in `TMFTRecord`
+  std::int64_t TailSector = 0;
 };
 
 /// A record whose number is known, met by a partition search.

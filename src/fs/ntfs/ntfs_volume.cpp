@@ -150,33 +150,55 @@ bool TNTFS::FillMFTStructureFrom(TDriveInfo& drive, std::int64_t firstSector) {
   TInt64DynArray records{0};
   TByteDynArray record;
   for (std::size_t i = 0; i < records.size() && i < MostRecords; ++i) {
-    TMFTRecord place{firstSector, 0};
+    TMFTRecord place{firstSector, 0, 0, 0};
     if (i > 0 && !GetSectorByMFTNumber(drive, records[i], place, false)) continue;
     if (!ReadRecord(drive, place, record)) continue;
     for (TAttributeWalk walk(record); walk.Next();) {
-      if (walk->Type() == AttrAttributeList) ReadAttributeList(drive, *walk, records);
       if (walk->Type() == AttrData && walk->IsDefaultDataStream()) AddMFTRuns(drive, *walk);
       if (walk->Type() != AttrBitmap) continue;
       AddMFTUsage(drive, *walk);
       break;
     }
+    // The list stands before the data, but what it names is found by them.
+    for (TAttributeWalk walk(record); walk.Next();) {
+      if (walk->Type() == AttrAttributeList) ReadAttributeList(drive, *walk, records);
+    }
   }
   return info.MFTRecordCount > 0;
 }
 
+/// Adds the records that begin in the clusters of a piece of the table.
 void TNTFS::AddMFTRuns(TDriveInfo& drive, const TAttribute& data) {
   TNTFSInfo& info = drive.NTFSInfo;
-  const double recordsPerCluster = static_cast<double>(ClusterBytes(drive)) / info.MFTRecordSize;
+  const std::int64_t clusterBytes = ClusterBytes(drive);
+  const std::int64_t recordSize = info.MFTRecordSize;
   // No table is larger than what it lies on.
-  const auto most = static_cast<std::int64_t>(static_cast<double>(BackedClusters(drive) + 1) * recordsPerCluster) + 1;
+  const std::int64_t clusters = BackedClusters(drive) + 1;
+  if (data.FirstVcn() > clusters) return;
   for (const TRun& run : data.Runs(VolumeClusters(drive))) {
-    auto count = static_cast<std::int64_t>(static_cast<double>(run.Count) * recordsPerCluster + 0.5);
-    count = std::min(count, most - info.MFTRecordCount);
-    if (count <= 0) continue;
+    const std::int64_t vcn = data.FirstVcn() + run.Vcn;
+    if (vcn >= clusters) return;
+    const std::int64_t start = vcn * clusterBytes;
+    const std::int64_t end = std::min(vcn + run.Count, clusters) * clusterBytes;
     const std::int64_t sector = run.Lcn < 0 ? 0 : run.Lcn * info.SectorsPerCluster;
-    info.MFTStructure.push_back({info.MFTRecordCount, count, sector});
-    info.MFTRecordCount += count;
+    if (!info.MFTStructure.empty() && info.MFTStructure.back().HeadSectors > 0 &&
+        info.MFTStructure.back().TailSector == 0) {
+      info.MFTStructure.back().TailSector = sector;
+    }
+    const std::int64_t first = CeilDiv(start, recordSize);
+    const std::int64_t behind = end / recordSize;  // the first that does not end here
+    const auto sectorOf = [&](std::int64_t number) {
+      return sector == 0 ? 0 : sector + (number * recordSize - start) / drive.BytesPerSector;
+    };
+    if (behind > first) info.MFTStructure.push_back({first, behind - first, sectorOf(first), 0, 0});
+    info.MFTRecordCount = std::max(info.MFTRecordCount, behind);
+    if (behind < first || end % recordSize == 0) continue;
+    const auto head = static_cast<int>((end - behind * recordSize) / drive.BytesPerSector);
+    info.MFTStructure.push_back({behind, 1, sectorOf(behind), head, 0});
+    info.MFTRecordCount = behind + 1;
   }
+  std::stable_sort(info.MFTStructure.begin(), info.MFTStructure.end(),
+                   [](const TMFTRun& a, const TMFTRun& b) { return a.FirstNumber < b.FirstNumber; });
 }
 
 void TNTFS::AddMFTUsage(TDriveInfo& drive, const TAttribute& bitmap) {
@@ -199,14 +221,17 @@ bool TNTFS::GetSectorByMFTNumber(const TDriveInfo& drive, std::int64_t number, T
   if (number < 0 || info.MFTStructure.empty() || drive.BytesPerSector < 1) return false;
   const auto after = std::upper_bound(info.MFTStructure.begin(), info.MFTStructure.end(), number,
                                       [](std::int64_t n, const TMFTRun& run) { return n < run.FirstNumber; });
-  const TMFTRun& run = *(after - 1);
+  const TMFTRun& run = after == info.MFTStructure.begin() ? info.MFTStructure.front() : *(after - 1);
   const auto at = [&](const TMFTRun& from, std::int64_t index) {
     if (index > INT64_MAX / LargestRecord) return false;
     place.Sector = from.FirstSector + index * info.MFTRecordSize / drive.BytesPerSector;
     place.Offset = static_cast<int>(index * info.MFTRecordSize % drive.BytesPerSector);
+    place.HeadSectors = from.HeadSectors;
+    place.TailSector = from.TailSector;
     return true;
   };
-  if (number < info.MFTRecordCount && (run.FirstSector != 0 || canBeNull)) {
+  const bool inside = number >= run.FirstNumber && number - run.FirstNumber < run.Count;
+  if (inside && (run.FirstSector != 0 || canBeNull)) {
     if (run.FirstSector != 0) return at(run, number - run.FirstNumber);
     place = TMFTRecord();
     return true;
@@ -227,6 +252,8 @@ bool TNTFS::GetSectorByMFTNumber(const TDriveInfo& drive, std::int64_t number, T
   const std::int64_t distance = number - known;
   const std::int64_t sectorsPerRecord = info.MFTRecordSize / drive.BytesPerSector;
   if (distance > drive.SectorsCount + 1) return false;
+  place.HeadSectors = 0;
+  place.TailSector = 0;
   place.Sector += distance * sectorsPerRecord;
   const std::int64_t offset = (distance * info.MFTRecordSize + place.Offset) % drive.BytesPerSector;
   place.Offset = static_cast<int>(std::max<std::int64_t>(offset, 0));
@@ -238,8 +265,12 @@ bool TNTFS::ReadRecord(const TDriveInfo& drive, const TMFTRecord& place, TByteDy
   const std::int64_t sectors = CeilDiv(place.Offset + size, drive.BytesPerSector);
   record.assign(static_cast<std::size_t>(sectors * drive.BytesPerSector), 0);
   if (place.Sector <= 0) return false;
-  if (FEngine.Reader().ReadDriveSectors(drive, record.data(), drive.FirstSector + place.Sector, sectors) == 0) {
-    return false;
+  const std::int64_t head = place.TailSector > 0 ? std::min<std::int64_t>(place.HeadSectors, sectors) : sectors;
+  TSectorReader& reader = FEngine.Reader();
+  if (reader.ReadDriveSectors(drive, record.data(), drive.FirstSector + place.Sector, head) == 0) return false;
+  if (head < sectors) {
+    std::uint8_t* rest = record.data() + head * drive.BytesPerSector;
+    reader.ReadDriveSectors(drive, rest, drive.FirstSector + place.TailSector, sectors - head);
   }
   record.erase(record.begin(), record.begin() + place.Offset);
   record.resize(static_cast<std::size_t>(size));

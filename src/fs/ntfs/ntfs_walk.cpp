@@ -295,6 +295,7 @@ bool TNTFS::AnalyseRecord(std::span<const std::uint8_t> buffer, std::size_t star
 template <typename TCallable>
 void TNTFS::ForEachRecord(TDriveInfo& drive, TCallable&& callable) {
   const std::vector<TMFTRun> runs = drive.NTFSInfo.MFTStructure;
+  TByteDynArray single;
   const int recordSize = drive.NTFSInfo.MFTRecordSize;
   const int sectorSize = drive.BytesPerSector;
   TByteDynArray chunk(static_cast<std::size_t>(
@@ -302,6 +303,13 @@ void TNTFS::ForEachRecord(TDriveInfo& drive, TCallable&& callable) {
   const auto chunkSectors = static_cast<std::int64_t>(chunk.size()) / sectorSize;
   for (const TMFTRun& run : runs) {
     if (run.FirstSector == 0) continue;
+    if (run.TailSector > 0) {
+      const TMFTRecord place{run.FirstSector, 0, run.HeadSectors, run.TailSector};
+      // Its fix-ups are applied once more by the callee, which changes nothing.
+      if (ReadRecord(drive, place, single) && !callable(std::span<const std::uint8_t>(single), 0, run.FirstNumber))
+        return;
+      continue;
+    }
     std::int64_t loadedSector = -1;
     std::int64_t loadedBytes = 0;
     for (std::int64_t i = 0; i < run.Count; ++i) {
