@@ -3,7 +3,6 @@
 
 #include <chrono>
 #include <cmath>
-#include <cstdio>
 
 namespace brenlow {
 namespace {
@@ -57,13 +56,22 @@ TDateTime Now() {
 std::string IsoTime(TDateTime time) {
   TCivil civil;
   if (!Decode(time, civil)) return {};
-  char text[96];
-  int length = std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d", civil.Year, civil.Month, civil.Day,
-                             civil.Hour, civil.Minute, civil.Second);
+  // By hand: listings print one for every file.
+  std::string text = "0000-00-00T00:00:00";
+  const auto put = [&](std::size_t end, int value, int digits) {
+    for (; digits > 0; --digits, value /= 10) text[--end] = static_cast<char>('0' + value % 10);
+  };
+  put(4, civil.Year, 4);
+  put(7, civil.Month, 2);
+  put(10, civil.Day, 2);
+  put(13, civil.Hour, 2);
+  put(16, civil.Minute, 2);
+  put(19, civil.Second, 2);
   if (civil.Millisecond != 0) {
-    length += std::snprintf(text + length, sizeof text - static_cast<std::size_t>(length), ".%03d", civil.Millisecond);
+    text += ".000";
+    put(23, civil.Millisecond, 3);
   }
-  return std::string(text, static_cast<std::size_t>(length));
+  return text;
 }
 
 namespace {
@@ -91,8 +99,8 @@ std::int64_t LocalOffset(std::int64_t unixSeconds) {
 
 TDateTime FromFileTime(std::uint64_t fileTime) {
   constexpr std::uint64_t perSecond = 10'000'000;
-  constexpr std::int64_t epochs = 11'644'473'600;      // seconds from 1601 to 1970
-  constexpr std::int64_t dayZero = 25'569;             // days from 1899-12-30 to 1970
+  constexpr std::int64_t epochs = 11'644'473'600;            // seconds from 1601 to 1970
+  constexpr std::int64_t dayZero = 25'569;                   // days from 1899-12-30 to 1970
   constexpr std::uint64_t last = 2'650'467'744'000'000'000;  // the end of the year 9999
   if (fileTime == 0 || fileTime >= last) return 0;
   const std::int64_t seconds = static_cast<std::int64_t>(fileTime / perSecond) - epochs;

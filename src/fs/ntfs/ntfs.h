@@ -63,7 +63,13 @@ class TNTFS {
   void GetFileData(TDriveInfo& drive, TByteDynArray& result, TFile& file, int adsNumber, std::int64_t start,
                    std::int64_t size, int incDataSector);
   void FillADS(const TFile& file, TADSDynArray& result);
-  void GetFileFragments(TFile& file, TFileFragments& result);
+  void GetFileFragments(TFile& file, TFileFragments& result) {
+    bool resident = false;
+    GetFileFragments(file, result, resident, -1);
+  }
+  /// Here `adsNumber` counts all attributes of the walk from 0 on; -1 takes every stream. `resident`
+  /// tells whether the last one taken lies in its record.
+  void GetFileFragments(const TFile& file, TFileFragments& result, bool& resident, int adsNumber);
   std::int64_t GetSizeOnDisk(const TFile& file);
   /// True for a deleted file whose first cluster belongs to something else by now.
   bool IsOverwritten(const TFile& file);

@@ -342,8 +342,9 @@ void TNTFS::FillADS(const TFile& file, TADSDynArray& result) {
   });
 }
 
-void TNTFS::GetFileFragments(TFile& file, TFileFragments& result) {
+void TNTFS::GetFileFragments(const TFile& file, TFileFragments& result, bool& resident, int adsNumber) {
   result.clear();
+  resident = true;
   const TDrives& drives = FEngine.Drives();
   if (drives.IsWrongNumber(file.FileInfo.aDriveNumber)) return;
   const TDriveInfo& drive = drives.List[static_cast<std::size_t>(file.FileInfo.aDriveNumber)];
@@ -351,9 +352,12 @@ void TNTFS::GetFileFragments(TFile& file, TFileFragments& result) {
   if (perCluster < 1 || drive.BytesPerSector < 1) return;
   const std::int64_t total = CeilDiv(file.FileInfo.aSize, drive.BytesPerSector);
   std::int64_t position = 0;
+  int number = -1;
   ForEachAttribute(drive, file, [&](const TMFTRecord& place, const TAttribute& attribute) {
-    if (attribute.Type() != AttrData) return true;
-    if (!attribute.NonResident()) {
+    ++number;
+    if (attribute.Type() != AttrData || (adsNumber >= 0 && adsNumber != number)) return true;
+    resident = !attribute.NonResident();
+    if (resident) {
       result.push_back({place.Sector, 0, 1});
       return true;
     }

@@ -232,6 +232,24 @@ TEST_CASE("NTFS: streams, holes and compression") {
   CHECK(t.Engine.Files().GetSizeOnDisk(*compressed) < compressed->FileInfo.aSize);
 }
 
+TEST_CASE("NTFS: a resident file has one fragment and takes no clusters") {
+  TAnalysed t(Specimen().Volume);
+  int residents = 0;
+  for (std::size_t i = 0; i < t.Engine.Files().List.size(); ++i) {
+    const TFile& file = t.Engine.Files().List[i];
+    TFileFragments fragments;
+    bool resident = false;
+    t.Engine.NTFS().GetFileFragments(file, fragments, resident, -1);
+    if (file.FileInfo.blnFolder || file.FileInfo.aSize == 0 || !resident || fragments.size() != 1) continue;
+    ++residents;
+    CHECK(fragments[0].SectorCount == 1);
+    CHECK(t.Engine.Files().GetSizeOnDisk(file) == 0);
+    t.Engine.NTFS().GetFileFragments(file, fragments, resident, 0);  // $STANDARD_INFORMATION is no stream
+    CHECK(fragments.empty());
+  }
+  CHECK(residents > 0);
+}
+
 TEST_CASE("NTFS: run lists") {
   CHECK(RunsText({0x21, 0x10, 0x00, 0x02, 0x11, 0x08, 0xF0, 0x00}, 23) == "0:512+16 16:496+8 ");  // a negative step
   CHECK(RunsText({0x21, 0x10, 0x00, 0x02, 0x01, 0x20, 0x11, 0x08, 0x20, 0}, 100) == "0:512+16 16:-1+32 48:544+8 ");
