@@ -290,17 +290,18 @@ void TNTFS::ReadCompressed(const TDriveInfo& drive, TByteDynArray& result, std::
     if (LcnOf(stream.Runs, first) >= 0 && LcnOf(stream.Runs, first + count - 1) < 0) {
       std::int64_t present = 1;
       while (present < count && LcnOf(stream.Runs, first + present) >= 0) ++present;
-      packed.resize(static_cast<std::size_t>(present * clusterBytes));
-      for (std::int64_t i = 0; i < present; ++i) {
+      // More than a unit can come from is not even read.
+      const std::int64_t useful = std::min(present, CeilDiv(LargestPackedUnit, clusterBytes));
+      packed.resize(static_cast<std::size_t>(useful * clusterBytes));
+      for (std::int64_t i = 0; i < useful; ++i) {
         const auto place = std::span(packed).subspan(static_cast<std::size_t>(i * clusterBytes),
                                                      static_cast<std::size_t>(clusterBytes));
-        if (i * clusterBytes > LargestPackedUnit) break;
         ReadClusters(drive, LcnOf(stream.Runs, first + i), 0, place, incDataSector);
       }
       if (DecompressLZNT1(packed, plain, LargestUnit)) {
         append(plain);
       } else {
-        position += clusterBytes + static_cast<std::int64_t>(packed.size());
+        position += clusterBytes + present * clusterBytes;
       }
     } else {
       for (std::int64_t i = 0; i < count && static_cast<std::int64_t>(result.size()) < size; ++i) {

@@ -63,8 +63,8 @@ TRuns TAttribute::Runs(std::int64_t volumeClusters) const {
   TRuns runs;
   const std::int64_t first = FirstVcn();
   const std::int64_t last = LastVcn();
-  if (!NonResident() || first < 0 || last < first) return runs;
-  std::int64_t left = last - first + 1;
+  if (!NonResident() || first < 0 || first > MostClusters || last < first) return runs;
+  std::int64_t left = std::min(last - first, MostClusters) + 1;
   std::int64_t vcn = 0;
   std::uint64_t lcn = 0;
   for (std::size_t at = FAt + Number16(0x20); left > 0 && at < FRecord.size();) {
@@ -79,7 +79,7 @@ TRuns TAttribute::Runs(std::int64_t volumeClusters) const {
     const bool hole = deltaSize == 0;
     const auto start = static_cast<std::int64_t>(lcn);
     const bool fits = start >= 0 && start < volumeClusters && length <= volumeClusters - start;
-    if (!hole && !fits && (length > LongestDoubtfulRun || start < 0 || start > INT64_MAX - length)) break;
+    if (!hole && !fits && (length > LongestDoubtfulRun || start < 0 || start > MostClusters)) break;
     if (length == 0) continue;
     if (!runs.empty() && runs.back().Lcn >= 0 && !hole && runs.back().Lcn + runs.back().Count == start) {
       runs.back().Count += length;

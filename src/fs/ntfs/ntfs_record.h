@@ -29,6 +29,10 @@ inline constexpr std::int64_t RootRecord = 5;
 inline constexpr int MostAttributes = 257;  // of one record
 inline constexpr int MostRecords = 257;     // of one file
 inline constexpr int MostEntries = 257;     // of one list or index
+/// No volume has more clusters (Windows stops at 2^32), no cluster more bytes: products of the two
+/// cannot overflow.
+inline constexpr std::int64_t MostClusters = std::int64_t{1} << 36;
+inline constexpr std::int64_t LargestCluster = std::int64_t{1} << 24;
 
 /// Clusters that lie one behind the other; `Lcn` -1 is a hole.
 struct TRun {

@@ -112,17 +112,17 @@ bool TNTFS::ReadBootSector(TDriveInfo& drive, std::int64_t sector, bool getFreeS
     info.SectorsPerCluster = byte <= 0x80 ? static_cast<int>(byte) : 1 << (256 - byte);
     drive.DefaultSectorsPerCluster = info.SectorsPerCluster;
   }
-  if (info.SectorsPerCluster < 1) return false;
+  if (info.SectorsPerCluster < 1 || ClusterBytes(drive) > LargestCluster) return false;
   const auto firstSectorOf = [&](std::size_t field) {
     const std::uint64_t cluster = ReadLe64(boot, field);
-    constexpr std::uint64_t farthest = std::uint64_t{1} << 40;
-    return cluster < farthest ? static_cast<std::int64_t>(cluster) * info.SectorsPerCluster : 0;
+    return cluster < MostClusters ? static_cast<std::int64_t>(cluster) * info.SectorsPerCluster : 0;
   };
   info.MFTFirstSector = firstSectorOf(0x30);
   info.MFTMirrorSector = firstSectorOf(0x38);
   info.MFTRecordSize = RecordSize(boot[0x40], drive);
   if (drive.SectorsCount == 0) {
-    drive.SectorsCount = static_cast<std::int64_t>(std::min<std::uint64_t>(ReadLe64(boot, 0x28), INT64_MAX / 4096));
+    drive.SectorsCount =
+        static_cast<std::int64_t>(std::min<std::uint64_t>(ReadLe64(boot, 0x28), INT64_MAX / LargestCluster));
     drive.DefaultSectorsCount = drive.SectorsCount;
   }
   if (!forSubDrive) FillMFTStructure(drive);
