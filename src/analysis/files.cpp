@@ -241,8 +241,7 @@ std::int64_t TFiles::GetSizeInKB(int number) const {
 }
 
 int TFiles::RightName(TStringView fileName) {
-  constexpr TStringView refused = u"\\/:*?\"<>|";
-  for (const char16_t c : refused) {
+  for (const char16_t c : RefusedCharacters) {
     const std::size_t at = fileName.find(c);
     if (at != TStringView::npos) return static_cast<int>(at) + 1;
   }

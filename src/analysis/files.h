@@ -86,6 +86,7 @@ class TFiles {
   /// Bytes that the file occupies on its drive.
   std::int64_t GetSizeOnDisk(const TFile& file) const;
   std::int64_t GetSizeInKB(int number) const;
+  static constexpr TStringView RefusedCharacters = u"\\/:*?\"<>|";
   /// Position (from 1) of the first character that a target file system may refuse, 0 if none;
   /// the nine characters are tried one after the other: \ / : * ? " < > |
   static int RightName(TStringView fileName);

@@ -652,6 +652,20 @@ int TDrives::PartRecAddSubdrive(int parentDrive, TFileSystem fileSystem) {
   return number;
 }
 
+int TDrives::PartRecDriveForFound(int parentDrive, int foundDriveNumber) {
+  const auto& found = PartRecInfo.FoundDrives;
+  if (IsWrongNumber(parentDrive) || foundDriveNumber < 0 || foundDriveNumber >= static_cast<int>(found.size()))
+    return -1;
+  const TFileSystem system = found[static_cast<std::size_t>(foundDriveNumber)].FileSystem;
+  const TIntegerDynArray& subs = List[static_cast<std::size_t>(parentDrive)].SubDrives;
+  const auto empty = std::find_if(subs.begin(), subs.end(), [&](int sub) {
+    return IsEmpty(sub) && List[static_cast<std::size_t>(sub)].FileSystem == system;
+  });
+  const int target = empty != subs.end() ? *empty : PartRecAddSubdrive(parentDrive, system);
+  PartRecApplyFoundDriveInfoToDrive(target, foundDriveNumber);
+  return target;
+}
+
 void TDrives::PartRecApplyFoundDriveInfoToDrive(int driveNumber, int foundDriveNumber) {
   auto& found = PartRecInfo.FoundDrives;
   if (IsWrongNumber(driveNumber) || foundDriveNumber < 0 || foundDriveNumber >= static_cast<int>(found.size())) return;

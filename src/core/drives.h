@@ -131,6 +131,9 @@ class TDrives {
 
   // ---- partition search ----
   int PartRecAddSubdrive(int parentDrive, TFileSystem fileSystem);
+  /// The sub-drive that takes a found boot sector's values: the first empty one of its file system,
+  /// or a new one; -1 when there is no such parent or found drive.
+  int PartRecDriveForFound(int parentDrive, int foundDriveNumber);
   void PartRecApplyFoundDriveInfoToDrive(int driveNumber, int foundDriveNumber);
 
  private:

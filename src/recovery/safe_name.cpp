@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "analysis/files.h"
 #include "core/text.h"
 
 namespace brenlow {
@@ -38,11 +39,10 @@ std::string Fit(const TSplit& parts, const std::string& middle) {
 }  // namespace
 
 std::string SafeName(TStringView name, char16_t replacement) {
-  constexpr TStringView refused = u"\\/:*?\"<>|";
   TString safe(name);
   for (char16_t& c : safe) {
     const bool control = c < u' ' || (c >= 0x7F && c <= 0x9F);
-    if (control || refused.find(c) != TStringView::npos) c = replacement;
+    if (control || TFiles::RefusedCharacters.find(c) != TStringView::npos) c = replacement;
   }
   // The name that the target keeps for the file being written.
   if (safe == u".brenlow-partial") safe.insert(safe.begin(), replacement);

@@ -16,9 +16,8 @@
 namespace brenlow {
 
 TString WithoutRefusedCharacters(TString name, char16_t replacement) {
-  constexpr TStringView refused = u"\\/:*?\"<>|";
   for (auto c = name.rbegin(); c != name.rend(); ++c) {
-    if (refused.find(*c) != TStringView::npos) *c = replacement;
+    if (TFiles::RefusedCharacters.find(*c) != TStringView::npos) *c = replacement;
   }
   return name;
 }

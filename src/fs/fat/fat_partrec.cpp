@@ -125,13 +125,7 @@ void TFAT::PartRecAnalyseForNewDrive(std::span<const std::uint8_t> buffer, std::
     if (relative >= found.SectorsCount || !OnClusterBorder(found, relative)) continue;
     if ((ClusterOfSector(found, relative) & 0xFFFF) != ownLowHalf) continue;
 
-    const TFileSystem system = found.FileSystem;
-    const TIntegerDynArray& subs = drives.List[static_cast<std::size_t>(driveNumber)].SubDrives;
-    const auto empty = std::find_if(subs.begin(), subs.end(), [&](int sub) {
-      return drives.IsEmpty(sub) && drives.List[static_cast<std::size_t>(sub)].FileSystem == system;
-    });
-    const int target = empty != subs.end() ? *empty : drives.PartRecAddSubdrive(driveNumber, system);
-    drives.PartRecApplyFoundDriveInfoToDrive(target, static_cast<int>(i));
+    const int target = drives.PartRecDriveForFound(driveNumber, static_cast<int>(i));
     TDriveInfo& drive = drives.List[static_cast<std::size_t>(target)];
     if (drive.FATInfo.RootDirFirstSector != 0) MakeWalk(FEngine, drive, target, FOem).WalkRoot();
     return;

@@ -20,7 +20,16 @@ namespace brenlow {
 class TEngine;
 namespace ntfs {
 struct TNTFSLogImage;
+
+/// Bytes of a cluster, 0 while that is not known.
+inline std::int64_t ClusterBytes(const TDriveInfo& drive) {
+  return std::int64_t{drive.NTFSInfo.SectorsPerCluster} * drive.BytesPerSector;
 }
+/// Whole clusters that the volume says it has.
+inline std::int64_t VolumeClusters(const TDriveInfo& drive) {
+  return drive.NTFSInfo.SectorsPerCluster > 0 ? drive.SectorsCount / drive.NTFSInfo.SectorsPerCluster : 0;
+}
+}  // namespace ntfs
 
 class TNTFS {
  public:
@@ -162,7 +171,6 @@ class TNTFS {
   // Partition search.
   bool IsTakenByNewDrive(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
                          std::int64_t sectorNumber, int offsetInSector, TStringView name);
-  int DriveForFound(int foundNumber);
   void EstimateMFTNumber(TDriveInfo& drive, TFileInfo& info, std::int64_t parent, std::int64_t sectorNumber);
   void AddToUFCF(TDriveInfo& drive, const TFileInfo& info, std::int64_t parent);
   void ResolveUFCF(int driveNumber, double& done, double total);

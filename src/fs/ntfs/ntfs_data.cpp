@@ -22,10 +22,6 @@ constexpr std::int64_t LargestUnit = 65536;  // bytes that one unit decompresses
 constexpr std::int64_t LargestPackedUnit = LargestUnit + 2 * 16;
 constexpr unsigned LargestUnitPower = 16;
 
-std::int64_t ClusterBytes(const TDriveInfo& drive) {
-  return std::int64_t{drive.NTFSInfo.SectorsPerCluster} * drive.BytesPerSector;
-}
-
 /// The run that holds a cluster of a stream, or the first one behind it.
 TRuns::const_iterator RunOf(const TRuns& runs, std::int64_t vcn) {
   return std::upper_bound(runs.begin(), runs.end(), vcn,
@@ -162,8 +158,7 @@ bool TNTFS::OpenStream(const TDriveInfo& drive, const TFile& file, int adsNumber
   bool found = false;
   std::uint32_t type = 0;
   TString name;
-  const std::int64_t clusters =
-      drive.NTFSInfo.SectorsPerCluster > 0 ? drive.SectorsCount / drive.NTFSInfo.SectorsPerCluster : 0;
+  const std::int64_t clusters = VolumeClusters(drive);
   ForEachAttribute(drive, file, [&](const TMFTRecord&, const TAttribute& attribute) {
     const bool starts = !attribute.NonResident() || attribute.FirstVcn() == 0;
     if (attribute.Type() != 0 && starts) ++number;
@@ -362,7 +357,7 @@ void TNTFS::GetFileFragments(const TFile& file, TFileFragments& result, bool& re
       result.push_back({place.Sector, 0, 1});
       return true;
     }
-    for (const TRun& run : attribute.Runs(drive.SectorsCount / perCluster)) {
+    for (const TRun& run : attribute.Runs(VolumeClusters(drive))) {
       const std::int64_t sectors = std::min(run.Count, total / perCluster + 1) * perCluster;
       const std::int64_t count = std::min(sectors, total - position);
       if (count <= 0) return false;
@@ -387,7 +382,7 @@ std::int64_t TNTFS::GetSizeOnDisk(const TFile& file) {
   if (drives.IsWrongNumber(file.FileInfo.aDriveNumber)) return 0;
   const TDriveInfo& drive = drives.List[static_cast<std::size_t>(file.FileInfo.aDriveNumber)];
   if (drive.BytesPerSector < 1 || drive.NTFSInfo.SectorsPerCluster < 1) return 0;
-  const std::int64_t volume = drive.SectorsCount / drive.NTFSInfo.SectorsPerCluster;
+  const std::int64_t volume = VolumeClusters(drive);
   std::int64_t clusters = 0;
   ForEachAttribute(drive, file, [&](const TMFTRecord&, const TAttribute& attribute) {
     if (attribute.Type() != AttrData || !attribute.NonResident()) return true;

@@ -65,7 +65,7 @@ bool TNTFS::IsTakenByNewDrive(std::span<const std::uint8_t> buffer, std::size_t 
     const TDriveInfo& found = search.FoundDrives[i];
     if (found.FileSystem != TFileSystem::fsNTFS) continue;
     if (found.FirstSector + SectorOfRecord(found, number) != absolute) continue;
-    const int target = DriveForFound(static_cast<int>(i));
+    const int target = drives.PartRecDriveForFound(search.MainDrive, static_cast<int>(i));
     if (target < 0) return false;
     drives.List[static_cast<std::size_t>(target)].NTFSInfo.CanBeTruncated = false;
     if (OnPartRecConfirmed) OnPartRecConfirmed(sectorNumber);
@@ -76,20 +76,6 @@ bool TNTFS::IsTakenByNewDrive(std::span<const std::uint8_t> buffer, std::size_t 
     return true;
   }
   return false;
-}
-
-/// The sub-drive that takes a found boot sector's values: the first empty one, or a new one.
-int TNTFS::DriveForFound(int foundNumber) {
-  TDrives& drives = FEngine.Drives();
-  const int main = drives.PartRecInfo.MainDrive;
-  if (drives.IsWrongNumber(main)) return -1;
-  const TIntegerDynArray& subs = drives.List[static_cast<std::size_t>(main)].SubDrives;
-  const auto empty = std::find_if(subs.begin(), subs.end(), [&](int sub) {
-    return drives.IsEmpty(sub) && drives.List[static_cast<std::size_t>(sub)].FileSystem == TFileSystem::fsNTFS;
-  });
-  const int target = empty != subs.end() ? *empty : drives.PartRecAddSubdrive(main, TFileSystem::fsNTFS);
-  drives.PartRecApplyFoundDriveInfoToDrive(target, foundNumber);
-  return target;
 }
 
 void TNTFS::PartRecDriveAdded(int driveNumber) {

@@ -22,14 +22,6 @@ constexpr unsigned LargestClusterPower = 20;   // sectors, as a power of two
 constexpr std::int64_t BitmapRecord = 6;
 constexpr std::size_t VolumeRecord = 3;
 
-std::int64_t VolumeClusters(const TDriveInfo& drive) {
-  return drive.NTFSInfo.SectorsPerCluster > 0 ? drive.SectorsCount / drive.NTFSInfo.SectorsPerCluster : 0;
-}
-
-std::int64_t ClusterBytes(const TDriveInfo& drive) {
-  return std::int64_t{drive.NTFSInfo.SectorsPerCluster} * drive.BytesPerSector;
-}
-
 int RecordSize(unsigned byte, const TDriveInfo& drive) {
   std::int64_t size = 0;
   if (byte < 0x80) {
