@@ -163,6 +163,30 @@ TEST_CASE("files, times and outcomes") {
   CHECK(status.st_mtim.tv_sec == 1620062406);  // 2021-05-03 17:20:06 UTC
 }
 
+TEST_CASE("empty files have their times, and a file that ends early does not stop the others") {
+  TFatBuilder fat = VolumeOf({u"short.txt", u"whole.txt"});
+  fat.PutEntry(fat.RootAt() + 2 * 64, {"EMPTY   TXT", 0x20, 0, 0});
+  TFixture t(fat);
+  const TRecoveryMasterLink defaults(t.Engine);
+  const int cut = t.NumberOf(u"short.txt");
+  t.Link.GetFileData = [&](TByteDynArray& result, int number, int ads, std::int64_t start, std::int64_t size) {
+    defaults.GetFileData(result, number, ads, start, size);
+    if (number == cut) result.resize(start == 0 ? 100 : 0);
+  };
+  const TRecoverySummary& summary = t.Run();
+  CHECK(summary.Short == 1);
+  CHECK(summary.Whole == 2);
+  REQUIRE(summary.Faults.size() == 1);
+  CHECK(summary.Faults[0].Written == 100);
+  CHECK(summary.Faults[0].Listed == 600);
+  CHECK(t.Content("short.txt") == std::string(100, 'k'));
+  CHECK(t.Content("whole.txt").size() == 600);
+  struct stat status {};
+  REQUIRE(::stat((t.Target.Path() + "/EMPTY.TXT").c_str(), &status) == 0);
+  CHECK(status.st_size == 0);
+  CHECK(status.st_mtim.tv_sec == 1620062406);
+}
+
 TEST_CASE("nothing is overwritten and no link is followed") {
   TFixture t(VolumeOf({u"one.txt", u"evil.txt", u"../up.txt"}));
   const std::string target = t.Target.Path();
