@@ -10,8 +10,12 @@
 namespace brenlow::ntfs {
 namespace {
 
-constexpr std::size_t FixupBlock = 512;                  // bytes, whatever the sector size
-constexpr std::int64_t LongestDoubtfulRun = 10'000'000;  // clusters; longer ones must fit into the volume
+constexpr std::size_t FixupBlock = 512;  // bytes, whatever the sector size
+// A stream may be all holes, and far longer than its volume; but damage must not make one that takes
+// days to write.
+constexpr std::int64_t LongestSparse = std::int64_t{1} << 28;  // clusters, on a small volume
+constexpr std::int64_t SparseFactor = 64;                      // times the volume, on a large one
+constexpr std::int64_t LongestDoubtfulRun = 10'000'000;        // clusters; longer ones must fit into the volume
 
 }  // namespace
 
@@ -64,7 +68,8 @@ TRuns TAttribute::Runs(std::int64_t volumeClusters) const {
   const std::int64_t first = FirstVcn();
   const std::int64_t last = LastVcn();
   if (!NonResident() || first < 0 || first > MostClusters || last < first) return runs;
-  std::int64_t left = std::min(last - first, MostClusters) + 1;
+  const std::int64_t longest = std::max(LongestSparse, SparseFactor * std::min(volumeClusters, MostClusters));
+  std::int64_t left = std::min(last - first, std::min(longest, MostClusters)) + 1;
   std::int64_t vcn = 0;
   std::uint64_t lcn = 0;
   for (std::size_t at = FAt + Number16(0x20); left > 0 && at < FRecord.size();) {
