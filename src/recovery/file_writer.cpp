@@ -143,6 +143,10 @@ void TFileWriter::WriteData(int fileNumber, TFileOutcome& outcome, int handle) {
 // ---- alternate data streams -----------------------------------------------------------------
 
 void TFileWriter::RecoveryAllADS(int fileNumber, const TTargetFile& target) {
+  // The streams of a file system's own files (bad clusters, security) mean nothing elsewhere.
+  const TFiles& files = FEngine.Files();
+  const bool known = !files.IsWrongNumber(fileNumber);
+  if (known && files.List[static_cast<std::size_t>(fileNumber)].ParentCluster == SpecialCluster::NTFSSystemData) return;
   const bool native = FOptions.ADS && FTarget.IsNTFS();
   const TStreamMode mode = native ? TStreamMode::Attributes : FOptions.Streams;
   const TADSDynArray streams = FLink.GetStreams(fileNumber);
