@@ -84,8 +84,25 @@ class TListing final : public ITreeVisitor {
                                 size.empty() ? "" : "  " + size, mark.empty() ? "" : "  [" + mark + "]"));
     } else {
       const std::string time = ShortTime(entry.File->FileInfo.TimeStamp.dtModified);
-      FOutput.Write(fmt::format("{:16}  {:>10}  {:11}  {}\n", time, size, mark, name));
+      // By hand: this is done for every file.
+      FLine.clear();
+      PutColumn(time, 16, false);
+      PutColumn(size, 10, true);
+      PutColumn(mark, 11, false);
+      FLine += name;
+      FLine += '\n';
+      FOutput.Write(FLine);
     }
+  }
+
+  /// A column of so many characters and the gap behind it.
+  void PutColumn(const std::string& text, std::size_t width, bool right) {
+    const auto characters = static_cast<std::size_t>(
+        std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
+    const std::size_t blanks = width > characters ? width - characters : 0;
+    if (right) FLine.append(blanks, ' ');
+    FLine += text;
+    FLine.append((right ? 0 : blanks) + 2, ' ');
   }
 
   void PrintStreams(const TTreeEntry& entry) {
@@ -108,6 +125,7 @@ class TListing final : public ITreeVisitor {
   const TSelection& FSelection;
   const TOptions& FOptions;
   TOutput& FOutput;
+  std::string FLine;
   std::string FDeleted;
   std::string FOverwritten;
   std::string FEncrypted;

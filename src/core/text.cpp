@@ -106,7 +106,15 @@ constexpr char16_t ToUpper(char16_t c) {
 
 }  // namespace
 
-std::string ToUtf8(TStringView text) { return Encode(text, false); }
+std::string ToUtf8(TStringView text) {
+  // Most names are plain ASCII, and a listing converts every one.
+  std::string ascii(text.size(), '\0');
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] >= 0x80) return Encode(text, false);
+    ascii[i] = static_cast<char>(text[i]);
+  }
+  return ascii;
+}
 TString FromUtf8(std::string_view text, bool* valid) { return Decode(text, false, valid); }
 TString TextFromPath(std::string_view path) { return Decode(path, true, nullptr); }
 std::string PathFromText(TStringView text) { return Encode(text, true); }
