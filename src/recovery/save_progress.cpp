@@ -260,7 +260,7 @@ void TfrmSaveProgress::SaveStep(int fileNumber, const TString& name, TPlace plac
   } else {
     outcomes = FLink.Recovery(FWriter, fileNumber, file);
     const bool written = !outcomes.empty() && outcomes.front().Outcome != TOutcome::Failed && !outcomes.front().Stopped;
-    if (written) FLink.RecoveryAllADS(FWriter, fileNumber, file);
+    if (written) FLink.RecoveryAllADS(FWriter, fileNumber, {outcomes.front().Path, file.Replace});
   }
   const std::string folder = FTarget.PathOf(place);
   for (TFileOutcome& outcome : outcomes) {
