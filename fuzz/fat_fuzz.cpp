@@ -30,8 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (size < 513 || size > (1 << 20)) return 0;
   const std::uint8_t way = data[0];
   TEngine engine;
-  engine.Devices().Insert(u"/input", std::make_unique<fuzz::TInputDevice>(data + 1, size - 1));
-  const int number = engine.Drives().Mount(u"/input", false);
+  const int number = fuzz::MountInput(engine, data + 1, size - 1);
   if (number < 0) return 0;
   TDriveInfo& drive = engine.Drives().List[static_cast<std::size_t>(number)];
   if (drive.FileSystem == TFileSystem::fsUnknown) {

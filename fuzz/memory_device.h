@@ -3,9 +3,12 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "core/device/device.h"
+#include "core/drives.h"
+#include "core/engine.h"
 
 namespace brenlow::fuzz {
 
@@ -25,5 +28,11 @@ class TInputDevice final : public IDevice {
  private:
   std::vector<std::uint8_t> FBytes;
 };
+
+/// Mounts the input as the only source of the engine; its drive number, or -1.
+inline int MountInput(TEngine& engine, const std::uint8_t* data, std::size_t size) {
+  engine.Devices().Insert(u"/input", std::make_unique<TInputDevice>(data, size));
+  return engine.Drives().Mount(u"/input", false);
+}
 
 }  // namespace brenlow::fuzz

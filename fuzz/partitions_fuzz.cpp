@@ -26,7 +26,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
   }
   TEngine engine;
-  engine.Devices().Insert(u"/input", std::make_unique<fuzz::TInputDevice>(data, size));
-  engine.Drives().Mount(u"/input", false);
+  fuzz::MountInput(engine, data, size);
   return 0;
 }

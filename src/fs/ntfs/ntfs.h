@@ -141,8 +141,7 @@ class TNTFS {
   void GetSectorsPerClusterByIndex(TDriveInfo& drive, std::int64_t cluster);
   // Records.
   bool ReadRecord(const TDriveInfo& drive, const TMFTRecord& place, TByteDynArray& record);
-  bool ReadRecordOf(const TDriveInfo& drive, const TFile& file, TByteDynArray& record, TMFTRecord& place,
-                    std::int64_t& journal);
+  bool ReadRecordOf(const TDriveInfo& drive, const TFile& file, TByteDynArray& record, TMFTRecord& place);
   void ReadAttributeList(const TDriveInfo& drive, const ntfs::TAttribute& attribute, TInt64DynArray& records);
   TByteDynArray ReadRuns(const TDriveInfo& drive, const ntfs::TRuns& runs, std::int64_t size);
   void ReadClusters(const TDriveInfo& drive, std::int64_t cluster, std::int64_t offset, std::span<std::uint8_t> place,
@@ -169,8 +168,14 @@ class TNTFS {
   static std::int64_t MoveToSystemDataFolder(TStringView name, std::int64_t parent);
   void AddRow(TDriveInfo& drive, int driveNumber, const TFileInfo& info, std::int64_t parent, bool canIncFoundCount);
   // Partition search.
-  bool IsTakenByNewDrive(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
-                         std::int64_t sectorNumber, int offsetInSector, TStringView name);
+  /// What the test for a new volume came to.
+  enum class TNewDrive {
+    None,
+    Analysed,  ///< a volume was confirmed and analysed, but the record is still the current drive's
+    Taken,     ///< the record was entered under the volume's own geometry
+  };
+  TNewDrive CheckNewDrive(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
+                          std::int64_t sectorNumber, int offsetInSector, TStringView name);
   void EstimateMFTNumber(TDriveInfo& drive, TFileInfo& info, std::int64_t parent, std::int64_t sectorNumber);
   void AddToUFCF(TDriveInfo& drive, const TFileInfo& info, std::int64_t parent);
   void ResolveUFCF(int driveNumber, double& done, double total);

@@ -100,16 +100,13 @@ void TNTFS::ReadClusters(const TDriveInfo& drive, std::int64_t cluster, std::int
 // ---- records of a file ----------------------------------------------------------------------
 
 /// The record of a row: where it was found, an image from the log, or by its number.
-bool TNTFS::ReadRecordOf(const TDriveInfo& drive, const TFile& file, TByteDynArray& record, TMFTRecord& place,
-                         std::int64_t& journal) {
+bool TNTFS::ReadRecordOf(const TDriveInfo& drive, const TFile& file, TByteDynArray& record, TMFTRecord& place) {
   const TFileInfo& info = file.FileInfo;
   const auto& images = drive.NTFSInfo.LogMFTs;
-  journal = 0;
   if (info.FirstSector >= 0) {
     place = {info.FirstSector + drive.DefaultFirstSector - drive.FirstSector, info.OffsetInSector};
   } else if (info.JournalPosition > 0 && info.JournalPosition < static_cast<std::int64_t>(images.size())) {
-    journal = info.JournalPosition;
-    record = images[static_cast<std::size_t>(journal)];
+    record = images[static_cast<std::size_t>(info.JournalPosition)];
     return true;
   } else if (!GetSectorByMFTNumber(drive, info.FirstCluster, place, true)) {
     return false;
@@ -123,9 +120,8 @@ template <typename TCallable>
 void TNTFS::ForEachAttribute(const TDriveInfo& drive, const TFile& file, TCallable&& callable) {
   TByteDynArray record;
   TMFTRecord place;
-  std::int64_t journal = 0;
   if (drive.NTFSInfo.MFTRecordSize < 1 || drive.BytesPerSector < 1) return;
-  if (!ReadRecordOf(drive, file, record, place, journal)) return;
+  if (!ReadRecordOf(drive, file, record, place)) return;
   TInt64DynArray records{file.FileInfo.FirstCluster};
   for (std::size_t i = 0; i < records.size() && i < MostRecords; ++i) {
     if (i > 0) {

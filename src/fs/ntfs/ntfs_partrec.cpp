@@ -50,32 +50,32 @@ void TNTFS::PartRecAnalyseSector(std::span<const std::uint8_t> buffer, std::size
 // ---- volumes --------------------------------------------------------------------------------
 
 /// The test for a new volume: the first record of a run of system files may lie where a found boot
-/// sector expects it. True when the record was entered in another drive's name.
-bool TNTFS::IsTakenByNewDrive(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
-                              std::int64_t sectorNumber, int offsetInSector, TStringView name) {
+/// sector expects it.
+TNTFS::TNewDrive TNTFS::CheckNewDrive(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
+                                      std::int64_t sectorNumber, int offsetInSector, TStringView name) {
   TDrives& drives = FEngine.Drives();
   TPartRecInfo& search = drives.PartRecInfo;
-  if (search.FoundDrives.empty()) return false;
+  if (search.FoundDrives.empty()) return TNewDrive::None;
   const int number = SystemFileNumber(name);
   const bool wasSystem = search.LastNTFSFileIsSystem;
   search.LastNTFSFileIsSystem = number >= 0;
-  if (wasSystem || number < 0) return false;
+  if (wasSystem || number < 0) return TNewDrive::None;
   const std::int64_t absolute = drives.List[static_cast<std::size_t>(driveNumber)].FirstSector + sectorNumber;
   for (std::size_t i = 0; i < search.FoundDrives.size(); ++i) {
     const TDriveInfo& found = search.FoundDrives[i];
     if (found.FileSystem != TFileSystem::fsNTFS) continue;
     if (found.FirstSector + SectorOfRecord(found, number) != absolute) continue;
     const int target = drives.PartRecDriveForFound(search.MainDrive, static_cast<int>(i));
-    if (target < 0) return false;
+    if (target < 0) return TNewDrive::None;
     drives.List[static_cast<std::size_t>(target)].NTFSInfo.CanBeTruncated = false;
     if (OnPartRecConfirmed) OnPartRecConfirmed(sectorNumber);
     PartRecDriveAdded(target);
-    if (target != driveNumber) return false;
+    if (target != driveNumber) return TNewDrive::Analysed;
     const TDriveInfo& drive = drives.List[static_cast<std::size_t>(driveNumber)];
     AnalyseRecord(buffer, start, driveNumber, -1, absolute - drive.FirstSector, offsetInSector, false);
-    return true;
+    return TNewDrive::Taken;
   }
-  return false;
+  return TNewDrive::None;
 }
 
 void TNTFS::PartRecDriveAdded(int driveNumber) {

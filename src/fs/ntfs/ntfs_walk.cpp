@@ -269,8 +269,10 @@ bool TNTFS::AnalyseRecord(std::span<const std::uint8_t> buffer, std::size_t star
   if (!parse()) return false;
   if (FEngine.PartRecRunning && canCheckNewDrive) {
     const TString name = FParsed.Names.front().Text;
-    if (IsTakenByNewDrive(buffer, start, driveNumber, sectorNumber, offsetInSector, name)) return true;
-    if (!parse()) return false;  // a new volume may have been analysed meanwhile
+    const TNewDrive test = CheckNewDrive(buffer, start, driveNumber, sectorNumber, offsetInSector, name);
+    if (test == TNewDrive::Taken) return true;
+    // The records of the new volume went through the same buffers.
+    if (test == TNewDrive::Analysed && !parse()) return false;
   }
   TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
   for (const TName& name : FParsed.Names) {
