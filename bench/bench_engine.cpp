@@ -8,7 +8,8 @@
 //   bench_engine unpack FILE          the same, and decompresses them: the time is of that alone
 //   bench_engine readall FILE         analyses it and reads every file; the time is of reading alone
 //   bench_engine analyse FILE         analyses the first volume of the image
-// Each prints "seconds number": bytes of memory for `add` and `analyse`, children
+//   bench_engine deep FILE            the deep analysis of the whole image
+// Each prints "seconds number": bytes of memory for `add`, `analyse` and `deep`, children
 // shown for `open`, compressed bytes for `pack` and `unpack`.
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -188,12 +189,12 @@ int ReadAll(const char* path) {
   return 0;
 }
 
-int Analyse(const char* path) {
+int Analyse(const char* path, void (*scan)(TEngine&, int)) {
   TEngine engine;
   if (engine.Drives().Mount(TextFromPath(path), false) < 0) return 1;
   const std::int64_t before = ResidentBytes();
   const auto begin = std::chrono::steady_clock::now();
-  AnalyseDrive(engine, 0);
+  scan(engine, 0);
   std::printf("%f %lld\n", Seconds(begin), static_cast<long long>(ResidentBytes() - before));
   return engine.Files().List.empty() ? 1 : 0;
 }
@@ -211,9 +212,10 @@ int main(int argc, char** argv) {
   if (verb == "pack" && argc == 3) return Pack(argv[2], false);
   if (verb == "unpack" && argc == 3) return Pack(argv[2], true);
   if (verb == "readall" && argc == 3) return ReadAll(argv[2]);
-  if (verb == "analyse" && argc == 3) return Analyse(argv[2]);
-  std::fprintf(
-      stderr,
-      "usage: bench_engine pread|sum|pack|unpack|readall|analyse FILE | add FILES PARENTS | open FILES CHILDREN\n");
+  if (verb == "analyse" && argc == 3) return Analyse(argv[2], AnalyseDrive);
+  if (verb == "deep" && argc == 3) return Analyse(argv[2], DeepAnalyseDrive);
+  std::fprintf(stderr,
+               "usage: bench_engine pread|sum|pack|unpack|readall|analyse|deep FILE | add FILES PARENTS | open FILES "
+               "CHILDREN\n");
   return 2;
 }

@@ -138,7 +138,24 @@ def ntfs():
     return bytes(image)
 
 
+def sector(head=b"", inside=b"", place=0, fill=0x20):
+    """A sector in the short form that the deep target takes."""
+    return head[:24].ljust(24, bytes([fill])) + inside[:22].ljust(22, bytes([fill])) + bytes([place, fill])
+
+
+def deep():
+    """Sectors of each kind that means something to the deep analysis."""
+    icon = struct.pack("<HHHBBBBHHII", 0, 1, 1, 16, 16, 0, 0, 1, 32, 700, 22)
+    book = "Workbook".encode("utf-16-le").ljust(22, b"\0")
+    sectors = [sector(), sector(b"\xff\xd8\xff\xe0", b"\xff\xff", 255), sector(b"\xff\xd8\xff\xe0", b"\xff\xd9", 100), sector(icon), sector(b"\x89PNG\r\n\x1a\n"),
+               sector(fill=0), sector(b"PK\3\4", b"PK\5\6", 50), sector(b"PK\3\4\x14\0\6\0", b"word/_rels", 30), sector(b".xmlPK\5\6".ljust(24, b"\0")),
+               sector(bytes.fromhex("d0cf11e0a1b11ae1"), b"Microsoft Excel", 60), sector(bytes.fromhex("d0cf11e0a1b11ae1")), sector(book, struct.pack("<HB", 18, 2), 32),
+               sector(b"MZ\x90\0\3\0\0\0\4\0\0\0\xff\xff\0\0"), sector(b"ID3"), sector(b"\xff\xfb"), sector(b"\0\1\0\0Standard Jet DB"), sector(b"8BPS")]
+    write("deep", "seed-sectors", b"".join(sectors))
+
+
 def main():
+    deep()
     write("ntfs", "seed-volume", b"\0" + ntfs())
     write("ntfs_record", "seed-resident", ntfs()[2048 + 14 * 1024:2048 + 15 * 1024])
     write("ntfs_record", "seed-listed", ntfs()[2048 + 12 * 1024:2048 + 13 * 1024])

@@ -4,6 +4,7 @@
 
 #include <chrono>
 
+#include "analysis/deep/all_fs.h"
 #include "analysis/files.h"
 #include "analysis/folders.h"
 #include "analysis/signatures.h"
@@ -37,6 +38,7 @@ TEngine::TEngine()
       FSignatures(std::make_unique<TFileSignatures>()),
       FFiles(std::make_unique<TFiles>(*this)),
       FFolders(std::make_unique<TFolders>(*this)),
+      FAllFS(std::make_unique<TAllFS>(*this)),
       FFAT(std::make_unique<TFAT>(*this)),
       FNTFS(std::make_unique<TNTFS>(*this)) {}
 

@@ -3,14 +3,19 @@
 
 #include <unistd.h>
 
+#include "analysis/deep/all_fs.h"
 #include "analysis/files.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/language.h"
+#include "core/sector_reader.h"
 #include "fs/dispatch.h"
 
 namespace brenlow {
 namespace {
+
+constexpr std::int64_t DeepBlock = 256;  // sectors of a read of the deep analysis
+constexpr int MostFailuresInBlock = 4;   // one bad place costs no more than itself, a bad region no more than this
 
 TDriveInfo& Drive(TEngine& engine, int number) { return engine.Drives().List[static_cast<std::size_t>(number)]; }
 
@@ -84,6 +89,47 @@ void AnalysePhysicalDrive(TEngine& engine, int driveNumber) {
   if (engine.Analysing) Drive(engine, driveNumber).DeepAnalysed = TAnalyseInformation::aiFull;
 }
 
+namespace {
+
+/// Every sector of the drive through the deep analysis. The last block is passed in full, sectors
+/// beyond the drive's end included. False when it was stopped.
+bool ScanSectors(TEngine& engine, int driveNumber) {
+  const std::int64_t sectorSize = engine.Drives().GetBytesPerSector(driveNumber);
+  const std::int64_t total = Drive(engine, driveNumber).SectorsCount;
+  TByteDynArray buffer(static_cast<std::size_t>(DeepBlock * sectorSize));
+  const std::int64_t blocks = total / DeepBlock + 1;
+  for (std::int64_t first = 0; first < blocks * DeepBlock; first += DeepBlock) {
+    const TDriveInfo& drive = Drive(engine, driveNumber);
+    engine.Reader().ReadOrZero(drive, buffer, drive.FirstSector + first, MostFailuresInBlock);
+    for (std::int64_t i = 0; i < DeepBlock; ++i) {
+      engine.AllFS().DeepAnalyseSystem(buffer, static_cast<std::size_t>(i * sectorSize), first + i);
+      engine.Pump();
+      if (!engine.Analysing) return false;
+    }
+    engine.AnalyseProgress(static_cast<double>(first) / static_cast<double>(total));
+  }
+  engine.AllFS().DoAfterDeepAnalyse(driveNumber, blocks * DeepBlock - 1);
+  return true;
+}
+
+}  // namespace
+
+void DeepAnalyseDrive(TEngine& engine, int driveNumber) {
+  if (engine.Drives().IsWrongNumber(driveNumber)) return;
+  engine.AnalyseProgressBase = 0;
+  engine.AnalyseProgressScale = 1.0;
+  engine.PartRecRunning = false;
+  engine.ChangeAnalysingStatus(driveNumber, true);
+  engine.Files().ClearDeep(driveNumber);
+  if (engine.AllFS().DoBeforeDeepAnalyse(driveNumber)) {
+    const bool whole = ScanSectors(engine, driveNumber);
+    if (engine.Files().FoundCount == 0 && ::geteuid() != 0) engine.ShowMessage(TText::NothingFoundNoRights);
+    if (whole) Drive(engine, driveNumber).DeepAnalysed = TAnalyseInformation::aiFull;
+  }
+  engine.ChangeAnalysingStatus(driveNumber, false);
+  if (engine.OnAnalyseProgress) engine.OnAnalyseProgress(0);
+}
+
 void GetDriveFiles(TEngine& engine, TDriveInfo& drive, TFileArray& result, bool rootDirOnly,
                    const TOnFilesGotten& onFilesGotten) {
   result.Clear();
@@ -97,7 +143,11 @@ void GetDriveFiles(TEngine& engine, TDriveInfo& drive, TFileArray& result, bool 
 void GetFileData(TEngine& engine, TByteDynArray& result, TFile& file, int adsNumber, std::int64_t start,
                  std::int64_t size) {
   const int driveNumber = file.FileInfo.aDriveNumber;
-  if (engine.Drives().IsWrongNumber(driveNumber) || file.FileInfo.aDeepAnalyse) {
+  if (file.FileInfo.aDeepAnalyse) {
+    engine.AllFS().GetFileData(result, file, start, size);
+    return;
+  }
+  if (engine.Drives().IsWrongNumber(driveNumber)) {
     result.clear();
     return;
   }
@@ -159,6 +209,10 @@ bool IsOverwritten(TEngine& engine, const TFile& file) {
 void GetFileFragments(TEngine& engine, TFile& file, TFileFragments& result) {
   result.clear();
   if (engine.Drives().IsWrongNumber(file.FileInfo.aDriveNumber)) return;
+  if (file.FileInfo.aDeepAnalyse) {
+    engine.AllFS().GetFileFragments(file, result);
+    return;
+  }
   TDriveInfo& drive = Drive(engine, file.FileInfo.aDriveNumber);
   const auto map = [&](auto& driver) {
     if constexpr (requires { driver.GetFileFragments(file, result); }) driver.GetFileFragments(file, result);

@@ -4,8 +4,10 @@
 #include <algorithm>
 #include <new>
 
+#include "analysis/deep/all_fs.h"
 #include "analysis/file_kinds.h"
 #include "analysis/folders.h"
+#include "analysis/signatures.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/language.h"
@@ -29,7 +31,8 @@ int TFiles::Add(const TFileInfo& file, std::int64_t parentCluster, bool& ramFull
   if (FEngine.Drives().IsWrongNumber(file.aDriveNumber)) return -1;
   if (file.blnFolder && file.FirstCluster == parentCluster) return -1;
   if (OnCanBeAdded && !OnCanBeAdded(file)) return -1;
-  if (FEngine.PartRecRunning) {
+  // Found by its place, a file of the deep analysis cannot be met twice in a pass.
+  if (FEngine.PartRecRunning && (file.blnFolder || !file.aDeepAnalyse)) {
     const int known = GetAddedNumber(file, parentCluster);
     if (known >= 0) return known;
   }
@@ -222,15 +225,17 @@ TString TFiles::GetType(TStringView fileName) {
   const auto cached = FFileTypes.find(extension);
   if (cached != FFileTypes.end()) return cached->second;
   const TLanguage& language = FEngine.Language();
-  TString text =
-      extension.empty() ? language[TText::FileType] : language.Format(TText::FileTypeOf, {UpperCase(extension)});
+  const TString upper = UpperCase(extension);
+  TString text = FEngine.Signatures().Description(upper);
+  if (text.empty()) text = upper.empty() ? language[TText::FileType] : language.Format(TText::FileTypeOf, {upper});
   FFileTypes.emplace(extension, text);
   return text;
 }
 
 std::int64_t TFiles::GetSizeOnDisk(const TFile& file) const {
   const TFileInfo& info = file.FileInfo;
-  if (info.aDeepAnalyse || FEngine.Drives().IsWrongNumber(info.aDriveNumber)) return info.aSize;
+  if (info.aDeepAnalyse) return FEngine.AllFS().GetSizeOnDisk(file);
+  if (FEngine.Drives().IsWrongNumber(info.aDriveNumber)) return info.aSize;
   const TFileSystem system = FEngine.Drives().List[static_cast<std::size_t>(info.aDriveNumber)].FileSystem;
   return WithDriver(
       FEngine, system, [&](auto& driver) { return driver.GetSizeOnDisk(file); }, info.aSize);

@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "analysis/signatures.h"
 
+#include <algorithm>
 #include <cctype>
+#include <string>
+
+#include "core/text.h"
 
 namespace brenlow {
 namespace {
@@ -94,23 +98,47 @@ constexpr TRow Rows[] = {
     {u".zip", "504B0304"},
 };
 
+/// Rows with an end of their own; the texts are those of the end.
+constexpr struct {
+  std::u16string_view Ext;
+  std::string_view Footer;
+} Footers[] = {
+    // The name of the last member, then the end record of the ZIP directory without a comment.
+    {u".docx", "2E786D6C504B050600000000xxxxxxxxxxxxxxxxxxxxxxxxxxxx"},
+    {u".pptx", "2E786D6C504B050600000000xxxxxxxxxxxxxxxxxxxxxxxxxxxx"},
+    {u".xlsx", "2E786D6C504B050600000000xxxxxxxxxxxxxxxxxxxxxxxxxxxx"},
+    {u".jpg", "FFD9"},
+};
+
+constexpr std::string_view StartsFile =
+    "ani asf avi bmp bz cab chm crw cur doc docx gif gz hlp ico jpg mdb mid mny mov mp3 mpg odp ods odt pdf png psd "
+    "rar rtf rm rmi swf tif tiff wav wma wmf wri zip";
+constexpr std::string_view ZeroTail = "gif pdf png rar rtf wmf";
+constexpr std::int64_t SmallestMp3 = 0x100000;  // bytes
+
 constexpr int Nibble(char c) {
   if (c >= '0' && c <= '9') return c - '0';
   if (c >= 'A' && c <= 'F') return c - 'A' + 10;
   return -1;
 }
 
-bool Matches(const std::vector<std::int16_t>& header, std::span<const std::uint8_t> bytes) {
-  for (std::size_t i = 0; i < header.size(); ++i) {
-    if (header[i] >= 0 && header[i] != bytes[i]) return false;
+/// The cells of plain text.
+TSignatureCells CellsOf(std::string_view text) { return {text.begin(), text.end()}; }
+
+/// Calls `use` with each word of a list, as an extension with its dot.
+template <typename TUse>
+void ForEachExtension(std::string_view list, const TUse& use) {
+  while (!list.empty()) {
+    const std::size_t end = std::min(list.find(' '), list.size());
+    use(u"." + FromUtf8(list.substr(0, end)));
+    list.remove_prefix(std::min(end + 1, list.size()));
   }
-  return true;
 }
 
 }  // namespace
 
-std::vector<std::int16_t> ParseHexSignature(std::string_view text) {
-  std::vector<std::int16_t> cells;
+TSignatureCells ParseHexSignature(std::string_view text) {
+  TSignatureCells cells;
   for (std::size_t i = 0; i + 1 < text.size(); i += 2) {
     const int high = Nibble(static_cast<char>(std::toupper(static_cast<unsigned char>(text[i]))));
     const int low = Nibble(static_cast<char>(std::toupper(static_cast<unsigned char>(text[i + 1]))));
@@ -119,8 +147,99 @@ std::vector<std::int16_t> ParseHexSignature(std::string_view text) {
   return cells;
 }
 
+bool MatchesCells(const TSignatureCells& cells, std::span<const std::uint8_t> bytes) {
+  if (bytes.size() < cells.size()) return false;
+  for (std::size_t i = 0; i < cells.size(); ++i) {
+    if (cells[i] >= 0 && cells[i] != bytes[i]) return false;
+  }
+  return true;
+}
+
 TFileSignatures::TFileSignatures() {
-  for (const TRow& row : Rows) FSignatures.push_back({TString(row.Ext), ParseHexSignature(row.Header)});
+  BuildSignatures();
+  BuildMasterFileTypes();
+  BuildDeepFileTypes();
+}
+
+void TFileSignatures::BuildSignatures() {
+  for (const TRow& row : Rows) {
+    TFileSignature signature;
+    signature.Ext = row.Ext;
+    signature.Header = ParseHexSignature(row.Header);
+    FSignatures.push_back(std::move(signature));
+  }
+  for (const auto& [extension, footer] : Footers) FirstRow(extension).Footer = ParseHexSignature(footer);
+  SetFlags(StartsFile, &TFileSignature::CanStartFile);
+  SetFlags(ZeroTail, &TFileSignature::EndsAtZeroTail);
+  SetFlags("mp3", &TFileSignature::NeedsZeroTailBefore);
+  for (TFileSignature& row : FSignatures) {
+    if (row.Ext == u".mp3") row.MinSize = SmallestMp3;
+  }
+  // A sector of a picture's head that ends so is followed by the embedded preview.
+  for (const std::string_view marker : {"FFFF", "FF7F", "FEFF", "FE7F", "2C01"}) {
+    FirstRow(u".jpg").HalfFileMarkers.push_back(ParseHexSignature(marker));
+  }
+  FirstRow(u".doc").SubSignatures = {{u"doc", CellsOf("Microsoft Word")},
+                                     {u"xls", CellsOf("Microsoft Excel")},
+                                     {u"ppt", CellsOf("Microsoft PowerPoint")}};
+  FirstRow(u".docx").SubSignatures = {
+      {u"docx", CellsOf("word/_rels")}, {u"xlsx", CellsOf("xl/_rels")}, {u"pptx", CellsOf("ppt/slides/_rels")}};
+  // The mimetype entry of a document, then the signature of the next ZIP header.
+  constexpr std::string_view document = "mimetypeapplication/vnd.oasis.opendocument.";
+  const auto openDocument = [&](std::string_view kind, std::string_view next) {
+    return CellsOf(std::string(document).append(kind).append(next));
+  };
+  FirstRow(u".odp").SubSignatures = {{u"odp", openDocument("presentation", "PK\3\4")},
+                                     {u"ods", openDocument("spreadsheet", "PK")},
+                                     {u"odt", openDocument("text", "PK")},
+                                     {u"zip", {}}};
+
+  const auto publish = [this](TStringView extension, std::string_view header) {
+    TFileSignature signature = FirstRow(extension);
+    signature.Header = ParseHexSignature(header);
+    FPublishedHeaders.push_back(std::move(signature));
+  };
+  // "Standard Jet DB" at offset 4 (Library of Congress, fdd000462); the table's row has another
+  // spelling.
+  publish(u".mdb", "000100005374616E64617264204A6574204442");
+  // A RIFF file of form RMID with a data chunk (Microsoft, Multimedia Programming Interface and
+  // Data Specifications 1.0); the table's row begins with another letter.
+  publish(u".rmi", "52494646xxxxxxxx524D494464617461");
+}
+
+void TFileSignatures::SetFlags(std::string_view extensions, bool TFileSignature::*flag) {
+  ForEachExtension(extensions, [&](const TString& extension) {
+    for (TFileSignature& row : FSignatures) {
+      if (row.Ext == extension) row.*flag = true;
+    }
+  });
+}
+
+int TFileSignatures::FirstRowOf(TStringView extension) const {
+  const auto row = std::find_if(FSignatures.begin(), FSignatures.end(),
+                                [&](const TFileSignature& signature) { return signature.Ext == extension; });
+  return row == FSignatures.end() ? -1 : static_cast<int>(row - FSignatures.begin());
+}
+
+TFileSignature& TFileSignatures::FirstRow(TStringView extension) {
+  return FSignatures[static_cast<std::size_t>(FirstRowOf(extension))];
+}
+
+TString TFileSignatures::Description(TStringView extension) const {
+  const auto type = std::find_if(FMasterFileTypes.begin(), FMasterFileTypes.end(),
+                                 [&](const TMasterFileType& row) { return row.Ext == extension; });
+  return type == FMasterFileTypes.end() ? TString() : type->Caption.substr(0, type->Caption.rfind(u" ("));
+}
+
+TString TFileSignatures::GetFileExtBySignature(std::span<const std::uint8_t> buffer) const {
+  TString extension;
+  for (const TFileSignature& row : FSignatures) {
+    if (MatchesCells(row.Header, buffer)) extension = row.Ext;
+  }
+  for (const TFileSignature& row : FPublishedHeaders) {
+    if (extension.empty() && MatchesCells(row.Header, buffer)) extension = row.Ext;
+  }
+  return extension == u".jfi" ? u".jpg" : extension;
 }
 
 void TFileSignatures::CheckSignatureByFileExt(TStringView extension, std::span<const std::uint8_t> buffer,
@@ -128,11 +247,13 @@ void TFileSignatures::CheckSignatureByFileExt(TStringView extension, std::span<c
   found = same = false;
   if (buffer.empty() || start > buffer.size()) return;
   const auto bytes = buffer.subspan(start);
-  for (const TFileSignature& row : FSignatures) {
-    if (row.Ext != extension || bytes.size() < row.Header.size()) continue;
-    found = true;
-    same = Matches(row.Header, bytes);
-    if (same) return;
+  for (const auto* rows : {&FSignatures, &FPublishedHeaders}) {
+    for (const TFileSignature& row : *rows) {
+      if (row.Ext != extension || bytes.size() < row.Header.size()) continue;
+      found = true;
+      same = MatchesCells(row.Header, bytes);
+      if (same) return;
+    }
   }
 }
 

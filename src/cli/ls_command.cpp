@@ -133,9 +133,14 @@ class TListing final : public ITreeVisitor {
 };
 
 std::string VolumeTitle(const TLanguage& texts, const TDriveInfo& drive, int number) {
+  const std::string size = SizeText(SizeOf(drive));
+  if (drive.FileSystem == TFileSystem::fsUnknown) {
+    return texts.Utf8(TText::ListTitle,
+                      {std::to_string(number + 1), texts.Utf8(TText::RowDisk), Printable(ToUtf8(drive.Caption)), size});
+  }
   const std::string label =
       drive.VolumeName.empty() ? texts.Utf8(TText::NoLabel) : "\"" + Printable(ToUtf8(drive.VolumeName)) + "\"";
-  return texts.Utf8(TText::ListTitle, {std::to_string(number + 1), SystemName(drive), label, SizeText(SizeOf(drive))});
+  return texts.Utf8(TText::ListTitle, {std::to_string(number + 1), SystemName(drive), label, size});
 }
 
 }  // namespace

@@ -41,7 +41,10 @@ void AddFilterOptions(CLI::App& verb, TOptions& options) {
   verb.add_option("--type", options.Kinds, texts.Utf8(TText::HelpType))
       ->check(CLI::IsMember({"archive", "audio", "database", "document", "image", "video"}))
       ->type_name("KIND");
+  verb.add_option("--ext", options.Extensions, texts.Utf8(TText::HelpExtensions))->delimiter(',')->type_name("LIST");
   verb.add_option("--path", options.PathGlob, texts.Utf8(TText::HelpPath))->type_name("GLOB");
+  CLI::Option* deep = verb.add_flag("--deep", options.Deep, texts.Utf8(TText::HelpDeep));
+  verb.add_flag("--fast-off", options.FastOff, texts.Utf8(TText::HelpFastOff))->needs(deep);
   verb.add_option("--lost-folders", options.LostFolders, texts.Utf8(TText::HelpLostFolders))
       ->check(CLI::IsMember({"never", "auto", "always"}))
       ->type_name("WHEN")
@@ -150,6 +153,9 @@ int Run(int argc, char** argv) {
   AddFilterOptions(*recover, options);
   AddRecoverOptions(*recover, options);
 
+  CLI::App* types = addVerb("types", TText::HelpTypes, TText::HelpTypesExample);
+  types->add_flag("--json", options.Json, texts.Utf8(TText::HelpJson));
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -161,6 +167,7 @@ int Run(int argc, char** argv) {
   if (info->parsed()) return brenlow::cli::ShowInfo(options);
   if (ls->parsed()) return brenlow::cli::ListFiles(options);
   if (recover->parsed()) return brenlow::cli::RecoverFiles(options);
+  if (types->parsed()) return brenlow::cli::ListTypes(options);
   brenlow::cli::Complain(texts.Utf8(TText::UsageNoVerb));
   return brenlow::cli::WrongUsage;
 }

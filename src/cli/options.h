@@ -21,11 +21,14 @@ struct TOptions {
   bool Deleted = false;
   bool Existing = false;
   std::vector<std::string> Kinds;
+  std::vector<std::string> Extensions;
   std::string PathGlob;
   std::string Out;
   bool Json = false;
   bool Tree = false;
   bool ListStreams = false;
+  bool Deep = false;
+  bool FastOff = false;  ///< of `Deep` alone
   std::string LostFolders = "auto";
   int CodePage = 437;
   std::string Conflict = "rename";

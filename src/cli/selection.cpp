@@ -3,6 +3,9 @@
 
 #include <fnmatch.h>
 
+#include <algorithm>
+
+#include "analysis/file_kinds.h"
 #include "analysis/files.h"
 #include "core/engine.h"
 #include "core/text.h"
@@ -22,6 +25,15 @@ TSelection::TSelection(const TOptions& options) : FGlob(options.PathGlob) {
     if (kind == "image") FFilter.Image = true;
     if (kind == "video") FFilter.Video = true;
   }
+  for (const std::string& extension : options.Extensions) {
+    FExtensions.push_back(LowerCase(FromUtf8(extension.starts_with('.') ? extension.substr(1) : extension)));
+  }
+}
+
+bool TSelection::WantsType(TStringView name) const {
+  if (!PassesKindFilter(FFilter, name)) return false;
+  return FExtensions.empty() ||
+         std::find(FExtensions.begin(), FExtensions.end(), LowerCase(Extension(name))) != FExtensions.end();
 }
 
 namespace {
@@ -48,7 +60,8 @@ class TMatches final : public ITreeVisitor {
 
 bool TSelection::PassesFilter(TEngine& engine, int fileNumber, bool parentDeleted) const {
   const TFileInfo& info = engine.Files().List[static_cast<std::size_t>(fileNumber)].FileInfo;
-  if (info.blnFolder && (!FFilter.AllFiles || !FGlob.empty())) return false;
+  if (info.blnFolder && (!FFilter.AllFiles || !FGlob.empty() || !FExtensions.empty())) return false;
+  if (!info.blnFolder && !WantsType(info.strName)) return false;
   const bool deleted = parentDeleted || info.blnDeleted;
   if (info.blnFolder && !(deleted ? FFilter.Deleted : FFilter.Existing)) return false;
   return engine.Files().IsFiltered(fileNumber, parentDeleted, FFilter);

@@ -20,6 +20,8 @@ class TSelection {
  public:
   explicit TSelection(const TOptions& options);
   bool Wants(TEngine& engine, const TTreeEntry& entry) const;
+  /// Whether files with the extension of this name are wanted.
+  bool WantsType(TStringView name) const;
   const TFileFilter& Filter() const { return FFilter; }
   /// Lets a recovery of these drives take the same entries.
   void ApplyTo(TRecoveryMasterLink& link, TEngine& engine, const TIntegerDynArray& drives) const;
@@ -29,6 +31,7 @@ class TSelection {
   bool MatchesGlob(const std::string& path) const;
 
   std::string FGlob;
+  std::vector<TString> FExtensions;  // lower case, without a dot; empty for all
   TFileFilter FFilter;
 };
 

@@ -3,12 +3,15 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
 
 #include "analysis/analysis.h"
+#include "analysis/deep/all_fs.h"
 #include "analysis/files.h"
+#include "cli/selection.h"
 #include "core/sector_reader.h"
 #include "core/sizes.h"
 #include "core/text.h"
@@ -97,54 +100,101 @@ TIntegerDynArray ChooseDrives(TEngine& engine, const TOptions& options, bool& wr
     Complain(NoSuchDrive(options));
     return {};
   }
+  if (options.FastOff) return {};
   if (options.Drive != 0) return {options.Drive - 1};
   TIntegerDynArray chosen;
   for (int i = 0; i < static_cast<int>(drives.List.size()); ++i) {
     if (drives.CanBeAnalysed(i)) chosen.push_back(i);
   }
-  if (chosen.empty()) Complain(options.Texts.Utf8(TText::NothingRecognised, {options.Source()}));
+  if (chosen.empty() && !options.Deep) Complain(options.Texts.Utf8(TText::NothingRecognised, {options.Source()}));
   return chosen;
 }
+
+/// One scan after another, with the progress line on show.
+class TScans {
+ public:
+  TScans(TEngine& engine, const TOptions& options, TProgressLine& progress, TAnalysed& analysed)
+      : FEngine(engine), FOptions(options), FProgress(progress), FAnalysed(analysed) {
+    std::error_code error;
+    const bool isImage = std::filesystem::is_regular_file(options.Source(), error);
+    engine.OnMessage = [this, isImage](const TEngineMessage& message) {
+      // Rights play no part once an image file is open: it is just empty.
+      if (message.Id == TText::NothingFoundNoRights && isImage) return;
+      FProgress.Clear();
+      Complain(ToUtf8(message.Text));
+      FAnalysed.AllReadable = false;
+    };
+    engine.OnAnalyseProgress = [this](double position) { FPosition = position; };
+    engine.OnPump = [this] {
+      FProgress.Show(FPosition, static_cast<std::int64_t>(FEngine.Reader().BytesRead() - FReadBefore),
+                     FilesText(FEngine.Language(), FEngine.Files().FoundCount));
+    };
+  }
+  ~TScans() {
+    FProgress.Clear();
+    FEngine.OnMessage = nullptr;
+    FEngine.OnPump = nullptr;
+    FEngine.OnAnalyseProgress = nullptr;
+  }
+  TScans(const TScans&) = delete;
+  TScans& operator=(const TScans&) = delete;
+
+  /// The file system of a drive, or those of a disk's volumes.
+  void Fast(int number) {
+    Begin(TText::AnalysingDrive, number);
+    AnalyseDrive(FEngine, number);
+    if (!FEngine.Drives().IsPhysical(number)) {
+      FAnalysed.Drives.push_back(number);
+      return;
+    }
+    const TIntegerDynArray& subs = Drive(FEngine, number).SubDrives;
+    FAnalysed.Drives.insert(FAnalysed.Drives.end(), subs.begin(), subs.end());
+    if (subs.empty() && !FOptions.Deep) Complain(FOptions.Texts.Utf8(TText::DiskWithoutVolumes));
+  }
+
+  /// Every sector of a drive, by content.
+  void Deep(int number) {
+    Begin(TText::DeepAnalysingDrive, number);
+    const TSelection selection(FOptions);
+    FEngine.AllFS().OnCanFileBeAdded = [&](TStringView extension) { return selection.WantsType(extension); };
+    DeepAnalyseDrive(FEngine, number);
+    FEngine.AllFS().OnCanFileBeAdded = nullptr;
+    TIntegerDynArray& drives = FAnalysed.Drives;
+    if (std::find(drives.begin(), drives.end(), number) == drives.end()) drives.push_back(number);
+  }
+
+ private:
+  void Begin(TText title, int number) {
+    FPosition = 0;
+    FReadBefore = FEngine.Reader().BytesRead();
+    FProgress.Begin(FEngine.Language().Utf8(title, {Printable(ToUtf8(Drive(FEngine, number).Caption))}));
+  }
+
+  TEngine& FEngine;
+  const TOptions& FOptions;
+  TProgressLine& FProgress;
+  TAnalysed& FAnalysed;
+  double FPosition = 0;
+  std::uint64_t FReadBefore = 0;
+};
 
 }  // namespace
 
 TAnalysed Analyse(TEngine& engine, const TOptions& options, TProgressLine& progress) {
   TAnalysed analysed;
   const TIntegerDynArray chosen = ChooseDrives(engine, options, analysed.WrongDrive);
-  std::error_code error;
-  const bool isImage = std::filesystem::is_regular_file(options.Source(), error);
-  engine.OnMessage = [&, isImage](const TEngineMessage& message) {
-    // Rights play no part once an image file is open: it is just empty.
-    if (message.Id == TText::NothingFoundNoRights && isImage) return;
-    progress.Clear();
-    Complain(ToUtf8(message.Text));
-    analysed.AllReadable = false;
-  };
-  double position = 0;
-  std::uint64_t readBefore = 0;
-  engine.OnAnalyseProgress = [&](double p) { position = p; };
-  engine.OnPump = [&] {
-    progress.Show(position, static_cast<std::int64_t>(engine.Reader().BytesRead() - readBefore),
-                  FilesText(engine.Language(), engine.Files().FoundCount));
-  };
-  for (const int number : chosen) {
-    progress.Begin(engine.Language().Utf8(TText::AnalysingDrive, {Printable(ToUtf8(Drive(engine, number).Caption))}));
-    readBefore = engine.Reader().BytesRead();
-    AnalyseDrive(engine, number);
-    if (engine.Drives().IsPhysical(number)) {
-      const TIntegerDynArray& subs = Drive(engine, number).SubDrives;
-      analysed.Drives.insert(analysed.Drives.end(), subs.begin(), subs.end());
-      if (subs.empty()) Complain(options.Texts.Utf8(TText::DiskWithoutVolumes));
-    } else {
-      analysed.Drives.push_back(number);
+  if (analysed.WrongDrive) return analysed;
+  {
+    TScans scans(engine, options, progress, analysed);
+    for (const int number : chosen) {
+      scans.Fast(number);
+      if (TStopKey::Pressed()) break;
     }
-    if (TStopKey::Pressed()) break;
+    progress.Clear();
+    for (const int number : analysed.Drives) analysed.AllReadable &= IsReadable(engine, number);
+    // The first row is the source itself, whatever volumes it has.
+    if (options.Deep && !TStopKey::Pressed()) scans.Deep(std::max(options.Drive - 1, 0));
   }
-  progress.Clear();
-  for (const int number : analysed.Drives) analysed.AllReadable &= IsReadable(engine, number);
-  engine.OnMessage = nullptr;
-  engine.OnPump = nullptr;
-  engine.OnAnalyseProgress = nullptr;
   return analysed;
 }
 

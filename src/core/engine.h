@@ -12,6 +12,7 @@
 
 namespace brenlow {
 
+class TAllFS;
 class TDeviceTable;
 class TDrives;
 class TFAT;
@@ -93,6 +94,7 @@ class TEngine {
   TFiles& Files() { return *FFiles; }
   TFolders& Folders() { return *FFolders; }
   const TFileSignatures& Signatures() const { return *FSignatures; }
+  TAllFS& AllFS() { return *FAllFS; }
   TFAT& FAT() { return *FFAT; }
   TNTFS& NTFS() { return *FNTFS; }
 
@@ -111,6 +113,7 @@ class TEngine {
   std::unique_ptr<TFileSignatures> FSignatures;
   std::unique_ptr<TFiles> FFiles;
   std::unique_ptr<TFolders> FFolders;
+  std::unique_ptr<TAllFS> FAllFS;
   std::unique_ptr<TFAT> FFAT;
   std::unique_ptr<TNTFS> FNTFS;
 };

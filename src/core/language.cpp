@@ -51,6 +51,14 @@ const std::vector<TTextPlace>& TextPlaces() {
   return places;
 }
 
+const TString& TLanguage::At(std::string_view section, int number) const {
+  static const TString none;
+  const auto place = std::find_if(std::begin(Places), std::end(Places), [&](const TTextPlace& text) {
+    return text.Section == section && text.Number == number;
+  });
+  return place == std::end(Places) ? none : (*this)[place->Text];
+}
+
 const TLanguage& TLanguage::English() {
   static const TLanguage english = [] {
     TLanguage language;

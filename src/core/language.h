@@ -45,6 +45,8 @@ class TLanguage {
   void Read(const TIniFile& file);
 
   const TString& operator[](TText text) const { return FTexts[static_cast<std::size_t>(text)]; }
+  /// The text of a section and number; empty where there is none.
+  const TString& At(std::string_view section, int number) const;
   /// The text with each "%s" or "%d" replaced by the next argument, or "%2$s" by the second.
   TString Format(TText text, std::initializer_list<TStringView> arguments) const;
   /// The same in UTF-8.

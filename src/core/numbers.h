@@ -2,8 +2,10 @@
 // Bounded integer readers: the only way in which on-disk fields become numbers.
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <span>
 
 namespace brenlow {
@@ -44,6 +46,14 @@ constexpr std::uint16_t ReadBe16(std::span<const std::uint8_t> buffer, std::size
 }
 constexpr std::uint32_t ReadBe32(std::span<const std::uint8_t> buffer, std::size_t offset) {
   return static_cast<std::uint32_t>(ReadNumber(buffer, false, 4, offset));
+}
+
+/// The first eight bytes, unchecked, for inner loops.
+inline std::uint64_t LoadLe64(const std::uint8_t* bytes) {
+  static_assert(std::endian::native == std::endian::little);
+  std::uint64_t value = 0;
+  std::memcpy(&value, bytes, sizeof(value));
+  return value;
 }
 
 constexpr std::int64_t CeilDiv(std::int64_t value, std::int64_t divisor) {

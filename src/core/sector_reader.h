@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "core/drive_records.h"
@@ -42,7 +43,13 @@ class TSectorReader {
   std::uint32_t ReadDriveSectors(const TDriveInfo& drive, void* buffer, std::int64_t startingSector,
                                  std::int64_t sectorCount);
 
-  /// The same for a device by its key; bytes per sector below 1 count as 512.
+  /// Fills the whole buffer of whole sectors from the absolute sector `startingSector` on. What
+  /// cannot be read, and what lies beyond the end of the device, is zeros. Where a read fails, 4 KiB
+  /// at a time are tried; after `mostFailures` bad ones the rest is left out.
+  void ReadOrZero(const TDriveInfo& drive, std::span<std::uint8_t> buffer, std::int64_t startingSector,
+                  int mostFailures);
+
+  /// The same as `ReadDriveSectors` for a device by its key; bytes per sector below 1 count as 512.
   std::uint32_t ReadDeviceSectors(TStringView drive, void* buffer, int bytesPerSector, std::int64_t startingSector,
                                   std::int64_t sectorCount);
 

@@ -154,7 +154,8 @@ TEST_CASE("names: what a target refuses, recycle bins, types") {
   CHECK(bin(u"?ecycler"));
   CHECK(bin(u".Trash-1000"));
   CHECK_FALSE(bin(u"$RECYCLE.BIN", false));
-  CHECK(t.Files.GetType(u"a.b.jpg") == u"JPG file");
+  CHECK(t.Files.GetType(u"a.b.jpg") == u"JPEG Image");
+  CHECK(t.Files.GetType(u"a.xyz") == u"XYZ file");
   CHECK(t.Files.GetType(u"Makefile") == u"File");
 }
 

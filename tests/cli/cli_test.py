@@ -39,6 +39,11 @@ def digest(path):
     return hashlib.sha256(pathlib.Path(path).read_bytes()).hexdigest()
 
 
+def mbr(first, count):
+    """The first sector of a disk with one FAT32 partition."""
+    return (bytes(446) + bytes([0, 0, 0, 0, 0x0C, 0, 0, 0]) + first.to_bytes(4, "little") + count.to_bytes(4, "little")).ljust(510, b"\0") + b"\x55\xaa"
+
+
 class Program(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
@@ -91,6 +96,46 @@ class Program(unittest.TestCase):
         self.assertEqual(paths("--path", "*Überweisung*"), {"Documents/Überweisung Müller №7.txt"})
         self.assertNotIn("Lost and found", "".join(paths("--lost-folders", "never")))
 
+    def test_deep(self):
+        """Content without a file system, beside one, and outside of all volumes of a disk."""
+        def rows(source, *options):
+            r = run("ls", source, "--json", "--deep", *options)
+            self.assertEqual(r.returncode, 0, r.stderr)
+            return [row for row in map(json.loads, r.stdout.splitlines()) if not row["folder"]]
+        stick = self.stick.read_bytes()
+        start = stick.index(b"\x89PNG")
+        picture = stick[start:stick.index(b"IEND\xaeB`\x82", start) + 8]
+        photo = b"\xff\xd8\xff\xe0" + bytes(range(1, 200)) * 30 + b"\xff\xd9"
+        raw = self.target() / "raw.img"
+        raw.write_bytes(b"".join(part.ljust((len(part) // 4096 + 1) * 4096, b"\0") for part in (b"", photo, picture, photo)) + bytes(1 << 20))
+        r = run("ls", raw)
+        self.assertEqual(r.returncode, 1)
+        self.assertIn("--deep", r.stderr)
+        self.assertEqual([(row["name"], row["deep"], row["size"]) for row in rows(raw)],
+                         [("File 00001.jpg", True, len(photo)), ("File 00002.jpg", True, len(photo)), ("File 00001.png", True, len(picture))])
+        self.assertIn("raw.img", run("ls", raw, "--deep").stdout.splitlines()[0])
+        self.assertEqual([row["path"] for row in rows(raw, "--ext", "gif,PNG")], ["Deep analysis/Portable Network Graphic (.png)/File 00001.png"])
+        self.assertEqual(rows(raw, "--type", "audio"), [])
+        out = self.target()
+        r = run("recover", raw, "--deep", "--out", out)
+        self.assertEqual(r.returncode, 0, r.stdout + r.stderr)
+        self.assertEqual((out / "Deep analysis/Portable Network Graphic (.png)/File 00001.png").read_bytes(), picture)
+
+        both, deep = rows(self.stick), rows(self.stick, "--fast-off")
+        self.assertEqual({row["path"] for row in both if row["deep"]}, {row["path"] for row in deep})
+        self.assertEqual(len(both) - len(deep), len([row for row in both if not row["deep"]]))
+        self.assertIn("README.TXT", {row["path"] for row in both})
+
+        disk = self.target() / "disk.img"
+        disk.write_bytes(mbr(2048, len(stick) // 512) + bytes(2047 * 512) + stick + bytes(8192) + picture.ljust(1 << 20, b"\0"))
+        found = rows(disk)
+        self.assertIn("README.TXT", {row["path"] for row in found if row["drive"] == 2})
+        behind = [row for row in found if row["deep"] and row["first_cluster"] * 512 == 2048 * 512 + len(stick) + 8192]
+        self.assertEqual([(row["drive"], row["size"]) for row in behind], [(1, len(picture))])
+        self.assertEqual({row["drive"] for row in rows(disk, "--drive", "2")}, {2})
+        self.assertEqual(len(run("types", "--json").stdout.splitlines()), 41)
+        self.assertIn("JPEG Image", run("types").stdout)
+
     def test_json(self):
         rows = [json.loads(line) for line in run("ls", self.stick, "--json").stdout.splitlines()]
         row = next(r for r in rows if r["name"] == "letter 1.txt")
@@ -119,7 +164,7 @@ class Program(unittest.TestCase):
 
     def test_wrong_usage(self):
         for arguments in ([], ["fetch"], ["ls"], ["ls", self.stick, "--type", "song"], ["ls", self.stick, "--drive", "0"],
-                          ["recover", self.stick], ["ls", self.stick, "--frobnicate"], ["ls", self.stick, "--drive", "9"],
+                          ["recover", self.stick], ["ls", self.stick, "--frobnicate"], ["ls", self.stick, "--fast-off"], ["ls", self.stick, "--drive", "9"],
                           ["recover", self.stick, "--out", self.stick]):
             r = run(*arguments)
             self.assertEqual(r.returncode, 2, arguments)

@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "analysis/deep/header_index.h"
+
+#include <algorithm>
+
+#include "core/numbers.h"
+
+namespace brenlow {
+
+THeaderIndex::THeaderIndex(const std::vector<TFileSignature>& rows) : FRows(rows) {
+  for (std::uint32_t first = 0; first < 256; ++first) {
+    FBegin[first] = static_cast<std::uint32_t>(FProbes.size());
+    for (std::uint32_t row = 0; row < rows.size(); ++row) {
+      const TSignatureCells& header = rows[row].Header;
+      if (header.empty() || (header[0] >= 0 && header[0] != static_cast<std::int16_t>(first))) continue;
+      TProbe probe;
+      probe.Row = row;
+      for (std::size_t i = 0; i < std::min<std::size_t>(header.size(), 8); ++i) {
+        if (header[i] < 0) continue;
+        probe.Mask |= std::uint64_t{0xFF} << (8 * i);
+        probe.Value |= static_cast<std::uint64_t>(header[i]) << (8 * i);
+      }
+      FProbes.push_back(probe);
+    }
+  }
+  FBegin[256] = static_cast<std::uint32_t>(FProbes.size());
+}
+
+/// The first eight bytes, those that are missing as zeros: the whole header is compared after this.
+std::uint64_t THeaderIndex::Head(std::span<const std::uint8_t> bytes) {
+  std::uint8_t first[8] = {};
+  if (bytes.size() >= sizeof(first)) return LoadLe64(bytes.data());
+  std::copy(bytes.begin(), bytes.end(), first);
+  return LoadLe64(first);
+}
+
+}  // namespace brenlow
