@@ -170,7 +170,6 @@ void TDrives::AddPhysicalDrive(const TPhysicalDrive& disk, int& unnamed) {
 
 void TDrives::Clear() {
   List.clear();
-  VMwares.clear();
   FPhysicalDrives.clear();
   Current = -1;
   FUnallocatedCount = 0;

@@ -39,7 +39,6 @@ class TDrives {
 
   std::vector<TDriveInfo> List;
   int Current = -1;
-  std::vector<TVMwareInfo> VMwares;
   TPartRecInfo PartRecInfo;
 
   std::function<void(int)> OnAdded;

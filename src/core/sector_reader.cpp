@@ -71,20 +71,7 @@ std::uint32_t TSectorReader::ReadDeviceSectors(TStringView drive, void* buffer, 
   if (startingSector < 0 || startingSector > INT64_MAX / bytesPerSector - sectorCount) return 0;
   const std::size_t size = static_cast<std::size_t>(sectorCount) * static_cast<std::size_t>(bytesPerSector);
 
-  TRedirect redirect;
-  TStringView path = drive;
-  for (const TVMwareInfo& info : FEngine.Drives().VMwares) {
-    if (info.Drive != drive) continue;
-    redirect = RedirectVMware(info, drive, startingSector);
-    if (redirect.FillZero) {
-      std::memset(buffer, 0, size);
-      return 0;
-    }
-    path = redirect.Path;
-    startingSector = redirect.Sector;
-    break;
-  }
-  IDevice* device = FEngine.Devices().Get(path);
+  IDevice* device = FEngine.Devices().Get(drive);
   if (device == nullptr) return 0;
   const std::span<std::uint8_t> bytes(static_cast<std::uint8_t*>(buffer), size);
   return static_cast<std::uint32_t>(device->Read(startingSector * bytesPerSector, bytes));
@@ -95,31 +82,11 @@ std::int64_t TSectorReader::DeviceSectors(const TDriveInfo& drive) {
   return device == nullptr ? INT64_MAX : device->Size() / FEngine.Drives().GetBytesPerSector(drive);
 }
 
-TSectorReader::TRedirect TSectorReader::RedirectVMware(const TVMwareInfo& info, TStringView drive,
-                                                       std::int64_t sector) const {
-  TRedirect result{TString(drive), sector, false};
-  const auto file = std::find_if(info.Files.begin(), info.Files.end(), [&](const TVMwareFile& f) {
-    return sector >= f.StartingSector && sector < f.StartingSector + f.SectorsCount;
-  });
-  if (file == info.Files.end()) return result;
-  if (file->Grains.empty()) {
-    result.FillZero = true;
-    return result;
-  }
-  result.Path = file->strPath;
-  const std::int64_t relative = sector - file->StartingSector;
-  // The last grain that begins at or before the sector; the first one whatever its number.
-  const auto above = std::upper_bound(file->Grains.begin(), file->Grains.end(), relative,
-                                      [&](std::int64_t value, const TVMwareGrain& grain) {
-                                        return value < static_cast<std::int64_t>(info.GrainSize) * grain.Number;
-                                      });
-  const TVMwareGrain& best = above == file->Grains.begin() ? *above : *(above - 1);
-  if (best.Location == 0) {
-    result.FillZero = true;
-    return result;
-  }
-  result.Sector = relative - static_cast<std::int64_t>(info.GrainSize) * best.Number + best.Location;
-  return result;
+std::int64_t TSectorReader::NextDataSector(const TDriveInfo& drive, std::int64_t sector) {
+  const int sectorSize = FEngine.Drives().GetBytesPerSector(drive);
+  IDevice* device = FEngine.Devices().Get(drive.Drive);
+  if (device == nullptr || sector < 0 || sector > INT64_MAX / sectorSize) return sector;
+  return device->NextData(sector * sectorSize) / sectorSize;
 }
 
 }  // namespace brenlow

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <span>
-#include <vector>
 
 #include "core/drive_records.h"
 #include "core/types.h"
@@ -12,25 +11,6 @@
 namespace brenlow {
 
 class TEngine;
-
-/// One grain of a sparse virtual disk: grain number in the extent file and the sector where it
-/// lies there; location 0 means that it was never written.
-struct TVMwareGrain {
-  std::uint32_t Number = 0;
-  std::uint32_t Location = 0;
-};
-struct TVMwareFile {
-  std::int64_t StartingSector = 0;  ///< of the extent on the virtual disk
-  std::int64_t SectorsCount = 0;
-  std::vector<TVMwareGrain> Grains;  ///< ascending by number
-  TString strPath;
-};
-/// A virtual disk in several or sparse files; `Drive` is the key by which a read finds it.
-struct TVMwareInfo {
-  TString Drive;
-  int GrainSize = 128;  ///< sectors
-  std::vector<TVMwareFile> Files;
-};
 
 class TSectorReader {
  public:
@@ -53,6 +33,9 @@ class TSectorReader {
   std::uint32_t ReadDeviceSectors(TStringView drive, void* buffer, int bytesPerSector, std::int64_t startingSector,
                                   std::int64_t sectorCount);
 
+  /// First sector at or after `sector` of the drive's device that may hold anything but zeros.
+  std::int64_t NextDataSector(const TDriveInfo& drive, std::int64_t sector);
+
   /// Sectors of the device that the drive lies on; INT64_MAX when that is not known.
   std::int64_t DeviceSectors(const TDriveInfo& drive);
 
@@ -62,13 +45,6 @@ class TSectorReader {
   std::uint64_t BytesRead() const { return FBytesRead; }
 
  private:
-  struct TRedirect {
-    TString Path;
-    std::int64_t Sector = 0;
-    bool FillZero = false;
-  };
-  TRedirect RedirectVMware(const TVMwareInfo& info, TStringView drive, std::int64_t sector) const;
-
   TEngine& FEngine;
   const void* FLastFailedDrive = nullptr;  // identity of the record, never followed
   std::int64_t FLastFailedSector = 0;

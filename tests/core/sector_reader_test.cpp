@@ -111,24 +111,3 @@ TEST_CASE("drive keys: short texts are numbers and letters, long ones paths") {
   CHECK(DevicePath(u"\\\\.\\X:") == "\\\\.\\X:");
   CHECK(DevicePath(u"/a/b") == "/a/b");
 }
-
-TEST_CASE("reads of a split or sparse virtual disk go to the grain") {
-  TFixture t;
-  TVMwareInfo info;
-  info.Drive = u"/virtual.vmdk";
-  info.GrainSize = 8;
-  info.Files = {{0, 32, {{0, 16}, {2, 0}, {3, 40}}, u"/test.img"}, {32, 8, {}, u"/test.img"}};
-  t.Engine.Drives().VMwares.push_back(info);
-  t.Drive.Drive = info.Drive;
-  CHECK(t.Read(3) == 512);
-  CHECK(t.Buffer[0] == 19);
-  CHECK(t.Read(26) == 512);
-  CHECK(t.Buffer[0] == 42);
-  // An unallocated grain, and an extent without grains: zeros, and 0 as the count.
-  for (const std::int64_t sector : {17, 33}) {
-    t.Buffer.fill(0xEE);
-    CHECK(t.Read(sector) == 0);
-    CHECK(t.Buffer[511] == 0);
-    CHECK(t.Buffer[512] == 0xEE);
-  }
-}

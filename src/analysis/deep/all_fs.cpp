@@ -32,8 +32,8 @@ constexpr struct {
 } CompoundStreams[] = {
     {u"WordDocument", u".doc"}, {u"Workbook", u".xls"}, {u"Book", u".xls"}, {u"PowerPoint Document", u".ppt"}};
 
-bool IsZero(std::span<const std::uint8_t> bytes) {
-  return std::all_of(bytes.begin(), bytes.end(), [](std::uint8_t byte) { return byte == 0; });
+bool IsZeroTail(std::span<const std::uint8_t> bytes) {
+  return (LoadLe64(bytes.data()) | LoadLe64(bytes.data() + 8)) == 0;
 }
 
 bool EndsWith(std::span<const std::uint8_t> bytes, const TSignatureCells& cells) {
@@ -75,6 +75,8 @@ TAllFS::TSearches TAllFS::SearchesFor(const TFileSignatures& signatures, const T
   }
   if (prefix.size() >= TPatternSearch::ShortestPattern) searches.SubsPrefix.emplace(prefix);
   if (!row.Footer.empty()) searches.Footer.emplace(row.Footer);
+  searches.HalfFileMarkers = row.HalfFileMarkers;
+  searches.EndsAtZeroTail = row.EndsAtZeroTail;
   searches.EndsInZipRecord = row.Ext == u".odp" || row.Ext == u".ods" || row.Ext == u".odt";
   searches.IsCompound = row.Ext == u".doc";
   return searches;
@@ -117,12 +119,12 @@ void TAllFS::DeepAnalyseSystem(std::span<const std::uint8_t> buf, std::size_t iS
   const TBytes bytes = buf.subspan(iStart);
   const TBytes sectorBytes = bytes.first(sectorSize);
   CheckHeaders(bytes, sectorNumber);
-  ResolveSubSignature(sectorBytes);
-  CheckHalfFile(sectorBytes);
-  FindFooter(bytes, sectorNumber);
-  CheckZeroTail(sectorBytes, sectorNumber);
-  CheckZipEnd(bytes, sectorNumber);
-  DeepAnalyseInfo.LastByteIsNil = IsZero(sectorBytes.last(2));
+  if (IsOpen()) ResolveSubSignature(sectorBytes);
+  DeepAnalyseInfo.CheckedForHalfFile = IsOpen() && CheckHalfFile(sectorBytes);
+  if (IsOpen()) FindFooter(bytes, sectorNumber);
+  if (IsOpen()) CheckZeroTail(sectorBytes, sectorNumber);
+  if (IsOpen()) CheckZipEnd(bytes, sectorNumber);
+  DeepAnalyseInfo.LastByteIsNil = ReadLe16(sectorBytes, sectorSize - 2) == 0;
 }
 
 void TAllFS::CheckHeaders(TBytes bytes, std::int64_t sector) {
@@ -168,8 +170,8 @@ void TAllFS::AddIcon(int row, TBytes bytes, std::int64_t sector) {
 }
 
 void TAllFS::ResolveSubSignature(TBytes sectorBytes) {
-  if (!IsOpen()) return;
   const TSearches& searches = OpenSearches();
+  if (searches.Subs.empty()) return;
   const bool mayContain = !searches.SubsPrefix || searches.SubsPrefix->Contains(sectorBytes);
   for (std::size_t i = 0; mayContain && i < searches.Subs.size(); ++i) {
     if (!searches.Subs[i].Pattern.Contains(sectorBytes)) continue;
@@ -194,16 +196,15 @@ void TAllFS::CheckCompoundDirectory(TBytes sectorBytes) {
   }
 }
 
-void TAllFS::CheckHalfFile(TBytes sectorBytes) {
-  DeepAnalyseInfo.CheckedForHalfFile = false;
-  if (!IsOpen()) return;
-  const auto& markers = OpenRow().HalfFileMarkers;
-  DeepAnalyseInfo.CheckedForHalfFile = std::any_of(
-      markers.begin(), markers.end(), [&](const TSignatureCells& marker) { return EndsWith(sectorBytes, marker); });
+/// Whether the sector ends so that the file goes on.
+bool TAllFS::CheckHalfFile(TBytes sectorBytes) const {
+  const auto& markers = OpenSearches().HalfFileMarkers;
+  return std::any_of(markers.begin(), markers.end(),
+                     [&](const TSignatureCells& marker) { return EndsWith(sectorBytes, marker); });
 }
 
 void TAllFS::FindFooter(TBytes bytes, std::int64_t sector) {
-  if (!IsOpen() || !OpenSearches().Footer) return;
+  if (!OpenSearches().Footer) return;
   const TPatternSearch& footer = *OpenSearches().Footer;
   const std::size_t at = footer.FindLast(bytes, static_cast<std::size_t>(FBytesPerSector));
   if (at == TPatternSearch::NotFound) return;
@@ -211,7 +212,7 @@ void TAllFS::FindFooter(TBytes bytes, std::int64_t sector) {
 }
 
 void TAllFS::CheckZeroTail(TBytes sectorBytes, std::int64_t sector) {
-  if (!IsOpen() || !OpenRow().EndsAtZeroTail || !IsZero(sectorBytes.last(ZeroTailSize))) return;
+  if (!OpenSearches().EndsAtZeroTail || !IsZeroTail(sectorBytes.last(ZeroTailSize))) return;
   std::size_t used = sectorBytes.size() - ZeroTailSize;
   while (used > 0 && sectorBytes[used - 1] == 0) --used;
   DeepAnalyseInfo.aFileInfo.aSize = BytesBefore(sector) + static_cast<std::int64_t>(used);
@@ -219,7 +220,7 @@ void TAllFS::CheckZeroTail(TBytes sectorBytes, std::int64_t sector) {
 }
 
 void TAllFS::CheckZipEnd(TBytes bytes, std::int64_t sector) {
-  if (!IsOpen() || !OpenSearches().EndsInZipRecord) return;
+  if (!OpenSearches().EndsInZipRecord) return;
   // Like a footer, the signature may reach into the next sector.
   const std::size_t at = FZipEnd.FindLast(bytes, static_cast<std::size_t>(FBytesPerSector));
   if (at == TPatternSearch::NotFound) return;

@@ -57,7 +57,7 @@ class TAllFS {
 
  private:
   using TBytes = std::span<const std::uint8_t>;
-  /// What is looked for inside an open file of a row.
+  /// What is looked for inside an open file of a row, laid out for the scan.
   struct TSearches {
     struct TSub {
       TPatternSearch Pattern;
@@ -66,6 +66,8 @@ class TAllFS {
     std::vector<TSub> Subs;
     std::optional<TPatternSearch> SubsPrefix;  // what all patterns of `Subs` begin with
     std::optional<TPatternSearch> Footer;
+    std::vector<TSignatureCells> HalfFileMarkers;
+    bool EndsAtZeroTail = false;
     bool EndsInZipRecord = false;
     bool IsCompound = false;  // a compound document that must name its program
   };
@@ -82,7 +84,7 @@ class TAllFS {
   void AddIcon(int row, TBytes bytes, std::int64_t sector);
   void ResolveSubSignature(TBytes sectorBytes);
   void CheckCompoundDirectory(TBytes sectorBytes);
-  void CheckHalfFile(TBytes sectorBytes);
+  bool CheckHalfFile(TBytes sectorBytes) const;
   void FindFooter(TBytes bytes, std::int64_t sector);
   void CheckZeroTail(TBytes sectorBytes, std::int64_t sector);
   void CheckZipEnd(TBytes bytes, std::int64_t sector);

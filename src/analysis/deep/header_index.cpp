@@ -3,8 +3,6 @@
 
 #include <algorithm>
 
-#include "core/numbers.h"
-
 namespace brenlow {
 
 THeaderIndex::THeaderIndex(const std::vector<TFileSignature>& rows) : FRows(rows) {
@@ -24,14 +22,6 @@ THeaderIndex::THeaderIndex(const std::vector<TFileSignature>& rows) : FRows(rows
     }
   }
   FBegin[256] = static_cast<std::uint32_t>(FProbes.size());
-}
-
-/// The first eight bytes, those that are missing as zeros: the whole header is compared after this.
-std::uint64_t THeaderIndex::Head(std::span<const std::uint8_t> bytes) {
-  std::uint8_t first[8] = {};
-  if (bytes.size() >= sizeof(first)) return LoadLe64(bytes.data());
-  std::copy(bytes.begin(), bytes.end(), first);
-  return LoadLe64(first);
 }
 
 }  // namespace brenlow

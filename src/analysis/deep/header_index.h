@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "analysis/signatures.h"
+#include "core/numbers.h"
 
 namespace brenlow {
 
@@ -37,7 +38,10 @@ class THeaderIndex {
     std::uint64_t Value = 0;
     std::uint32_t Row = 0;
   };
-  static std::uint64_t Head(std::span<const std::uint8_t> bytes);
+  /// The first eight bytes, those that are missing as zeros: the whole header is compared after this.
+  static std::uint64_t Head(std::span<const std::uint8_t> bytes) {
+    return bytes.size() >= 8 ? LoadLe64(bytes.data()) : ReadNumber(bytes, true, bytes.size(), 0);
+  }
   std::span<const TProbe> Probes(std::uint8_t firstByte) const {
     return std::span(FProbes).subspan(FBegin[firstByte], FBegin[firstByte + 1U] - FBegin[firstByte]);
   }

@@ -22,6 +22,8 @@ class IDevice {
   virtual std::int64_t Size() const = 0;  ///< bytes
   /// Logical sector size in bytes; 0 when the source states none (an image file).
   virtual int SectorSize() const = 0;
+  /// First byte at or after `position` that may be anything but zero; `Size()` when none is.
+  virtual std::int64_t NextData(std::int64_t position) { return position; }
 };
 
 struct TOpenedDevice {

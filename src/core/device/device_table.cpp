@@ -3,6 +3,7 @@
 
 #include "core/device/device.h"
 #include "core/device/system_disks.h"
+#include "core/images/image_file.h"
 #include "core/text.h"
 
 namespace brenlow {
@@ -24,7 +25,7 @@ IDevice* TDeviceTable::Get(TStringView drive) {
   FHasFailed = false;
   auto found = FOpen.find(drive);
   if (found == FOpen.end()) {
-    TOpenedDevice opened = OpenDevice(DevicePath(drive));
+    TOpenedDevice opened = OpenSource(DevicePath(drive));
     if (!opened.Device) {
       FHasFailed = true;
       FFailedKey = drive;

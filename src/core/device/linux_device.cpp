@@ -36,6 +36,12 @@ class TLinuxDevice final : public IDevice {
   }
   std::int64_t Size() const override { return FSize; }
   int SectorSize() const override { return FSectorSize; }
+  std::int64_t NextData(std::int64_t position) override {
+    if (FSectorSize != 0 || position >= FSize) return position;
+    // Holes of sparse files; where the file system knows none, all of it is data.
+    const off64_t next = ::lseek64(FHandle, position, SEEK_DATA);
+    return next >= 0 ? next : errno == ENXIO ? FSize : position;
+  }
 
  private:
   int FHandle;
