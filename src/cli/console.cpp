@@ -10,6 +10,7 @@
 #include <cstdio>
 
 #include "cli/options.h"
+#include "core/drives.h"
 #include "core/engine.h"
 #include "core/language.h"
 #include "core/sizes.h"
@@ -29,6 +30,7 @@ extern "C" void HandleStop(int) {
   TEngine* engine = StopTarget;
   if (engine != nullptr && engine->Analysing.exchange(false)) return;
   if (engine != nullptr && engine->Recovering.exchange(false)) return;
+  if (engine != nullptr && engine->Drives().CanSave.exchange(false)) return;
   _exit(StoppedByUser);
 }
 

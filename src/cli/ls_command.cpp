@@ -148,7 +148,7 @@ std::string VolumeTitle(const TLanguage& texts, const TDriveInfo& drive, int num
 int ListFiles(const TOptions& options) {
   TEngine engine;
   ApplyOptions(engine, options);
-  if (MountSource(engine, options.Source()) < 0) return WrongUsage;
+  if (MountSource(engine, options.Source(), options.Map) < 0) return WrongUsage;
   const TStopKey stop(engine);
   TProgressLine progress(options.Texts);
   const TAnalysed analysed = Analyse(engine, options, progress);

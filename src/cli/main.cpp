@@ -34,6 +34,22 @@ void AddSourceOption(CLI::App& verb, TOptions& options) {
   verb.add_flag("--json", options.Json, texts.Utf8(TText::HelpJson));
 }
 
+void AddRangeOptions(CLI::App& verb, TOptions& options) {
+  const TLanguage& texts = options.Texts;
+  verb.add_option("--first", options.First, texts.Utf8(TText::HelpFirst))
+      ->check(CLI::NonNegativeNumber)
+      ->type_name("N");
+  verb.add_option("--count", options.Count, texts.Utf8(TText::HelpCount))->check(CLI::PositiveNumber)->type_name("N");
+}
+
+void AddImageOptions(CLI::App& verb, TOptions& options) {
+  const TLanguage& texts = options.Texts;
+  verb.add_option("--out", options.Out, texts.Utf8(TText::HelpImageOut))->required()->type_name("FILE");
+  CLI::Option* compressed = verb.add_flag("--compressed", options.Compressed, texts.Utf8(TText::HelpCompressed));
+  verb.add_option("--map", options.Map, texts.Utf8(TText::HelpMap))->type_name("FILE")->excludes(compressed);
+  verb.add_flag("--overwrite", options.Overwrite, texts.Utf8(TText::HelpOverwrite));
+}
+
 void AddFilterOptions(CLI::App& verb, TOptions& options) {
   const TLanguage& texts = options.Texts;
   verb.add_flag("--deleted", options.Deleted, texts.Utf8(TText::HelpDeleted));
@@ -153,6 +169,16 @@ int Run(int argc, char** argv) {
   AddFilterOptions(*recover, options);
   AddRecoverOptions(*recover, options);
 
+  CLI::App* image = addVerb("image", TText::HelpImage, TText::HelpImageExample);
+  AddSourceOption(*image, options);
+  AddRangeOptions(*image, options);
+  AddImageOptions(*image, options);
+
+  for (CLI::App* verb : {ls, recover}) {
+    AddRangeOptions(*verb, options);
+    verb->add_option("--map", options.Map, texts.Utf8(TText::HelpSourceMap))->type_name("FILE");
+  }
+
   CLI::App* types = addVerb("types", TText::HelpTypes, TText::HelpTypesExample);
   types->add_flag("--json", options.Json, texts.Utf8(TText::HelpJson));
 
@@ -167,6 +193,7 @@ int Run(int argc, char** argv) {
   if (info->parsed()) return brenlow::cli::ShowInfo(options);
   if (ls->parsed()) return brenlow::cli::ListFiles(options);
   if (recover->parsed()) return brenlow::cli::RecoverFiles(options);
+  if (image->parsed()) return brenlow::cli::CreateImage(options);
   if (types->parsed()) return brenlow::cli::ListTypes(options);
   brenlow::cli::Complain(texts.Utf8(TText::UsageNoVerb));
   return brenlow::cli::WrongUsage;

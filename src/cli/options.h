@@ -2,6 +2,7 @@
 // What the command line asks for, as plain values.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,11 @@ struct TOptions {
   std::string Streams = "none";
   std::string LongPaths = "auto";
   std::string Report;
+  std::int64_t First = -1;  ///< sectors of the drive; -1 when not given
+  std::int64_t Count = -1;
+  std::string Map;
+  bool Compressed = false;
+  bool Overwrite = false;
   TLanguage Texts = TLanguage::English();
 
   const std::string& Source() const { return Sources.front(); }

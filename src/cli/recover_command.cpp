@@ -10,7 +10,6 @@
 #include "cli/file_fields.h"
 #include "cli/selection.h"
 #include "cli/session.h"
-#include "core/device/system_disks.h"
 #include "core/sizes.h"
 #include "core/text.h"
 #include "recovery/master_link.h"
@@ -174,17 +173,6 @@ void PrintSummary(const TRecoverySummary& summary, std::int64_t wanted, const TO
   if (stopped) line(texts.Utf8(TText::SumStopped));
 }
 
-/// Whether writing to the path would write to the source.
-bool WouldWriteToSource(const std::string& path, const TOptions& options) {
-  std::error_code error;
-  std::filesystem::path existing = std::filesystem::absolute(path, error);
-  while (!existing.empty() && !std::filesystem::exists(existing, error) && existing != existing.root_path()) {
-    existing = existing.parent_path();
-  }
-  return LiesOnSource(existing.string(), options.Source()) ||
-         std::filesystem::equivalent(existing, options.Source(), error);
-}
-
 /// Refuses targets that would destroy what is to be recovered. 0 when the target will do.
 int CheckTarget(const TOptions& options) {
   std::error_code error;
@@ -224,7 +212,7 @@ int ComplainOf(const TOptions& options, const std::string& path, int error) {
 int RecoverFiles(const TOptions& options) {
   TEngine engine;
   ApplyOptions(engine, options);
-  if (MountSource(engine, options.Source()) < 0) return WrongUsage;
+  if (MountSource(engine, options.Source(), options.Map) < 0) return WrongUsage;
   if (const int status = CheckTarget(options); status != 0) return status;
   const TStopKey stop(engine);
   TProgressLine progress(options.Texts);

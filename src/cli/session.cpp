@@ -12,6 +12,9 @@
 #include "analysis/deep/all_fs.h"
 #include "analysis/files.h"
 #include "cli/selection.h"
+#include "core/device/system_disks.h"
+#include "core/images/image_file.h"
+#include "core/images/rescue_map.h"
 #include "core/sector_reader.h"
 #include "core/sizes.h"
 #include "core/text.h"
@@ -40,11 +43,26 @@ std::string MountComplaint(const TLanguage& texts, const std::string& source, co
       return texts.Utf8(TText::SourceIsFolder, {source});
     case ENOTBLK:
       return texts.Utf8(TText::SourceIsNeither, {source});
+    case EOPNOTSUPP:
+      return texts.Utf8(TText::SourceUnsupported, {source});
     case ENOMEDIUM:
       return texts.Utf8(TText::SourceNoMedium, {source});
     default:
       return texts.Utf8(TText::ErrorOf, {source, SystemErrorText(texts, failure.SystemError)});
   }
+}
+
+/// Puts the source with its map in place of the source alone.
+bool InsertWithMap(TEngine& engine, const std::string& source, const std::string& map) {
+  TRescueMap ranges(0);
+  TOpenedDevice opened = OpenSource(source);
+  if (!opened.Device) return true;  // mounting tells why
+  if (TRescueMap::Load(map, ranges) != 0 || ranges.Size() != opened.Device->Size()) {
+    Complain(engine.Language().Utf8(TText::ImageMapWrong, {map}));
+    return false;
+  }
+  engine.Devices().Insert(SourceKey(source), WithRescueMap(std::move(opened.Device), std::move(ranges)));
+  return true;
 }
 
 /// Tells of volumes whose file system could not be read after all.
@@ -58,10 +76,38 @@ bool IsReadable(TEngine& engine, int number) {
 
 }  // namespace
 
+bool WouldWriteToSource(const std::string& path, const TOptions& options) {
+  std::error_code error;
+  std::filesystem::path existing = std::filesystem::absolute(path, error);
+  while (!existing.empty() && !std::filesystem::exists(existing, error) && existing != existing.root_path()) {
+    existing = existing.parent_path();
+  }
+  return LiesOnSource(existing.string(), options.Source()) ||
+         std::filesystem::equivalent(existing, options.Source(), error);
+}
+
+int ChosenDrive(TEngine& engine, const TOptions& options) {
+  const int number = std::max(options.Drive - 1, 0);
+  if (engine.Drives().IsWrongNumber(number)) {
+    Complain(NoSuchDrive(options));
+    return -1;
+  }
+  if (options.First < 0 && options.Count < 0) return number;
+  const TDriveInfo& drive = Drive(engine, number);
+  const std::int64_t first = std::max<std::int64_t>(options.First, 0);
+  const std::int64_t count = options.Count < 0 ? drive.SectorsCount - first : options.Count;
+  if (first >= drive.SectorsCount || count <= 0 || count > drive.SectorsCount - first) {
+    Complain(options.Texts.Utf8(TText::ImageRange, {std::to_string(drive.SectorsCount)}));
+    return -1;
+  }
+  return engine.Drives().CreateVirtual(number, drive.FirstSector + first, count);
+}
+
 void Complain(const std::string& text) { std::fprintf(stderr, "brenlow-cli: %s\n", text.c_str()); }
 
-int MountSource(TEngine& engine, const std::string& source) {
+int MountSource(TEngine& engine, const std::string& source, const std::string& map) {
   TMountFailure failure;
+  if (!map.empty() && !InsertWithMap(engine, source, map)) return -1;
   const int number = engine.Drives().Mount(SourceKey(source), false, &failure);
   if (number < 0) Complain(MountComplaint(engine.Language(), source, failure));
   return number;
@@ -92,16 +138,14 @@ std::int64_t SizeOf(const TDriveInfo& drive) { return drive.SectorsCount * std::
 
 namespace {
 
-/// The drives to analyse; empty, with a complaint, when there are none.
-TIntegerDynArray ChooseDrives(TEngine& engine, const TOptions& options, bool& wrongDrive) {
+/// The drives whose file systems are to be analysed; empty, with a complaint, when there are none.
+/// `deepDrive` is the one for the deep analysis, -1 when the options name none that exists.
+TIntegerDynArray ChooseDrives(TEngine& engine, const TOptions& options, int& deepDrive) {
   TDrives& drives = engine.Drives();
-  wrongDrive = options.Drive != 0 && drives.IsWrongNumber(options.Drive - 1);
-  if (wrongDrive) {
-    Complain(NoSuchDrive(options));
-    return {};
-  }
-  if (options.FastOff) return {};
-  if (options.Drive != 0) return {options.Drive - 1};
+  const bool oneOnly = options.Drive != 0 || options.First >= 0 || options.Count >= 0;
+  deepDrive = ChosenDrive(engine, options);
+  if (deepDrive < 0 || options.FastOff) return {};
+  if (oneOnly) return {deepDrive};
   TIntegerDynArray chosen;
   for (int i = 0; i < static_cast<int>(drives.List.size()); ++i) {
     if (drives.CanBeAnalysed(i)) chosen.push_back(i);
@@ -182,7 +226,9 @@ class TScans {
 
 TAnalysed Analyse(TEngine& engine, const TOptions& options, TProgressLine& progress) {
   TAnalysed analysed;
-  const TIntegerDynArray chosen = ChooseDrives(engine, options, analysed.WrongDrive);
+  int deepDrive = -1;
+  const TIntegerDynArray chosen = ChooseDrives(engine, options, deepDrive);
+  analysed.WrongDrive = deepDrive < 0;
   if (analysed.WrongDrive) return analysed;
   {
     TScans scans(engine, options, progress, analysed);
@@ -192,8 +238,7 @@ TAnalysed Analyse(TEngine& engine, const TOptions& options, TProgressLine& progr
     }
     progress.Clear();
     for (const int number : analysed.Drives) analysed.AllReadable &= IsReadable(engine, number);
-    // The first row is the source itself, whatever volumes it has.
-    if (options.Deep && !TStopKey::Pressed()) scans.Deep(std::max(options.Drive - 1, 0));
+    if (options.Deep && !TStopKey::Pressed()) scans.Deep(deepDrive);
   }
   return analysed;
 }

@@ -31,6 +31,7 @@ enum class TCaptionKind : std::uint8_t {
   TableVolume,       ///< label, or "Volume", and the size
   UnallocatedSpace,  ///< "Unallocated space" and the number
   PhysicalDrive,     ///< "Physical drive", the number and the size
+  VirtualPartition,  ///< "Virtual partition" and the number
   SubDrive,          ///< label, or "Partition" and the number, and the size
 };
 

@@ -280,6 +280,9 @@ void TDrives::UpdateCaption(TDriveInfo& drive) const {
     case TCaptionKind::PhysicalDrive:
       drive.Caption = language.Format(TText::PhysicalDrive, {number}) + size;
       break;
+    case TCaptionKind::VirtualPartition:
+      drive.Caption = language.Format(TText::VirtualPartition, {number});
+      break;
     case TCaptionKind::SubDrive:
       drive.Caption = nameOr(language.Format(TText::Partition, {number})) + size;
       break;

@@ -2,6 +2,7 @@
 // The registry of everything that reads as sectors: disks, volumes, images, found partitions.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <span>
@@ -15,6 +16,8 @@ namespace brenlow {
 
 class TEngine;
 struct TFile;
+struct TImageResult;
+class TImageWriter;
 
 /// Working record of the partition search.
 struct TPartRecInfo {
@@ -114,6 +117,18 @@ class TDrives {
   bool IsPartition(std::span<const std::uint8_t> buffer, std::size_t start, bool addSuperblockOffset,
                    TFileSystem& fileSystem, int bytesPerSector) const;
 
+  // ---- images ----
+  std::atomic<bool> CanSave{false};  ///< `Save` is running; clearing it stops it
+  std::function<void(double)> OnProgressChanged;
+  /// Copies sectors of a drive into an image file, whose name gets the extension ".dsk". `mapFile`
+  /// (raw images only, may be empty) keeps what was read, see `TImageWriter`.
+  TImageResult Save(int number, std::int64_t firstSector, std::int64_t sectorsCount, const std::string& fileName,
+                    bool compressed, const std::string& mapFile = "");
+  /// Sectors that the running `Save` could not read up to now.
+  std::int64_t UnreadableSectors() const;
+  /// A new drive over a range of another one (sectors counted on its device); -1 for a wrong number.
+  int CreateVirtual(int number, std::int64_t firstSector, std::int64_t sectorsCount);
+
   // ---- parent index ----
   static void AddParentCluster(TDriveInfo& drive, std::int64_t number, std::uint32_t fileIndex, bool isFolder);
   static void DeleteParentCluster(TDriveInfo& drive, std::int64_t number, std::uint32_t fileIndex);
@@ -153,6 +168,8 @@ class TDrives {
   TEngine& FEngine;
   TPhysicalDrives FPhysicalDrives;
   int FUnallocatedCount = 0;
+  int VirtualPartitionsCount = 0;
+  const TImageWriter* FWriter = nullptr;  // while `Save` runs
 };
 
 }  // namespace brenlow

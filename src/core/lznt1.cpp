@@ -3,13 +3,18 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstring>
+
+#include "core/numbers.h"
 
 namespace brenlow {
 namespace {
 
 constexpr std::size_t ChunkSize = 4096;
 constexpr std::size_t ShortestMatch = 3;
+constexpr std::size_t MissesPerStep = 48;
+constexpr std::size_t LongestStep = 7;  // positions left out
 constexpr unsigned StoredHeader = 0x3000;
 constexpr unsigned CompressedHeader = 0xB000;
 
@@ -78,73 +83,110 @@ std::size_t DecompressChunk(std::span<const std::uint8_t> body, std::uint8_t* ch
 /// Finds matches within one chunk through chains of equal three-byte hashes.
 class TMatcher {
  public:
-  explicit TMatcher(std::span<const std::uint8_t> chunk) : FChunk(chunk) { FHeads.fill(None); }
+  /// Eight bytes behind the chunk must be readable.
+  TMatcher(const std::uint8_t* chunk, std::size_t size) : FChunk(chunk), FSize(size) { FHeads.fill(None); }
 
   /// Makes a position known to later ones.
-  void Enter(std::size_t position) {
-    if (position + ShortestMatch > FChunk.size()) return;
-    std::uint16_t& head = FHeads[Hash(position)];
-    FPrevious[position] = head;
-    head = static_cast<std::uint16_t>(position);
+  void Enter(std::size_t position) { Enter(position, Hash(position)); }
+  /// The same; the result is the length of the longest match there, 0 when there is none.
+  std::size_t FindAndEnter(std::size_t position, std::size_t& distance) {
+    const std::size_t hash = Hash(position);
+    const std::size_t length = Find(position, hash, distance);
+    Enter(position, hash);
+    return length;
   }
-  /// Length of the longest match at a position that is not entered yet, 0 when there is none.
   std::size_t Find(std::size_t position, std::size_t& distance) const {
-    if (position + ShortestMatch > FChunk.size()) return 0;
+    return Find(position, Hash(position), distance);
+  }
+
+ private:
+  static constexpr std::uint16_t None = 0xFFFF;
+  static constexpr int MostTries = 16;  // more gains less than 1% on text
+  static constexpr std::uint32_t ThreeBytes = 0xFFFFFF;
+
+  std::uint32_t Word(std::size_t position) const {
+    std::uint32_t word = 0;
+    std::memcpy(&word, FChunk + position, sizeof(word));
+    return word;
+  }
+  std::size_t Hash(std::size_t position) const { return ((Word(position) & ThreeBytes) * 0x9E3779B1U) >> 20; }
+  void Enter(std::size_t position, std::size_t hash) {
+    if (position + ShortestMatch > FSize) return;
+    FPrevious[position] = FHeads[hash];
+    FHeads[hash] = static_cast<std::uint16_t>(position);
+  }
+  std::size_t Find(std::size_t position, std::size_t hash, std::size_t& distance) const {
+    std::uint16_t at = FHeads[hash];
+    if (at == None || position + ShortestMatch > FSize) return 0;
+    const std::uint32_t wanted = Word(position) & ThreeBytes;
     const std::size_t coded = (std::size_t{1} << (16U - DisplacementBits[position])) - 1 + ShortestMatch;
-    const std::size_t longest = std::min(coded, FChunk.size() - position);
+    const std::size_t longest = std::min(coded, FSize - position);
     std::size_t best = ShortestMatch - 1;
-    std::uint16_t at = FHeads[Hash(position)];
     for (int tries = 0; at != None && tries < MostTries && best < longest; ++tries, at = FPrevious[at]) {
-      if (FChunk[at + best] != FChunk[position + best]) continue;
-      std::size_t length = 0;
-      while (length < longest && FChunk[at + length] == FChunk[position + length]) ++length;
+      if (FChunk[at + best] != FChunk[position + best] || (Word(at) & ThreeBytes) != wanted) continue;
+      const std::size_t length = CommonLength(at, position, longest);
       if (length <= best) continue;
       best = length;
       distance = position - at;
     }
     return best >= ShortestMatch ? best : 0;
   }
-
- private:
-  static constexpr std::uint16_t None = 0xFFFF;
-  static constexpr int MostTries = 32;  // more gains less than 1% on text
-  std::size_t Hash(std::size_t position) const {
-    const std::uint32_t bytes = FChunk[position] | (static_cast<std::uint32_t>(FChunk[position + 1]) << 8) |
-                                (static_cast<std::uint32_t>(FChunk[position + 2]) << 16);
-    return (bytes * 0x9E3779B1U) >> 20;
+  std::size_t CommonLength(std::size_t first, std::size_t second, std::size_t longest) const {
+    std::size_t length = 0;
+    while (length < longest) {
+      const std::uint64_t different = LoadLe64(FChunk + first + length) ^ LoadLe64(FChunk + second + length);
+      if (different != 0) return std::min(length + static_cast<std::size_t>(std::countr_zero(different)) / 8, longest);
+      length += 8;
+    }
+    return longest;
   }
 
-  std::span<const std::uint8_t> FChunk;
+  const std::uint8_t* FChunk;
+  std::size_t FSize;
   std::array<std::uint16_t, 4096> FHeads;
   std::array<std::uint16_t, ChunkSize> FPrevious;
 };
 
-/// Appends the compressed body of a chunk. False when it would not be shorter than the chunk.
-bool CompressChunk(std::span<const std::uint8_t> chunk, TByteDynArray& output) {
-  const std::size_t start = output.size();
-  TMatcher matcher(chunk);
+/// Compresses a chunk into `body`, which has room for two bytes more than it. The result is the
+/// length, 0 when the body would not be shorter than the chunk.
+std::size_t CompressChunk(std::span<const std::uint8_t> input, std::uint8_t* body) {
+  std::array<std::uint8_t, ChunkSize + 8> chunk;
+  std::copy(input.begin(), input.end(), chunk.begin());
+  std::fill_n(chunk.begin() + static_cast<std::ptrdiff_t>(input.size()), 8, std::uint8_t{0});
+  const std::size_t size = input.size();
+  TMatcher matcher(chunk.data(), size);
   std::size_t flagsAt = 0;
-  int item = 8;
+  std::size_t end = 0;
+  unsigned item = 8;
   std::size_t position = 0;
   std::size_t distance = 0;
   std::size_t length = 0;
+  std::size_t misses = 0;
+  std::size_t nextLook = 0;
   bool known = false;  // `length` was found already, for this position
-  while (position < chunk.size()) {
-    if (output.size() - start + 3 > chunk.size()) return false;
+  while (position < size) {
+    if (end + 3 > size) return 0;
     if (item == 8) {
-      flagsAt = output.size();
-      output.push_back(0);
+      flagsAt = end++;
+      body[flagsAt] = 0;
       item = 0;
     }
-    if (!known) length = matcher.Find(position, distance);
+    if (known || position < nextLook) {
+      matcher.Enter(position);
+      if (!known) length = 0;
+    } else {
+      length = matcher.FindAndEnter(position, distance);
+      // Where nothing repeats, fewer and fewer positions are looked at.
+      misses = length > 0 ? 0 : misses + 1;
+      nextLook = position + 1 + std::min(misses / MissesPerStep, LongestStep);
+    }
     known = false;
-    matcher.Enter(position);
     if (length > 0 && length < 64) {
       // A literal is worth it when a longer match follows.
       std::size_t nextDistance = 0;
       const std::size_t next = matcher.Find(position + 1, nextDistance);
       if (next > length) {
-        output.push_back(chunk[position++]);
+        body[end++] = chunk[position++];
         ++item;
         length = next;
         distance = nextDistance;
@@ -153,19 +195,20 @@ bool CompressChunk(std::span<const std::uint8_t> chunk, TByteDynArray& output) {
       }
     }
     if (length == 0) {
-      output.push_back(chunk[position++]);
+      body[end++] = chunk[position++];
     } else {
+      nextLook = 0;
       const unsigned lengthBits = 16U - DisplacementBits[position];
       const auto word = static_cast<unsigned>(((distance - 1) << lengthBits) | (length - ShortestMatch));
-      output.push_back(static_cast<std::uint8_t>(word));
-      output.push_back(static_cast<std::uint8_t>(word >> 8));
-      output[flagsAt] = static_cast<std::uint8_t>(output[flagsAt] | (1U << item));
+      body[end++] = static_cast<std::uint8_t>(word);
+      body[end++] = static_cast<std::uint8_t>(word >> 8);
+      body[flagsAt] = static_cast<std::uint8_t>(body[flagsAt] | (1U << item));
       for (std::size_t i = 1; i < length; ++i) matcher.Enter(position + i);
       position += length;
     }
     ++item;
   }
-  return output.size() - start < chunk.size();
+  return end < size ? end : 0;
 }
 
 void PutHeader(TByteDynArray& output, std::size_t at, unsigned kind, std::size_t bodySize) {
@@ -203,15 +246,13 @@ bool CompressLZNT1(std::span<const std::uint8_t> input, TByteDynArray& output, s
   while (!input.empty()) {
     const auto chunk = input.first(std::min(input.size(), ChunkSize));
     input = input.subspan(chunk.size());
+    std::array<std::uint8_t, ChunkSize + 2> body;
+    const std::size_t size = CompressChunk(chunk, body.data());
+    const auto stored = size > 0 ? std::span<const std::uint8_t>(body).first(size) : chunk;
     const std::size_t headerAt = output.size();
     output.resize(headerAt + 2);
-    if (CompressChunk(chunk, output)) {
-      PutHeader(output, headerAt, CompressedHeader, output.size() - headerAt - 2);
-    } else {
-      output.resize(headerAt + 2);
-      output.insert(output.end(), chunk.begin(), chunk.end());
-      PutHeader(output, headerAt, StoredHeader, chunk.size());
-    }
+    PutHeader(output, headerAt, size > 0 ? CompressedHeader : StoredHeader, stored.size());
+    output.insert(output.end(), stored.begin(), stored.end());
     if (output.size() > capacity) return false;
   }
   return true;

@@ -37,31 +37,36 @@ std::uint32_t TSectorReader::ReadDriveSectors(const TDriveInfo& drive, void* buf
   return got;
 }
 
-void TSectorReader::ReadOrZero(const TDriveInfo& drive, std::span<std::uint8_t> buffer, std::int64_t startingSector,
-                               int mostFailures) {
+std::int64_t TSectorReader::ReadOrZero(const TDriveInfo& drive, std::span<std::uint8_t> buffer,
+                                       std::int64_t startingSector, int mostFailures) {
   const std::int64_t sectorSize = FEngine.Drives().GetBytesPerSector(drive);
   const std::int64_t total = static_cast<std::int64_t>(buffer.size()) / sectorSize;
   const std::int64_t readable = std::clamp<std::int64_t>(DeviceSectors(drive) - startingSector, 0, total);
   const std::int64_t pieceSize = std::max<std::int64_t>(PieceBytes / sectorSize, 1);
-  std::fill(buffer.begin() + readable * sectorSize, buffer.end(), std::uint8_t{0});
+  const auto zero = [&](std::int64_t from, std::int64_t until) {
+    std::fill(buffer.begin() + from * sectorSize, buffer.begin() + until * sectorSize, std::uint8_t{0});
+  };
   const auto read = [&](std::int64_t from, std::int64_t count) -> std::int64_t {
     if (count == 0) return 0;
     return ReadDriveSectors(drive, buffer.data() + from * sectorSize, startingSector + from, count) / sectorSize;
   };
+  std::fill(buffer.begin() + readable * sectorSize, buffer.end(), std::uint8_t{0});
+  std::int64_t unreadable = 0;
   int failures = 0;
   for (std::int64_t done = read(0, readable); done < readable;) {
     // Piece by piece up to the bad place, and behind it all of the rest at once.
-    const std::int64_t piece = std::min(pieceSize, readable - done);
-    const bool good = read(done, piece) == piece;
-    if (!good) std::memset(buffer.data() + done * sectorSize, 0, static_cast<std::size_t>(piece * sectorSize));
-    done += piece;
-    if (good) continue;
-    if (++failures == mostFailures) {
-      std::fill(buffer.begin() + done * sectorSize, buffer.begin() + readable * sectorSize, std::uint8_t{0});
-      return;
+    const std::int64_t end = std::min(done + pieceSize, readable);
+    if (read(done, end - done) == end - done) {
+      done = end;
+      continue;
     }
-    done += read(done, readable - done);
+    const bool givesUp = ++failures == mostFailures;
+    const std::int64_t lost = givesUp ? readable : end;
+    zero(done, lost);
+    unreadable += lost - done;
+    done = lost + read(lost, readable - lost);
   }
+  return unreadable;
 }
 
 std::uint32_t TSectorReader::ReadDeviceSectors(TStringView drive, void* buffer, int bytesPerSector,

@@ -25,9 +25,10 @@ class TSectorReader {
 
   /// Fills the whole buffer of whole sectors from the absolute sector `startingSector` on. What
   /// cannot be read, and what lies beyond the end of the device, is zeros. Where a read fails, 4 KiB
-  /// at a time are tried; after `mostFailures` bad ones the rest is left out.
-  void ReadOrZero(const TDriveInfo& drive, std::span<std::uint8_t> buffer, std::int64_t startingSector,
-                  int mostFailures);
+  /// at a time are tried; after `mostFailures` bad ones the rest is left out. The result is how
+  /// many sectors of the device could not be read or were left out.
+  std::int64_t ReadOrZero(const TDriveInfo& drive, std::span<std::uint8_t> buffer, std::int64_t startingSector,
+                          int mostFailures);
 
   /// The same as `ReadDriveSectors` for a device by its key; bytes per sector below 1 count as 512.
   std::uint32_t ReadDeviceSectors(TStringView drive, void* buffer, int bytesPerSector, std::int64_t startingSector,

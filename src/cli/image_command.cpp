@@ -1,0 +1,83 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The verb `image`.
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+
+#include "cli/commands.h"
+#include "cli/session.h"
+#include "core/images/image_writer.h"
+#include "core/sizes.h"
+
+namespace brenlow::cli {
+namespace {
+
+std::string UnreadableText(const TLanguage& texts, std::int64_t count) {
+  return texts.Utf8(count == 1 ? TText::UnreadableSectorsOne : TText::UnreadableSectorsMany, {std::to_string(count)});
+}
+
+/// Refuses targets that would destroy something. 0 when the target will do.
+int CheckTarget(const TOptions& options) {
+  std::error_code error;
+  const std::string name = std::filesystem::path(options.Out).replace_extension(".dsk").string();
+  const bool resumes = !options.Map.empty() && std::filesystem::exists(options.Map, error);
+  if (WouldWriteToSource(options.Out, options) || WouldWriteToSource(name, options) ||
+      (!options.Map.empty() && WouldWriteToSource(options.Map, options))) {
+    Complain(options.Texts.Utf8(TText::TargetOnSource, {options.Out}));
+  } else if (std::filesystem::exists(name, error) && !options.Overwrite && !resumes) {
+    Complain(options.Texts.Utf8(TText::ImageExists, {name}));
+  } else {
+    return 0;
+  }
+  return WrongUsage;
+}
+
+int Summarise(const TOptions& options, const TImageResult& result, std::int64_t size, double seconds) {
+  const TLanguage& texts = options.Texts;
+  if (result.SystemError == EINVAL) {
+    Complain(texts.Utf8(TText::ImageMapWrong, {options.Map}));
+    return WrongUsage;
+  }
+  if (result.SystemError != 0) {
+    Complain(texts.Utf8(TText::ErrorOf, {result.Path, SystemErrorText(texts, result.SystemError)}));
+    return DoneWithFailures;
+  }
+  const std::string unreadable = UnreadableText(texts, result.UnreadableSectors);
+  if (result.Stopped) {
+    Complain(texts.Utf8(TText::ImageStopped, {result.Path}));
+    return StoppedByUser;
+  }
+  std::printf("%s\n", texts.Utf8(TText::ImageDone, {result.Path, SizeText(size), DurationText(seconds)}).c_str());
+  if (result.UnreadableSectors == 0) return AllDone;
+  std::printf("%s\n", texts.Utf8(TText::ImageUnreadable, {unreadable}).c_str());
+  return DoneWithFailures;
+}
+
+}  // namespace
+
+int CreateImage(const TOptions& options) {
+  TEngine engine;
+  ApplyOptions(engine, options);
+  const int source = MountSource(engine, options.Source());
+  if (source < 0) return WrongUsage;
+  if (const int status = CheckTarget(options); status != 0) return status;
+  const int number = ChosenDrive(engine, options);
+  if (number < 0) return WrongUsage;
+  const TStopKey stop(engine);
+  TProgressLine progress(options.Texts);
+  progress.Begin(options.Texts.Utf8(TText::SavingImage));
+  const std::int64_t size = SizeOf(Drive(engine, number));
+  engine.Drives().OnProgressChanged = [&](double position) {
+    const std::int64_t unreadable = engine.Drives().UnreadableSectors();
+    progress.Show(position, static_cast<std::int64_t>(position * static_cast<double>(size)),
+                  unreadable == 0 ? "" : UnreadableText(options.Texts, unreadable));
+  };
+  const auto begin = std::chrono::steady_clock::now();
+  const TImageResult result =
+      engine.Drives().Save(number, 0, Drive(engine, number).SectorsCount, options.Out, options.Compressed, options.Map);
+  progress.Clear();
+  return Summarise(options, result, size,
+                   std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
+}
+
+}  // namespace brenlow::cli

@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// What the registry does with images and ranges of drives.
+#include "core/drives.h"
+#include "core/engine.h"
+#include "core/images/image_writer.h"
+
+namespace brenlow {
+namespace {
+
+/// The name with the extension ".dsk" in place of its own.
+std::string ImageName(const std::string& fileName) {
+  const std::size_t name = fileName.rfind('/') + 1;
+  const std::size_t dot = fileName.rfind('.');
+  const bool hasExtension = dot != std::string::npos && dot > name;
+  return (hasExtension ? fileName.substr(0, dot) : fileName) + ".dsk";
+}
+
+}  // namespace
+
+TImageResult TDrives::Save(int number, std::int64_t firstSector, std::int64_t sectorsCount, const std::string& fileName,
+                           bool compressed, const std::string& mapFile) {
+  TImageResult result;
+  const std::string path = ImageName(fileName);
+  if (IsWrongNumber(number) || sectorsCount <= 0) return result;
+  TImageWriter writer(FEngine, List[static_cast<std::size_t>(number)], firstSector, sectorsCount);
+  writer.OnProgress = [this](double position) {
+    if (OnProgressChanged) OnProgressChanged(position);
+    return CanSave.load();
+  };
+  CanSave = true;
+  FWriter = &writer;
+  result = compressed ? writer.WriteCompressed(path) : writer.WriteRaw(path, mapFile);
+  FWriter = nullptr;
+  CanSave = false;
+  return result;
+}
+
+std::int64_t TDrives::UnreadableSectors() const { return FWriter == nullptr ? 0 : FWriter->UnreadableSectors(); }
+
+int TDrives::CreateVirtual(int number, std::int64_t firstSector, std::int64_t sectorsCount) {
+  if (IsWrongNumber(number)) return -1;
+  const TDriveInfo& source = List[static_cast<std::size_t>(number)];
+  TDriveInfo drive;
+  drive.Drive = source.Drive;
+  drive.Serial = source.Serial;
+  drive.DriveTypes = source.DriveTypes;
+  drive.DriveTypes.Remove(TDriveType::dtPhysical);
+  drive.DriveTypes.Add(TDriveType::dtVolume);
+  drive.DriveTypes.Add(TDriveType::dtVirtual);
+  drive.BytesPerSector = GetBytesPerSector(source);
+  drive.FirstSector = firstSector;
+  drive.SectorsCount = sectorsCount;
+  drive.CaptionKind = TCaptionKind::VirtualPartition;
+  drive.CaptionNumber = ++VirtualPartitionsCount;
+  drive.CanBeAnalysed = true;
+  SetDefaultInfo(drive);
+  const int added = Add(drive, true);
+  ResetDefaultInfo(added);
+  return added;
+}
+
+}  // namespace brenlow

@@ -1,0 +1,219 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "core/images/image_writer.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <span>
+
+#include "core/drives.h"
+#include "core/engine.h"
+#include "core/images/dsk_image.h"
+#include "core/lznt1.h"
+#include "core/numbers.h"
+#include "core/sector_reader.h"
+
+namespace brenlow {
+namespace {
+
+constexpr std::int64_t SectorsPerUnit = 1024;
+constexpr std::int64_t MapInterval = 5000;  // milliseconds
+
+using TBytes = std::span<const std::uint8_t>;
+
+bool IsZeros(TBytes bytes) {
+  return bytes.empty() || (bytes[0] == 0 && std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0);
+}
+
+/// 0, or the errno.
+int WriteAt(int file, TBytes bytes, std::int64_t position) {
+  while (!bytes.empty()) {
+    const ssize_t written = ::pwrite64(file, bytes.data(), bytes.size(), position);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return written < 0 ? errno : ENOSPC;
+    bytes = bytes.subspan(static_cast<std::size_t>(written));
+    position += written;
+  }
+  return 0;
+}
+
+void PutLe(std::uint8_t* at, std::uint64_t value, int size) {
+  for (int i = 0; i < size; ++i) at[i] = static_cast<std::uint8_t>(value >> (8 * i));
+}
+
+std::int64_t Milliseconds() {
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+}
+
+std::string PartialName(const std::string& path) { return path + ".partial"; }
+
+}  // namespace
+
+TImageWriter::TImageWriter(TEngine& engine, const TDriveInfo& drive, std::int64_t firstSector,
+                           std::int64_t sectorsCount)
+    : FEngine(engine),
+      FDrive(drive),
+      FFirst(drive.FirstSector + firstSector),
+      FSectorSize(engine.Drives().GetBytesPerSector(drive)),
+      FSize(sectorsCount * FSectorSize) {}
+
+/// False when the copy is to stop.
+bool TImageWriter::Report(std::int64_t doneBytes) {
+  FEngine.Pump();
+  const double position = static_cast<double>(doneBytes) / static_cast<double>(std::max<std::int64_t>(FSize, 1));
+  FStopped = FStopped || (OnProgress && !OnProgress(position));
+  return !FStopped;
+}
+
+// ---- raw ------------------------------------------------------------------------------------
+
+TImageResult TImageWriter::WriteRaw(const std::string& path, const std::string& mapPath) {
+  const std::string partial = PartialName(path);
+  TRescueMap map(FSize);
+  const bool resumes = !mapPath.empty() && ::access(mapPath.c_str(), F_OK) == 0;
+  if (resumes) {
+    TImageResult refused;
+    refused.Path = mapPath;
+    refused.SystemError = TRescueMap::Load(mapPath, map);
+    if (refused.SystemError == 0 && map.Size() != FSize) refused.SystemError = EINVAL;
+    // A finished image whose bad places are to be tried again.
+    if (refused.SystemError == 0 && ::access(partial.c_str(), F_OK) != 0 &&
+        std::rename(path.c_str(), partial.c_str()) != 0) {
+      refused.SystemError = errno;
+      refused.Path = path;
+    }
+    if (refused.SystemError != 0) return refused;
+  }
+  const int file = ::open(partial.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | (resumes ? 0 : O_TRUNC), 0666);
+  if (file < 0) return Close(-1, path, errno);
+  FMapKept = Milliseconds();
+  // What an earlier run gave up is tried again, since it was asked to go on.
+  const auto failed = [&](TMapStatus status) {
+    return status == TMapStatus::NotTrimmed || status == TMapStatus::NotScraped ||
+           (resumes && status == TMapStatus::Bad);
+  };
+  int error = ::ftruncate64(file, FSize) == 0 ? 0 : errno;
+  if (error == 0) error = CopyGood(file, map, mapPath);
+  if (error == 0 && !FStopped) error = Retry(file, map, mapPath, failed);
+  FUnreadable = CeilDiv(map.Count(TMapStatus::Bad), FSectorSize);
+  if (error == 0) error = KeepMap(file, map, mapPath, true);
+  return Close(file, path, error);
+}
+
+/// All that was not tried yet, in large reads; what fails is left for later.
+int TImageWriter::CopyGood(int file, TRescueMap& map, const std::string& mapPath) {
+  const auto untried = [](TMapStatus status) { return status == TMapStatus::NotTried; };
+  TByteDynArray unit(static_cast<std::size_t>(SectorsPerUnit * FSectorSize));
+  for (std::int64_t at = map.Find(0, untried); at < FSize; at = map.Find(at, untried)) {
+    if (!Report(at)) return 0;
+    // Holes of a sparse source are holes of the image.
+    const std::int64_t data =
+        std::clamp((FEngine.Reader().NextDataSector(FDrive, FFirst + at / FSectorSize) - FFirst) * FSectorSize, at,
+                   map.EndOfRange(at));
+    map.Set(at, data - at, TMapStatus::Finished);
+    at = data;
+    const std::int64_t count = std::min<std::int64_t>(map.EndOfRange(at) - at, static_cast<std::int64_t>(unit.size()));
+    if (count > 0 && at < FSize && map.At(at) == TMapStatus::NotTried) {
+      const std::int64_t got =
+          FEngine.Reader().ReadDriveSectors(FDrive, unit.data(), FFirst + at / FSectorSize, count / FSectorSize) /
+          FSectorSize * FSectorSize;
+      const TBytes good(unit.data(), static_cast<std::size_t>(got));
+      if (const int error = IsZeros(good) ? 0 : WriteAt(file, good, at); error != 0) return error;
+      map.Set(at, got, TMapStatus::Finished);
+      map.Set(at + got, count - got, TMapStatus::NotTrimmed);
+      if (got < count) FUnreadable = CeilDiv(map.Count(TMapStatus::NotTrimmed), FSectorSize);
+    }
+    if (const int error = KeepMap(file, map, mapPath, false); error != 0) return error;
+  }
+  return 0;
+}
+
+/// Sector by sector what failed in large reads.
+int TImageWriter::Retry(int file, TRescueMap& map, const std::string& mapPath,
+                        const std::function<bool(TMapStatus)>& wanted) {
+  TByteDynArray sector(static_cast<std::size_t>(FSectorSize));
+  std::int64_t at = map.Find(0, wanted);
+  while (at < FSize) {
+    if (!Report(FSize)) return 0;
+    const bool good =
+        FEngine.Reader().ReadDriveSectors(FDrive, sector.data(), FFirst + at / FSectorSize, 1) == sector.size();
+    if (good) {
+      if (const int error = WriteAt(file, sector, at); error != 0) return error;
+    }
+    map.Set(at, FSectorSize, good ? TMapStatus::Finished : TMapStatus::Bad);
+    FUnreadable = CeilDiv(map.Count(TMapStatus::NotTrimmed) + map.Count(TMapStatus::Bad), FSectorSize);
+    if (const int error = KeepMap(file, map, mapPath, false); error != 0) return error;
+    at = map.Find(at + FSectorSize, wanted);
+  }
+  return 0;
+}
+
+/// Writes the map file from time to time. What it calls finished is on the disk by then.
+int TImageWriter::KeepMap(int file, const TRescueMap& map, const std::string& mapPath, bool now) {
+  if (mapPath.empty() || (!now && Milliseconds() - FMapKept < MapInterval)) return 0;
+  if (::fdatasync(file) != 0) return errno;
+  FMapKept = Milliseconds();
+  return map.Save(mapPath);
+}
+
+// ---- compressed -----------------------------------------------------------------------------
+
+TImageResult TImageWriter::WriteCompressed(const std::string& path) {
+  const int file = ::open(PartialName(path).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_TRUNC, 0666);
+  if (file < 0) return Close(-1, path, errno);
+  return Close(file, path, WriteBlocks(file));
+}
+
+int TImageWriter::WriteBlocks(int file) {
+  const std::int64_t count = CeilDiv(FSize, dsk::BlockSize);
+  std::uint8_t head[dsk::HeadSize];
+  std::memcpy(head, dsk::Magic, 8);
+  PutLe(head + 8, static_cast<std::uint64_t>(FSize), 8);
+  PutLe(head + 16, static_cast<std::uint64_t>(count), 8);
+  std::int64_t end = dsk::HeadSize + 2 * count;
+  // The table is zeros until a block is there.
+  if (::ftruncate64(file, end) != 0) return errno;
+  if (const int error = WriteAt(file, head, 0); error != 0) return error;
+  TByteDynArray block(static_cast<std::size_t>(dsk::BlockSize));
+  TByteDynArray packed;
+  for (std::int64_t i = 0; i < count; ++i) {
+    if (!Report(i * dsk::BlockSize)) return 0;
+    block.resize(static_cast<std::size_t>(std::min(dsk::BlockSize, FSize - i * dsk::BlockSize)));
+    FUnreadable += FEngine.Reader().ReadOrZero(FDrive, block, FFirst + i * dsk::BlockSize / FSectorSize, INT32_MAX);
+    // A length of 65535 would read as "stored".
+    const bool smaller =
+        CompressLZNT1(block, packed, block.size()) && packed.size() != block.size() && packed.size() != dsk::StoredRaw;
+    const TByteDynArray& stored = smaller ? packed : block;
+    std::uint8_t entry[2];
+    PutLe(entry, smaller ? packed.size() : dsk::StoredRaw, 2);
+    int error = WriteAt(file, stored, end);
+    if (error == 0) error = WriteAt(file, entry, dsk::HeadSize + 2 * i);
+    if (error != 0) return error;
+    end += static_cast<std::int64_t>(stored.size());
+  }
+  return 0;
+}
+
+/// Gives a whole image its name.
+TImageResult TImageWriter::Close(int file, const std::string& path, int error) {
+  TImageResult result;
+  if (file >= 0) {
+    if (error == 0 && !FStopped && ::fsync(file) != 0) error = errno;
+    if (::close(file) != 0 && error == 0) error = errno;
+  }
+  const bool whole = error == 0 && !FStopped;
+  if (whole && std::rename(PartialName(path).c_str(), path.c_str()) != 0) error = errno;
+  result.SystemError = error;
+  result.Stopped = FStopped;
+  result.UnreadableSectors = FUnreadable;
+  result.Path = whole && error == 0 ? path : PartialName(path);
+  return result;
+}
+
+}  // namespace brenlow

@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Copies sectors of a drive into an image file.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "core/images/rescue_map.h"
+#include "core/types.h"
+
+namespace brenlow {
+
+class TEngine;
+struct TDriveInfo;
+
+struct TImageResult {
+  int SystemError = 0;  ///< errno of what the target refused; EINVAL: the map belongs to something else
+  bool Stopped = false;
+  std::int64_t UnreadableSectors = 0;
+  std::string Path;  ///< of the image; of the part that there is when it was stopped
+};
+
+/// The image is written as `FILE.partial` and gets its name when it is done: a name never stands
+/// for half a disk.
+class TImageWriter {
+ public:
+  /// Sectors count from the start of the drive.
+  TImageWriter(TEngine& engine, const TDriveInfo& drive, std::int64_t firstSector, std::int64_t sectorsCount);
+
+  /// The position, 0 to 1. False stops the copy.
+  std::function<bool(double)> OnProgress;
+  std::int64_t UnreadableSectors() const { return FUnreadable; }
+
+  /// Byte after byte, blocks of zeros as holes. What could not be read is tried once more in single
+  /// sectors, after everything else. With a map file the state is kept there, and a copy that was
+  /// broken off goes on from it.
+  TImageResult WriteRaw(const std::string& path, const std::string& mapPath);
+  /// In the compressed form of `.dsk`.
+  TImageResult WriteCompressed(const std::string& path);
+
+ private:
+  bool Report(std::int64_t doneBytes);
+  int CopyGood(int file, TRescueMap& map, const std::string& mapPath);
+  int Retry(int file, TRescueMap& map, const std::string& mapPath, const std::function<bool(TMapStatus)>& wanted);
+  int KeepMap(int file, const TRescueMap& map, const std::string& mapPath, bool now);
+  int WriteBlocks(int file);
+  TImageResult Close(int file, const std::string& path, int error);
+
+  TEngine& FEngine;
+  const TDriveInfo& FDrive;
+  std::int64_t FFirst;
+  std::int64_t FSectorSize;
+  std::int64_t FSize;  // bytes
+  std::int64_t FUnreadable = 0;
+  std::int64_t FMapKept = 0;  // steady clock, milliseconds
+  bool FStopped = false;
+};
+
+}  // namespace brenlow
