@@ -85,6 +85,24 @@ bool TEngine::GetDriveInfo(TDriveInfo& drive, bool fillTable) {
       *this, drive.FileSystem, [&](auto& driver) { return driver.GetDriveInfo(drive, fillTable); }, false);
 }
 
+bool TEngine::SetVolumeBounds(TDriveInfo& volume, std::span<const std::uint8_t> boot) {
+  return WithDriver(
+      *this, volume.FileSystem, [&](auto& driver) { return driver.SetVolumeBounds(volume, boot); }, false);
+}
+
+bool TEngine::IsVolumeSound(const TDriveInfo& volume, std::span<const std::uint8_t> boot) {
+  return WithDriver(
+      *this, volume.FileSystem, [&](auto& driver) { return driver.IsVolumeSound(volume, boot); }, false);
+}
+
+void TEngine::PartRecVolumeKnown(int driveNumber) {
+  const auto known = [&](auto& driver) {
+    driver.PartRecDriveAdded(driveNumber);
+    return true;
+  };
+  WithDriver(*this, FDrives->List[static_cast<std::size_t>(driveNumber)].FileSystem, known, false);
+}
+
 void TEngine::DriveListChanged() { FNTFS->ClearMemory(); }
 void TEngine::ClearDriveFiles(int driveNumber, bool deleteDrive) { FFiles->Clear(driveNumber, deleteDrive); }
 void TEngine::BeginDriveFiles(int driveNumber) { FFiles->DoBeforeAnalyse(driveNumber); }

@@ -5,6 +5,7 @@
 
 #include "analysis/deep/all_fs.h"
 #include "analysis/files.h"
+#include "analysis/partition_search.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/language.h"
@@ -45,7 +46,9 @@ void AnalyseDrive(TEngine& engine, int driveNumber) {
   } else {
     drives.DeleteSubdrives(driveNumber);
     engine.Files().Clear(driveNumber, false);
-    if (physical) {
+    if (engine.PartRecRunning) {
+      FindPartitionsInDrive(engine, driveNumber);
+    } else if (physical) {
       AnalysePhysicalDrive(engine, driveNumber);
     } else {
       AnalyseFileSystem(engine, driveNumber);

@@ -61,17 +61,37 @@ bool TFiles::IsAdded(const TFileInfo& file, std::int64_t parentCluster) const {
   return GetAddedNumber(file, parentCluster) >= 0;
 }
 
+std::uint64_t TFiles::AddedKey(const TFileInfo& file, std::int64_t parentCluster) {
+  std::uint64_t key = std::hash<TStringView>()(file.strName);
+  for (const std::int64_t part : {parentCluster, std::int64_t{file.aDriveNumber}, std::int64_t{file.blnFolder}}) {
+    key = (key ^ static_cast<std::uint64_t>(part)) * 0x9E3779B97F4A7C15U;
+    key ^= key >> 32;
+  }
+  return key;
+}
+
+/// Takes the rows that came since the last time into the index.
+void TFiles::FillAddedIndex() const {
+  for (; FIndexedRows < List.size(); ++FIndexedRows) {
+    const TFile& row = List[FIndexedRows];
+    FAddedIndex.emplace(AddedKey(row.FileInfo, row.ParentCluster), static_cast<std::uint32_t>(FIndexedRows));
+  }
+}
+
 int TFiles::GetAddedNumber(const TFileInfo& file, std::int64_t parentCluster) const {
-  for (const std::int64_t number : FEngine.Drives().GetParentClusters(file.aDriveNumber, parentCluster)) {
-    if (IsWrongNumber(number)) continue;
-    const TFileInfo& known = Info(static_cast<int>(number));
+  FillAddedIndex();
+  int first = -1;
+  const auto range = FAddedIndex.equal_range(AddedKey(file, parentCluster));
+  for (auto entry = range.first; entry != range.second; ++entry) {
+    const TFile& row = List[entry->second];
+    const TFileInfo& known = row.FileInfo;
     const bool samePlace = known.FirstCluster == file.FirstCluster ||
                            (file.DataStartingSector >= 0 && file.DataStartingSector == known.DataStartingSector);
-    if (samePlace && known.blnFolder == file.blnFolder && known.strName == file.strName) {
-      return static_cast<int>(number);
-    }
+    const bool same = samePlace && row.ParentCluster == parentCluster && known.aDriveNumber == file.aDriveNumber &&
+                      known.blnFolder == file.blnFolder && known.strName == file.strName;
+    if (same && (first < 0 || static_cast<int>(entry->second) < first)) first = static_cast<int>(entry->second);
   }
-  return -1;
+  return first;
 }
 
 void TFiles::DoBeforeAnalyse(int driveNumber) {
@@ -154,6 +174,7 @@ bool TFiles::IsRecycleBin(const TFile& file, std::int64_t parentCluster) {
 void TFiles::EraseFiles(const std::function<bool(std::size_t, const TFile&)>& doomed) {
   std::vector<std::uint32_t> newNumbers;
   if (List.EraseIf(doomed, &newNumbers) == 0) return;
+  ForgetAdded();
   FEngine.Drives().MoveParentClusters(newNumbers);
   FEngine.Folders().MoveNumbers(newNumbers);
   if (OnNumbersMoved) OnNumbersMoved(newNumbers);
@@ -176,6 +197,7 @@ void TFiles::Clear(int driveNumber, bool deleteDrive) {
     for (std::size_t i = 0; i < List.size(); ++i) {
       if (List[i].FileInfo.aDriveNumber > driveNumber) --List[i].FileInfo.aDriveNumber;
     }
+    ForgetAdded();
   }
   if (drives.Current == driveNumber && OnRefreshFileList) OnRefreshFileList();
 }
@@ -190,6 +212,22 @@ void TFiles::ClearDeep(int driveNumber) {
     return file.FileInfo.aDriveNumber == driveNumber && file.FileInfo.aDeepAnalyse && !IsDeepAnalyse(file.FileInfo);
   });
   if (drives.Current == driveNumber && OnRefreshFileList) OnRefreshFileList();
+}
+
+void TFiles::EraseRows(const std::function<bool(const TFileInfo&)>& doomed) {
+  EraseFiles([&](std::size_t, const TFile& file) { return doomed(file.FileInfo); });
+}
+
+void TFiles::MoveToDrive(int from, int to) {
+  for (std::size_t i = 0; i < List.size(); ++i) {
+    if (List[i].FileInfo.aDriveNumber == from) List[i].FileInfo.aDriveNumber = to;
+  }
+  ForgetAdded();
+}
+
+void TFiles::ForgetAdded() {
+  FAddedIndex.clear();
+  FIndexedRows = 0;
 }
 
 void TFiles::ClearUnselected(int driveNumber) {

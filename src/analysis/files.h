@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <unordered_map>
 #include <vector>
 
 #include "core/file_records.h"
@@ -60,6 +61,10 @@ class TFiles {
   void Clear(int driveNumber, bool deleteDrive);
   void ClearDeep(int driveNumber);
   void ClearUnselected(int driveNumber);
+  /// Removes the rows that `doomed` names.
+  void EraseRows(const std::function<bool(const TFileInfo&)>& doomed);
+  /// Makes the rows of one drive those of another.
+  void MoveToDrive(int from, int to);
 
   bool IsWrongNumber(std::int64_t number) const {
     return number < 0 || number >= static_cast<std::int64_t>(List.size());
@@ -97,7 +102,14 @@ class TFiles {
   const TFileInfo& Info(int number) const { return List[static_cast<std::size_t>(number)].FileInfo; }
   void EraseFiles(const std::function<bool(std::size_t, const TFile&)>& doomed);
 
+  void FillAddedIndex() const;
+  void ForgetAdded();
+  static std::uint64_t AddedKey(const TFileInfo& file, std::int64_t parentCluster);
+
   TEngine& FEngine;
+  /// Rows by drive, parent, name and kind, for `GetAddedNumber`; empty until it is asked.
+  mutable std::unordered_multimap<std::uint64_t, std::uint32_t> FAddedIndex;
+  mutable std::size_t FIndexedRows = 0;
   std::map<TString, TString, std::less<>> FFileTypes;  // extension to type text
 };
 

@@ -10,6 +10,7 @@ int ListDrives(const TOptions& options);
 int ShowInfo(const TOptions& options);
 int ListFiles(const TOptions& options);
 int RecoverFiles(const TOptions& options);
+int FindPartitions(const TOptions& options);
 int CreateImage(const TOptions& options);
 int ListTypes(const TOptions& options);
 

@@ -31,6 +31,7 @@ extern "C" void HandleStop(int) {
   if (engine != nullptr && engine->Analysing.exchange(false)) return;
   if (engine != nullptr && engine->Recovering.exchange(false)) return;
   if (engine != nullptr && engine->Drives().CanSave.exchange(false)) return;
+  if (engine != nullptr && engine->Drives().CanSearch.exchange(false)) return;
   _exit(StoppedByUser);
 }
 

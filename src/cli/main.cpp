@@ -42,6 +42,13 @@ void AddRangeOptions(CLI::App& verb, TOptions& options) {
   verb.add_option("--count", options.Count, texts.Utf8(TText::HelpCount))->check(CLI::PositiveNumber)->type_name("N");
 }
 
+void AddSystemsOption(CLI::App& verb, TOptions& options) {
+  verb.add_option("--systems", options.Systems, options.Texts.Utf8(TText::HelpSystems))
+      ->delimiter(',')
+      ->check(CLI::IsMember({"fat", "ntfs"}))
+      ->type_name("LIST");
+}
+
 void AddImageOptions(CLI::App& verb, TOptions& options) {
   const TLanguage& texts = options.Texts;
   verb.add_option("--out", options.Out, texts.Utf8(TText::HelpImageOut))->required()->type_name("FILE");
@@ -174,8 +181,17 @@ int Run(int argc, char** argv) {
   AddRangeOptions(*image, options);
   AddImageOptions(*image, options);
 
+  CLI::App* find = addVerb("find", TText::HelpFind, TText::HelpFindExample);
+  AddSourceOption(*find, options);
+  AddRangeOptions(*find, options);
+  find->add_option("--map", options.Map, texts.Utf8(TText::HelpSourceMap))->type_name("FILE");
+  find->add_flag("--scan", options.Scan, texts.Utf8(TText::HelpScan));
+  AddSystemsOption(*find, options);
+
   for (CLI::App* verb : {ls, recover}) {
     AddRangeOptions(*verb, options);
+    verb->add_flag("--scan", options.Scan, texts.Utf8(TText::HelpScan));
+    AddSystemsOption(*verb, options);
     verb->add_option("--map", options.Map, texts.Utf8(TText::HelpSourceMap))->type_name("FILE");
   }
 
@@ -193,6 +209,7 @@ int Run(int argc, char** argv) {
   if (info->parsed()) return brenlow::cli::ShowInfo(options);
   if (ls->parsed()) return brenlow::cli::ListFiles(options);
   if (recover->parsed()) return brenlow::cli::RecoverFiles(options);
+  if (find->parsed()) return brenlow::cli::FindPartitions(options);
   if (image->parsed()) return brenlow::cli::CreateImage(options);
   if (types->parsed()) return brenlow::cli::ListTypes(options);
   brenlow::cli::Complain(texts.Utf8(TText::UsageNoVerb));

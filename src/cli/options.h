@@ -30,6 +30,8 @@ struct TOptions {
   bool ListStreams = false;
   bool Deep = false;
   bool FastOff = false;  ///< of `Deep` alone
+  bool Scan = false;     ///< the thorough search for lost partitions
+  std::vector<std::string> Systems;
   std::string LostFolders = "auto";
   int CodePage = 437;
   std::string Conflict = "rename";

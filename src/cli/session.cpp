@@ -128,6 +128,38 @@ void ApplyOptions(TEngine& engine, const TOptions& options) {
   }
 }
 
+TFileSystems ChosenSystems(const TOptions& options) {
+  TFileSystems systems;
+  for (const std::string& name : options.Systems) {
+    if (name == "fat") {
+      for (const TFileSystem system : {TFileSystem::fsFAT12, TFileSystem::fsFAT16, TFileSystem::fsFAT32}) {
+        systems.Add(system);
+      }
+    }
+    if (name == "ntfs") systems.Add(TFileSystem::fsNTFS);
+  }
+  return systems;
+}
+
+TPartRecSystems ChosenSearch(const TOptions& options) {
+  TPartRecSystems search;
+  const TFileSystems systems = ChosenSystems(options);
+  if (systems.Empty() || systems.Has(TFileSystem::fsFAT32)) search.Add(TPartRecSystem::FAT);
+  if (systems.Empty() || systems.Has(TFileSystem::fsNTFS)) search.Add(TPartRecSystem::NTFS);
+  if (options.Deep) search.Add(TPartRecSystem::DeepAnalysis);
+  return search;
+}
+
+void ScanForPartitions(TEngine& engine, const TOptions& options, int number) {
+  const TSelection selection(options);
+  engine.AllFS().OnCanFileBeAdded = [&](TStringView extension) { return selection.WantsType(extension); };
+  engine.PartRecSystems = ChosenSearch(options);
+  engine.PartRecRunning = true;
+  AnalyseDrive(engine, number);
+  engine.PartRecRunning = false;
+  engine.AllFS().OnCanFileBeAdded = nullptr;
+}
+
 std::string NoSuchDrive(const TOptions& options) {
   return options.Texts.Utf8(TText::NoSuchDrive, {std::to_string(options.Drive), options.Source()});
 }
@@ -144,7 +176,7 @@ TIntegerDynArray ChooseDrives(TEngine& engine, const TOptions& options, int& dee
   TDrives& drives = engine.Drives();
   const bool oneOnly = options.Drive != 0 || options.First >= 0 || options.Count >= 0;
   deepDrive = ChosenDrive(engine, options);
-  if (deepDrive < 0 || options.FastOff) return {};
+  if (deepDrive < 0 || options.FastOff || options.Scan) return {};
   if (oneOnly) return {deepDrive};
   TIntegerDynArray chosen;
   for (int i = 0; i < static_cast<int>(drives.List.size()); ++i) {
@@ -196,6 +228,14 @@ class TScans {
     if (subs.empty() && !FOptions.Deep) Complain(FOptions.Texts.Utf8(TText::DiskWithoutVolumes));
   }
 
+  /// Every sector of a drive, for lost partitions, and with `--deep` by content in the same pass.
+  void Scan(int number) {
+    Begin(TText::SearchingPartitions, number);
+    ScanForPartitions(FEngine, FOptions, number);
+    FAnalysed.Drives = Drive(FEngine, number).SubDrives;
+    if (FAnalysed.Drives.empty() || FOptions.Deep) FAnalysed.Drives.push_back(number);
+  }
+
   /// Every sector of a drive, by content.
   void Deep(int number) {
     Begin(TText::DeepAnalysingDrive, number);
@@ -238,7 +278,11 @@ TAnalysed Analyse(TEngine& engine, const TOptions& options, TProgressLine& progr
     }
     progress.Clear();
     for (const int number : analysed.Drives) analysed.AllReadable &= IsReadable(engine, number);
-    if (options.Deep && !TStopKey::Pressed()) scans.Deep(deepDrive);
+    if (options.Scan) {
+      scans.Scan(deepDrive);
+    } else if (options.Deep && !TStopKey::Pressed()) {
+      scans.Deep(deepDrive);
+    }
   }
   return analysed;
 }

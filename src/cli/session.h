@@ -37,6 +37,12 @@ struct TAnalysed {
   bool AllReadable = true;  ///< every volume turned out to be what it seemed
 };
 
+/// What `--systems` names, as file systems and as bits of the thorough search; all when it names none.
+TFileSystems ChosenSystems(const TOptions& options);
+TPartRecSystems ChosenSearch(const TOptions& options);
+/// One drive through the thorough search; the sub-drives that it found are below it.
+void ScanForPartitions(TEngine& engine, const TOptions& options, int number);
+
 /// Analyses what the options name; complains where that fails.
 TAnalysed Analyse(TEngine& engine, const TOptions& options, TProgressLine& progress);
 

@@ -306,6 +306,18 @@ void TDrives::CopyInfo(int source, int destination) {
   to = std::move(copy);
 }
 
+void TDrives::CopySystemsInfo(int source, int destination) {
+  if (IsWrongNumber(source) || IsWrongNumber(destination)) return;
+  const TDriveInfo& from = List[static_cast<std::size_t>(source)];
+  TDriveInfo& to = List[static_cast<std::size_t>(destination)];
+  to.FileSystem = from.FileSystem;
+  to.VolumeName = from.VolumeName;
+  to.aFreeSize = from.aFreeSize;
+  to.FATInfo = from.FATInfo;
+  to.NTFSInfo = from.NTFSInfo;
+  SetDefaultInfo(to);
+}
+
 void TDrives::SetDefaultInfo(TDriveInfo& drive) {
   drive.DefaultSystem = drive.FileSystem;
   drive.DefaultFirstSector = drive.FirstSector;
@@ -641,49 +653,6 @@ void TDrives::MergeParentClusters(int source, int destination) {
 
 void TDrives::MoveParentClusters(std::span<const std::uint32_t> newNumbers) {
   for (TDriveInfo& drive : List) drive.ParentClusters.Renumber(newNumbers);
-}
-
-// ---- partition search -----------------------------------------------------------------------
-
-int TDrives::PartRecAddSubdrive(int parentDrive, TFileSystem fileSystem) {
-  const int number = AddSubdrive(parentDrive, -1);
-  if (number < 0) return -1;
-  TDriveInfo& drive = List[static_cast<std::size_t>(number)];
-  drive.FileSystem = drive.DefaultSystem = fileSystem;
-  FEngine.BeginDriveFiles(number);
-  return number;
-}
-
-int TDrives::PartRecDriveForFound(int parentDrive, int foundDriveNumber) {
-  const auto& found = PartRecInfo.FoundDrives;
-  if (IsWrongNumber(parentDrive) || foundDriveNumber < 0 || foundDriveNumber >= static_cast<int>(found.size()))
-    return -1;
-  const TFileSystem system = found[static_cast<std::size_t>(foundDriveNumber)].FileSystem;
-  const TIntegerDynArray& subs = List[static_cast<std::size_t>(parentDrive)].SubDrives;
-  const auto empty = std::find_if(subs.begin(), subs.end(), [&](int sub) {
-    return IsEmpty(sub) && List[static_cast<std::size_t>(sub)].FileSystem == system;
-  });
-  const int target = empty != subs.end() ? *empty : PartRecAddSubdrive(parentDrive, system);
-  PartRecApplyFoundDriveInfoToDrive(target, foundDriveNumber);
-  return target;
-}
-
-void TDrives::PartRecApplyFoundDriveInfoToDrive(int driveNumber, int foundDriveNumber) {
-  auto& found = PartRecInfo.FoundDrives;
-  if (IsWrongNumber(driveNumber) || foundDriveNumber < 0 || foundDriveNumber >= static_cast<int>(found.size())) return;
-  TDriveInfo& drive = List[static_cast<std::size_t>(driveNumber)];
-  const TDriveInfo& from = found[static_cast<std::size_t>(foundDriveNumber)];
-  drive.FileSystem = from.FileSystem;
-  drive.FirstSector = from.FirstSector;
-  drive.BytesPerSector = from.BytesPerSector;
-  drive.SectorsCount = from.SectorsCount;
-  drive.aFreeSize = from.aFreeSize;
-  drive.VolumeName = from.VolumeName;
-  drive.FATInfo = from.FATInfo;
-  drive.NTFSInfo = from.NTFSInfo;
-  drive.CanBeAnalysed = true;
-  SetDefaultInfo(drive);
-  found.erase(found.begin() + foundDriveNumber);
 }
 
 }  // namespace brenlow

@@ -28,6 +28,9 @@ struct TPartRecInfo {
   bool LastNTFSFileIsSystem = false;
 };
 
+/// The bit that a file system has in a partition search.
+TPartRecSystem PartRecSystemOf(TFileSystem system);
+
 /// Why a source cannot be opened.
 struct TMountFailure {
   int SystemError = 0;    ///< errno, 0 when it is not the system's refusal
@@ -67,6 +70,8 @@ class TDrives {
   void UpdateLanguage();
   /// Copies everything but the place in the registry (`SubDrives`, `Volumes`, `IsSubDrive`).
   void CopyInfo(int source, int destination);
+  /// Copies what the file system of a drive says of it.
+  void CopySystemsInfo(int source, int destination);
   /// Remembers the live values as the detected ones.
   static void SetDefaultInfo(TDriveInfo& drive);
   /// Takes the detected values back and looks at the source again.
@@ -143,12 +148,30 @@ class TDrives {
   /// Corrects all file numbers in all buckets of all drives after rows of the file table went.
   void MoveParentClusters(std::span<const std::uint32_t> newNumbers);
 
-  // ---- partition search ----
+  // ---- quick search for lost partitions ----
+  std::atomic<bool> CanSearch{false};  ///< `Find` is running; clearing it stops it
+  int FoundCount = 0;                  ///< volumes that it added
+  std::function<void(int)> OnFound;    ///< a volume, new or known, is there
+  std::function<void(double)> OnFindProgressChanged;
+  /// Looks for boot sectors and superblocks among the sectors of a drive, and adds a drive for each
+  /// volume of more than 10,485,759 bytes. `systems`, when not empty, limits it to these.
+  void Find(int number, std::int64_t firstSector, std::int64_t sectorsCount, const TFileSystems& systems);
+
+  // ---- thorough search ----
+  static constexpr std::int64_t LargestNoVolume = 0x9FFFFF;  ///< bytes; a volume is larger
+  void PartRecClearInfo(int number);
   int PartRecAddSubdrive(int parentDrive, TFileSystem fileSystem);
   /// The sub-drive that takes a found boot sector's values: the first empty one of its file system,
   /// or a new one; -1 when there is no such parent or found drive.
   int PartRecDriveForFound(int parentDrive, int foundDriveNumber);
   void PartRecApplyFoundDriveInfoToDrive(int driveNumber, int foundDriveNumber);
+  /// Where the partition table says that a volume begins, it is tried as each format.
+  void PartRecCheckForExistPartition(int number, std::int64_t sectorNumber);
+  /// Notes a boot sector; `buffer` begins at the sector. True when it is a new one.
+  bool PartRecCheckForNewPartition(int number, std::int64_t sectorNumber, std::span<const std::uint8_t> buffer);
+  /// Closes sub-drives that end before the sector, or with `deleteNTFSTruncated` those of NTFS that
+  /// no boot sector has confirmed; of each format one stays open.
+  void PartRecCheckSubDrivesForEnd(std::int64_t sectorNumber, bool deleteNTFSTruncated);
 
  private:
   void UpdateCaption(TDriveInfo& drive) const;
@@ -164,6 +187,22 @@ class TDrives {
   int CountKnownSystems(const TDriveInfo& drive, const TVolumes& volumes);
   bool HasNative4KTable(const TDriveInfo& drive);
   bool DetectWholeSource(TDriveInfo& drive, TPhysicalDrive& disk);
+
+  struct TFindRange {
+    int Drive;
+    std::int64_t First;
+    std::int64_t Count;
+    TFileSystems Systems;
+  };
+  enum class TFoundState : std::uint8_t { New, Known, Refused };
+  void FindInTable(const TFindRange& range);
+  void FindInChain(const TFindRange& range);
+  void FindInAllSectors(const TFindRange& range);
+  int AddFoundPartition(const TFindRange& range, std::span<const std::uint8_t> buffer, std::int64_t sector,
+                        bool addSuperblockOffset);
+  TFoundState IsNewFoundPartition(const TDriveInfo& volume, std::span<const std::uint8_t> boot, int& known);
+  int PartRecEmptySubdrive(int parentDrive, TFileSystem fileSystem) const;
+  bool PartRecIsKnownStart(int number, std::int64_t firstSector, TFileSystem system) const;
 
   TEngine& FEngine;
   TPhysicalDrives FPhysicalDrives;

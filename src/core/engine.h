@@ -44,6 +44,7 @@ class TEngine {
   // ---- state of the run ----
   std::atomic<bool> Analysing{false};   ///< every scan tests it; clearing it stops the scan
   std::atomic<bool> Recovering{false};  ///< a recovery is running; clearing it stops it
+  TPartRecSystems PartRecSystems;       ///< what it looks for
   bool PartRecRunning = false;          ///< the analysis in hand is a partition search
   double AnalyseProgressBase = 0;       ///< shown position = position * scale + base
   double AnalyseProgressScale = 1;
@@ -78,6 +79,13 @@ class TEngine {
   TFileSystem RecogniseByCopy(const TDriveInfo& drive, std::span<const std::uint8_t> head, int bytesPerSector);
   /// Lets the driver of the drive's file system fill the record; false when it cannot.
   bool GetDriveInfo(TDriveInfo& drive, bool fillTable);
+  /// Sets the bounds of a volume whose boot sector was met at its `FirstSector`, going back to the
+  /// volume's start from a copy. False for a boot sector that leads nowhere.
+  bool SetVolumeBounds(TDriveInfo& volume, std::span<const std::uint8_t> boot);
+  /// True when more than the boot sector speaks for the volume.
+  bool IsVolumeSound(const TDriveInfo& volume, std::span<const std::uint8_t> boot);
+  /// A sub-drive of a partition search now lies where a volume is known to begin.
+  void PartRecVolumeKnown(int driveNumber);
   /// Drive records have moved: whatever the drivers keep of them is dropped.
   void DriveListChanged();
   void ClearDriveFiles(int driveNumber, bool deleteDrive);

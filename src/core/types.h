@@ -59,6 +59,26 @@ enum class TFileSystem : std::uint8_t {
   fsHikvisionFS,
 };
 
+using TFileSystems = TEnumSet<TFileSystem, std::uint32_t>;
+
+/// What a partition search looks for, by bit.
+enum class TPartRecSystem : std::uint8_t {
+  FAT,
+  exFAT,
+  NTFS,
+  ReFS,
+  APFS,
+  HFS,
+  Ext,
+  XFS,
+  Btrfs,
+  ReiserFS,
+  UFS,
+  Hikvision,
+  DeepAnalysis,  ///< files by their content, during the same pass
+};
+using TPartRecSystems = TEnumSet<TPartRecSystem>;
+
 enum class TDriveType : std::uint8_t {
   dtPhysical,
   dtVolume,

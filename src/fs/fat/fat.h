@@ -40,6 +40,10 @@ class TFAT {
   TFileSystem GetFileSystem(std::span<const std::uint8_t> buffer, std::size_t start) const;
   /// True when the sixth sector after the first of `head` holds the copy of a FAT32 boot sector.
   bool IsBackupBootSector(std::span<const std::uint8_t> head, int bytesPerSector) const;
+  /// Takes the length from a boot sector; one that is FAT32's copy leads back to the volume's start.
+  bool SetVolumeBounds(TDriveInfo& volume, std::span<const std::uint8_t> boot);
+  /// True when one of the allocation tables begins as the boot sector says.
+  bool IsVolumeSound(const TDriveInfo& volume, std::span<const std::uint8_t> boot);
   /// Reads the boot sector or its copy and fills `FATInfo`; `fillTable` asks for the table too.
   bool GetDriveInfo(TDriveInfo& drive, bool fillTable);
   /// Loads table number `fatNumber` (from 0). Parts that cannot be read stay 0 (free).
@@ -70,8 +74,13 @@ class TFAT {
                             std::int64_t sectorNumber);
   void PartRecAnalyseForNewDrive(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
                                  std::int64_t sectorNumber);
+  /// Reads the geometry where a volume is known to begin. What the search meets there fills it.
+  void PartRecDriveAdded(int driveNumber);
+  /// A found boot sector that no folder has confirmed: its root.
+  void PartRecWalkRoot(int driveNumber);
 
  private:
+  bool IsTableStart(const TDriveInfo& volume, std::span<const std::uint8_t> boot, std::int64_t sector);
   bool ReadBootSector(TDriveInfo& drive, std::int64_t sector, bool fillTable);
   void ReadVolumeName(TDriveInfo& drive, std::span<const std::uint8_t> boot);
   void ReadFreeSize(TDriveInfo& drive);

@@ -15,6 +15,7 @@ inline constexpr std::size_t BytesPerSectorAt = 11;
 inline constexpr std::size_t SectorsPerClusterAt = 13;
 inline constexpr std::size_t ReservedSectorsAt = 14;
 inline constexpr std::size_t TableCountAt = 16;
+inline constexpr std::size_t MediaAt = 21;
 inline constexpr std::size_t RootEntriesAt = 17;
 inline constexpr std::size_t TotalSectors16At = 19;
 inline constexpr std::size_t TableSectors16At = 22;

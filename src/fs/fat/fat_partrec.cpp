@@ -108,6 +108,24 @@ void TFAT::LearnClusterSize(TDriveInfo& drive, int driveNumber, std::span<const 
   }
 }
 
+void TFAT::PartRecDriveAdded(int driveNumber) {
+  TDrives& drives = FEngine.Drives();
+  if (drives.IsWrongNumber(driveNumber)) return;
+  TDriveInfo& drive = drives.List[static_cast<std::size_t>(driveNumber)];
+  TDriveInfo volume = drive;
+  // The boot sectors of other systems look like those of FAT.
+  const TFileSystem there = drives.GetSystem(volume);
+  const bool isFAT = there == TFileSystem::fsFAT12 || there == TFileSystem::fsFAT16 || there == TFileSystem::fsFAT32;
+  if (!isFAT) return;
+  drive.FileSystem = there;
+  GetDriveInfo(drive, false);
+}
+
+void TFAT::PartRecWalkRoot(int driveNumber) {
+  TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
+  if (drive.FATInfo.RootDirFirstSector != 0) MakeWalk(FEngine, drive, driveNumber, FOem).WalkRoot();
+}
+
 void TFAT::PartRecAnalyseForNewDrive(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
                                      std::int64_t sectorNumber) {
   TDrives& drives = FEngine.Drives();

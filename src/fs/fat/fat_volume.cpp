@@ -111,6 +111,33 @@ bool TFAT::IsBackupBootSector(std::span<const std::uint8_t> head, int bytesPerSe
          ReadLe16(boot, BackupSectorAt) == BackupBootSector;
 }
 
+/// Whether an allocation table begins at the sector: its first entry holds the media byte with all
+/// other bits set (Microsoft, "FAT: General Overview of On-Disk Format", FAT[0]).
+bool TFAT::IsTableStart(const TDriveInfo& volume, std::span<const std::uint8_t> boot, std::int64_t sector) {
+  TByteDynArray table(static_cast<std::size_t>(FEngine.Drives().GetBytesPerSector(volume)));
+  if (FEngine.Reader().ReadDriveSectors(volume, table.data(), sector, 1) != table.size()) return false;
+  const std::uint8_t media = boot[MediaAt];
+  return table[0] == media && media >= 0xF0 && (table[1] == 0xFF || table[1] == 0x0F) && table[2] == 0xFF;
+}
+
+bool TFAT::SetVolumeBounds(TDriveInfo& volume, std::span<const std::uint8_t> boot) {
+  if (ReadLe16(boot, BytesPerSectorAt) != volume.BytesPerSector) return false;
+  volume.SectorsCount = std::int64_t{ReadLe16(boot, TotalSectors16At)} + ReadLe32(boot, TotalSectors32At);
+  const std::int64_t table = volume.FirstSector + ReadLe16(boot, ReservedSectorsAt);
+  const bool mayBeCopy = ReadLe16(boot, TableSectors16At) == 0 && ReadLe16(boot, BackupSectorAt) == BackupBootSector;
+  if (mayBeCopy && !IsTableStart(volume, boot, table) && IsTableStart(volume, boot, table - BackupBootSector)) {
+    volume.FirstSector -= BackupBootSector;
+  }
+  return volume.SectorsCount > 0;
+}
+
+bool TFAT::IsVolumeSound(const TDriveInfo& volume, std::span<const std::uint8_t> boot) {
+  const std::uint16_t size16 = ReadLe16(boot, TableSectors16At);
+  const std::int64_t size = size16 != 0 ? size16 : ReadLe32(boot, TableSectors32At);
+  const std::int64_t table = volume.FirstSector + ReadLe16(boot, ReservedSectorsAt);
+  return IsTableStart(volume, boot, table) || IsTableStart(volume, boot, table + size);
+}
+
 bool TFAT::GetDriveInfo(TDriveInfo& drive, bool fillTable) {
   return ReadBootSector(drive, drive.FirstSector, fillTable) ||
          ReadBootSector(drive, drive.FirstSector + BackupBootSector, fillTable);

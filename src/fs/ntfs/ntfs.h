@@ -46,6 +46,11 @@ class TNTFS {
   /// True when the last sector of the drive holds the copy of a boot sector of just this drive.
   bool IsBackupAtEnd(const TDriveInfo& drive);
   bool IsMFT(std::span<const std::uint8_t> buffer, std::size_t start) const { return ntfs::IsMFT(buffer, start); }
+  /// Takes the length from a boot sector; where the table of records does not lie as it says, it may
+  /// be the copy behind the volume's end, which leads back to the start.
+  bool SetVolumeBounds(TDriveInfo& volume, std::span<const std::uint8_t> boot);
+  /// True when a record begins where the boot sector sees the table or its mirror.
+  bool IsVolumeSound(const TDriveInfo& volume, std::span<const std::uint8_t> boot);
   /// Fills the volume fields from the boot sector or one of its copies. `forSubDrive` leaves the
   /// table of records alone.
   bool GetDriveInfo(TDriveInfo& drive, bool /*fillTable: it always is*/) { return GetDriveInfo(drive, true, false); }
@@ -86,6 +91,8 @@ class TNTFS {
   /// Enters the records that begin in a sector, at any of its 512-byte slices.
   void PartRecAnalyseSector(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
                             std::int64_t sectorNumber, bool canCheckNewDrive);
+  /// Whether a sector of the volume belongs to its table of records or the mirror of that.
+  bool IsInTable(const TDriveInfo& volume, std::int64_t sector) const;
   /// Analyses a volume whose boot sector was confirmed.
   void PartRecDriveAdded(int driveNumber);
   /// Gives the files without a number one, and enters them.

@@ -21,6 +21,7 @@ namespace {
 constexpr int UsualRecordSize = 1024;          // bytes, until a boot sector says otherwise
 constexpr std::int64_t FarthestAnchor = 1024;  // sectors
 constexpr std::int64_t VolumeRecord = 3;
+constexpr std::int64_t MirroredRecords = 4;
 
 std::int64_t RecordSectors(const TDriveInfo& drive) {
   return std::max<std::int64_t>(drive.NTFSInfo.MFTRecordSize / std::max(drive.BytesPerSector, 1), 1);
@@ -76,6 +77,17 @@ TNTFS::TNewDrive TNTFS::CheckNewDrive(std::span<const std::uint8_t> buffer, std:
     return TNewDrive::Taken;
   }
   return TNewDrive::None;
+}
+
+bool TNTFS::IsInTable(const TDriveInfo& volume, std::int64_t sector) const {
+  const TNTFSInfo& info = volume.NTFSInfo;
+  const std::int64_t perRecord = RecordSectors(volume);
+  const auto lies = [&](std::int64_t first, std::int64_t records) {
+    return first > 0 && sector >= first && sector < first + records * perRecord;
+  };
+  return lies(info.MFTMirrorSector, MirroredRecords) ||
+         std::any_of(info.MFTStructure.begin(), info.MFTStructure.end(),
+                     [&](const TMFTRun& run) { return lies(run.FirstSector, run.Count); });
 }
 
 void TNTFS::PartRecDriveAdded(int driveNumber) {

@@ -64,6 +64,30 @@ bool TNTFS::IsBackupAtEnd(const TDriveInfo& drive) {
   return static_cast<std::int64_t>(ReadLe64(sector, 0x28)) == drive.SectorsCount - 1;
 }
 
+bool TNTFS::IsVolumeSound(const TDriveInfo& volume, std::span<const std::uint8_t> boot) {
+  TByteDynArray record(static_cast<std::size_t>(FEngine.Drives().GetBytesPerSector(volume)));
+  const unsigned byte = boot[0x0D];
+  if (byte > 0x80 && 256 - byte > LargestClusterPower) return false;
+  const std::int64_t sectorsPerCluster = byte <= 0x80 ? byte : std::int64_t{1} << (256 - byte);
+  for (const std::size_t field : {0x30U, 0x38U}) {
+    const std::uint64_t cluster = ReadLe64(boot, field);
+    if (cluster == 0 || cluster >= MostClusters) continue;
+    const std::int64_t sector = volume.FirstSector + static_cast<std::int64_t>(cluster) * sectorsPerCluster;
+    const bool read = FEngine.Reader().ReadDriveSectors(volume, record.data(), sector, 1) == record.size();
+    if (read && IsMFT(record, 0)) return true;
+  }
+  return false;
+}
+
+bool TNTFS::SetVolumeBounds(TDriveInfo& volume, std::span<const std::uint8_t> boot) {
+  const std::uint64_t length = ReadLe64(boot, 0x28);
+  if (ReadLe16(boot, 0x0B) != volume.BytesPerSector || length == 0 || length > MostClusters) return false;
+  volume.SectorsCount = static_cast<std::int64_t>(length);
+  if (IsVolumeSound(volume, boot)) return true;
+  volume.FirstSector -= volume.SectorsCount;
+  return volume.FirstSector >= 0 && IsVolumeSound(volume, boot);
+}
+
 // ---- volume fields --------------------------------------------------------------------------
 
 int TNTFS::GetSectorsPerCluster(const TDriveInfo& drive) const {

@@ -1,0 +1,291 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "analysis/partition_search.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <span>
+#include <vector>
+
+#include "analysis/deep/all_fs.h"
+#include "analysis/files.h"
+#include "core/drives.h"
+#include "core/engine.h"
+#include "core/sector_reader.h"
+#include "fs/fat/fat.h"
+#include "fs/ntfs/ntfs.h"
+
+namespace brenlow {
+namespace {
+
+constexpr std::int64_t UsualBlock = 512;   // sectors
+constexpr std::int64_t VMwareBlock = 128;  // sectors: a grain
+constexpr int MostFailuresInBlock = 4;
+constexpr std::int64_t MergeTolerance = 1025;  // sectors that a drive may be longer than its only volume
+
+bool IsFAT(TFileSystem system) {
+  return system == TFileSystem::fsFAT12 || system == TFileSystem::fsFAT16 || system == TFileSystem::fsFAT32;
+}
+
+class TPartitionSearch {
+ public:
+  TPartitionSearch(TEngine& engine, int driveNumber)
+      : FEngine(engine),
+        FDrives(engine.Drives()),
+        FMain(driveNumber),
+        FSectorSize(engine.Drives().GetBytesPerSector(driveNumber)),
+        FFirst(Drive(driveNumber).FirstSector),
+        FSectors(Drive(driveNumber).SectorsCount),
+        FDeep(engine.PartRecSystems.Has(TPartRecSystem::DeepAnalysis)) {
+    engine.NTFS().OnPartRecConfirmed = [this](std::int64_t sector) {
+      FDrives.PartRecCheckSubDrivesForEnd(sector, true);
+    };
+  }
+  ~TPartitionSearch() { FEngine.NTFS().OnPartRecConfirmed = nullptr; }
+  TPartitionSearch(const TPartitionSearch&) = delete;
+  TPartitionSearch& operator=(const TPartitionSearch&) = delete;
+
+  void Begin() {
+    FDrives.PartRecClearInfo(FMain);
+    Drive(FMain).DeepAnalysed = TAnalyseInformation::aiPartial;
+    if (FDeep) FEngine.AllFS().DoBeforeDeepAnalyse(FMain);
+    if (Wants(TPartRecSystem::FAT)) FDrives.PartRecAddSubdrive(FMain, FDrives.PartRecInfo.DefaultFATSystem);
+    if (Wants(TPartRecSystem::NTFS)) FDrives.PartRecAddSubdrive(FMain, TFileSystem::fsNTFS);
+  }
+
+  void Run() {
+    const std::int64_t block = FDrives.IsVMware(FMain) ? VMwareBlock : UsualBlock;
+    const std::int64_t blocks = FSectors / block;
+    TByteDynArray buffer(static_cast<std::size_t>(block * FSectorSize));
+    for (std::int64_t i = 0; i < blocks; ++i) {
+      if (!IsHole(i * block, block)) {
+        FEngine.Reader().ReadOrZero(Drive(FMain), buffer, FFirst + i * block, MostFailuresInBlock);
+        if (!WalkBlock(buffer, i * block, block)) return;
+      }
+      FEngine.Pump();
+      if (!FEngine.Analysing) return;
+      FEngine.AnalyseProgress(static_cast<double>((i + 1) * block) / static_cast<double>(FSectors));
+    }
+  }
+
+  /// Runs after a stop as well.
+  void End() {
+    if (FEngine.Analysing) Drive(FMain).DeepAnalysed = TAnalyseInformation::aiFull;
+    FEngine.AnalyseProgress(1.0);
+    if (FDeep) {
+      FEngine.AllFS().DoAfterDeepAnalyse(FMain, FLastSector);
+      FEngine.Files().AddDeepAnalyseDir(FMain, false);
+    }
+    if (FEngine.Analysing) ConfirmSoundVolumes();
+    if (FEngine.Analysing) TakeFromCandidates();
+    PartRecDoAfterAnalyse();
+    FDrives.UpdateSubDrivesCaptions(FMain);
+  }
+
+ private:
+  TDriveInfo& Drive(int number) { return FDrives.List[static_cast<std::size_t>(number)]; }
+  bool Wants(TPartRecSystem system) const { return FEngine.PartRecSystems.Has(system); }
+
+  /// True for a block of a sparse image that holds nothing and that no rule asks for by its number.
+  bool IsHole(std::int64_t first, std::int64_t count) {
+    if (FDeep || FEngine.Reader().NextDataSector(Drive(FMain), FFirst + first) < FFirst + first + count) return false;
+    const auto within = [&](std::int64_t sector) { return sector >= first && sector < first + count; };
+    for (const int volume : FDrives.PartRecInfo.Volumes) {
+      if (!FDrives.IsWrongNumber(volume) && within(Drive(volume).FirstSector - FFirst)) return false;
+    }
+    return true;
+  }
+
+  /// False when the search was stopped.
+  bool WalkBlock(std::span<const std::uint8_t> buffer, std::int64_t first, std::int64_t count) {
+    for (std::int64_t i = 0; i < count; ++i) {
+      const auto start = static_cast<std::size_t>(i * FSectorSize);
+      FLastSector = first + i;
+      if (Wants(TPartRecSystem::FAT) || Wants(TPartRecSystem::NTFS)) {
+        FDrives.PartRecCheckForExistPartition(FMain, first + i);
+        CheckForNewPartition(buffer.subspan(start), first + i);
+        FDrives.PartRecCheckSubDrivesForEnd(first + i, false);
+      }
+      if (Wants(TPartRecSystem::FAT)) FEngine.FAT().PartRecAnalyseForNewDrive(buffer, start, FMain, first + i);
+      if (FDeep) FEngine.AllFS().DeepAnalyseSystem(buffer, start, first + i);
+      if (!FeedSubDrives(buffer, start, first + i)) return false;
+      FEngine.Pump();
+      if (!FEngine.Analysing) return false;
+    }
+    return true;
+  }
+
+  void CheckForNewPartition(std::span<const std::uint8_t> bytes, std::int64_t sector) {
+    if (!FDrives.PartRecCheckForNewPartition(FMain, sector, bytes)) return;
+    // The copy at the end of a volume whose own boot sector is gone: all its records went by before.
+    const TDriveInfo& found = FDrives.PartRecInfo.FoundDrives.back();
+    if (found.FileSystem != TFileSystem::fsNTFS || found.FirstSector >= FFirst + sector) return;
+    ConfirmNTFS(static_cast<int>(FDrives.PartRecInfo.FoundDrives.size()) - 1);
+  }
+
+  /// Takes a found boot sector at its word: the volume is analysed as a whole.
+  void ConfirmNTFS(int found) {
+    const int target = FDrives.PartRecAddSubdrive(FMain, TFileSystem::fsNTFS);
+    FDrives.PartRecApplyFoundDriveInfoToDrive(target, found);
+    Drive(target).NTFSInfo.CanBeTruncated = false;
+    FEngine.NTFS().PartRecDriveAdded(target);
+    FConfirmed.push_back(target);
+  }
+
+  /// Records of a volume that went by before it was confirmed: a candidate has them too.
+  void TakeFromCandidates() {
+    const TIntegerDynArray subs = Drive(FMain).SubDrives;
+    for (const int volume : subs) {
+      if (Drive(volume).FileSystem != TFileSystem::fsNTFS || Drive(volume).NTFSInfo.CanBeTruncated) continue;
+      for (const int sub : subs) {
+        const bool candidate = Drive(sub).FileSystem == TFileSystem::fsNTFS && Drive(sub).NTFSInfo.CanBeTruncated;
+        if (candidate) TakeFromCandidate(sub, Drive(volume));
+      }
+    }
+  }
+
+  void TakeFromCandidate(int sub, const TDriveInfo& volume) {
+    TNTFSInfo& info = Drive(sub).NTFSInfo;
+    const std::int64_t shift = Drive(sub).FirstSector - volume.FirstSector;
+    const auto within = [&](std::int64_t sector) { return FEngine.NTFS().IsInTable(volume, sector + shift); };
+    std::erase_if(info.UnknownFirstClusterFiles, [&](const auto& file) { return within(file.FirstSector); });
+    std::erase_if(info.PartRecMFTStructure, [&](const TPartRecMFT& anchor) { return within(anchor.SectorNumber); });
+    info.LastMFTNumber = -1;
+    TFiles& files = FEngine.Files();
+    files.EraseRows([&](const TFileInfo& file) { return file.aDriveNumber == sub && within(file.FirstSector); });
+    // The folder of the system's own files comes from no record.
+    bool hasRecords = !info.UnknownFirstClusterFiles.empty();
+    for (std::size_t i = 0; i < files.List.size() && !hasRecords; ++i) {
+      hasRecords = files.List[i].FileInfo.aDriveNumber == sub && files.List[i].FileInfo.FirstSector >= 0;
+    }
+    if (hasRecords) return;
+    files.EraseRows([&](const TFileInfo& file) { return file.aDriveNumber == sub; });
+    info.SystemDataFolderAdded = false;
+  }
+
+  /// The sector for each open sub-drive. False when the search was stopped.
+  bool FeedSubDrives(std::span<const std::uint8_t> buffer, std::size_t start, std::int64_t sector) {
+    bool canCheckNewDrive = true;
+    // By position: sub-drives come in while this goes on.
+    for (std::size_t i = 0; i < Drive(FMain).SubDrives.size(); ++i) {
+      const int sub = Drive(FMain).SubDrives[i];
+      const TDriveInfo& drive = Drive(sub);
+      const std::int64_t relative = FFirst + sector - drive.FirstSector;
+      if (!drive.CanBeAnalysed || relative < 0 || relative >= drive.SectorsCount) continue;
+      if (IsFAT(drive.FileSystem)) {
+        FEngine.FAT().PartRecAnalyseSector(buffer, start, sub, relative);
+      } else if (drive.FileSystem == TFileSystem::fsNTFS) {
+        FEngine.NTFS().PartRecAnalyseSector(buffer, start, sub, relative, canCheckNewDrive);
+        canCheckNewDrive = false;
+      } else {
+        continue;
+      }
+      FEngine.Pump();
+      if (!FEngine.Analysing) return false;
+    }
+    return true;
+  }
+
+  /// Found boot sectors that no record or folder has confirmed, though more than they themselves
+  /// speaks for the volume: one without a single folder, for example.
+  void ConfirmSoundVolumes() {
+    auto& found = FDrives.PartRecInfo.FoundDrives;
+    TByteDynArray boot(static_cast<std::size_t>(FSectorSize));
+    for (std::size_t i = 0; i < found.size();) {
+      const TDriveInfo volume = found[i];
+      const std::int64_t copy = IsFAT(volume.FileSystem) ? 6 : volume.SectorsCount;
+      bool sound = false;
+      for (const std::int64_t at : {std::int64_t{0}, copy}) {
+        const bool read = FEngine.Reader().ReadDriveSectors(volume, boot.data(), volume.FirstSector + at, 1) != 0;
+        TFileSystem system = TFileSystem::fsUnknown;
+        sound = sound || (read && FDrives.IsPartition(boot, 0, false, system, static_cast<int>(FSectorSize)) &&
+                          FEngine.IsVolumeSound(volume, boot));
+      }
+      if (!sound || IsCovered(volume)) {
+        ++i;
+        continue;
+      }
+      if (volume.FileSystem == TFileSystem::fsNTFS) {
+        ConfirmNTFS(static_cast<int>(i));
+      } else {
+        const int target = FDrives.PartRecDriveForFound(FMain, static_cast<int>(i));
+        FEngine.FAT().PartRecWalkRoot(target);
+        FConfirmed.push_back(target);
+      }
+    }
+  }
+
+  /// True for a volume that lies inside one that was confirmed: an image in a file, say.
+  bool IsCovered(const TDriveInfo& volume) {
+    const TIntegerDynArray& subs = Drive(FMain).SubDrives;
+    return std::any_of(subs.begin(), subs.end(), [&](int sub) {
+      const TDriveInfo& drive = Drive(sub);
+      const bool whole = drive.FirstSector == FFirst && drive.SectorsCount == FSectors;
+      return !FDrives.IsEmpty(sub) && !whole && volume.FirstSector >= drive.FirstSector &&
+             volume.FirstSector < drive.FirstSector + drive.SectorsCount;
+    });
+  }
+
+  void PartRecDoAfterAnalyse() {
+    const TIntegerDynArray subs = Drive(FMain).SubDrives;
+    for (auto sub = subs.rbegin(); sub != subs.rend(); ++sub) {
+      const bool confirmed = std::find(FConfirmed.begin(), FConfirmed.end(), *sub) != FConfirmed.end();
+      const bool empty = FDrives.IsEmpty(*sub) && Drive(*sub).NTFSInfo.UnknownFirstClusterFiles.empty();
+      if (empty && !confirmed) FDrives.Delete(*sub);
+    }
+    if (Wants(TPartRecSystem::NTFS)) FEngine.NTFS().PartRecDoAfterAnalyse(FMain);
+    if (Drive(FMain).SubDrives.empty()) return;
+    if (IsOnlyVolume()) {
+      MergeOnlyVolume();
+      return;
+    }
+    for (const int sub : TIntegerDynArray(Drive(FMain).SubDrives)) {
+      Finish(sub);
+      Drive(sub).Analysed = FEngine.Analysing ? TAnalyseInformation::aiFull : TAnalyseInformation::aiPartial;
+    }
+  }
+
+  void Finish(int number) {
+    if (Drive(number).FileSystem == TFileSystem::fsNTFS) FEngine.NTFS().DoAfterAnalyse(Drive(number));
+    FEngine.Files().DoAfterAnalyse(number);
+  }
+
+  /// One volume that fills the drive is the drive.
+  bool IsOnlyVolume() {
+    if (Drive(FMain).SubDrives.size() != 1) return false;
+    const TDriveInfo& sub = Drive(Drive(FMain).SubDrives.front());
+    return sub.FirstSector == FFirst && sub.BytesPerSector == FSectorSize &&
+           std::llabs(sub.SectorsCount - FSectors) < MergeTolerance;
+  }
+
+  void MergeOnlyVolume() {
+    const int sub = Drive(FMain).SubDrives.front();
+    FDrives.CopySystemsInfo(sub, FMain);
+    FDrives.MergeParentClusters(sub, FMain);
+    FEngine.Files().MoveToDrive(sub, FMain);
+    FDrives.Delete(sub);
+    Finish(FMain);
+    Drive(FMain).Analysed = FEngine.Analysing ? TAnalyseInformation::aiFull : TAnalyseInformation::aiPartial;
+  }
+
+  TEngine& FEngine;
+  TDrives& FDrives;
+  int FMain;
+  std::int64_t FSectorSize;
+  std::int64_t FFirst;
+  std::int64_t FSectors;
+  bool FDeep;
+  std::int64_t FLastSector = 0;
+  TIntegerDynArray FConfirmed;  // by more than records and folders: they stay though they are empty
+};
+
+}  // namespace
+
+void FindPartitionsInDrive(TEngine& engine, int driveNumber) {
+  if (engine.Drives().IsWrongNumber(driveNumber)) return;
+  TPartitionSearch search(engine, driveNumber);
+  search.Begin();
+  search.Run();
+  search.End();
+}
+
+}  // namespace brenlow
