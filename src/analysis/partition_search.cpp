@@ -261,6 +261,8 @@ class TPartitionSearch {
     const int sub = Drive(FMain).SubDrives.front();
     FDrives.CopySystemsInfo(sub, FMain);
     FDrives.MergeParentClusters(sub, FMain);
+    TInt64DynArray& folders = Drive(FMain).FileFirstClusters;
+    folders.insert(folders.end(), Drive(sub).FileFirstClusters.begin(), Drive(sub).FileFirstClusters.end());
     FEngine.Files().MoveToDrive(sub, FMain);
     FDrives.Delete(sub);
     Finish(FMain);

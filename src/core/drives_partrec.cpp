@@ -116,11 +116,13 @@ bool TDrives::PartRecIsKnownStart(int number, std::int64_t firstSector, TFileSys
   const auto same = [&](const TDriveInfo& drive) {
     return drive.FirstSector == firstSector && SameFamily(drive.FileSystem, system);
   };
-  const TIntegerDynArray& subs = List[static_cast<std::size_t>(number)].SubDrives;
+  const TDriveInfo& main = List[static_cast<std::size_t>(number)];
   return std::any_of(PartRecInfo.FoundDrives.begin(), PartRecInfo.FoundDrives.end(), same) ||
-         std::any_of(subs.begin(), subs.end(), [&](int sub) {
-           // An empty candidate has the start of the whole drive, which says nothing.
-           return !IsEmpty(sub) && same(List[static_cast<std::size_t>(sub)]);
+         std::any_of(main.SubDrives.begin(), main.SubDrives.end(), [&](int sub) {
+           const TDriveInfo& drive = List[static_cast<std::size_t>(sub)];
+           // An empty candidate has the bounds of the whole drive, which says nothing.
+           const bool placed = drive.FirstSector != main.FirstSector || drive.SectorsCount != main.SectorsCount;
+           return same(drive) && (placed || !IsEmpty(sub));
          });
 }
 
