@@ -154,8 +154,42 @@ def deep():
     write("deep", "seed-sectors", b"".join(sectors))
 
 
+def images():
+    """A small image of each kind."""
+    def put(size, *fields):
+        out = bytearray(size)
+        for at, data in fields:
+            out[at:at + len(data)] = data
+        return bytes(out)
+    le = lambda value, size: value.to_bytes(size, "little")
+    be = lambda value, size: value.to_bytes(size, "big")
+    dsk = b"DSK FILE" + le(70000, 8) + le(2, 8) + le(6, 2) + b"\xff\xff" + bytes.fromhex("03b00200fc0f") + bytes(4464)
+    write("images", "seed-dsk", b"\0\0\0" + dsk)
+    vmdk = put(4096, (0, b"KDMV" + le(1, 4) + le(5, 4) + le(250, 8) + le(8, 8)), (0x38, le(1, 8)), (512, le(2, 4)), (1024, le(6, 4) + le(0, 4) + le(1, 4)))
+    write("images", "seed-vmdk", b"\1\0\0" + vmdk)
+    write("images", "seed-descriptor", b"\1\0\0" + b"# Extent description\nRW 9 ZERO\nRW 4 FLAT \"a.bin\" 1\n\n" + bytes(500))
+    vdi = put(2048, (0x40, le(0xBEDA107F, 4)), (0x4C, le(1, 4)), (0x154, le(512, 4)), (0x158, le(1024, 4)), (0x170, le(2048, 8)), (0x178, le(512, 4)), (512, le(1, 4) + b"\xff" * 4 + le(0, 4)))
+    write("images", "seed-vdi", b"\2\0\0" + vdi)
+    vhd = put(4096, (0, b"conectix"), (0x10, be(512, 8)), (0x30, be(2048, 8)), (0x3C, be(3, 4)), (512, b"cxsparse"), (528, be(1536, 8)), (540, be(4, 4)), (544, be(512, 4)), (1536, be(4, 4) + b"\xff" * 12))
+    write("images", "seed-vhd", b"\3\0\0" + vhd)
+    hdd = put(2048, (0, b"WithoutFreeSpace"), (28, le(1, 4) + le(4, 4) + le(4, 4)), (64, le(2, 4) + le(0, 4) + le(3, 4)))
+    write("images", "seed-hdd", b"\5\0\0" + hdd)
+    write("images", "seed-map", b"\6\0\0" + b"# Mapfile\n0x0 ? 1\n0x00000000  0x00000400  +\n0x00000400  0x00000200  -\n")
+
+
+def search():
+    """Volumes that say that they are large enough to be taken notice of."""
+    for width in (16, 32):
+        image = bytearray(volume(width))
+        struct.pack_into("<H", image, 19, 0)
+        struct.pack_into("<I", image, 32, 24000)
+        write("search", "seed-fat%d" % width, b"\0" + bytes(512 * 9) + bytes(image))
+
+
 def main():
     deep()
+    images()
+    search()
     write("ntfs", "seed-volume", b"\0" + ntfs())
     write("ntfs_record", "seed-resident", ntfs()[2048 + 14 * 1024:2048 + 15 * 1024])
     write("ntfs_record", "seed-listed", ntfs()[2048 + 12 * 1024:2048 + 13 * 1024])

@@ -152,14 +152,21 @@ class TPartitionSearch {
     info.LastMFTNumber = -1;
     TFiles& files = FEngine.Files();
     files.EraseRows([&](const TFileInfo& file) { return file.aDriveNumber == sub && within(file.FirstSector); });
-    // The folder of the system's own files comes from no record.
-    bool hasRecords = !info.UnknownFirstClusterFiles.empty();
-    for (std::size_t i = 0; i < files.List.size() && !hasRecords; ++i) {
-      hasRecords = files.List[i].FileInfo.aDriveNumber == sub && files.List[i].FileInfo.FirstSector >= 0;
-    }
-    if (hasRecords) return;
+    if (HoldsFiles(sub)) return;
     files.EraseRows([&](const TFileInfo& file) { return file.aDriveNumber == sub; });
     info.SystemDataFolderAdded = false;
+  }
+
+  /// False for a sub-drive that has nothing but the file system's own files.
+  bool HoldsFiles(int sub) {
+    const TFileArray& list = FEngine.Files().List;
+    bool holds = !Drive(sub).NTFSInfo.UnknownFirstClusterFiles.empty();
+    for (std::size_t i = 0; i < list.size() && !holds; ++i) {
+      const TFile& row = list[i];
+      holds = row.FileInfo.aDriveNumber == sub && row.ParentCluster != SpecialCluster::NTFSSystemData &&
+              row.FileInfo.FirstCluster != SpecialCluster::NTFSSystemData;
+    }
+    return holds;
   }
 
   /// The sector for each open sub-drive. False when the search was stopped.
@@ -229,7 +236,9 @@ class TPartitionSearch {
     const TIntegerDynArray subs = Drive(FMain).SubDrives;
     for (auto sub = subs.rbegin(); sub != subs.rend(); ++sub) {
       const bool confirmed = std::find(FConfirmed.begin(), FConfirmed.end(), *sub) != FConfirmed.end();
-      const bool empty = FDrives.IsEmpty(*sub) && Drive(*sub).NTFSInfo.UnknownFirstClusterFiles.empty();
+      // Of a candidate for NTFS, the system's files alone (a mirror left behind) make no volume.
+      const bool candidate = Drive(*sub).FileSystem == TFileSystem::fsNTFS && Drive(*sub).NTFSInfo.CanBeTruncated;
+      const bool empty = candidate ? !HoldsFiles(*sub) : FDrives.IsEmpty(*sub);
       if (empty && !confirmed) FDrives.Delete(*sub);
     }
     if (Wants(TPartRecSystem::NTFS)) FEngine.NTFS().PartRecDoAfterAnalyse(FMain);

@@ -76,7 +76,7 @@ class TFAT {
                                  std::int64_t sectorNumber);
   /// Reads the geometry where a volume is known to begin. What the search meets there fills it.
   void PartRecDriveAdded(int driveNumber);
-  /// A found boot sector that no folder has confirmed: its root.
+  /// The root of a volume that a found boot sector describes.
   void PartRecWalkRoot(int driveNumber);
 
  private:

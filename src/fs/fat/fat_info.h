@@ -27,6 +27,9 @@ struct TFATInfo {
   // Partition search: the volume's cluster size is learned from the folders met.
   std::uint32_t LastSector = 0;   ///< sector of the last folder seen
   std::uint32_t LastCluster = 0;  ///< that folder's own cluster
+  /// Folders in a row whose distances say one sector a cluster, all with the same start of the data.
+  int OneSectorFolders = 0;
+  std::int64_t OneSectorDataFirst = 0;
   TInt64DynArray WaitingSectors;  ///< folder starts waiting for the cluster size
 
   /// A deleted entry with a first cluster above 65535 was met: whoever deletes on this volume

@@ -38,14 +38,23 @@ TFolderWalk MakeWalk(TEngine& engine, TDriveInfo& drive, int driveNumber, const 
   return walk;
 }
 
-/// The cluster size that two folders imply, 0 when they imply none. A size of one sector cannot
-/// be told from a coincidence.
+/// A size of one sector cannot be told from a coincidence by two folders; by so many it can.
+constexpr int FoldersForOneSector = 4;
+
+/// The cluster size that two folders imply, 0 when they imply none or one sector.
 int LearnedClusterSize(std::int64_t sectors, std::int64_t clusters) {
   if (clusters == 0 || sectors % clusters != 0) return 0;
   for (const int size : {2, 4, 8, 16, 32, 64, 128}) {
     if (sectors / clusters == size) return size;
   }
   return 0;
+}
+
+/// Counts a folder whose data area would begin there with clusters of one sector.
+bool IsOneSector(TFATInfo& info, std::int64_t dataFirst) {
+  info.OneSectorFolders = dataFirst == info.OneSectorDataFirst ? info.OneSectorFolders + 1 : 1;
+  info.OneSectorDataFirst = dataFirst;
+  return dataFirst >= 0 && info.OneSectorFolders >= FoldersForOneSector;
 }
 
 }  // namespace
@@ -61,9 +70,8 @@ void TFAT::PartRecAnalyseSector(std::span<const std::uint8_t> buffer, std::size_
   }
   const bool isRootArea = !IsFAT32(drive) && sectorNumber == info.RootDirFirstSector;
   if (!isRootArea && !OnClusterBorder(drive, sectorNumber)) return;
-  TFolderWalk walk = MakeWalk(FEngine, drive, driveNumber, FOem);
   if (isRootArea) {
-    walk.WalkRootArea();
+    MakeWalk(FEngine, drive, driveNumber, FOem).WalkRootArea();
     return;
   }
   const std::uint32_t cluster = ClusterOfSector(drive, sectorNumber);
@@ -71,6 +79,8 @@ void TFAT::PartRecAnalyseSector(std::span<const std::uint8_t> buffer, std::size_
   if (!IsFolderStart(drive, buffer, start, isRoot)) return;
   const auto bytes = buffer.subspan(start);
   const auto clusterBytes = static_cast<std::size_t>(ClusterBytes(drive));
+  // Only now: a walk keeps a bit for each cluster.
+  TFolderWalk walk = MakeWalk(FEngine, drive, driveNumber, FOem);
   walk.WalkFolder(cluster, bytes.size() < clusterBytes ? std::span<const std::uint8_t>() : bytes.first(clusterBytes));
 }
 
@@ -80,9 +90,10 @@ void TFAT::LearnClusterSize(TDriveInfo& drive, int driveNumber, std::span<const 
   if (!IsFolderStart(drive, folder, 0, false)) return;
   info.WaitingSectors.push_back(sectorNumber);
   const std::uint32_t cluster = IsFAT32(drive) ? EntryCluster(folder, 0) : ReadLe16(folder, 26);
-  const int size = cluster >= 2 && info.LastSector != 0
-                       ? LearnedClusterSize(sectorNumber - info.LastSector, std::int64_t{cluster} - info.LastCluster)
-                       : 0;
+  int size = cluster >= 2 && info.LastSector != 0
+                 ? LearnedClusterSize(sectorNumber - info.LastSector, std::int64_t{cluster} - info.LastCluster)
+                 : 0;
+  if (size == 0 && cluster >= 2 && IsOneSector(info, sectorNumber - cluster + 2)) size = 1;
   const std::int64_t dataFirst = sectorNumber - (std::int64_t{cluster} - 2) * size;
   if (size == 0 || dataFirst < 0) {
     info.LastSector = static_cast<std::uint32_t>(sectorNumber);
@@ -118,11 +129,13 @@ void TFAT::PartRecDriveAdded(int driveNumber) {
   const bool isFAT = there == TFileSystem::fsFAT12 || there == TFileSystem::fsFAT16 || there == TFileSystem::fsFAT32;
   if (!isFAT) return;
   drive.FileSystem = there;
-  GetDriveInfo(drive, false);
+  GetDriveInfo(drive, true);
 }
 
 void TFAT::PartRecWalkRoot(int driveNumber) {
+  if (FEngine.Drives().IsWrongNumber(driveNumber)) return;
   TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
+  GetDriveInfo(drive, true);  // folders of more than one cluster follow the table
   if (drive.FATInfo.RootDirFirstSector != 0) MakeWalk(FEngine, drive, driveNumber, FOem).WalkRoot();
 }
 
@@ -143,9 +156,7 @@ void TFAT::PartRecAnalyseForNewDrive(std::span<const std::uint8_t> buffer, std::
     if (relative >= found.SectorsCount || !OnClusterBorder(found, relative)) continue;
     if ((ClusterOfSector(found, relative) & 0xFFFF) != ownLowHalf) continue;
 
-    const int target = drives.PartRecDriveForFound(driveNumber, static_cast<int>(i));
-    TDriveInfo& drive = drives.List[static_cast<std::size_t>(target)];
-    if (drive.FATInfo.RootDirFirstSector != 0) MakeWalk(FEngine, drive, target, FOem).WalkRoot();
+    PartRecWalkRoot(drives.PartRecDriveForFound(driveNumber, static_cast<int>(i)));
     return;
   }
 }
