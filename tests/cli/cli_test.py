@@ -136,6 +136,71 @@ class Program(unittest.TestCase):
         self.assertEqual(len(run("types", "--json").stdout.splitlines()), 41)
         self.assertIn("JPEG Image", run("types").stdout)
 
+    def test_image(self):
+        folder = self.target()
+        out = folder / "copy.dsk"
+        r = run("image", self.stick, "--out", folder / "copy.img")
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertIn(str(out), r.stdout)
+        self.assertEqual(digest(out), self.before)
+        for arguments in (["--out", out], ["--out", self.stick], ["--out", folder / "b.dsk", "--first", "99999999"],
+                          ["--out", folder / "b.dsk", "--compressed", "--map", folder / "map"], ["--out", folder / "b.dsk", "--drive", "7"]):
+            r = run("image", self.stick, *arguments)
+            self.assertEqual(r.returncode, 2, arguments)
+            self.assertTrue(r.stderr)
+        self.assertEqual(run("image", self.stick, "--out", out, "--compressed", "--overwrite").returncode, 0)
+        self.assertLess(out.stat().st_size, self.stick.stat().st_size // 10)
+        self.assertEqual(run("ls", out).stdout.splitlines()[1:], run("ls", self.stick).stdout.splitlines()[1:])
+        self.assertEqual(run("image", self.stick, "--out", folder / "part.dsk", "--first", "10", "--count", "20").returncode, 0)
+        self.assertEqual((folder / "part.dsk").read_bytes(), self.stick.read_bytes()[5120:5120 + 10240])
+        # The places that a map calls bad are unreadable, and whoever recovers hears of it.
+        picture = next(json.loads(line) for line in run("ls", self.stick, "--json", "--path", "beach 1.png").stdout.splitlines())
+        start = self.stick.read_bytes().index(b"\x89PNG")
+        size = self.stick.stat().st_size
+        (folder / "map").write_text("0x0 ? 1\n0x0 0x%X +\n0x%X 0x200 -\n0x%X 0x%X +\n" % (start, start, start + 512, size - start - 512))
+        r = run("recover", self.stick, "--map", folder / "map", "--out", folder / "found", "--json")
+        outcomes = {row["name"]: row["outcome"] for row in map(json.loads, r.stdout.splitlines())}
+        self.assertEqual((r.returncode, outcomes[picture["name"]], outcomes["letter 1.txt"]), (1, "unreadable", "whole"))
+        (folder / "map").write_text("0x0 ? 1\n0x0 0x1000 +\n")
+        self.assertEqual(run("ls", self.stick, "--map", folder / "map").returncode, 2)
+
+    def test_image_killed_and_resumed(self):
+        folder = self.target()
+        source, out, table = folder / "source.img", folder / "out.dsk", folder / "out.map"
+        block = os.urandom(1 << 20)
+        with open(source, "wb") as f:
+            for i in range(192):
+                f.write(i.to_bytes(8, "little") + block[8:])
+        for delay in (0.02, 0.05, 0.08):
+            process = subprocess.Popen([CLI, "image", str(source), "--out", str(out), "--map", str(table)], stdout=subprocess.DEVNULL, env=ENVIRONMENT)
+            time.sleep(delay)
+            process.kill()
+            if process.wait() != 0:
+                self.assertFalse(out.exists(), "half an image has no name")
+        r = run("image", source, "--out", out, "--map", table)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertEqual(digest(out), digest(source))
+        self.assertTrue(table.read_text().rstrip().endswith("+"))
+
+    def test_find(self):
+        folder = self.target()
+        disk = folder / "lost.img"
+        stick = self.stick.read_bytes()
+        disk.write_bytes(bytes(63 * 512) + stick + bytes(3 << 20))
+        for options in ([], ["--scan"], ["--systems", "fat"], ["--first", "63"]):
+            r = run("find", disk, "--json", *options)
+            self.assertEqual(r.returncode, 0, r.stderr)
+            self.assertEqual([json.loads(line) for line in r.stdout.splitlines()],
+                             [{"first_sector": 63, "sectors": len(stick) // 512, "file_system": "FAT32", "name": "DEMOSTICK", "size": len(stick)}])
+        r = run("find", disk, "--systems", "ntfs")
+        self.assertEqual((r.returncode, r.stdout), (1, ""))
+        self.assertIn("--first", run("find", disk).stdout)
+        want = run("ls", self.stick).stdout.splitlines()[1:]
+        self.assertEqual(run("ls", disk, "--first", "63", "--count", str(len(stick) // 512)).stdout.splitlines()[1:], want)
+        self.assertIn("README.TXT", run("ls", disk, "--scan").stdout)
+        self.assertEqual(run("recover", disk, "--scan", "--out", folder / "found").returncode, 0)
+        self.assertEqual((folder / "found/Documents/letter 2.txt").stat().st_size, 1800)
+
     def test_json(self):
         rows = [json.loads(line) for line in run("ls", self.stick, "--json").stdout.splitlines()]
         row = next(r for r in rows if r["name"] == "letter 1.txt")
@@ -157,7 +222,7 @@ class Program(unittest.TestCase):
             self.assertIn(words, info)
         tree = run("ls", self.stick, "--tree").stdout
         self.assertIn("    letter 2.txt  1.76 KB  [deleted]\n", tree)
-        for verb in ([], ["drives"], ["info"], ["ls"], ["recover"]):
+        for verb in ([], ["drives"], ["info"], ["ls"], ["recover"], ["find"], ["image"], ["types"]):
             r = run(*verb, "--help")
             self.assertEqual(r.returncode, 0)
             self.assertIn("Example", r.stdout)

@@ -25,7 +25,9 @@ class TCompressedImage final : public IDevice {
       if (!Load(position / dsk::BlockSize)) break;
       const auto within = static_cast<std::size_t>(position % dsk::BlockSize);
       if (within >= FBlock.size()) break;
-      const std::size_t count = std::min(buffer.size() - done, FBlock.size() - within);
+      // The last block may hold more than the disk's size leaves room for.
+      const std::size_t room = std::min(FBlock.size() - within, static_cast<std::size_t>(FSize - position));
+      const std::size_t count = std::min(buffer.size() - done, room);
       std::memcpy(buffer.data() + done, FBlock.data() + within, count);
       done += count;
       position += static_cast<std::int64_t>(count);

@@ -92,13 +92,13 @@ TImageResult TImageWriter::WriteRaw(const std::string& path, const std::string& 
   }
   const int file = ::open(partial.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | (resumes ? 0 : O_TRUNC), 0666);
   if (file < 0) return Close(-1, path, errno);
-  FMapKept = Milliseconds();
   // What an earlier run gave up is tried again, since it was asked to go on.
   const auto failed = [&](TMapStatus status) {
     return status == TMapStatus::NotTrimmed || status == TMapStatus::NotScraped ||
            (resumes && status == TMapStatus::Bad);
   };
   int error = ::ftruncate64(file, FSize) == 0 ? 0 : errno;
+  if (error == 0) error = KeepMap(file, map, mapPath, true);
   if (error == 0) error = CopyGood(file, map, mapPath);
   if (error == 0 && !FStopped) error = Retry(file, map, mapPath, failed);
   FUnreadable = CeilDiv(map.Count(TMapStatus::Bad), FSectorSize);
