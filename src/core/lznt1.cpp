@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::size_t ChunkSize = 4096;
 constexpr std::size_t ShortestMatch = 3;
-constexpr std::size_t MissesPerStep = 48;
+constexpr std::size_t MissesPerStep = 32;
 constexpr std::size_t LongestStep = 7;  // positions left out
 constexpr unsigned StoredHeader = 0x3000;
 constexpr unsigned CompressedHeader = 0xB000;
@@ -171,9 +171,10 @@ std::size_t CompressChunk(std::span<const std::uint8_t> input, std::uint8_t* bod
       body[flagsAt] = 0;
       item = 0;
     }
-    if (known || position < nextLook) {
+    if (known) {
       matcher.Enter(position);
-      if (!known) length = 0;
+    } else if (position < nextLook) {
+      length = 0;
     } else {
       length = matcher.FindAndEnter(position, distance);
       // Where nothing repeats, fewer and fewer positions are looked at.
