@@ -428,6 +428,7 @@ int TDrives::Mount(TStringView fileName, bool canAddToTreeView, TMountFailure* f
   const TStringView name = fileName.substr(fileName.rfind(u'/') + 1);
   drive.Caption = name.ends_with(u".dsk") ? name.substr(0, name.size() - 4) : name;
   drive.DriveTypes = {TDriveType::dtMounted};
+  if (LowerCase(name).ends_with(u".vmdk")) drive.DriveTypes.Add(TDriveType::dtVMWare);
   drive.BytesPerSector = device->SectorSize();
   drive.SectorsCount = device->Size() / (drive.BytesPerSector > 0 ? drive.BytesPerSector : 512);
   drive.CanBeAnalysed = true;
