@@ -122,13 +122,16 @@ class TPartitionSearch {
     ConfirmNTFS(static_cast<int>(FDrives.PartRecInfo.FoundDrives.size()) - 1);
   }
 
-  /// Takes a found boot sector at its word: the volume is analysed as a whole.
-  void ConfirmNTFS(int found) {
+  /// Takes a found boot sector at its word: the volume is analysed as a whole. False when there are
+  /// too many volumes already.
+  bool ConfirmNTFS(int found) {
     const int target = FDrives.PartRecAddSubdrive(FMain, TFileSystem::fsNTFS);
+    if (target < 0) return false;
     FDrives.PartRecApplyFoundDriveInfoToDrive(target, found);
     Drive(target).NTFSInfo.CanBeTruncated = false;
     FEngine.NTFS().PartRecDriveAdded(target);
     FConfirmed.push_back(target);
+    return true;
   }
 
   /// Records of a volume that went by before it was confirmed: a candidate has them too.
@@ -195,30 +198,34 @@ class TPartitionSearch {
   /// Found boot sectors that no record or folder has confirmed, though more than they themselves
   /// speaks for the volume: one without a single folder, for example.
   void ConfirmSoundVolumes() {
-    auto& found = FDrives.PartRecInfo.FoundDrives;
-    TByteDynArray boot(static_cast<std::size_t>(FSectorSize));
+    const auto& found = FDrives.PartRecInfo.FoundDrives;
     for (std::size_t i = 0; i < found.size();) {
-      const TDriveInfo volume = found[i];
-      const std::int64_t copy = IsFAT(volume.FileSystem) ? 6 : volume.SectorsCount;
-      bool sound = false;
-      for (const std::int64_t at : {std::int64_t{0}, copy}) {
-        const bool read = FEngine.Reader().ReadDriveSectors(volume, boot.data(), volume.FirstSector + at, 1) != 0;
-        TFileSystem system = TFileSystem::fsUnknown;
-        sound = sound || (read && FDrives.IsPartition(boot, 0, false, system, static_cast<int>(FSectorSize)) &&
-                          FEngine.IsVolumeSound(volume, boot));
-      }
-      if (!sound || IsCovered(volume)) {
-        ++i;
-        continue;
-      }
-      if (volume.FileSystem == TFileSystem::fsNTFS) {
-        ConfirmNTFS(static_cast<int>(i));
-      } else {
-        const int target = FDrives.PartRecDriveForFound(FMain, static_cast<int>(i));
-        FEngine.FAT().PartRecWalkRoot(target);
-        FConfirmed.push_back(target);
-      }
+      const bool confirmed = IsSound(found[i]) && !IsCovered(found[i]) && Confirm(static_cast<int>(i));
+      if (!confirmed) ++i;
     }
+  }
+
+  bool IsSound(const TDriveInfo& volume) {
+    constexpr std::int64_t copyOfFAT32 = 6;  // sectors behind the start
+    TByteDynArray boot(static_cast<std::size_t>(FSectorSize));
+    for (const std::int64_t at : {std::int64_t{0}, IsFAT(volume.FileSystem) ? copyOfFAT32 : volume.SectorsCount}) {
+      TFileSystem system = TFileSystem::fsUnknown;
+      const bool read = FEngine.Reader().ReadDriveSectors(volume, boot.data(), volume.FirstSector + at, 1) != 0;
+      const bool isBoot = read && FDrives.IsPartition(boot, 0, false, system, static_cast<int>(FSectorSize));
+      if (isBoot && FEngine.IsVolumeSound(volume, boot)) return true;
+    }
+    return false;
+  }
+
+  /// The found boot sector goes over to a sub-drive; false when there are too many.
+  bool Confirm(int found) {
+    const TFileSystem system = FDrives.PartRecInfo.FoundDrives[static_cast<std::size_t>(found)].FileSystem;
+    if (system == TFileSystem::fsNTFS) return ConfirmNTFS(found);
+    const int target = FDrives.PartRecDriveForFound(FMain, found);
+    if (target < 0) return false;
+    FEngine.FAT().PartRecWalkRoot(target);
+    FConfirmed.push_back(target);
+    return true;
   }
 
   /// True for a volume that lies inside one that was confirmed: an image in a file, say.

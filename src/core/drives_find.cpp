@@ -15,6 +15,7 @@ constexpr std::int64_t ChainBlock = 256;   // sectors
 constexpr std::int64_t ChainReach = 256;   // blocks without a find that end the chain
 constexpr std::int64_t LinearBlock = 128;  // sectors
 constexpr int MostFailuresInBlock = 4;
+constexpr int MostFound = 1024;  // no disk has more; a source of nothing but boot sectors ends here
 
 bool Overlaps(const TDriveInfo& a, const TDriveInfo& b) {
   return a.FirstSector < b.FirstSector + b.SectorsCount && b.FirstSector < a.FirstSector + a.SectorsCount;
@@ -141,7 +142,7 @@ int TDrives::AddFoundPartition(const TFindRange& range, std::span<const std::uin
     case TFoundState::New:
       break;
   }
-  if (!GetInfo(volume, false, true, false)) return -1;
+  if (FoundCount >= MostFound || !GetInfo(volume, false, true, false)) return -1;
   volume.ReceivedType = TReceivedType::rtAutodetected;
   volume.CaptionKind = TCaptionKind::TableVolume;
   volume.CanBeAnalysed = true;

@@ -12,6 +12,7 @@ namespace {
 
 // Boot sectors that wait for their confirmation; a source of nothing but boot sectors has no more.
 constexpr std::size_t MostFoundDrives = 1024;
+constexpr std::size_t MostSubDrives = 1024;
 constexpr std::int64_t BackupOfFAT32 = 6;  // sectors behind the boot sector
 
 bool IsFAT(TFileSystem system) {
@@ -39,6 +40,9 @@ void TDrives::PartRecClearInfo(int number) {
 }
 
 int TDrives::PartRecAddSubdrive(int parentDrive, TFileSystem fileSystem) {
+  const bool full =
+      !IsWrongNumber(parentDrive) && List[static_cast<std::size_t>(parentDrive)].SubDrives.size() >= MostSubDrives;
+  if (full) return -1;
   const int number = AddSubdrive(parentDrive, -1);
   if (number < 0) return -1;
   TDriveInfo& drive = List[static_cast<std::size_t>(number)];
@@ -64,6 +68,7 @@ int TDrives::PartRecDriveForFound(int parentDrive, int foundDriveNumber) {
   const TFileSystem system = found[static_cast<std::size_t>(foundDriveNumber)].FileSystem;
   const int empty = PartRecEmptySubdrive(parentDrive, system);
   const int target = empty >= 0 ? empty : PartRecAddSubdrive(parentDrive, system);
+  if (target < 0) return -1;
   PartRecApplyFoundDriveInfoToDrive(target, foundDriveNumber);
   return target;
 }
@@ -98,6 +103,7 @@ void TDrives::PartRecCheckForExistPartition(int number, std::int64_t sectorNumbe
     if (!FEngine.PartRecSystems.Has(bit)) return;
     int sub = PartRecEmptySubdrive(number, system);
     if (sub < 0) sub = PartRecAddSubdrive(number, system);
+    if (sub < 0) return;
     TDriveInfo& drive = List[static_cast<std::size_t>(sub)];
     drive.FileSystem = system;
     drive.FATInfo = TFATInfo();
@@ -127,6 +133,7 @@ bool TDrives::PartRecIsKnownStart(int number, std::int64_t firstSector, TFileSys
 }
 
 bool TDrives::PartRecCheckForNewPartition(int number, std::int64_t sectorNumber, std::span<const std::uint8_t> buffer) {
+  if (PartRecInfo.FoundDrives.size() >= MostFoundDrives) return false;
   TFileSystem system = TFileSystem::fsUnknown;
   const int sectorSize = GetBytesPerSector(number);
   if (!IsPartition(buffer, 0, false, system, sectorSize) || !FEngine.PartRecSystems.Has(PartRecSystemOf(system)))
@@ -145,10 +152,9 @@ bool TDrives::PartRecCheckForNewPartition(int number, std::int64_t sectorNumber,
     if (!oneSize || PartRecIsKnownStart(number, volume.FirstSector - BackupOfFAT32, system)) return false;
   }
   if (volume.SectorsCount * sectorSize <= LargestNoVolume || volume.SectorsCount > parent.SectorsCount) return false;
+  volume.aFreeSize = 0;  // counted when the volume is confirmed: that takes its whole table
   if (volume.FirstSector < parent.FirstSector || !FEngine.GetDriveInfo(volume, false)) return false;
-  if (PartRecInfo.FoundDrives.size() >= MostFoundDrives) {
-    PartRecInfo.FoundDrives.erase(PartRecInfo.FoundDrives.begin());
-  }
+  volume.aFreeSize = -1;
   PartRecInfo.FoundDrives.push_back(std::move(volume));
   return true;
 }
