@@ -22,10 +22,6 @@ constexpr std::int64_t VMwareBlock = 128;  // sectors: a grain
 constexpr int MostFailuresInBlock = 4;
 constexpr std::int64_t MergeTolerance = 1025;  // sectors that a drive may be longer than its only volume
 
-bool IsFAT(TFileSystem system) {
-  return system == TFileSystem::fsFAT12 || system == TFileSystem::fsFAT16 || system == TFileSystem::fsFAT32;
-}
-
 class TPartitionSearch {
  public:
   TPartitionSearch(TEngine& engine, int driveNumber)

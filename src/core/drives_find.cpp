@@ -21,10 +21,6 @@ bool Overlaps(const TDriveInfo& a, const TDriveInfo& b) {
   return a.FirstSector < b.FirstSector + b.SectorsCount && b.FirstSector < a.FirstSector + a.SectorsCount;
 }
 
-bool IsFAT(TFileSystem system) {
-  return system == TFileSystem::fsFAT12 || system == TFileSystem::fsFAT16 || system == TFileSystem::fsFAT32;
-}
-
 }  // namespace
 
 void TDrives::Find(int number, std::int64_t firstSector, std::int64_t sectorsCount, const TFileSystems& systems) {

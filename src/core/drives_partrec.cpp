@@ -15,10 +15,6 @@ constexpr std::size_t MostFoundDrives = 1024;
 constexpr std::size_t MostSubDrives = 1024;
 constexpr std::int64_t BackupOfFAT32 = 6;  // sectors behind the boot sector
 
-bool IsFAT(TFileSystem system) {
-  return system == TFileSystem::fsFAT12 || system == TFileSystem::fsFAT16 || system == TFileSystem::fsFAT32;
-}
-
 /// FAT12, FAT16 and FAT32 share their candidates.
 bool SameFamily(TFileSystem a, TFileSystem b) { return a == b || (IsFAT(a) && IsFAT(b)); }
 

@@ -59,6 +59,11 @@ enum class TFileSystem : std::uint8_t {
   fsHikvisionFS,
 };
 
+/// FAT12, FAT16 or FAT32.
+constexpr bool IsFAT(TFileSystem system) {
+  return system == TFileSystem::fsFAT12 || system == TFileSystem::fsFAT16 || system == TFileSystem::fsFAT32;
+}
+
 using TFileSystems = TEnumSet<TFileSystem, std::uint32_t>;
 
 /// What a partition search looks for, by bit.

@@ -126,8 +126,7 @@ void TFAT::PartRecDriveAdded(int driveNumber) {
   TDriveInfo volume = drive;
   // The boot sectors of other systems look like those of FAT.
   const TFileSystem there = drives.GetSystem(volume);
-  const bool isFAT = there == TFileSystem::fsFAT12 || there == TFileSystem::fsFAT16 || there == TFileSystem::fsFAT32;
-  if (!isFAT) return;
+  if (!IsFAT(there)) return;
   drive.FileSystem = there;
   GetDriveInfo(drive, true);
 }
@@ -149,9 +148,7 @@ void TFAT::PartRecAnalyseForNewDrive(std::span<const std::uint8_t> buffer, std::
   const std::int64_t absolute = drives.List[static_cast<std::size_t>(driveNumber)].FirstSector + sectorNumber;
   for (std::size_t i = drives.PartRecInfo.FoundDrives.size(); i-- > 0;) {
     const TDriveInfo& found = drives.PartRecInfo.FoundDrives[i];
-    const bool isFAT = found.FileSystem == TFileSystem::fsFAT12 || found.FileSystem == TFileSystem::fsFAT16 ||
-                       found.FileSystem == TFileSystem::fsFAT32;
-    if (!isFAT || found.FATInfo.SectorsPerCluster <= 0) continue;
+    if (!IsFAT(found.FileSystem) || found.FATInfo.SectorsPerCluster <= 0) continue;
     const std::int64_t relative = absolute - found.FirstSector;
     if (relative >= found.SectorsCount || !OnClusterBorder(found, relative)) continue;
     if ((ClusterOfSector(found, relative) & 0xFFFF) != ownLowHalf) continue;
