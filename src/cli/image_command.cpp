@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "cli/commands.h"
+#include "cli/json_line.h"
 #include "cli/session.h"
 #include "core/images/image_writer.h"
 #include "core/sizes.h"
@@ -46,6 +47,14 @@ int Summarise(const TOptions& options, const TImageResult& result, std::int64_t 
   if (result.Stopped) {
     Complain(texts.Utf8(TText::ImageStopped, {result.Path}));
     return StoppedByUser;
+  }
+  if (options.Json) {
+    TJsonLine line;
+    TOutput().Write(line.Text("path", result.Path)
+                        .Number("size", size)
+                        .Number("unreadable_sectors", result.UnreadableSectors)
+                        .Take());
+    return result.UnreadableSectors == 0 ? AllDone : DoneWithFailures;
   }
   std::printf("%s\n", texts.Utf8(TText::ImageDone, {result.Path, SizeText(size), DurationText(seconds)}).c_str());
   if (result.UnreadableSectors == 0) return AllDone;

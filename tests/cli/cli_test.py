@@ -151,7 +151,8 @@ class Program(unittest.TestCase):
         self.assertEqual(run("image", self.stick, "--out", out, "--compressed", "--overwrite").returncode, 0)
         self.assertLess(out.stat().st_size, self.stick.stat().st_size // 10)
         self.assertEqual(run("ls", out).stdout.splitlines()[1:], run("ls", self.stick).stdout.splitlines()[1:])
-        self.assertEqual(run("image", self.stick, "--out", folder / "part.dsk", "--first", "10", "--count", "20").returncode, 0)
+        r = run("image", self.stick, "--out", folder / "part.dsk", "--first", "10", "--count", "20", "--json")
+        self.assertEqual(json.loads(r.stdout), {"path": str(folder / "part.dsk"), "size": 10240, "unreadable_sectors": 0})
         self.assertEqual((folder / "part.dsk").read_bytes(), self.stick.read_bytes()[5120:5120 + 10240])
         # The places that a map calls bad are unreadable, and whoever recovers hears of it.
         picture = next(json.loads(line) for line in run("ls", self.stick, "--json", "--path", "beach 1.png").stdout.splitlines())
