@@ -78,20 +78,31 @@ void TFiles::FillAddedIndex() const {
   }
 }
 
+bool TFiles::IsSame(std::int64_t number, const TFileInfo& file, std::int64_t parentCluster) const {
+  if (IsWrongNumber(number)) return false;
+  const TFile& row = List[static_cast<std::size_t>(number)];
+  const TFileInfo& known = row.FileInfo;
+  const bool samePlace = known.FirstCluster == file.FirstCluster ||
+                         (file.DataStartingSector >= 0 && file.DataStartingSector == known.DataStartingSector);
+  return samePlace && row.ParentCluster == parentCluster && known.aDriveNumber == file.aDriveNumber &&
+         known.blnFolder == file.blnFolder && known.strName == file.strName;
+}
+
 int TFiles::GetAddedNumber(const TFileInfo& file, std::int64_t parentCluster) const {
-  FillAddedIndex();
-  int first = -1;
-  const auto range = FAddedIndex.equal_range(AddedKey(file, parentCluster));
-  for (auto entry = range.first; entry != range.second; ++entry) {
-    const TFile& row = List[entry->second];
-    const TFileInfo& known = row.FileInfo;
-    const bool samePlace = known.FirstCluster == file.FirstCluster ||
-                           (file.DataStartingSector >= 0 && file.DataStartingSector == known.DataStartingSector);
-    const bool same = samePlace && row.ParentCluster == parentCluster && known.aDriveNumber == file.aDriveNumber &&
-                      known.blnFolder == file.blnFolder && known.strName == file.strName;
-    if (same && (first < 0 || static_cast<int>(entry->second) < first)) first = static_cast<int>(entry->second);
+  std::int64_t first = -1;
+  const auto offer = [&](std::int64_t number) {
+    if (IsSame(number, file, parentCluster) && (first < 0 || number < first)) first = number;
+  };
+  if (FEngine.PartRecRunning) {
+    FillAddedIndex();
+    const auto range = FAddedIndex.equal_range(AddedKey(file, parentCluster));
+    for (auto entry = range.first; entry != range.second; ++entry) offer(entry->second);
+  } else {
+    for (const std::int64_t number : FEngine.Drives().GetParentClusters(file.aDriveNumber, parentCluster)) {
+      offer(number);
+    }
   }
-  return first;
+  return static_cast<int>(first);
 }
 
 void TFiles::DoBeforeAnalyse(int driveNumber) {

@@ -45,6 +45,8 @@ class TFiles {
   int Add(const TFileInfo& file, std::int64_t parentCluster, bool& ramFull, bool canIncFoundCount);
   bool IsAdded(const TFileInfo& file, std::int64_t parentCluster) const;
   int GetAddedNumber(const TFileInfo& file, std::int64_t parentCluster) const;
+  /// Drops what a partition search keeps to find known rows fast.
+  void ForgetAdded();
 
   void DoBeforeAnalyse(int driveNumber);
   /// Gives every parent reference without a folder a numbered folder in the lost-and-found folder.
@@ -102,12 +104,12 @@ class TFiles {
   const TFileInfo& Info(int number) const { return List[static_cast<std::size_t>(number)].FileInfo; }
   void EraseFiles(const std::function<bool(std::size_t, const TFile&)>& doomed);
 
+  bool IsSame(std::int64_t number, const TFileInfo& file, std::int64_t parentCluster) const;
   void FillAddedIndex() const;
-  void ForgetAdded();
   static std::uint64_t AddedKey(const TFileInfo& file, std::int64_t parentCluster);
 
   TEngine& FEngine;
-  /// Rows by drive, parent, name and kind, for `GetAddedNumber`; empty until it is asked.
+  /// Rows by drive, parent, name and kind: during a partition search every row is looked up.
   mutable std::unordered_multimap<std::uint64_t, std::uint32_t> FAddedIndex;
   mutable std::size_t FIndexedRows = 0;
   std::map<TString, TString, std::less<>> FFileTypes;  // extension to type text

@@ -36,7 +36,10 @@ class TPartitionSearch {
       FDrives.PartRecCheckSubDrivesForEnd(sector, true);
     };
   }
-  ~TPartitionSearch() { FEngine.NTFS().OnPartRecConfirmed = nullptr; }
+  ~TPartitionSearch() {
+    FEngine.NTFS().OnPartRecConfirmed = nullptr;
+    FEngine.Files().ForgetAdded();
+  }
   TPartitionSearch(const TPartitionSearch&) = delete;
   TPartitionSearch& operator=(const TPartitionSearch&) = delete;
 
