@@ -216,21 +216,28 @@ void TDrives::Delete(int number) {
   if (OnDeleted) OnDeleted(number);
 }
 
-int TDrives::AddSubdrive(int driveNumber, int driveIcon) {
-  if (IsWrongNumber(driveNumber)) return -1;
-  const TDriveInfo& parent = List[static_cast<std::size_t>(driveNumber)];
+/// A volume somewhere on a drive, with what does not depend on its place.
+TDriveInfo TDrives::PartOf(const TDriveInfo& parent) const {
   TDriveInfo drive;
   drive.Drive = parent.Drive;
-  drive.DriveLetter = parent.DriveLetter;
   drive.Serial = parent.Serial;
-  drive.DriveIcon = driveIcon;
   drive.DriveTypes = parent.DriveTypes;
   drive.DriveTypes.Remove(TDriveType::dtPhysical);
   drive.DriveTypes.Add(TDriveType::dtVolume);
-  drive.FirstSector = parent.FirstSector;
-  drive.BytesPerSector = parent.BytesPerSector;
-  drive.SectorsCount = parent.SectorsCount;
+  drive.BytesPerSector = GetBytesPerSector(parent);
   drive.CanBeAnalysed = true;
+  return drive;
+}
+
+int TDrives::AddSubdrive(int driveNumber, int driveIcon) {
+  if (IsWrongNumber(driveNumber)) return -1;
+  const TDriveInfo& parent = List[static_cast<std::size_t>(driveNumber)];
+  TDriveInfo drive = PartOf(parent);
+  drive.DriveLetter = parent.DriveLetter;
+  drive.DriveIcon = driveIcon;
+  drive.BytesPerSector = parent.BytesPerSector;
+  drive.FirstSector = parent.FirstSector;
+  drive.SectorsCount = parent.SectorsCount;
   drive.IsSubDrive = true;
   SetDefaultInfo(drive);
   const int number = Add(drive, false);

@@ -174,6 +174,7 @@ class TDrives {
   void PartRecCheckSubDrivesForEnd(std::int64_t sectorNumber, bool deleteNTFSTruncated);
 
  private:
+  TDriveInfo PartOf(const TDriveInfo& parent) const;
   void UpdateCaption(TDriveInfo& drive) const;
   bool HasType(int number, TDriveType type) const {
     return !IsWrongNumber(number) && List[static_cast<std::size_t>(number)].DriveTypes.Has(type);

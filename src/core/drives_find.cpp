@@ -113,16 +113,10 @@ int TDrives::AddFoundPartition(const TFindRange& range, std::span<const std::uin
   if (!range.Systems.Empty() && !range.Systems.Has(system)) return -1;
 
   const TDriveInfo& parent = List[static_cast<std::size_t>(range.Drive)];
-  TDriveInfo volume;
-  volume.Drive = parent.Drive;
-  volume.Serial = parent.Serial;
-  volume.DriveTypes = parent.DriveTypes;
-  volume.DriveTypes.Remove(TDriveType::dtPhysical);
-  volume.DriveTypes.Add(TDriveType::dtVolume);
+  TDriveInfo volume = PartOf(parent);
   volume.DriveTypes.Add(TDriveType::dtFound);
   volume.FileSystem = system;
   volume.FirstSector = parent.FirstSector + sector;
-  volume.BytesPerSector = sectorSize;
   if (!FEngine.SetVolumeBounds(volume, buffer)) return -1;
   const std::int64_t end = parent.FirstSector + parent.SectorsCount;
   const bool inside = volume.FirstSector >= parent.FirstSector && volume.FirstSector <= end - volume.SectorsCount;
@@ -141,7 +135,6 @@ int TDrives::AddFoundPartition(const TFindRange& range, std::span<const std::uin
   if (FoundCount >= MostFound || !GetInfo(volume, false, true, false)) return -1;
   volume.ReceivedType = TReceivedType::rtAutodetected;
   volume.CaptionKind = TCaptionKind::TableVolume;
-  volume.CanBeAnalysed = true;
   SetDefaultInfo(volume);
   const int added = Add(volume, true);
   List[static_cast<std::size_t>(range.Drive)].SubDrives.push_back(added);

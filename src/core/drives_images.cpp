@@ -39,20 +39,12 @@ std::int64_t TDrives::UnreadableSectors() const { return FWriter == nullptr ? 0 
 
 int TDrives::CreateVirtual(int number, std::int64_t firstSector, std::int64_t sectorsCount) {
   if (IsWrongNumber(number)) return -1;
-  const TDriveInfo& source = List[static_cast<std::size_t>(number)];
-  TDriveInfo drive;
-  drive.Drive = source.Drive;
-  drive.Serial = source.Serial;
-  drive.DriveTypes = source.DriveTypes;
-  drive.DriveTypes.Remove(TDriveType::dtPhysical);
-  drive.DriveTypes.Add(TDriveType::dtVolume);
+  TDriveInfo drive = PartOf(List[static_cast<std::size_t>(number)]);
   drive.DriveTypes.Add(TDriveType::dtVirtual);
-  drive.BytesPerSector = GetBytesPerSector(source);
   drive.FirstSector = firstSector;
   drive.SectorsCount = sectorsCount;
   drive.CaptionKind = TCaptionKind::VirtualPartition;
   drive.CaptionNumber = ++VirtualPartitionsCount;
-  drive.CanBeAnalysed = true;
   SetDefaultInfo(drive);
   const int added = Add(drive, true);
   ResetDefaultInfo(added);

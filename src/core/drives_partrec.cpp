@@ -134,13 +134,10 @@ bool TDrives::PartRecCheckForNewPartition(int number, std::int64_t sectorNumber,
   const int sectorSize = GetBytesPerSector(number);
   if (!IsPartition(buffer, 0, false, system, sectorSize) || !FEngine.PartRecSystems.Has(PartRecSystemOf(system)))
     return false;
-  TDriveInfo volume;
   const TDriveInfo& parent = List[static_cast<std::size_t>(number)];
-  volume.Drive = parent.Drive;
-  volume.Serial = parent.Serial;
+  TDriveInfo volume = PartOf(parent);
   volume.FileSystem = system;
   volume.FirstSector = parent.FirstSector + sectorNumber;
-  volume.BytesPerSector = sectorSize;
   if (!FEngine.SetVolumeBounds(volume, buffer)) return false;
   if (PartRecIsKnownStart(number, volume.FirstSector, system)) return false;
   if (IsFAT(system)) {
