@@ -16,7 +16,6 @@ namespace brenlow {
 namespace {
 
 constexpr std::int64_t DeepBlock = 256;  // sectors of a read of the deep analysis
-constexpr int MostFailuresInBlock = 4;   // one bad place costs no more than itself, a bad region no more than this
 
 TDriveInfo& Drive(TEngine& engine, int number) { return engine.Drives().List[static_cast<std::size_t>(number)]; }
 
@@ -103,7 +102,7 @@ bool ScanSectors(TEngine& engine, int driveNumber) {
   const std::int64_t blocks = total / DeepBlock + 1;
   for (std::int64_t first = 0; first < blocks * DeepBlock; first += DeepBlock) {
     const TDriveInfo& drive = Drive(engine, driveNumber);
-    engine.Reader().ReadOrZero(drive, buffer, drive.FirstSector + first, MostFailuresInBlock);
+    engine.Reader().ReadOrZero(drive, buffer, drive.FirstSector + first, TSectorReader::ScanFailures);
     for (std::int64_t i = 0; i < DeepBlock; ++i) {
       engine.AllFS().DeepAnalyseSystem(buffer, static_cast<std::size_t>(i * sectorSize), first + i);
       engine.Pump();

@@ -17,9 +17,8 @@
 namespace brenlow {
 namespace {
 
-constexpr std::int64_t UsualBlock = 512;   // sectors
-constexpr std::int64_t VMwareBlock = 128;  // sectors: a grain
-constexpr int MostFailuresInBlock = 4;
+constexpr std::int64_t UsualBlock = 512;       // sectors
+constexpr std::int64_t VMwareBlock = 128;      // sectors: a grain
 constexpr std::int64_t MergeTolerance = 1025;  // sectors that a drive may be longer than its only volume
 
 class TPartitionSearch {
@@ -57,7 +56,7 @@ class TPartitionSearch {
     TByteDynArray buffer(static_cast<std::size_t>(block * FSectorSize));
     for (std::int64_t i = 0; i < blocks; ++i) {
       if (!IsHole(i * block, block)) {
-        FEngine.Reader().ReadOrZero(Drive(FMain), buffer, FFirst + i * block, MostFailuresInBlock);
+        FEngine.Reader().ReadOrZero(Drive(FMain), buffer, FFirst + i * block, TSectorReader::ScanFailures);
         if (!WalkBlock(buffer, i * block, block)) return;
       }
       FEngine.Pump();

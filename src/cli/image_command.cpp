@@ -20,7 +20,7 @@ std::string UnreadableText(const TLanguage& texts, std::int64_t count) {
 /// Refuses targets that would destroy something. 0 when the target will do.
 int CheckTarget(const TOptions& options) {
   std::error_code error;
-  const std::string name = std::filesystem::path(options.Out).replace_extension(".dsk").string();
+  const std::string name = ImageName(options.Out);
   const bool resumes = !options.Map.empty() && std::filesystem::exists(options.Map, error);
   if (WouldWriteToSource(options.Out, options) || WouldWriteToSource(name, options) ||
       (!options.Map.empty() && WouldWriteToSource(options.Map, options))) {

@@ -315,8 +315,10 @@ void TDrives::CopyInfo(int source, int destination) {
 
 void TDrives::CopySystemsInfo(int source, int destination) {
   if (IsWrongNumber(source) || IsWrongNumber(destination)) return;
-  const TDriveInfo& from = List[static_cast<std::size_t>(source)];
-  TDriveInfo& to = List[static_cast<std::size_t>(destination)];
+  CopySystemsInfo(List[static_cast<std::size_t>(source)], List[static_cast<std::size_t>(destination)]);
+}
+
+void TDrives::CopySystemsInfo(const TDriveInfo& from, TDriveInfo& to) {
   to.FileSystem = from.FileSystem;
   to.VolumeName = from.VolumeName;
   to.aFreeSize = from.aFreeSize;

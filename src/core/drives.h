@@ -28,9 +28,6 @@ struct TPartRecInfo {
   bool LastNTFSFileIsSystem = false;
 };
 
-/// The bit that a file system has in a partition search.
-TPartRecSystem PartRecSystemOf(TFileSystem system);
-
 /// Why a source cannot be opened.
 struct TMountFailure {
   int SystemError = 0;    ///< errno, 0 when it is not the system's refusal
@@ -72,6 +69,7 @@ class TDrives {
   void CopyInfo(int source, int destination);
   /// Copies what the file system of a drive says of it.
   void CopySystemsInfo(int source, int destination);
+  static void CopySystemsInfo(const TDriveInfo& from, TDriveInfo& to);
   /// Remembers the live values as the detected ones.
   static void SetDefaultInfo(TDriveInfo& drive);
   /// Takes the detected values back and looks at the source again.

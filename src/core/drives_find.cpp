@@ -14,8 +14,7 @@ constexpr int SuperblockSectors = 136;     // up to the superblock at 64 KiB, wi
 constexpr std::int64_t ChainBlock = 256;   // sectors
 constexpr std::int64_t ChainReach = 256;   // blocks without a find that end the chain
 constexpr std::int64_t LinearBlock = 128;  // sectors
-constexpr int MostFailuresInBlock = 4;
-constexpr int MostFound = 1024;  // no disk has more; a source of nothing but boot sectors ends here
+constexpr int MostFound = 1024;            // no disk has more; a source of nothing but boot sectors ends here
 
 bool Overlaps(const TDriveInfo& a, const TDriveInfo& b) {
   return a.FirstSector < b.FirstSector + b.SectorsCount && b.FirstSector < a.FirstSector + a.SectorsCount;
@@ -44,7 +43,7 @@ void TDrives::FindInTable(const TFindRange& range) {
     const auto count = static_cast<std::int64_t>(entry.SectorCount);
     if (start < range.First || count < 0 || start > range.First + range.Count - count) continue;
     const TDriveInfo& drive = List[static_cast<std::size_t>(range.Drive)];
-    FEngine.Reader().ReadOrZero(drive, buffer, drive.FirstSector + start, MostFailuresInBlock);
+    FEngine.Reader().ReadOrZero(drive, buffer, drive.FirstSector + start, TSectorReader::ScanFailures);
     AddFoundPartition(range, buffer, start, true);
     FEngine.Pump();
     if (!CanSearch) return;
@@ -93,7 +92,7 @@ void TDrives::FindInAllSectors(const TFindRange& range) {
     if (done >= range.Count) break;
     const std::int64_t count = std::min(step, range.Count - done);
     const auto bytes = std::span(buffer).first(static_cast<std::size_t>(count) * sectorSize);
-    FEngine.Reader().ReadOrZero(drive, bytes, drive.FirstSector + range.First + done, MostFailuresInBlock);
+    FEngine.Reader().ReadOrZero(drive, bytes, drive.FirstSector + range.First + done, TSectorReader::ScanFailures);
     for (std::int64_t i = 0; i < count; ++i) {
       AddFoundPartition(range, bytes.subspan(static_cast<std::size_t>(i) * sectorSize), range.First + done + i, false);
       FEngine.Pump();

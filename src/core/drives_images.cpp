@@ -5,18 +5,6 @@
 #include "core/images/image_writer.h"
 
 namespace brenlow {
-namespace {
-
-/// The name with the extension ".dsk" in place of its own.
-std::string ImageName(const std::string& fileName) {
-  const std::size_t name = fileName.rfind('/') + 1;
-  const std::size_t dot = fileName.rfind('.');
-  const bool hasExtension = dot != std::string::npos && dot > name;
-  return (hasExtension ? fileName.substr(0, dot) : fileName) + ".dsk";
-}
-
-}  // namespace
-
 TImageResult TDrives::Save(int number, std::int64_t firstSector, std::int64_t sectorsCount, const std::string& fileName,
                            bool compressed, const std::string& mapFile) {
   TImageResult result;

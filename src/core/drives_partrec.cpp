@@ -18,6 +18,11 @@ constexpr std::int64_t BackupOfFAT32 = 6;  // sectors behind the boot sector
 /// FAT12, FAT16 and FAT32 share their candidates.
 bool SameFamily(TFileSystem a, TFileSystem b) { return a == b || (IsFAT(a) && IsFAT(b)); }
 
+/// The bit that a file system has in the search.
+TPartRecSystem PartRecSystemOf(TFileSystem system) {
+  return IsFAT(system) ? TPartRecSystem::FAT : TPartRecSystem::NTFS;
+}
+
 }  // namespace
 
 void TDrives::PartRecClearInfo(int number) {
@@ -74,16 +79,11 @@ void TDrives::PartRecApplyFoundDriveInfoToDrive(int driveNumber, int foundDriveN
   if (IsWrongNumber(driveNumber) || foundDriveNumber < 0 || foundDriveNumber >= static_cast<int>(found.size())) return;
   TDriveInfo& drive = List[static_cast<std::size_t>(driveNumber)];
   const TDriveInfo& from = found[static_cast<std::size_t>(foundDriveNumber)];
-  drive.FileSystem = from.FileSystem;
   drive.FirstSector = from.FirstSector;
   drive.BytesPerSector = from.BytesPerSector;
   drive.SectorsCount = from.SectorsCount;
-  drive.aFreeSize = from.aFreeSize;
-  drive.VolumeName = from.VolumeName;
-  drive.FATInfo = from.FATInfo;
-  drive.NTFSInfo = from.NTFSInfo;
   drive.CanBeAnalysed = true;
-  SetDefaultInfo(drive);
+  CopySystemsInfo(from, drive);
   found.erase(found.begin() + foundDriveNumber);
 }
 
@@ -171,10 +171,6 @@ void TDrives::PartRecCheckSubDrivesForEnd(std::int64_t sectorNumber, bool delete
     PartRecAddSubdrive(main, PartRecInfo.DefaultFATSystem);
   }
   if (FEngine.PartRecSystems.Has(TPartRecSystem::NTFS) && !openNTFS) PartRecAddSubdrive(main, TFileSystem::fsNTFS);
-}
-
-TPartRecSystem PartRecSystemOf(TFileSystem system) {
-  return IsFAT(system) ? TPartRecSystem::FAT : TPartRecSystem::NTFS;
 }
 
 }  // namespace brenlow

@@ -23,6 +23,9 @@ class TSectorReader {
   std::uint32_t ReadDriveSectors(const TDriveInfo& drive, void* buffer, std::int64_t startingSector,
                                  std::int64_t sectorCount);
 
+  /// For `ReadOrZero`: a scan leaves a bad region after so many failures, a copy of content never.
+  static constexpr int ScanFailures = 4;
+  static constexpr int AnyFailures = INT32_MAX;
   /// Fills the whole buffer of whole sectors from the absolute sector `startingSector` on. What
   /// cannot be read, and what lies beyond the end of the device, is zeros. Where a read fails, 4 KiB
   /// at a time are tried; after `mostFailures` bad ones the rest is left out. The result is how

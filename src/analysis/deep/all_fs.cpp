@@ -2,7 +2,6 @@
 #include "analysis/deep/all_fs.h"
 
 #include <algorithm>
-#include <climits>
 
 #include "analysis/deep/icon.h"
 #include "analysis/files.h"
@@ -320,7 +319,8 @@ void TAllFS::GetFileData(TByteDynArray& result, const TFile& file, std::int64_t 
   const std::int64_t firstSector = start / sectorSize;
   const std::int64_t sectors = CeilDiv(end, sectorSize) - firstSector;
   result.resize(static_cast<std::size_t>(sectors * sectorSize));
-  FEngine.Reader().ReadOrZero(drive, result, drive.FirstSector + info.FirstCluster + firstSector, INT_MAX);
+  FEngine.Reader().ReadOrZero(drive, result, drive.FirstSector + info.FirstCluster + firstSector,
+                              TSectorReader::AnyFailures);
   result.resize(static_cast<std::size_t>(end - firstSector * sectorSize));
   result.erase(result.begin(), result.begin() + static_cast<std::ptrdiff_t>(start - firstSector * sectorSize));
 }

@@ -55,6 +55,13 @@ std::string PartialName(const std::string& path) { return path + ".partial"; }
 
 }  // namespace
 
+std::string ImageName(const std::string& fileName) {
+  const std::size_t name = fileName.rfind('/') + 1;
+  const std::size_t dot = fileName.rfind('.');
+  const bool hasExtension = dot != std::string::npos && dot > name;
+  return (hasExtension ? fileName.substr(0, dot) : fileName) + ".dsk";
+}
+
 TImageWriter::TImageWriter(TEngine& engine, const TDriveInfo& drive, std::int64_t firstSector,
                            std::int64_t sectorsCount)
     : FEngine(engine),
@@ -127,7 +134,7 @@ int TImageWriter::CopyGood(int file, TRescueMap& map, const std::string& mapPath
       if (const int error = IsZeros(good) ? 0 : WriteAt(file, good, at); error != 0) return error;
       map.Set(at, got, TMapStatus::Finished);
       map.Set(at + got, count - got, TMapStatus::NotTrimmed);
-      if (got < count) FUnreadable = CeilDiv(map.Count(TMapStatus::NotTrimmed), FSectorSize);
+      FUnreadable += (count - got) / FSectorSize;
     }
     if (const int error = KeepMap(file, map, mapPath, false); error != 0) return error;
   }
@@ -138,6 +145,8 @@ int TImageWriter::CopyGood(int file, TRescueMap& map, const std::string& mapPath
 int TImageWriter::Retry(int file, TRescueMap& map, const std::string& mapPath,
                         const std::function<bool(TMapStatus)>& wanted) {
   TByteDynArray sector(static_cast<std::size_t>(FSectorSize));
+  FUnreadable = CeilDiv(
+      map.Count(TMapStatus::NotTrimmed) + map.Count(TMapStatus::NotScraped) + map.Count(TMapStatus::Bad), FSectorSize);
   std::int64_t at = map.Find(0, wanted);
   while (at < FSize) {
     if (!Report(FSize)) return 0;
@@ -147,7 +156,7 @@ int TImageWriter::Retry(int file, TRescueMap& map, const std::string& mapPath,
       if (const int error = WriteAt(file, sector, at); error != 0) return error;
     }
     map.Set(at, FSectorSize, good ? TMapStatus::Finished : TMapStatus::Bad);
-    FUnreadable = CeilDiv(map.Count(TMapStatus::NotTrimmed) + map.Count(TMapStatus::Bad), FSectorSize);
+    if (good) --FUnreadable;
     if (const int error = KeepMap(file, map, mapPath, false); error != 0) return error;
     at = map.Find(at + FSectorSize, wanted);
   }
@@ -185,7 +194,8 @@ int TImageWriter::WriteBlocks(int file) {
   for (std::int64_t i = 0; i < count; ++i) {
     if (!Report(i * dsk::BlockSize)) return 0;
     block.resize(static_cast<std::size_t>(std::min(dsk::BlockSize, FSize - i * dsk::BlockSize)));
-    FUnreadable += FEngine.Reader().ReadOrZero(FDrive, block, FFirst + i * dsk::BlockSize / FSectorSize, INT32_MAX);
+    FUnreadable += FEngine.Reader().ReadOrZero(FDrive, block, FFirst + i * dsk::BlockSize / FSectorSize,
+                                               TSectorReader::AnyFailures);
     // A length of 65535 would read as "stored".
     const bool smaller =
         CompressLZNT1(block, packed, block.size()) && packed.size() != block.size() && packed.size() != dsk::StoredRaw;

@@ -21,6 +21,9 @@ struct TImageResult {
   std::string Path;  ///< of the image; of the part that there is when it was stopped
 };
 
+/// The name with the extension ".dsk" in place of its own.
+std::string ImageName(const std::string& fileName);
+
 /// The image is written as `FILE.partial` and gets its name when it is done: a name never stands
 /// for half a disk.
 class TImageWriter {
