@@ -2,12 +2,11 @@
 // Puts the engine together; the only unit that knows all of its parts.
 #include "core/engine.h"
 
-#include <chrono>
-
 #include "analysis/deep/all_fs.h"
 #include "analysis/files.h"
 #include "analysis/folders.h"
 #include "analysis/signatures.h"
+#include "core/datetime.h"
 #include "core/device/device.h"
 #include "core/drives.h"
 #include "core/language.h"
@@ -21,11 +20,6 @@ namespace brenlow {
 namespace {
 
 constexpr std::int64_t PumpInterval = 30;  // milliseconds between two events
-
-std::int64_t SteadyMilliseconds() {
-  const auto now = std::chrono::steady_clock::now().time_since_epoch();
-  return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
-}
 
 }  // namespace
 

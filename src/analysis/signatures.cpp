@@ -147,6 +147,14 @@ TSignatureCells ParseHexSignature(std::string_view text) {
   return cells;
 }
 
+TCellsHead::TCellsHead(const TSignatureCells& cells) {
+  for (std::size_t i = 0; i < std::min(cells.size(), sizeof(Value)); ++i) {
+    if (cells[i] < 0) continue;
+    Mask |= std::uint64_t{0xFF} << (8 * i);
+    Value |= static_cast<std::uint64_t>(cells[i]) << (8 * i);
+  }
+}
+
 bool MatchesCells(const TSignatureCells& cells, std::span<const std::uint8_t> bytes) {
   if (bytes.size() < cells.size()) return false;
   for (std::size_t i = 0; i < cells.size(); ++i) {

@@ -46,6 +46,15 @@ using TFileTypeGroups = std::vector<int>;
 /// wildcard (-1).
 TSignatureCells ParseHexSignature(std::string_view text);
 
+/// The first eight cells as numbers, to compare them at once with a word of `LoadLe64`.
+struct TCellsHead {
+  explicit TCellsHead(const TSignatureCells& cells);
+  bool Fits(std::uint64_t word) const { return (word & Mask) == Value; }
+
+  std::uint64_t Mask = 0;
+  std::uint64_t Value = 0;
+};
+
 /// Whether the bytes from their start on fit the cells; false when there are fewer bytes.
 bool MatchesCells(const TSignatureCells& cells, std::span<const std::uint8_t> bytes);
 

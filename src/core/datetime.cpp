@@ -125,4 +125,9 @@ bool ToUnixTime(TDateTime time, std::timespec& result) {
   return true;
 }
 
+std::int64_t SteadyMilliseconds() {
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+}
+
 }  // namespace brenlow

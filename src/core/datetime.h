@@ -40,4 +40,7 @@ TDateTime FromFileTime(std::uint64_t fileTime);
 /// of the range of years 1601 to 9999.
 bool ToUnixTime(TDateTime time, std::timespec& result);
 
+/// A clock that only goes forward, in milliseconds.
+std::int64_t SteadyMilliseconds();
+
 }  // namespace brenlow

@@ -56,6 +56,11 @@ inline std::uint64_t LoadLe64(const std::uint8_t* bytes) {
   return value;
 }
 
+inline bool IsAllZero(std::span<const std::uint8_t> bytes) {
+  if (bytes.empty()) return true;
+  return bytes.front() == 0 && std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0;
+}
+
 constexpr std::int64_t CeilDiv(std::int64_t value, std::int64_t divisor) {
   return value / divisor + (value % divisor > 0 ? 1 : 0);
 }

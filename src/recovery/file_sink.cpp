@@ -6,16 +6,14 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
+
+#include "core/file_io.h"
+#include "core/numbers.h"
 
 namespace brenlow {
 namespace {
 
 constexpr std::int64_t HoleBlock = 4096;  // bytes; the smallest hole of most file systems
-
-bool IsZero(std::span<const std::uint8_t> bytes) {
-  return bytes.front() == 0 && bytes.back() == 0 && std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0;
-}
 
 }  // namespace
 
@@ -35,29 +33,25 @@ int TFileSink::Write(std::span<const std::uint8_t> bytes) {
   for (std::int64_t at = 0; at < size;) {
     const std::int64_t end = std::min(size, at + HoleBlock - (FLength + at) % HoleBlock);
     const auto block = bytes.subspan(static_cast<std::size_t>(at), static_cast<std::size_t>(end - at));
-    if (IsZero(block)) {
+    if (IsAllZero(block)) {
       const auto data = bytes.subspan(static_cast<std::size_t>(dataStart), static_cast<std::size_t>(at - dataStart));
-      if (const int error = WriteAt(FLength + dataStart, data); error != 0) return error;
+      if (const int error = WriteData(FLength + dataStart, data); error != 0) return error;
       dataStart = end;
     }
     at = end;
   }
-  if (const int error = WriteAt(FLength + dataStart, bytes.subspan(static_cast<std::size_t>(dataStart))); error != 0) {
+  if (const int error = WriteData(FLength + dataStart, bytes.subspan(static_cast<std::size_t>(dataStart)));
+      error != 0) {
     return error;
   }
   FLength += size;
   return 0;
 }
 
-int TFileSink::WriteAt(std::int64_t offset, std::span<const std::uint8_t> bytes) {
-  while (!bytes.empty()) {
-    const ssize_t done = ::pwrite(FHandle, bytes.data(), bytes.size(), offset);
-    if (done < 0 && errno == EINTR) continue;
-    if (done < 0) return errno;
-    offset += done;
-    FOnTarget = offset;
-    bytes = bytes.subspan(static_cast<std::size_t>(done));
-  }
+int TFileSink::WriteData(std::int64_t offset, std::span<const std::uint8_t> bytes) {
+  if (bytes.empty()) return 0;
+  if (const int error = WriteAt(FHandle, bytes, offset); error != 0) return error;
+  FOnTarget = offset + static_cast<std::int64_t>(bytes.size());
   return 0;
 }
 

@@ -28,7 +28,7 @@ class TFileSink {
   std::string Digest();
 
  private:
-  int WriteAt(std::int64_t offset, std::span<const std::uint8_t> bytes);
+  int WriteData(std::int64_t offset, std::span<const std::uint8_t> bytes);
 
   int FHandle;
   std::int64_t FLength = 0;    // of all that was appended

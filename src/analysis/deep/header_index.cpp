@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "analysis/deep/header_index.h"
 
-#include <algorithm>
-
 namespace brenlow {
 
 THeaderIndex::THeaderIndex(const std::vector<TFileSignature>& rows) : FRows(rows) {
@@ -11,14 +9,7 @@ THeaderIndex::THeaderIndex(const std::vector<TFileSignature>& rows) : FRows(rows
     for (std::uint32_t row = 0; row < rows.size(); ++row) {
       const TSignatureCells& header = rows[row].Header;
       if (header.empty() || (header[0] >= 0 && header[0] != static_cast<std::int16_t>(first))) continue;
-      TProbe probe;
-      probe.Row = row;
-      for (std::size_t i = 0; i < std::min<std::size_t>(header.size(), 8); ++i) {
-        if (header[i] < 0) continue;
-        probe.Mask |= std::uint64_t{0xFF} << (8 * i);
-        probe.Value |= static_cast<std::uint64_t>(header[i]) << (8 * i);
-      }
-      FProbes.push_back(probe);
+      FProbes.push_back({TCellsHead(header), row});
     }
   }
   FBegin[256] = static_cast<std::uint32_t>(FProbes.size());

@@ -24,7 +24,7 @@ class THeaderIndex {
     if (bytes.empty()) return any;
     const std::uint64_t head = Head(bytes);
     for (const TProbe& probe : Probes(bytes.front())) {
-      if ((head & probe.Mask) != probe.Value || !MatchesCells(FRows[probe.Row].Header, bytes)) continue;
+      if (!probe.Head.Fits(head) || !MatchesCells(FRows[probe.Row].Header, bytes)) continue;
       any = true;
       if (!use(static_cast<int>(probe.Row))) break;
     }
@@ -32,11 +32,9 @@ class THeaderIndex {
   }
 
  private:
-  /// The first eight cells of a header as numbers.
   struct TProbe {
-    std::uint64_t Mask = 0;
-    std::uint64_t Value = 0;
-    std::uint32_t Row = 0;
+    TCellsHead Head;
+    std::uint32_t Row;
   };
   /// The first eight bytes, those that are missing as zeros: the whole header is compared after this.
   static std::uint64_t Head(std::span<const std::uint8_t> bytes) {

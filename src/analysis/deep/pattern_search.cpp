@@ -50,17 +50,13 @@ bool Any(TBlock block) {
 TPatternSearch::TPatternSearch(TSignatureCells cells)
     : FCells(std::move(cells)),
       FFirst(static_cast<std::uint8_t>(FCells.at(0))),
-      FSecond(static_cast<std::uint8_t>(FCells.at(1))) {
-  for (std::size_t i = 0; i < std::min<std::size_t>(FCells.size(), sizeof(FHead)); ++i) {
-    if (FCells[i] < 0) continue;
-    FHeadMask |= std::uint64_t{0xFF} << (8 * i);
-    FHead |= static_cast<std::uint64_t>(FCells[i]) << (8 * i);
-  }
+      FSecond(static_cast<std::uint8_t>(FCells.at(1))),
+      FHead(FCells) {
   if (std::find(FCells.begin(), FCells.end(), -1) == FCells.end()) FPlain.assign(FCells.begin(), FCells.end());
 }
 
 bool TPatternSearch::MatchesAt(std::span<const std::uint8_t> bytes, std::size_t at) const {
-  if (bytes.size() - at >= sizeof(FHead) && (LoadLe64(bytes.data() + at) & FHeadMask) != FHead) return false;
+  if (bytes.size() - at >= sizeof(std::uint64_t) && !FHead.Fits(LoadLe64(bytes.data() + at))) return false;
   if (!FPlain.empty()) return std::memcmp(bytes.data() + at, FPlain.data(), FPlain.size()) == 0;
   return MatchesCells(FCells, bytes.subspan(at));
 }

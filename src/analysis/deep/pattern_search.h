@@ -33,8 +33,7 @@ class TPatternSearch {
   // The first two cells, which are looked for, and as many as fit in eight bytes.
   std::uint8_t FFirst;
   std::uint8_t FSecond;
-  std::uint64_t FHeadMask = 0;
-  std::uint64_t FHead = 0;
+  TCellsHead FHead;
 };
 
 }  // namespace brenlow

@@ -6,13 +6,14 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <span>
 
+#include "core/datetime.h"
 #include "core/drives.h"
 #include "core/engine.h"
+#include "core/file_io.h"
 #include "core/images/dsk_image.h"
 #include "core/lznt1.h"
 #include "core/numbers.h"
@@ -26,29 +27,8 @@ constexpr std::int64_t MapInterval = 5000;  // milliseconds
 
 using TBytes = std::span<const std::uint8_t>;
 
-bool IsZeros(TBytes bytes) {
-  return bytes.empty() || (bytes[0] == 0 && std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0);
-}
-
-/// 0, or the errno.
-int WriteAt(int file, TBytes bytes, std::int64_t position) {
-  while (!bytes.empty()) {
-    const ssize_t written = ::pwrite64(file, bytes.data(), bytes.size(), position);
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return written < 0 ? errno : ENOSPC;
-    bytes = bytes.subspan(static_cast<std::size_t>(written));
-    position += written;
-  }
-  return 0;
-}
-
 void PutLe(std::uint8_t* at, std::uint64_t value, int size) {
   for (int i = 0; i < size; ++i) at[i] = static_cast<std::uint8_t>(value >> (8 * i));
-}
-
-std::int64_t Milliseconds() {
-  const auto now = std::chrono::steady_clock::now().time_since_epoch();
-  return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
 }
 
 std::string PartialName(const std::string& path) { return path + ".partial"; }
@@ -131,7 +111,7 @@ int TImageWriter::CopyGood(int file, TRescueMap& map, const std::string& mapPath
           FEngine.Reader().ReadDriveSectors(FDrive, unit.data(), FFirst + at / FSectorSize, count / FSectorSize) /
           FSectorSize * FSectorSize;
       const TBytes good(unit.data(), static_cast<std::size_t>(got));
-      if (const int error = IsZeros(good) ? 0 : WriteAt(file, good, at); error != 0) return error;
+      if (const int error = IsAllZero(good) ? 0 : WriteAt(file, good, at); error != 0) return error;
       map.Set(at, got, TMapStatus::Finished);
       map.Set(at + got, count - got, TMapStatus::NotTrimmed);
       FUnreadable += (count - got) / FSectorSize;
@@ -165,9 +145,9 @@ int TImageWriter::Retry(int file, TRescueMap& map, const std::string& mapPath,
 
 /// Writes the map file from time to time. What it calls finished is on the disk by then.
 int TImageWriter::KeepMap(int file, const TRescueMap& map, const std::string& mapPath, bool now) {
-  if (mapPath.empty() || (!now && Milliseconds() - FMapKept < MapInterval)) return 0;
+  if (mapPath.empty() || (!now && SteadyMilliseconds() - FMapKept < MapInterval)) return 0;
   if (::fdatasync(file) != 0) return errno;
-  FMapKept = Milliseconds();
+  FMapKept = SteadyMilliseconds();
   return map.Save(mapPath);
 }
 

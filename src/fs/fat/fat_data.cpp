@@ -230,7 +230,7 @@ void TFAT::ChangeFileFirstCluster(TFileInfo& file) {
 /// True when the first sector of a cluster reads as zeros.
 bool TFAT::IsBlank(const TDriveInfo& drive, std::int64_t cluster) {
   const TByteDynArray sector = GetClusterData(drive, static_cast<std::uint32_t>(cluster), drive.BytesPerSector);
-  return std::all_of(sector.begin(), sector.end(), [](std::uint8_t byte) { return byte == 0; });
+  return IsAllZero(sector);
 }
 
 void TFAT::AddCandidates(TDriveInfo& drive, TFileInfo& file) {

@@ -46,10 +46,6 @@ bool IsDotEntry(std::span<const std::uint8_t> entry) {
   return std::all_of(entry.begin() + 2, entry.begin() + 11, [](std::uint8_t c) { return c == ' '; });
 }
 
-bool IsAllZero(std::span<const std::uint8_t> entry) {
-  return std::all_of(entry.begin(), entry.end(), [](std::uint8_t c) { return c == 0; });
-}
-
 bool IsPlausibleShortEntry(std::span<const std::uint8_t> entry, std::int64_t clusterRoom) {
   constexpr std::string_view refused = "\"*+,./:;<=>?[\\]|";
   for (std::size_t i = 0; i < 11; ++i) {
