@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cmath>
 #include <csignal>
 #include <cstdio>
 
@@ -13,7 +12,7 @@
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/language.h"
-#include "core/sizes.h"
+#include "shell/progress_text.h"
 
 namespace brenlow::cli {
 namespace {
@@ -64,9 +63,9 @@ void TProgressLine::Show(double position, std::int64_t bytes, const std::string&
   const double seconds = std::chrono::duration<double>(now - FBegin).count();
   std::string line = fmt::format("{}: {:.0f}%", FTitle, position * 100);
   if (!detail.empty()) line += ", " + detail;
-  line += ", " + SizeText(static_cast<std::int64_t>(static_cast<double>(bytes) / seconds)) + "/s";
-  if (position > 0.01 && position < 1) {
-    line += ", " + FTexts.Utf8(TText::TimeLeft, {DurationText(seconds / position * (1 - position))});
+  if (const std::string rate = RateText(bytes, seconds); !rate.empty()) line += ", " + rate;
+  if (const double left = SecondsLeft(position, seconds); left >= 0) {
+    line += ", " + FTexts.Utf8(TText::TimeLeft, {DurationText(left)});
   }
   std::fprintf(stderr, "\r%s\x1b[K", line.c_str());
   FDrawn = true;
@@ -95,11 +94,5 @@ TStopKey::TStopKey(TEngine& engine) {
 TStopKey::~TStopKey() { StopTarget = nullptr; }
 
 bool TStopKey::Pressed() { return StopCount > 0; }
-
-std::string DurationText(double seconds) {
-  const std::int64_t whole = std::llround(seconds);
-  if (whole >= 3600) return fmt::format("{}:{:02}:{:02}", whole / 3600, whole / 60 % 60, whole % 60);
-  return fmt::format("{}:{:02}", whole / 60, whole % 60);
-}
 
 }  // namespace brenlow::cli

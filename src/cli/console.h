@@ -58,7 +58,4 @@ class TStopKey {
   static bool Pressed();
 };
 
-/// "1:02:03" or "2:03".
-std::string DurationText(double seconds);
-
 }  // namespace brenlow::cli

@@ -9,6 +9,7 @@
 #include "cli/session.h"
 #include "core/images/image_writer.h"
 #include "core/sizes.h"
+#include "shell/progress_text.h"
 
 namespace brenlow::cli {
 namespace {

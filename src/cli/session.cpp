@@ -1,10 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "cli/session.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 
@@ -19,38 +16,10 @@
 #include "core/sizes.h"
 #include "core/text.h"
 #include "fs/fat/fat.h"
+#include "shell/sources.h"
 
 namespace brenlow::cli {
 namespace {
-
-/// The key for a path: absolute, and long enough not to be taken for a drive number or letter.
-TString SourceKey(const std::string& path) {
-  std::error_code error;
-  std::filesystem::path full = std::filesystem::canonical(path, error);
-  if (error) full = std::filesystem::absolute(path, error);
-  std::string text = full.string();
-  while (text.size() < 4) text.insert(text.begin(), '/');
-  return TextFromPath(text);
-}
-
-std::string MountComplaint(const TLanguage& texts, const std::string& source, const TMountFailure& failure) {
-  if (failure.TooSmall) return texts.Utf8(TText::SourceTooSmall, {source});
-  switch (failure.SystemError) {
-    case EACCES:
-    case EPERM:
-      return texts.Utf8(::geteuid() == 0 ? TText::SourceDeniedToRoot : TText::SourceDenied, {source});
-    case EISDIR:
-      return texts.Utf8(TText::SourceIsFolder, {source});
-    case ENOTBLK:
-      return texts.Utf8(TText::SourceIsNeither, {source});
-    case EOPNOTSUPP:
-      return texts.Utf8(TText::SourceUnsupported, {source});
-    case ENOMEDIUM:
-      return texts.Utf8(TText::SourceNoMedium, {source});
-    default:
-      return texts.Utf8(TText::ErrorOf, {source, SystemErrorText(texts, failure.SystemError)});
-  }
-}
 
 /// Puts the source with its map in place of the source alone.
 bool InsertWithMap(TEngine& engine, const std::string& source, const std::string& map) {

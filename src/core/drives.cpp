@@ -31,29 +31,65 @@ void TDrives::Fill() {
   Clear();
   FPhysicalDrives = FEngine.Partitions().GetPhysicalDrives();
   FEngine.Pump();
-  FUnallocatedCount = 0;
-  AddSystemVolumes();
+  FUnallocatedCount = FUnnamedCount = 0;
+  AddSystemDisks(FPhysicalDrives, true);
+}
+
+void TDrives::DeviceInserted() {
+  TPhysicalDrives disks = FEngine.Partitions().GetPhysicalDrives();
+  const auto knows = [](const TPhysicalDrives& list, const TPhysicalDrive& disk) {
+    return std::any_of(list.begin(), list.end(), [&](const TPhysicalDrive& d) {
+      return d.Drive == disk.Drive && d.DiskSize == disk.DiskSize && d.Serial == disk.Serial;
+    });
+  };
   for (const TPhysicalDrive& disk : FPhysicalDrives) {
+    if (!knows(disks, disk)) DeleteUnanalysed(disk.Drive);
+  }
+  TPhysicalDrives added;
+  std::copy_if(disks.begin(), disks.end(), std::back_inserter(added),
+               [&](const TPhysicalDrive& disk) { return !knows(FPhysicalDrives, disk); });
+  FPhysicalDrives = std::move(disks);
+  AddSystemDisks(added, false);
+}
+
+/// A device that is gone takes its rows along, unless something was found on it.
+void TDrives::DeleteUnanalysed(const TString& device) {
+  const auto isOf = [&](const TDriveInfo& drive) { return drive.Drive == device; };
+  const bool analysed = std::any_of(List.begin(), List.end(), [&](const TDriveInfo& drive) {
+    return isOf(drive) && (drive.Analysed != TAnalyseInformation::aiNone || drive.DeepAnalysed != TAnalyseInformation::aiNone);
+  });
+  if (analysed) return;
+  while (true) {
+    const auto found = std::find_if(List.begin(), List.end(), isOf);
+    if (found == List.end()) return;
+    Delete(static_cast<int>(found - List.begin()));
+  }
+}
+
+/// Volumes first, then the disks that they lie on. `all`: also the mounted volumes that lie on none.
+void TDrives::AddSystemDisks(const TPhysicalDrives& disks, bool all) {
+  const std::size_t before = List.size();
+  AddSystemVolumes(disks, all);
+  for (const TPhysicalDrive& disk : disks) {
     TDriveInfo like;
     if (disk.DiskGeometry.MediaType == RemovableMedia) like.DriveTypes.Add(TDriveType::dtRemovable);
     AddTableVolumes(disk, like);
   }
-  int unnamed = 0;
-  for (const TPhysicalDrive& disk : FPhysicalDrives) AddPhysicalDrive(disk, unnamed);
-  if (OnAdded) {
-    for (int i = 0; i < static_cast<int>(List.size()); ++i) OnAdded(i);
-  }
+  for (const TPhysicalDrive& disk : disks) AddPhysicalDrive(disk);
+  if (!OnAdded) return;
+  for (std::size_t i = before; i < List.size(); ++i) OnAdded(static_cast<int>(i));
 }
 
-void TDrives::AddSystemVolumes() {
+void TDrives::AddSystemVolumes(const TPhysicalDrives& disks, bool all) {
   for (const TMountedVolume& mounted : ListMountedVolumes()) {
     const TString disk = TextFromPath(mounted.DiskPath);
-    const auto known = std::find_if(FPhysicalDrives.begin(), FPhysicalDrives.end(),
-                                    [&](const TPhysicalDrive& d) { return d.Drive == disk; });
+    const auto known =
+        std::find_if(disks.begin(), disks.end(), [&](const TPhysicalDrive& d) { return d.Drive == disk; });
+    if (known == disks.end() && !all) continue;
     TDriveInfo drive;
-    drive.BytesPerSector = known == FPhysicalDrives.end() ? 512 : static_cast<int>(known->DiskGeometry.BytesPerSector);
-    drive.Drive = known == FPhysicalDrives.end() ? TextFromPath(mounted.DevicePath) : disk;
-    drive.FirstSector = known == FPhysicalDrives.end() ? 0 : mounted.StartByte / drive.BytesPerSector;
+    drive.BytesPerSector = known == disks.end() ? 512 : static_cast<int>(known->DiskGeometry.BytesPerSector);
+    drive.Drive = known == disks.end() ? TextFromPath(mounted.DevicePath) : disk;
+    drive.FirstSector = known == disks.end() ? 0 : mounted.StartByte / drive.BytesPerSector;
     drive.SectorsCount = mounted.Size / drive.BytesPerSector;
     drive.DriveLetter = TextFromPath(mounted.MountPoint);
     drive.ReceivedType = TReceivedType::rtBySystem;
@@ -146,7 +182,7 @@ int TDrives::AddTableVolume(const TPhysicalDrive& disk, const TVolume& volume, b
   return Add(drive, false);
 }
 
-void TDrives::AddPhysicalDrive(const TPhysicalDrive& disk, int& unnamed) {
+void TDrives::AddPhysicalDrive(const TPhysicalDrive& disk) {
   TDriveInfo drive;
   drive.Drive = disk.Drive;
   drive.Serial = disk.Serial;
@@ -156,7 +192,7 @@ void TDrives::AddPhysicalDrive(const TPhysicalDrive& disk, int& unnamed) {
   drive.Caption = disk.Model;
   if (disk.Model.empty()) {
     drive.CaptionKind = TCaptionKind::PhysicalDrive;
-    drive.CaptionNumber = ++unnamed;
+    drive.CaptionNumber = ++FUnnamedCount;
   }
   drive.DriveTypes = {TDriveType::dtPhysical};
   if (disk.DiskGeometry.MediaType == RemovableMedia) drive.DriveTypes.Add(TDriveType::dtRemovable);

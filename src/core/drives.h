@@ -51,6 +51,9 @@ class TDrives {
   // ---- building the list ----
   /// Lists the machine's volumes, then its disks.
   void Fill();
+  /// Devices came or went: lists the new ones and takes those off that are gone. What was analysed
+  /// stays, and so do images. Not while a scan runs.
+  void DeviceInserted();
   /// Removes all drives and closes their devices.
   void Clear();
   int Add(const TDriveInfo& drive, bool canAddToTreeView);
@@ -177,11 +180,13 @@ class TDrives {
   bool HasType(int number, TDriveType type) const {
     return !IsWrongNumber(number) && List[static_cast<std::size_t>(number)].DriveTypes.Has(type);
   }
-  void AddSystemVolumes();
+  void AddSystemDisks(const TPhysicalDrives& disks, bool all);
+  void AddSystemVolumes(const TPhysicalDrives& disks, bool all);
+  void DeleteUnanalysed(const TString& device);
   TIntegerDynArray AddTableVolumes(const TPhysicalDrive& disk, const TDriveInfo& like);
   void AddUnallocatedSpaces(const TPhysicalDrive& disk, TVolumes& volumes) const;
   int AddTableVolume(const TPhysicalDrive& disk, const TVolume& volume, bool unallocated, const TDriveInfo& like);
-  void AddPhysicalDrive(const TPhysicalDrive& disk, int& unnamed);
+  void AddPhysicalDrive(const TPhysicalDrive& disk);
   bool IsWholeVolume(TDriveInfo& drive, int statedSectorSize);
   int CountKnownSystems(const TDriveInfo& drive, const TVolumes& volumes);
   bool HasNative4KTable(const TDriveInfo& drive);
@@ -206,6 +211,7 @@ class TDrives {
   TEngine& FEngine;
   TPhysicalDrives FPhysicalDrives;
   int FUnallocatedCount = 0;
+  int FUnnamedCount = 0;
   int VirtualPartitionsCount = 0;
   const TImageWriter* FWriter = nullptr;  // while `Save` runs
 };

@@ -104,6 +104,11 @@ bool TParentClusters::Empty(std::int64_t number) const {
   return bucket == nullptr || (bucket->Newest == None && bucket->NewestFolder == None);
 }
 
+std::uint64_t TParentClusters::Version(std::int64_t number) const {
+  const TBucket* bucket = FindUsed(number);
+  return bucket == nullptr ? 0 : (std::uint64_t{bucket->Newest} << 32 | bucket->NewestFolder) + 1;
+}
+
 TInt64DynArray TParentClusters::Numbers() const {
   TInt64DynArray numbers;
   for (const TBucket& bucket : FBuckets) {

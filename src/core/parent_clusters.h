@@ -32,6 +32,8 @@ class TParentClusters {
   TInt64DynArray Folders(std::int64_t number) const;
   /// True when nothing lies under `number`.
   bool Empty(std::int64_t number) const;
+  /// A value that changes with every addition under `number`.
+  std::uint64_t Version(std::int64_t number) const;
   /// All parent references that have at least one file, ascending.
   TInt64DynArray Numbers() const;
 

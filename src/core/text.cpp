@@ -125,6 +125,8 @@ TStringView Trim(TStringView text) {
   return text;
 }
 
+char16_t LowerCase(char16_t unit) { return ToLower(unit); }
+
 TString LowerCase(TStringView text) {
   TString out(text);
   for (char16_t& c : out) c = ToLower(c);

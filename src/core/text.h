@@ -25,6 +25,7 @@ TStringView Trim(TStringView text);
 
 /// Lower and upper case of ASCII, Latin-1, Greek and Cyrillic letters, one unit to one unit.
 TString LowerCase(TStringView text);
+char16_t LowerCase(char16_t unit);
 TString UpperCase(TStringView text);
 
 /// Extension without the dot, as it stands; empty when the name has none.

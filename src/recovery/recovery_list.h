@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <unordered_set>
 #include <vector>
 
 #include "core/types.h"
@@ -17,7 +19,8 @@ class TRecoveryList {
 
   const TIntegerDynArray& Files() const { return FFiles; }
   void AddFiles(const TIntegerDynArray& fileNumbers);
-  void Remove(int fileNumber);
+  void RemoveFiles(const TIntegerDynArray& fileNumbers);
+  bool Has(int fileNumber) const { return FKnown.contains(fileNumber); }
   /// Drops what came from the analysis of a drive, or from its deep analysis only.
   void ClearFiles(int driveNumber);
   void ClearDeepFiles(int driveNumber);
@@ -25,8 +28,11 @@ class TRecoveryList {
   void MoveNumbers(const std::vector<std::uint32_t>& newNumbers);
 
  private:
+  void EraseIf(const std::function<bool(int)>& doomed);
+
   TEngine& FEngine;
   TIntegerDynArray FFiles;
+  std::unordered_set<int> FKnown;  // the same numbers
 };
 
 }  // namespace brenlow

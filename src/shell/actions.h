@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 
 #include "core/types.h"
 
@@ -13,6 +14,7 @@ enum class TText : std::uint16_t;
 /// Those with `Folders` in their names act on the node selected in the tree, the others on the
 /// selection in the file list.
 enum class TAction : std::uint8_t {
+  actMaster,
   actOpen,
   actReopen,
   actFoldersReopen,
@@ -21,15 +23,37 @@ enum class TAction : std::uint8_t {
   actFoldersRecovery,
   actRecoveryFromList,
   actAddToRecoveryList,
+  actFindPartitions,
+  actFoldersFindPartitions,
+  actCreateVirtualPartition,
+  actFoldersCreateVirtualPartition,
+  actCreateImage,
+  actFoldersCreateImage,
   actMountImage,
   actFoldersMountImage,
   actUnmountImage,
   actCloseDisk,
   actFoldersCloseDisk,
+  actProperties,
+  actFoldersProperties,
   actRefresh,
   actExpand,
   actSelectAll,
   actInvertSelection,
+  actFindFile,
+  actFoundFileLocation,
+  actWhere,
+  actAddCustomFolder,
+  actSortByName,
+  actSortByType,
+  actSortBySize,
+  actSortByFreeSize,
+  actSortByFileSystem,
+  actSortByStatus,
+  actSortByModified,
+  actSortByCreated,
+  actSortAscending,
+  actSortDescending,
   actFilterExisting,
   actFilterDeleted,
   actFilterAllFiles,
@@ -39,34 +63,63 @@ enum class TAction : std::uint8_t {
   actFilterDocument,
   actFilterImage,
   actFilterVideo,
+  // From here on: what concerns the window alone.
+  actViewLargeIcons,
+  actViewIcons,
+  actViewList,
+  actViewDetails,
+  actViewTile,
+  actFindFileBar,
+  actWhereBar,
+  actImageBar,
+  actPreview,
+  actRecoveryList,
+  actSettings,
+  actHelp,
+  actAbout,
   actExit,
 };
 inline constexpr std::size_t ActionCount = static_cast<std::size_t>(TAction::actExit) + 1;
 using TActions = TEnumSet<TAction, std::uint64_t>;
+static_assert(ActionCount <= 64, "one bit each");
+
+/// The name of an action, as "actOpen".
+std::string_view NameOf(TAction action);
+/// True for what no drive and no file is needed for: it is always there.
+constexpr bool IsWindowAction(TAction action) { return action >= TAction::actViewLargeIcons; }
 
 /// What the actions ask of a selection, in the list or in the tree.
 struct TSelectionState {
   bool Any = false;            ///< something that may be acted on
   bool OneFolder = false;      ///< one folder or drive, which can be opened
+  bool OpensAtOnce = false;    ///< the one folder can be opened without an analysis
+  bool Blank = false;          ///< one drive or folder that shows nothing before an analysis
   bool Recoverable = false;    ///< files or folders of an analysed drive
   bool DriveAnalysed = false;  ///< its drive has results that can be made anew
   bool CanCloseDisk = false;   ///< holds a drive that may be taken off the list
   bool Mounted = false;        ///< holds a mounted image
+  int Drive = -1;              ///< the drive of the one thing that is selected
+  int Number = -1;             ///< the file number of the one thing that is selected
+  std::int64_t Count = 0;      ///< things selected
+  std::int64_t Size = 0;       ///< bytes of the selected files
 };
 
 /// All that decides which actions can be chosen, as plain values.
 struct TShellState {
   bool Analysing = false;
   bool Recovering = false;
+  bool Searching = false;  ///< a search for partitions runs, or an image is written
   TSelectionState List;
   TSelectionState Tree;
   int ShownFiles = 0;  ///< rows in the file list
+  bool ShowsDrives = false;
+  bool ShowsSearch = false;  ///< the rows are results of a search
   bool RecoveryListShown = false;
   int RecoveryListFiles = 0;
 };
 
 /// While a scan or a recovery runs, whatever could touch drives or files is off; stopping a scan is
-/// possible only then.
+/// possible only then. Looking into folders that are there already goes on.
 TActions CheckActionsEnabled(const TShellState& state);
 
 /// The caption of an action.

@@ -2,15 +2,53 @@
 #include "shell/commands.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <unordered_set>
 
+#include "analysis/analysis.h"
+#include "analysis/deep/all_fs.h"
 #include "analysis/files.h"
+#include "analysis/folder_index.h"
 #include "core/drives.h"
 #include "core/engine.h"
+#include "core/language.h"
 #include "core/text.h"
 #include "recovery/recovery_master.h"
+#include "shell/entries.h"
+#include "shell/sources.h"
 
 namespace brenlow {
+namespace {
+
+/// The state of the scan that opening a drive asks for.
+TAnalyseInformation ScanState(const TDriveInfo& drive) {
+  return drive.DriveTypes.Has(TDriveType::dtPhysical) ? drive.DeepAnalysed : drive.Analysed;
+}
+
+bool HasResults(const TDriveInfo& drive) {
+  return drive.Analysed != TAnalyseInformation::aiNone || drive.DeepAnalysed != TAnalyseInformation::aiNone;
+}
+
+}  // namespace
+
+/// While it lives, no scan runs but the drives are busy.
+class TCommands::TSearching {
+ public:
+  TSearching(TCommands& commands, int drive) : FCommands(commands) {
+    commands.FBusyDrive = drive;
+    Set(true);
+  }
+  ~TSearching() { Set(false); }
+  TSearching(const TSearching&) = delete;
+  TSearching& operator=(const TSearching&) = delete;
+
+ private:
+  void Set(bool searching) {
+    FCommands.FSearching = searching;
+    FCommands.Changed();
+  }
+  TCommands& FCommands;
+};
 
 TCommands::TCommands(TEngine& engine, TSettings& settings, IShellQuestions& questions,
                      IRecoveryQuestions& recoveryQuestions)
@@ -20,17 +58,23 @@ TCommands::TCommands(TEngine& engine, TSettings& settings, IShellQuestions& ques
       FRecoveryQuestions(recoveryQuestions),
       FRecoveryList(engine),
       FRecoveryListShown(settings.RecoveryList.IsOn) {
+  TakeOrders();
   TFiles& files = engine.Files();
   files.OnBeforeCleared = [this](int drive) { FRecoveryList.ClearFiles(drive); };
   files.OnBeforeDeepCleared = [this](int drive) { FRecoveryList.ClearDeepFiles(drive); };
-  files.OnNumbersMoved = [this](const std::vector<std::uint32_t>& newNumbers) {
-    FRecoveryList.MoveNumbers(newNumbers);
-    RefreshFileList();
-  };
+  files.OnNumbersMoved = [this](const std::vector<std::uint32_t>& newNumbers) { MoveNumbers(newNumbers); };
   files.OnRefreshFileList = [this] { RefreshFileList(); };
   engine.Folders().OnBeforeNodeDeleted = [this](const TTreeNode& node) { NodeGone(node); };
-  engine.Drives().OnAdded = [this](int number) { FEngine.Folders().AddDrive(number); };
-  engine.OnChangeAnalysingStatus = [this](int, bool) { Changed(); };
+  engine.Drives().OnAdded = [this](int number) {
+    FEngine.Folders().AddDrive(number);
+    DrivesChanged();
+  };
+  engine.Drives().OnDeleted = [this](int) { DrivesChanged(); };
+  engine.OnChangeAnalysingStatus = [this](int drive, bool) {
+    FBusyDrive = drive;
+    DrivesChanged();
+    Changed();
+  };
 }
 
 TCommands::~TCommands() {
@@ -41,74 +85,42 @@ TCommands::~TCommands() {
   files.OnRefreshFileList = nullptr;
   FEngine.Folders().OnBeforeNodeDeleted = nullptr;
   FEngine.Drives().OnAdded = nullptr;
+  FEngine.Drives().OnDeleted = nullptr;
   FEngine.OnChangeAnalysingStatus = nullptr;
 }
-
-// ---- what is shown and selected -------------------------------------------------------------
 
 void TCommands::Changed() {
   if (OnActionsChanged) OnActionsChanged(EnabledActions());
 }
 
+void TCommands::DrivesChanged() {
+  if (OnDrivesChanged) OnDrivesChanged();
+}
+
 void TCommands::FillDrives() {
   FEngine.Drives().Fill();
-  for (int i = 0; i < static_cast<int>(FEngine.Drives().List.size()); ++i) FEngine.Folders().AddDrive(i);
-  Changed();
-}
-
-void TCommands::SelectNode(PTreeNode node) {
-  FNode = node;
-  const TFiles& files = FEngine.Files();
-  if (node != nullptr && !files.IsWrongNumber(node->Data)) {
-    FEngine.Drives().Current = files.List[static_cast<std::size_t>(node->Data)].FileInfo.aDriveNumber;
-  }
+  TFolders& folders = FEngine.Folders();
+  for (int i = 0; i < static_cast<int>(FEngine.Drives().List.size()); ++i) folders.AddDrive(i);
+  PTreeNode custom = folders.AddCustomFoldersRoot();
+  folders.AddDefaultCustomFolders(custom);
+  if (custom != nullptr && custom->Children.empty()) folders.DeleteRootGroupNode(custom->Data);
   RefreshFileList();
-}
-
-void TCommands::RefreshFileList() {
-  FShown.clear();
-  FSelected.clear();
-  const TFiles& files = FEngine.Files();
-  if (FNode != nullptr && !files.IsWrongNumber(FNode->Data)) {
-    const TFileInfo& folder = files.List[static_cast<std::size_t>(FNode->Data)].FileInfo;
-    for (const std::int64_t number : FEngine.Drives().GetParentClusters(folder.aDriveNumber, folder.FirstCluster)) {
-      if (files.IsFiltered(static_cast<int>(number), folder.blnDeleted, FFilter)) {
-        FShown.push_back(static_cast<int>(number));
-      }
-    }
-  } else if (FNode != nullptr) {
-    // A group shows its drives.
-    for (const auto& child : FNode->Children) FShown.push_back(static_cast<int>(child->Data));
-  }
-  if (OnFileListChanged) OnFileListChanged();
-  Changed();
-}
-
-void TCommands::SelectFiles(TIntegerDynArray fileNumbers) {
-  FSelected = std::move(fileNumbers);
-  Changed();
-}
-
-void TCommands::ShowRecoveryList(bool shown) {
-  FRecoveryListShown = shown;
-  FSettings.RecoveryList.IsOn = shown;
-  Changed();
-}
-
-void TCommands::NodeGone(const TTreeNode& node) {
-  for (const TTreeNode* at = FNode; at != nullptr; at = at->Parent) {
-    if (at != &node) continue;
-    FNode = node.Parent->Parent == nullptr ? nullptr : node.Parent;
-    RefreshFileList();
-    return;
-  }
 }
 
 // ---- state ----------------------------------------------------------------------------------
 
-TIntegerDynArray TCommands::NodeAsList() const {
-  if (FNode == nullptr || FEngine.Files().IsWrongNumber(FNode->Data)) return {};
-  return {static_cast<int>(FNode->Data)};
+TIntegerDynArray TCommands::PlaceAsList() const {
+  return FEngine.Files().IsWrongNumber(PlaceFolder()) ? TIntegerDynArray() : TIntegerDynArray{PlaceFolder()};
+}
+
+/// True for a folder that shows nothing before an analysis has run.
+bool TCommands::IsBlank(const TFileInfo& folder) const {
+  const TDrives& drives = FEngine.Drives();
+  if (drives.IsWrongNumber(folder.aDriveNumber)) return false;
+  const TDriveInfo& drive = drives.List[static_cast<std::size_t>(folder.aDriveNumber)];
+  if (TFiles::IsDeepAnalyse(folder)) return drive.DeepAnalysed == TAnalyseInformation::aiNone;
+  const bool top = TFiles::IsRootDir(folder) || folder.FirstCluster == TCustomFolder::NotFound;
+  return top && !HasResults(drive);
 }
 
 TSelectionState TCommands::StateOf(const TIntegerDynArray& fileNumbers) const {
@@ -121,26 +133,43 @@ TSelectionState TCommands::StateOf(const TIntegerDynArray& fileNumbers) const {
     if (TFiles::IsUnselected(info) || drives.IsWrongNumber(info.aDriveNumber)) continue;
     const TDriveInfo& drive = drives.List[static_cast<std::size_t>(info.aDriveNumber)];
     const bool isDrive = TFiles::IsRootDir(info);
+    const bool isOne = fileNumbers.size() == 1;
     state.Any = true;
-    state.OneFolder = info.blnFolder && fileNumbers.size() == 1;
-    const bool analysed =
-        drive.Analysed != TAnalyseInformation::aiNone || drive.DeepAnalysed != TAnalyseInformation::aiNone;
-    state.DriveAnalysed = state.DriveAnalysed || analysed;
-    state.Recoverable = state.Recoverable || !isDrive || !drives.IsEmpty(info.aDriveNumber);
+    ++state.Count;
+    if (!info.blnFolder) state.Size += info.aSize;
+    state.OneFolder = info.blnFolder && isOne;
+    state.Blank = state.OneFolder && IsBlank(info);
+    state.OpensAtOnce = state.OneFolder && !state.Blank;
+    if (isOne) state.Number = number;
+    if (isOne && isDrive) state.Drive = info.aDriveNumber;
+    state.DriveAnalysed = state.DriveAnalysed || HasResults(drive);
+    state.Recoverable = state.Recoverable || !isDrive || !drives.IsEmpty(info.aDriveNumber) || !drive.SubDrives.empty();
     state.CanCloseDisk = state.CanCloseDisk || (isDrive && drives.CanCloseDisk(info.aDriveNumber));
     state.Mounted = state.Mounted || (isDrive && drives.IsMounted(info.aDriveNumber));
   }
   return state;
 }
 
+TProgressSnapshot::TKind TCommands::Running() const {
+  if (FSearching) {
+    return FEngine.Drives().CanSave ? TProgressSnapshot::SavingImage : TProgressSnapshot::SearchingPartitions;
+  }
+  if (!FEngine.Analysing) return TProgressSnapshot::None;
+  if (FEngine.PartRecRunning) return TProgressSnapshot::SearchingPartitions;
+  return FDeepRunning ? TProgressSnapshot::DeepAnalysing : TProgressSnapshot::Analysing;
+}
+
 TShellState TCommands::State() const {
   TShellState state;
   state.Analysing = FEngine.Analysing;
   state.Recovering = FRecovering;
+  state.Searching = FSearching;
   state.List = StateOf(FSelected);
-  state.Tree = StateOf(NodeAsList());
-  state.Tree.Any = FNode != nullptr;
-  state.ShownFiles = static_cast<int>(FShown.size());
+  state.Tree = StateOf(PlaceAsList());
+  state.Tree.Any = FPlace.Kind == TShownPlace::Folder || FPlace.Kind == TShownPlace::Group;
+  state.ShownFiles = static_cast<int>(FShown->size());
+  state.ShowsDrives = Category() == TViewCategory::vcDrives;
+  state.ShowsSearch = Category() == TViewCategory::vcSearchResults;
   state.RecoveryListShown = FRecoveryListShown;
   state.RecoveryListFiles = static_cast<int>(FRecoveryList.Files().size());
   return state;
@@ -168,9 +197,12 @@ bool TCommands::Execute(TAction action) {
       }
       return false;
     case TAction::actFoldersReopen:
-      return Analyse(FNode, true);
+      return Analyse(SelectedNode(), true);
     case TAction::actStopAnalyse:
-      if (FQuestions.StopAnalyse()) FEngine.Analysing = false;
+      if (!FQuestions.StopAnalyse()) break;
+      FEngine.Analysing = false;
+      FEngine.Drives().CanSearch = false;
+      FEngine.Drives().CanSave = false;
       break;
     case TAction::actRecovery:
       Recover(TRecoverySender::rsFiles);
@@ -182,50 +214,57 @@ bool TCommands::Execute(TAction action) {
       Recover(TRecoverySender::rsRecoveryList);
       break;
     case TAction::actAddToRecoveryList:
-      FRecoveryList.AddFiles(FSelected);
-      Changed();
+      Tick(FSelected, true);
       break;
     case TAction::actMountImage:
     case TAction::actFoldersMountImage:
       if (const auto path = FQuestions.ImageFile(); path) return Mount(*path) >= 0;
       return false;
     case TAction::actUnmountImage:
-      CloseDisks(StateOf(FSelected).Mounted ? FSelected : NodeAsList(), true);
+      CloseDisks(StateOf(FSelected).Mounted ? FSelected : PlaceAsList(), true);
       break;
     case TAction::actCloseDisk:
       CloseDisks(FSelected, false);
       break;
     case TAction::actFoldersCloseDisk:
-      CloseDisks(NodeAsList(), false);
+      CloseDisks(PlaceAsList(), false);
       break;
     case TAction::actRefresh:
-      RefreshFileList();
+      DevicesChanged();
       break;
     case TAction::actExpand:
-      FEngine.Folders().FillNodes(FNode, true);
+      FEngine.Folders().FillNodes(SelectedNode(), true);
       break;
     case TAction::actSelectAll:
-      SelectFiles(FShown);
+      SelectFiles(*FShown);
+      if (OnSelectionChanged) OnSelectionChanged();
       break;
     case TAction::actInvertSelection: {
       const std::unordered_set<int> selected(FSelected.begin(), FSelected.end());
       TIntegerDynArray inverted;
-      std::copy_if(FShown.begin(), FShown.end(), std::back_inserter(inverted),
+      std::copy_if(FShown->begin(), FShown->end(), std::back_inserter(inverted),
                    [&](int number) { return !selected.contains(number); });
       SelectFiles(std::move(inverted));
+      if (OnSelectionChanged) OnSelectionChanged();
       break;
     }
+    case TAction::actFoundFileLocation:
+      ShowLocation(FSelected.front());
+      break;
     case TAction::actExit:
       if (OnExit) OnExit();
       break;
     default:
-      return ExecuteFilter(action);
+      if (ExecuteFilter(action) || ExecuteSort(action)) break;
+      if (OnForm) OnForm(action);
+      break;
   }
   return true;
 }
 
 /// Existing and deleted are switches of their own; a kind and "all files" exclude each other.
 bool TCommands::ExecuteFilter(TAction action) {
+  if (action < TAction::actFilterExisting || action > TAction::actFilterVideo) return false;
   constexpr std::pair<TAction, bool TFileFilter::*> kinds[] = {
       {TAction::actFilterArchive, &TFileFilter::Archive},   {TAction::actFilterAudio, &TFileFilter::Audio},
       {TAction::actFilterDatabase, &TFileFilter::Database}, {TAction::actFilterDocument, &TFileFilter::Document},
@@ -242,39 +281,190 @@ bool TCommands::ExecuteFilter(TAction action) {
   return true;
 }
 
+bool TCommands::ExecuteSort(TAction action) {
+  constexpr std::pair<TAction, TSortKey> keys[] = {
+      {TAction::actSortByName, TSortKey::Name},
+      {TAction::actSortByType, TSortKey::Type},
+      {TAction::actSortBySize, TSortKey::Size},
+      {TAction::actSortByFreeSize, TSortKey::FreeSize},
+      {TAction::actSortByFileSystem, TSortKey::FileSystem},
+      {TAction::actSortByStatus, TSortKey::Status},
+      {TAction::actSortByModified, TSortKey::Modified},
+      {TAction::actSortByCreated, TSortKey::Created},
+  };
+  for (const auto& [keyAction, key] : keys) {
+    if (action != keyAction) continue;
+    Sort({key, Order().Descending});
+    return true;
+  }
+  if (action != TAction::actSortAscending && action != TAction::actSortDescending) return false;
+  Sort({Order().Key, action == TAction::actSortDescending});
+  return true;
+}
+
 /// The selected folder becomes the one shown; a drive without results is analysed first.
 void TCommands::Open() {
-  TFolders& folders = FEngine.Folders();
+  if (FSelected.empty()) {
+    Analyse(SelectedNode(), false);
+    return;
+  }
   const int number = FSelected.front();
-  const TFileInfo& info = FEngine.Files().List[static_cast<std::size_t>(number)].FileInfo;
-  if (FNode != nullptr) folders.FillNodes(FNode, true);
-  PTreeNode node = folders.NodeOf(number);
-  if (node == nullptr) return;
-  const TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(info.aDriveNumber)];
-  const bool blank = drive.Analysed == TAnalyseInformation::aiNone && drive.DeepAnalysed == TAnalyseInformation::aiNone;
-  if (blank && !Analyse(node, false)) return;
-  SelectNode(folders.NodeOf(number));
+  const bool blank = IsBlank(FEngine.Files().List[static_cast<std::size_t>(number)].FileInfo);
+  ShowFolder(number);
+  if (blank) Analyse(SelectedNode(), false);
+}
+
+void TCommands::OpenNode(PTreeNode node) {
+  SelectNode(node);
+  const TFiles& files = FEngine.Files();
+  if (files.IsWrongNumber(node->Data)) return;
+  if (IsBlank(files.List[static_cast<std::size_t>(node->Data)].FileInfo)) Analyse(node, false);
 }
 
 bool TCommands::Analyse(PTreeNode node, bool isReopen) {
   TFolders& folders = FEngine.Folders();
-  if (!folders.NodeCanBeAnalysed(node) || FEngine.Analysing || FRecovering) return false;
-  const int drive = FEngine.Files().List[static_cast<std::size_t>(node->Data)].FileInfo.aDriveNumber;
+  if (!folders.NodeCanBeAnalysed(node) || FEngine.Analysing || FRecovering || FSearching) return false;
+  const TFileInfo& info = FEngine.Files().List[static_cast<std::size_t>(node->Data)].FileInfo;
+  const int drive = info.aDriveNumber;
   if (!FEngine.Drives().IsDiskIn(drive, true)) return false;
+  if (TFiles::IsDeepAnalyse(info)) {
+    AnalyseDeep(drive);
+    return true;
+  }
   if (isReopen) {
     FEngine.Files().Clear(drive, false);
     node = folders.GetDriveRootNode(drive);  // a folder's own node went with its results
   }
   const bool done = folders.AnalyseNode(node, static_cast<bool>(folders.OnShowAnalyseProgress));
+  DrivesChanged();
   RefreshFileList();
   return done;
 }
 
+void TCommands::AnalyseDeep(int drive) {
+  if (FEngine.Analysing || FRecovering || FSearching || FEngine.Drives().IsWrongNumber(drive)) return;
+  FDeepRunning = true;
+  DeepAnalyseDrive(FEngine, drive);
+  FDeepRunning = false;
+  FEngine.Folders().FillDriveNodes(FEngine.Folders().GetDriveRootNode(drive));
+  DrivesChanged();
+  Rebuild();
+}
+
+void TCommands::RunMaster(const TMasterChoice& choice) {
+  TDrives& drives = FEngine.Drives();
+  TFolders& folders = FEngine.Folders();
+  if (drives.IsWrongNumber(choice.Drive) || FEngine.Analysing || FRecovering || FSearching) return;
+  if (!choice.Extensions.empty()) {
+    FEngine.AllFS().OnCanFileBeAdded = [&](TStringView extension) {
+      return std::find(choice.Extensions.begin(), choice.Extensions.end(), extension) != choice.Extensions.end();
+    };
+  }
+  SelectNode(folders.GetDriveRootNode(choice.Drive));
+  // On a disk one pass looks for volumes and for content.
+  if (choice.Lost || (choice.Deep && drives.IsPhysical(choice.Drive))) {
+    TPartRecSystems systems{TPartRecSystem::FAT, TPartRecSystem::NTFS};
+    if (choice.Deep) systems.Add(TPartRecSystem::DeepAnalysis);
+    ScanForPartitions(choice.Drive, systems);
+  } else {
+    bool whole = true;
+    if (choice.Fast) {
+      Analyse(folders.GetDriveRootNode(choice.Drive), true);
+      whole = ScanState(drives.List[static_cast<std::size_t>(choice.Drive)]) == TAnalyseInformation::aiFull;
+    }
+    if (choice.Deep && whole) AnalyseDeep(choice.Drive);
+  }
+  FEngine.AllFS().OnCanFileBeAdded = nullptr;
+}
+
 int TCommands::Mount(const std::string& path) {
   TDrives& drives = FEngine.Drives();
-  const int number = drives.Mount(TextFromPath(path), true);
+  const TString key = SourceKey(path);
+  const auto complain = [this](const std::string& text) {
+    if (OnComplaint) OnComplaint(text);
+  };
+  for (int i = 0; i < static_cast<int>(drives.List.size()); ++i) {
+    const TDriveInfo& drive = drives.List[static_cast<std::size_t>(i)];
+    if (drive.Drive != key || drive.FirstSector != 0 || drive.IsSubDrive) continue;
+    if (drives.IsMounted(i)) complain(FEngine.Language().Utf8(TText::ImageIsMounted, {path}));
+    SelectNode(FEngine.Folders().GetDriveRootNode(i));
+    return i;
+  }
+  TMountFailure failure;
+  const int number = drives.Mount(key, true, &failure);
+  if (number < 0) {
+    complain(MountComplaint(FEngine.Language(), path, failure));
+  } else {
+    SelectNode(FEngine.Folders().GetDriveRootNode(number));
+  }
+  return number;
+}
+
+void TCommands::FindPartitions(int drive, std::int64_t firstSector, std::int64_t sectorsCount,
+                               const TFileSystems& systems) {
+  const TSearching searching(*this, drive);
+  FEngine.Drives().Find(drive, firstSector, sectorsCount, systems);
+}
+
+void TCommands::ScanForPartitions(int drive, const TPartRecSystems& systems) {
+  if (FEngine.Analysing || FRecovering || FSearching) return;
+  FEngine.PartRecSystems = systems;
+  FEngine.PartRecRunning = true;
+  AnalyseDrive(FEngine, drive);
+  FEngine.PartRecRunning = false;
+  FEngine.Folders().FillDriveNodes(FEngine.Folders().GetDriveRootNode(drive));
+  DrivesChanged();
+  RefreshFileList();
+}
+
+int TCommands::CreateVirtual(int drive, std::int64_t firstSector, std::int64_t sectorsCount) {
+  TDrives& drives = FEngine.Drives();
+  if (drives.IsWrongNumber(drive)) return -1;
+  const TDriveInfo& parent = drives.List[static_cast<std::size_t>(drive)];
+  if (firstSector < 0 || sectorsCount <= 0 || firstSector > parent.SectorsCount - sectorsCount) return -1;
+  const int number = drives.CreateVirtual(drive, parent.FirstSector + firstSector, sectorsCount);
   if (number >= 0) SelectNode(FEngine.Folders().GetDriveRootNode(number));
   return number;
+}
+
+TImageResult TCommands::CreateImage(int drive, std::int64_t firstSector, std::int64_t sectorsCount,
+                                    const std::string& fileName, bool compressed, const std::string& mapFile) {
+  const TSearching searching(*this, drive);
+  return FEngine.Drives().Save(drive, firstSector, sectorsCount, fileName, compressed, mapFile);
+}
+
+void TCommands::AddCustomFolder(const std::string& path) {
+  TFolders& folders = FEngine.Folders();
+  PTreeNode group = folders.AddCustomFoldersRoot();
+  const TString caption = TextFromPath(std::filesystem::path(path).filename().string());
+  if (folders.AddCustomFolder(group, path, caption, -1) >= 0) return;
+  if (group != nullptr && group->Children.empty()) folders.DeleteRootGroupNode(group->Data);
+  if (OnComplaint) OnComplaint(FEngine.Language().Utf8(TText::FolderOnNoDrive, {path}));
+}
+
+int TCommands::DriveOfPath(const TString& path) const {
+  const std::vector<TDriveInfo>& list = FEngine.Drives().List;
+  // The whole device before the volumes on it.
+  for (const bool whole : {true, false}) {
+    for (std::size_t i = 0; i < list.size(); ++i) {
+      const bool named = list[i].Drive == path || list[i].DriveLetter == path;
+      if (named && !list[i].IsSubDrive && (!whole || list[i].FirstSector == 0)) return static_cast<int>(i);
+    }
+  }
+  return -1;
+}
+
+void TCommands::DevicesChanged() {
+  FEngine.Drives().DeviceInserted();
+  DrivesChanged();
+  Rebuild();
+}
+
+void TCommands::ChangeLanguage(TLanguage language) {
+  FEngine.ChangeLanguage(std::move(language));
+  DrivesChanged();
+  if (OnRecoveryListChanged) OnRecoveryListChanged();
+  Rebuild();
 }
 
 void TCommands::CloseDisks(const TIntegerDynArray& fileNumbers, bool onlyMounted) {
@@ -293,19 +483,26 @@ void TCommands::CloseDisks(const TIntegerDynArray& fileNumbers, bool onlyMounted
 TSelectedFiles TCommands::GetSelectedFiles(TRecoverySender sender) const {
   TSelectedFiles selected;
   const TFiles& files = FEngine.Files();
-  const bool inDeleted = FNode != nullptr && !files.IsWrongNumber(FNode->Data) &&
-                         files.List[static_cast<std::size_t>(FNode->Data)].FileInfo.blnDeleted;
+  const bool inDeleted = !files.IsWrongNumber(PlaceFolder()) &&
+                         files.List[static_cast<std::size_t>(PlaceFolder())].FileInfo.blnDeleted;
   const auto add = [&](int number, bool parentDeleted, const TFileFilter* filter) {
     if (files.IsWrongNumber(number)) return;
     if (filter != nullptr && !files.IsFiltered(number, parentDeleted, *filter)) return;
-    selected.push_back({number, parentDeleted || files.List[static_cast<std::size_t>(number)].FileInfo.blnDeleted});
+    const TFileInfo& info = files.List[static_cast<std::size_t>(number)].FileInfo;
+    selected.push_back({number, parentDeleted || info.blnDeleted});
+    if (!TFiles::IsRootDir(info) || FEngine.Drives().IsWrongNumber(info.aDriveNumber)) return;
+    // A disk has its files on the volumes that were found inside it.
+    for (const int sub : FEngine.Drives().List[static_cast<std::size_t>(info.aDriveNumber)].SubDrives) {
+      const TTreeNode* node = FEngine.Folders().GetDriveRootNode(sub);
+      if (node != nullptr) selected.push_back({static_cast<int>(node->Data), false});
+    }
   };
   switch (sender) {
     case TRecoverySender::rsFiles:
       for (const int number : FSelected) add(number, inDeleted, &FFilter);
       break;
     case TRecoverySender::rsFolders:
-      for (const int number : NodeAsList()) {
+      for (const int number : PlaceAsList()) {
         const int drive = files.List[static_cast<std::size_t>(number)].FileInfo.aDriveNumber;
         // A folder of the host is no entry of a view, so no filter knows it.
         if (FEngine.Drives().IsDiskIn(drive, false))
@@ -323,6 +520,9 @@ void TCommands::Recover(TRecoverySender sender) {
   ChangeRecoveringStatus(true);
   TfRecoveryMaster master(FEngine, FSettings.Recovery, FRecoveryQuestions, sender);
   if (sender != TRecoverySender::rsRecoveryList) master.Filter = FFilter;
+  // Results of a search and what was put aside may come from any folder: each keeps its path.
+  master.IsSearchResults = sender == TRecoverySender::rsFiles && Category() == TViewCategory::vcSearchResults;
+  master.IsMasterResults = master.IsSearchResults;
   master.Link.GetSelectedFiles = [this, sender](TSelectedFiles& files, const TFileFilter&) {
     files = GetSelectedFiles(sender);
   };

@@ -615,7 +615,7 @@ TEST_CASE("the recovery list follows the file table") {
   const int three = t.NumberOf(u"three.txt");
   list.AddFiles({three, 0, three, 99, 1});
   CHECK(list.Files() == TIntegerDynArray{three, 0, 1});
-  list.Remove(1);
+  list.RemoveFiles({1});
   t.Engine.Files().Clear(t.Source.Number, false);
   CHECK(list.Files() == TIntegerDynArray{t.NumberOf(u"three.txt")});
 }

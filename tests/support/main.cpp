@@ -1,3 +1,4 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#define DOCTEST_CONFIG_IMPLEMENT_WITH_MAIN
 #include <doctest/doctest.h>
+
+int main(int argc, char** argv) { return doctest::Context(argc, argv).run(); }

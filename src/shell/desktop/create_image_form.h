@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+#include "shell/desktop/form.h"
+#include "shell/settings.h"
+
+class QCheckBox;
+class QRadioButton;
+
+namespace brenlow::desktop {
+
+/// Copies a drive, or sectors of it, into an image file. The copy itself runs in the main window's
+/// status bar.
+class TfCreateImage final : public TForm {
+ public:
+  TfCreateImage(TDesk& desk, const TLanguage& texts, TSettings& settings, const TDriveSnapshot& drive, QWidget* parent);
+  void accept() override;
+
+ private:
+  void Browse();
+  void UpdateButtons();
+  bool AgreesToReplace(const QString& file);
+
+  TDesk& FDesk;
+  TSettings& FSettings;
+  TDriveSnapshot FDrive;
+  QLineEdit* FFile;
+  QRadioButton* FRaw;
+  QRadioButton* FCompressed;
+  QCheckBox* FMap;
+  TSectorRange* FRange;
+  QDialogButtonBox* FButtons;
+};
+
+}  // namespace brenlow::desktop

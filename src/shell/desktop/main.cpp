@@ -1,0 +1,80 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// brenlow: the window of Brenlow Partition Recovery.
+#include <unistd.h>
+
+#include <QApplication>
+#include <QFileInfo>
+#include <cstdio>
+#include <cstdlib>
+#include <string_view>
+
+#include "core/language.h"
+#include "shell/desktop/main_window.h"
+#include "shell/desktop/single_instance.h"
+#include "shell/desktop/ui_text.h"
+#include "shell/settings.h"
+
+namespace {
+
+using namespace brenlow;
+using namespace brenlow::desktop;
+
+constexpr std::chrono::seconds EndTime{3};  // that the engine has to answer in
+
+const QString InstanceName = QStringLiteral("Brenlow Partition Recovery 4.0 FileCommand");
+
+/// Without a display Qt would end the program with a message of its own.
+bool HasDisplay(int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    if (std::string_view(argv[i]) == "-platform") return true;
+  }
+  for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"}) {
+    const char* value = std::getenv(name);
+    if (value != nullptr && *value != '\0') return true;
+  }
+  return false;
+}
+
+/// All arguments are one: "dsk_file" and a path may come in two.
+QString Argument(const QStringList& arguments) {
+  QString argument = arguments.mid(1).join(QLatin1Char(' '));
+  // A second start may stand in another folder than the first.
+  if (QFileInfo::exists(argument)) argument = QFileInfo(argument).absoluteFilePath();
+  return argument;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (!HasDisplay(argc, argv)) {
+    const std::string folder = LanguageFolder(ProgramFolder());
+    TSettings settings = TSettingsFile(SettingsPath(ProgramFolder())).Load();
+    TLanguage language;
+    TLanguage::Load(folder, LanguageToUse(settings), language);
+    std::fprintf(stderr, "brenlow: %s\n", language.Utf8(TText::NoDisplay).c_str());
+    return 1;
+  }
+  QApplication application(argc, argv);
+  QApplication::setApplicationName(QStringLiteral("Brenlow Partition Recovery 4.0"));
+  QApplication::setDesktopFileName(QStringLiteral("brenlow"));
+  const QString argument = Argument(QApplication::arguments());
+  TSingleInstance instance(InstanceName);
+  if (instance.HandOver(argument)) return 0;
+  if (!instance.Listen()) return 1;
+
+  const std::string program = ProgramFolder();
+  TSettingsFile file(SettingsPath(program));
+  TSettings settings = file.Load();
+  TLanguage language;
+  TLanguage::Load(LanguageFolder(program), LanguageToUse(settings), language);
+  auto window = std::make_unique<TfMain>(settings, language, LanguageFolder(program));
+  QObject::connect(&instance, &TSingleInstance::Started, window.get(),
+                   [&](const QString& other) { window->SecondStart(other); });
+  window->show();
+  window->Start(argument);
+  const int result = QApplication::exec();
+  file.Save(settings);
+  // A device that does not answer must not keep the program: nothing of it is written to.
+  if (!window->EndEngine(EndTime)) ::_exit(result);
+  return result;
+}

@@ -1,0 +1,123 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "shell/desktop/recovery_list_panel.h"
+
+#include <QDragEnterEvent>
+#include <QHBoxLayout>
+#include <QHeaderView>
+#include <QLabel>
+#include <QMimeData>
+#include <QShortcut>
+#include <QToolButton>
+#include <QVBoxLayout>
+
+#include "core/language.h"
+#include "shell/desk.h"
+#include "shell/desktop/file_model.h"
+#include "shell/desktop/file_views.h"
+#include "shell/desktop/icons.h"
+#include "shell/desktop/ui_text.h"
+
+namespace brenlow::desktop {
+namespace {
+
+constexpr int ShownColumns = 3;  // name, type, size
+
+}  // namespace
+
+TfrRecoveryList::TfrRecoveryList(TDesk& desk, const TLanguage& texts, TSettings& settings, QAction* recover,
+                                 QWidget* parent)
+    : QWidget(parent),
+      FDesk(desk),
+      FTexts(texts),
+      FSettings(settings),
+      FTitle(new QLabel(this)),
+      FHint(new QLabel(this)),
+      FRecover(new QToolButton(this)),
+      FRemove(new QToolButton(this)),
+      FModel(new TFileModel(desk, texts, this)),
+      FTable(new TFileTable(this)) {
+  setObjectName(QStringLiteral("TfrRecoveryList"));
+  setAcceptDrops(true);
+  FTable->setObjectName(QStringLiteral("lvRecoveryList"));
+  FTable->setModel(FModel);
+  FTable->setDragEnabled(false);
+  FTable->setContextMenuPolicy(Qt::ActionsContextMenu);
+  FRecover->setDefaultAction(recover);
+  FRecover->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
+  FRemove->setObjectName(QStringLiteral("btnRemoveFromList"));
+  FRemove->setIcon(Icon("list-remove"));
+  FRemove->setAutoRaise(true);
+  connect(FRemove, &QToolButton::clicked, this, &TfrRecoveryList::RemoveSelected);
+  auto* remove = new QShortcut(QKeySequence::Delete, FTable);
+  remove->setContext(Qt::WidgetShortcut);
+  connect(remove, &QShortcut::activated, this, &TfrRecoveryList::RemoveSelected);
+  connect(FModel, &TFileModel::Ticked, this, [this](int number, bool ticked) {
+    FDesk.Ask([number, ticked](TCommands& commands) { commands.Tick({number}, ticked); });
+  });
+  FHint->setWordWrap(true);
+  FHint->setAlignment(Qt::AlignCenter);
+  FHint->setForegroundRole(QPalette::PlaceholderText);
+  auto* head = new QHBoxLayout;
+  head->addWidget(FTitle, 1);
+  head->addWidget(FRemove);
+  head->addWidget(FRecover);
+  auto* layout = new QVBoxLayout(this);
+  layout->setContentsMargins(0, 4, 0, 0);
+  layout->addLayout(head);
+  layout->addWidget(FTable, 1);
+  layout->addWidget(FHint, 1);
+  ChangeLanguage();
+  Show({});
+}
+
+void TfrRecoveryList::Show(const TListing& listing) {
+  KeepSettings();
+  FModel->Show(listing, TViewCategory::vcFiles, false);
+  for (int i = 0; i < FModel->columnCount(); ++i) FTable->setColumnHidden(i, i >= ShownColumns);
+  for (int i = 0; i < ShownColumns; ++i) {
+    FTable->setColumnWidth(i, FSettings.RecoveryList.ColumnWidths[static_cast<std::size_t>(i)]);
+  }
+  const bool empty = listing.Numbers->empty();
+  FTable->setVisible(!empty);
+  FHint->setVisible(empty);
+  FRemove->setEnabled(!empty);
+  const auto count = static_cast<std::int64_t>(listing.Numbers->size());
+  FTitle->setText(Text(FTexts, TText::MenuRecoveryList) +
+                  (empty ? QString() : QStringLiteral(" (%1)").arg(QLocale().toString(static_cast<qlonglong>(count)))));
+}
+
+void TfrRecoveryList::KeepSettings() {
+  if (FModel->rowCount() == 0) return;
+  for (int i = 0; i + 1 < ShownColumns; ++i) {
+    FSettings.RecoveryList.ColumnWidths[static_cast<std::size_t>(i)] = FTable->columnWidth(i);
+  }
+}
+
+void TfrRecoveryList::ChangeLanguage() {
+  FHint->setText(Text(FTexts, TText::RecoveryListHint));
+  FRemove->setToolTip(Text(FTexts, TText::RecoveryListRemove));
+  FRemove->setAccessibleName(FRemove->toolTip());
+  FModel->LanguageChanged();
+}
+
+void TfrRecoveryList::RemoveSelected() {
+  TIntegerDynArray numbers;
+  for (const QModelIndex& index : FTable->selectionModel()->selectedRows()) {
+    numbers.push_back(FModel->NumberAt(index.row()));
+  }
+  FDesk.Ask([numbers, generation = FModel->Generation()](TCommands& commands) {
+    if (generation == commands.Generation()) commands.Tick(numbers, false);
+  });
+}
+
+void TfrRecoveryList::dragEnterEvent(QDragEnterEvent* event) {
+  if (event->mimeData()->hasFormat(QLatin1String(FilesMimeType))) event->acceptProposedAction();
+}
+
+void TfrRecoveryList::dropEvent(QDropEvent* event) {
+  if (!event->mimeData()->hasFormat(QLatin1String(FilesMimeType))) return;
+  event->acceptProposedAction();
+  FDesk.Execute(TAction::actAddToRecoveryList);
+}
+
+}  // namespace brenlow::desktop

@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// What runs, how far it is, how fast, how long still, and what it found; else what is selected.
+#pragma once
+
+#include <QElapsedTimer>
+#include <QStatusBar>
+#include <QTimer>
+
+#include "shell/snapshots.h"
+
+class QAction;
+class QLabel;
+class QProgressBar;
+class QToolButton;
+
+namespace brenlow {
+class TDesk;
+class TLanguage;
+}  // namespace brenlow
+
+namespace brenlow::desktop {
+
+class TfrStatusBar final : public QStatusBar {
+ public:
+  TfrStatusBar(TDesk& desk, const TLanguage& texts, QAction* stop, QWidget* parent);
+  void SetProgress(const TProgressSnapshot& progress);
+  void SetSelection(const TSelectionState& selection, int shown, int hidden);
+  /// While a question is open the clock stands still.
+  void Pause(bool paused);
+  void ChangeLanguage();
+
+ private:
+  void Tick();
+  void ShowProgress();
+  void ShowIdle();
+
+  TDesk& FDesk;
+  const TLanguage& FTexts;
+  QLabel* FText;
+  QProgressBar* FBar;
+  QLabel* FRate;
+  QToolButton* FStop;
+  TProgressSnapshot FProgress;
+  TSelectionState FSelection;
+  int FShown = 0;
+  int FHidden = 0;
+  QElapsedTimer FClock;    // since it began
+  qint64 FPausedFor = 0;   // milliseconds of it that do not count
+  qint64 FPausedAt = -1;   // by the clock
+  QElapsedTimer FHeard;    // since the last news of the engine
+  QElapsedTimer FBusyFor;  // since the engine has had something to do
+  QTimer FTimer;
+};
+
+}  // namespace brenlow::desktop

@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Makes the values that a window shows from drives and files.
+#pragma once
+
+#include "shell/snapshots.h"
+
+namespace brenlow {
+
+class TEngine;
+struct TDriveInfo;
+struct TFile;
+
+TEntryKind KindOf(TEngine& engine, const TFile& file);
+TEntryKind KindOf(const TDriveInfo& drive);
+
+/// A row without its location and its tick. While a scan runs no driver is asked, so that it stays
+/// undisturbed: overwritten files are then shown as deleted.
+TFileRow MakeRow(TEngine& engine, int fileNumber);
+
+TDriveSnapshot MakeDrive(TEngine& engine, int driveNumber);
+
+/// All that is known of a file, folder or drive. While a scan runs, only what needs no reading.
+TProperties MakeProperties(TEngine& engine, int fileNumber);
+
+}  // namespace brenlow
