@@ -69,6 +69,9 @@ class TEngine {
     if ((++FPumpCalls & 15U) == 0) PumpSlowly();
   }
 
+  /// Time may have passed, as when a device was read: the next call of `Pump` looks at the clock.
+  void PumpSoon() { FPumpCalls |= 15U; }
+
   // ---- what the drive registry needs of the drivers and of the file table ----
   /// Tests a boot sector or superblock against all drivers, the weakest test last.
   /// `addSuperblockOffset`: the buffer begins at the volume's start.

@@ -78,6 +78,7 @@ std::uint32_t TSectorReader::ReadDeviceSectors(TStringView drive, void* buffer, 
 
   IDevice* device = FEngine.Devices().Get(drive);
   if (device == nullptr) return 0;
+  FEngine.PumpSoon();
   const std::span<std::uint8_t> bytes(static_cast<std::uint8_t*>(buffer), size);
   return static_cast<std::uint32_t>(device->Read(startingSector * bytesPerSector, bytes));
 }

@@ -105,6 +105,7 @@ class TCommands {
   /// The rows of the file list: what the place holds and the filter passes, sorted.
   const TIntegerDynArray& ShownFiles() const { return *FShown; }
   TPlaceSnapshot Place() const;
+  bool ShowsSearch() const { return FPlace.Kind == TShownPlace::Search; }
   /// Looks whether the scan that runs has brought something new into what is shown.
   bool HasGrown() const;
   /// Makes the list anew; what is selected stays.

@@ -17,6 +17,7 @@ namespace {
 constexpr std::int64_t ProgressInterval = 100;     // milliseconds between two notes of progress
 constexpr std::int64_t RefreshInterval = 400;      // and between two looks at a growing folder
 constexpr std::int64_t MostRefreshShare = 10;      // of the time, as 1/n, goes into making lists anew
+constexpr std::size_t HeadRows = 64;  // that go along with a list, so that it is never seen empty
 constexpr std::size_t MostShownInRecoveryList = 100'000;
 
 }  // namespace
@@ -70,7 +71,11 @@ TDesk::TDesk(const TSettings& settings, const TLanguage& language, IDeskView& vi
   FEngine.ChangeLanguage(language);
   FEngine.Folders().AssignTreeView(&FRelay);
   FCommands = std::make_unique<TCommands>(FEngine, FSettings, *FQuestions, *FQuestions);
-  FCommands->OnActionsChanged = [this](const TActions&) { FActionsChanged = true; };
+  FCommands->OnActionsChanged = [this](const TActions&) {
+    FActionsChanged = true;
+    // That something begins is told before its first read, which may take long.
+    if (FCommands != nullptr && FCommands->Running() != FProgress.Kind) Flush();
+  };
   FCommands->OnFileListChanged = [this] { FPlaceChanged = true; };
   FCommands->OnSelectionChanged = [this] { FSelectionChanged = true; };
   FCommands->OnRecoveryListChanged = [this] { FListChanged = true; };
@@ -137,12 +142,14 @@ bool TDesk::IsQuick(TAction action) const {
 }
 
 void TDesk::Execute(TAction action) {
+  ++FCommandsUnderWay;
   Question([this, action] {
     if (IsQuick(action)) {
       FCommands->Execute(action);
     } else {
       Command([this, action] { FCommands->Execute(action); });
     }
+    --FCommandsUnderWay;
   });
 }
 
@@ -156,19 +163,22 @@ void TDesk::Ask(std::function<void(TCommands&)> question) {
 
 void TDesk::FetchRows(std::uint64_t generation, TIntegerDynArray numbers,
                       std::function<void(std::vector<TFileRow>)> take) {
-  const auto make = [generation, numbers = std::move(numbers)](TEngine& engine, TCommands& commands) {
-    std::vector<TFileRow> rows;
-    if (generation != commands.Generation()) return rows;
-    const bool locate = commands.State().ShowsSearch;
-    rows.reserve(numbers.size());
-    for (const int number : numbers) {
-      rows.push_back(MakeRow(engine, number));
-      rows.back().Ticked = commands.RecoveryList().Has(number);
-      if (locate) rows.back().Location = commands.LocationOf(number);
-    }
-    return rows;
+  const auto make = [this, generation, numbers = std::move(numbers)](TEngine&, TCommands& commands) {
+    return generation == commands.Generation() ? MakeRows(numbers) : std::vector<TFileRow>();
   };
   Fetch<std::vector<TFileRow>>(make, std::move(take));
+}
+
+std::vector<TFileRow> TDesk::MakeRows(std::span<const int> numbers) {
+  std::vector<TFileRow> rows;
+  rows.reserve(numbers.size());
+  const bool locate = FCommands->ShowsSearch();
+  for (const int number : numbers) {
+    rows.push_back(MakeRow(FEngine, number));
+    rows.back().Ticked = FCommands->RecoveryList().Has(number);
+    if (locate) rows.back().Location = FCommands->LocationOf(number);
+  }
+  return rows;
 }
 
 void TDesk::SelectFiles(std::uint64_t generation, TIntegerDynArray numbers) {
@@ -300,6 +310,8 @@ void TDesk::PublishPlace() {
   FPlaceChanged = false;
   TPlaceSnapshot place = FCommands->Place();
   place.Node = FRelay.NumberOf(FCommands->SelectedNode());
+  const std::span<const int> numbers(*place.Listing.Numbers);
+  place.Head = MakeRows(numbers.first(std::min(numbers.size(), HeadRows)));
   if (FRelay.HasChanges()) Tell([changes = FRelay.Take()](IDeskView& view) { view.TreeChanged(changes); });
   Tell([place = std::move(place)](IDeskView& view) { view.PlaceChanged(place); });
 }

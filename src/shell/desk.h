@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -144,6 +145,7 @@ class TDesk final {
   void Command(TJob job);
   bool IsQuick(TAction action) const;
   void Tell(std::function<void(IDeskView&)> news);
+  std::vector<TFileRow> MakeRows(std::span<const int> numbers);
   void Flush();
   void Pumped();
   void PublishActions();

@@ -109,6 +109,7 @@ struct TPlaceSnapshot {
   std::vector<TString> Crumbs;
   std::uint32_t Node = 0;  ///< in the folder tree; 0 when it has none
   TListing Listing;
+  std::vector<TFileRow> Head;  ///< what stands in the first rows
   TSortOrder Sort;
   int SortColumn = 0;  ///< of the list's columns
   int Hidden = 0;  ///< entries that the filter keeps from view

@@ -123,7 +123,8 @@ void TfrFileList::Show(const TPlaceSnapshot& place) {
   const bool sameColumns = FHasColumns && FColumnsAreDrives == (place.Category == TViewCategory::vcDrives);
   if (!sameColumns) KeepSettings();
   *FPlace = place;
-  FModel->Show(place.Listing, place.Category, samePlace);
+  FModel->Show(place.Listing, place.Category, samePlace, place.Head);
+  FSelectionTimer.start();
   if (!sameColumns) {
     ApplyColumns();
     SetViewStyle(ViewStyle());

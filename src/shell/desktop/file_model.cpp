@@ -27,13 +27,14 @@ TFileModel::TFileModel(TDesk& desk, const TLanguage& texts, QObject* parent)
   connect(&FFetchTimer, &QTimer::timeout, this, &TFileModel::Fetch);
 }
 
-void TFileModel::Show(const TListing& listing, TViewCategory category, bool sameFolder) {
+void TFileModel::Show(const TListing& listing, TViewCategory category, bool sameFolder, std::vector<TFileRow> head) {
   const bool sameNumbers = listing.Generation == FListing.Generation;
   if (!sameNumbers) {
     FYoung.clear();
     FOld.clear();
   }
   FFresh.clear();
+  Take(std::move(head));
   if (sameFolder && sameNumbers && category == FCategory && listing.Numbers->size() >= FListing.Numbers->size()) {
     Grow(listing);
     return;

@@ -25,8 +25,9 @@ class TFileModel final : public QAbstractTableModel {
 
   TFileModel(TDesk& desk, const TLanguage& texts, QObject* parent);
 
-  /// Shows other rows. Those of the same folder keep what is selected.
-  void Show(const TListing& listing, TViewCategory category, bool sameFolder);
+  /// Shows other rows. Those of the same folder keep what is selected. `head`: what stands in the
+  /// first ones, as far as it is known already.
+  void Show(const TListing& listing, TViewCategory category, bool sameFolder, std::vector<TFileRow> head = {});
   /// What the rows say may have changed: they are fetched again, and shown as they are until then.
   void Outdate();
   void LanguageChanged();

@@ -222,9 +222,14 @@ void TFileDelegate::PaintTileText(QPainter* painter, const QStyleOptionViewItem&
 bool TFileDelegate::editorEvent(QEvent* event, QAbstractItemModel* model, const QStyleOptionViewItem& option,
                                 const QModelIndex& index) {
   const QVariant check = index.data(Qt::CheckStateRole);
-  if (!check.isValid() || event->type() != QEvent::MouseButtonRelease) return false;
-  const auto* mouse = static_cast<QMouseEvent*>(event);
-  if (mouse->button() != Qt::LeftButton || !BoxRect(option.rect).contains(mouse->position().toPoint())) return false;
+  if (!check.isValid()) return false;
+  if (event->type() == QEvent::KeyPress) {
+    if (static_cast<QKeyEvent*>(event)->key() != Qt::Key_Space) return false;
+  } else {
+    const auto* mouse = static_cast<QMouseEvent*>(event);
+    if (event->type() != QEvent::MouseButtonRelease || mouse->button() != Qt::LeftButton) return false;
+    if (!BoxRect(option.rect).contains(mouse->position().toPoint())) return false;
+  }
   return model->setData(index, check.toInt() == Qt::Checked ? Qt::Unchecked : Qt::Checked, Qt::CheckStateRole);
 }
 

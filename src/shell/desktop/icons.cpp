@@ -35,6 +35,8 @@ void PutColours(QByteArray& svg, const QPalette& palette, QIcon::Mode mode) {
   const QByteArray text = palette.color(QPalette::Active, role).name().toLatin1();
   svg.replace("#232629", text);
   svg.replace("#4d4d4d", text);
+  // The set's accent is what many palettes mark a selection with.
+  if (mode == QIcon::Selected) svg.replace("#3daee9", text);
 }
 
 class TSvgEngine final : public QIconEngine {

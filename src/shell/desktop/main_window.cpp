@@ -182,6 +182,7 @@ void TfMain::DrivesChanged(const std::vector<TDriveSnapshot>& drives) {
   FDiskManager->Show(drives);
   FFileList->SetDrive(DriveOf(FDrives, FFileList->Place().Drive));
   if (FMaster != nullptr) FMaster->SetDrives(drives, FFileList->Place().Drive);
+  ShowHints(FFileList->Place());
 }
 
 void TfMain::PlaceChanged(const TPlaceSnapshot& place) {
@@ -207,6 +208,7 @@ void TfMain::PlaceChanged(const TPlaceSnapshot& place) {
   Action(TAction::actSortDescending)->setChecked(place.Sort.Descending);
   SetViewStyle(TAction::actExit);
   ShowHints(place);
+  ShowDetails();
 }
 
 /// A scan that was stopped is told of where its results are looked at.
@@ -246,12 +248,13 @@ void TfMain::ActionsChanged(const TActions& actions, const TShellState& state, c
       {TAction::actFilterVideo, &TFileFilter::Video}};
   for (const auto& [action, field] : filters) Action(action)->setChecked(filter.*field);
   FStatusBar->SetSelection(state.List, FFileList->Model().rowCount(), FHidden);
+  FStatusBar->SetRecovering(state.Recovering);
+  if (FFileList->CurrentRow() == nullptr) ShowDetails();
   if (Runs()) {
     FHintPlace = 0;
   } else if (wasRunning) {
     FBanner->Withdraw(Text(FLanguage, TText::StopAnalyseQuestion));
     FFileList->Outdate();
-    ShowHints(FFileList->Place());
   }
 }
 

@@ -127,7 +127,7 @@ void TfrStatusBar::ShowProgress() {
 }
 
 void TfrStatusBar::ShowIdle() {
-  const bool busy = FBusyFor.isValid() && FBusyFor.elapsed() > BusyTime;
+  const bool busy = !FRecovering && FBusyFor.isValid() && FBusyFor.elapsed() > BusyTime;
   FRate->hide();
   FStop->hide();
   FBar->setVisible(busy);

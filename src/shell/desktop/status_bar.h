@@ -25,6 +25,8 @@ class TfrStatusBar final : public QStatusBar {
   TfrStatusBar(TDesk& desk, const TLanguage& texts, QAction* stop, QWidget* parent);
   void SetProgress(const TProgressSnapshot& progress);
   void SetSelection(const TSelectionState& selection, int shown, int hidden);
+  /// The recovery wizard shows its own progress.
+  void SetRecovering(bool recovering) { FRecovering = recovering; }
   /// While a question is open the clock stands still.
   void Pause(bool paused);
   void ChangeLanguage();
@@ -44,6 +46,7 @@ class TfrStatusBar final : public QStatusBar {
   TSelectionState FSelection;
   int FShown = 0;
   int FHidden = 0;
+  bool FRecovering = false;
   QElapsedTimer FClock;    // since it began
   qint64 FPausedFor = 0;   // milliseconds of it that do not count
   qint64 FPausedAt = -1;   // by the clock
