@@ -3,6 +3,7 @@
 
 #include <doctest/doctest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 
@@ -82,31 +83,51 @@ struct TProgram {
 
 TEST_CASE("which actions are on is a matter of state alone") {
   using enum TAction;
+  // Whatever opens, changes or closes drives, or reads their files.
+  constexpr TAction touching[] = {actMaster,          actReopen,
+                                  actFoldersReopen,   actRecovery,
+                                  actFoldersRecovery, actRecoveryFromList,
+                                  actFindPartitions,  actFoldersFindPartitions,
+                                  actCreateImage,     actFoldersCreateImage,
+                                  actMountImage,      actFoldersMountImage,
+                                  actUnmountImage,    actCloseDisk,
+                                  actFoldersCloseDisk, actCreateVirtualPartition,
+                                  actRefresh,         actAddCustomFolder};
   TShellState state;
-  CHECK(CheckActionsEnabled(state) == TActions{actMountImage, actFoldersMountImage, actRefresh, actFilterExisting,
-                                               actFilterDeleted, actFilterAllFiles, actFilterArchive, actFilterAudio,
-                                               actFilterDatabase, actFilterDocument, actFilterImage, actFilterVideo,
-                                               actExit});
-  state.List = state.Tree = {true, true, true, true, true, true};
+  const TActions nothing = CheckActionsEnabled(state);
+  for (const TAction action : {actMaster, actMountImage, actRefresh, actFilterDeleted, actSettings, actExit}) {
+    CHECK(nothing.Has(action));
+  }
+  for (const TAction action : {actOpen, actReopen, actRecovery, actCloseDisk, actCreateImage, actProperties,
+                               actSelectAll, actStopAnalyse, actFoundFileLocation}) {
+    CHECK_FALSE(nothing.Has(action));
+  }
+  state.List = state.Tree = {true, true, true, false, true, true, true, true, 0, 0, 1, 100};
   state.ShownFiles = 5;
   state.RecoveryListFiles = 1;
   CHECK_FALSE(CheckActionsEnabled(state).Has(actRecoveryFromList));  // the panel is hidden
   state.RecoveryListShown = true;
-  TActions idle = CheckActionsEnabled(state);
-  for (std::size_t i = 0; i < ActionCount; ++i) {
-    CHECK(idle.Has(static_cast<TAction>(i)) == (static_cast<TAction>(i) != actStopAnalyse));
+  const TActions idle = CheckActionsEnabled(state);
+  for (const TAction action : touching) CHECK(idle.Has(action));
+  CHECK_FALSE(idle.Has(actStopAnalyse));
+  CHECK_FALSE(idle.Has(actSortByFreeSize));
+  for (bool TShellState::*flag : {&TShellState::Analysing, &TShellState::Searching, &TShellState::Recovering}) {
+    TShellState running = state;
+    running.*flag = true;
+    const TActions actions = CheckActionsEnabled(running);
+    for (const TAction action : touching) CHECK_FALSE(actions.Has(action));
+    const bool scanning = flag != &TShellState::Recovering;
+    CHECK(actions.Has(actStopAnalyse) == scanning);
+    // Looking into what is there already goes on; what needs an analysis waits.
+    CHECK(actions.Has(actOpen) == scanning);
+    running.List.OpensAtOnce = false;
+    CHECK_FALSE(CheckActionsEnabled(running).Has(actOpen));
   }
-  const TActions views{
-      actExpand,        actSelectAll,   actInvertSelection, actFilterExisting, actFilterDeleted, actFilterAllFiles,
-      actFilterArchive, actFilterAudio, actFilterDatabase,  actFilterDocument, actFilterImage,   actFilterVideo,
-      actExit};
-  state.Recovering = true;
-  CHECK(CheckActionsEnabled(state) == views);
-  state.Recovering = false;
-  state.Analysing = true;
-  TActions scanning = views;
-  scanning.Add(actStopAnalyse);
-  CHECK(CheckActionsEnabled(state) == scanning);
+  // With nothing selected it is the place that is opened.
+  state.List = {};
+  CHECK_FALSE(CheckActionsEnabled(state).Has(actOpen));
+  state.Tree.Blank = true;
+  CHECK(CheckActionsEnabled(state).Has(actOpen));
   for (std::size_t i = 0; i < ActionCount; ++i) {
     CHECK_FALSE(TLanguage::English()[CaptionOf(static_cast<TAction>(i))].empty());
   }
@@ -198,4 +219,79 @@ TEST_CASE("a scan stops when the user says so, and its finds stay") {
   CHECK(added < 10);
   CHECK((DriveOf(t.Engine, 0).Analysed == TAnalyseInformation::aiPartial));
   CHECK_FALSE(t.Commands.ShownFiles().empty());
+}
+
+TEST_CASE("places: history, path, search and what becomes of them when rows go") {
+  using enum TAction;
+  TProgram t;
+  t.OpenStick();
+  const auto crumbs = [&] {
+    TString path;
+    for (const TString& crumb : t.Commands.Place().Crumbs) path += u"/" + crumb;
+    return path;
+  };
+  CHECK(crumbs() == u"/This Computer/stick.img");
+  t.Commands.ShowFolder(t.Shown(u"Pictures"));
+  t.Commands.ShowFolder(t.Shown(u"Summer 2020"));
+  CHECK(crumbs() == u"/This Computer/stick.img/Pictures/Summer 2020");
+  REQUIRE(t.Commands.SelectedNode() != nullptr);
+  CHECK(t.Commands.SelectedNode()->Caption == u"Summer 2020");  // the tree was filled up to there
+  const int beach = t.Shown(u"beach 3.png");
+  t.Commands.GoUp();
+  CHECK(crumbs() == u"/This Computer/stick.img/Pictures");
+  t.Commands.GoBack();
+  CHECK(crumbs() == u"/This Computer/stick.img/Pictures/Summer 2020");
+  t.Commands.GoToCrumb(0);
+  CHECK((t.Commands.Place().Category == TViewCategory::vcDrives));
+
+  TFindOptions options;
+  options.Text = u"BEACH ?.png";
+  t.Commands.Find(options);
+  CHECK(t.Commands.ShownFiles().size() == 4);
+  CHECK(t.Commands.LocationOf(beach) == u"stick.img/Pictures/Summer 2020");
+  t.Commands.SelectFiles({beach});
+  REQUIRE(t.Commands.Execute(actFoundFileLocation));
+  CHECK(crumbs() == u"/This Computer/stick.img/Pictures/Summer 2020");
+  CHECK(t.Commands.SelectedFiles() == TIntegerDynArray{beach});
+  t.Commands.Tick({beach, -7}, true);
+  CHECK(t.Commands.RecoveryList().Files() == TIntegerDynArray{beach});
+
+  // A new analysis: the folder's row is gone, the drive's is not; no number of before is used again.
+  const std::uint64_t before = t.Commands.Generation();
+  REQUIRE(t.Commands.Execute(actFoldersReopen));
+  CHECK(t.Commands.Generation() > before);
+  CHECK(crumbs() == u"/This Computer/stick.img");
+  CHECK(t.Commands.RecoveryList().Files().empty());
+  t.Commands.GoBack();
+  CHECK_FALSE(t.Commands.ShownFiles().empty());
+  t.Commands.SelectNode(t.Engine.Folders().GetDriveRootNode(0));
+  REQUIRE(t.Commands.Execute(actFoldersCloseDisk));
+  CHECK((t.Commands.Place().Category == TViewCategory::vcDrives));
+  for (int i = 0; i < 5; ++i) t.Commands.GoBack();
+  CHECK(t.Commands.ShownFiles().empty());
+}
+
+TEST_CASE("the order of the list") {
+  TProgram t;
+  t.OpenStick();
+  const auto names = [&] {
+    std::vector<TString> list;
+    for (const int number : t.Commands.ShownFiles()) {
+      list.emplace_back(t.Engine.Files().List[static_cast<std::size_t>(number)].FileInfo.strName);
+    }
+    return list;
+  };
+  const std::vector<TString> up = names();
+  t.Commands.SortByColumn(0);
+  std::vector<TString> down = names();
+  CHECK(up != down);
+  // Folders stay on top, and turn round among themselves.
+  const auto isFolder = [&](int n) { return bool{t.Engine.Files().List[static_cast<std::size_t>(n)].FileInfo.blnFolder}; };
+  CHECK(std::is_partitioned(t.Commands.ShownFiles().begin(), t.Commands.ShownFiles().end(), isFolder));
+  CHECK(std::is_permutation(up.begin(), up.end(), down.begin(), down.end()));
+  CHECK(t.Settings.FileList.SortRevers == 0);
+  t.Commands.SortByColumn(2);
+  CHECK((t.Commands.Place().Sort == TSortOrder{TSortKey::Size, false}));
+  t.Commands.SortByColumn(17);
+  CHECK((t.Commands.Place().Sort.Key == TSortKey::Size));
 }
