@@ -105,18 +105,20 @@ TDesk::~TDesk() { Close(); }
 // ---- window ---------------------------------------------------------------------------------
 
 void TDesk::Command(TJob job) {
-  ++FCommandsUnderWay;
+  ++FUnderWay;
   FHost.Command([this, job = std::move(job)] {
     job();
     Flush();
-    --FCommandsUnderWay;
+    --FUnderWay;
   });
 }
 
 void TDesk::Question(TJob job) {
+  ++FUnderWay;
   FHost.Question([this, job = std::move(job)] {
     job();
     Flush();
+    --FUnderWay;
   });
 }
 
@@ -142,14 +144,12 @@ bool TDesk::IsQuick(TAction action) const {
 }
 
 void TDesk::Execute(TAction action) {
-  ++FCommandsUnderWay;
   Question([this, action] {
     if (IsQuick(action)) {
       FCommands->Execute(action);
     } else {
       Command([this, action] { FCommands->Execute(action); });
     }
-    --FCommandsUnderWay;
   });
 }
 

@@ -131,8 +131,8 @@ class TDesk final {
   void RecoveryChangePath(std::string path);
   void StopRecovery();   ///< ends the walk; the last page then says what was written
   void RecoveryClose();  ///< ends the wizard
-  /// True while a command waits or runs.
-  bool IsBusy() const { return FCommandsUnderWay > 0; }
+  /// True while something waits or runs.
+  bool IsBusy() const { return FUnderWay > 0; }
   /// Stops everything and ends the engine's thread as soon as it answers.
   void Close();
   /// True when the engine's thread has ended within the time.
@@ -167,7 +167,7 @@ class TDesk final {
   TTreeRelay FRelay;
   std::unique_ptr<TQuestions> FQuestions;
   std::unique_ptr<TCommands> FCommands;
-  std::atomic<int> FCommandsUnderWay{0};
+  std::atomic<int> FUnderWay{0};
   TfRecoveryMaster* FMaster = nullptr;
   bool FMasterDone = false;
   std::int64_t FRecoveredFiles = 0;

@@ -119,7 +119,8 @@ const TFileRow* TfrFileList::CurrentRow() const {
 // ---- what is shown --------------------------------------------------------------------------
 
 void TfrFileList::Show(const TPlaceSnapshot& place) {
-  const bool samePlace = place.Place == FPlace->Place && place.Sort == FPlace->Sort;
+  const bool samePlace = place.Place == FPlace->Place;
+  const bool sameOrder = place.Sort == FPlace->Sort;
   const bool sameColumns = FHasColumns && FColumnsAreDrives == (place.Category == TViewCategory::vcDrives);
   if (!sameColumns) KeepSettings();
   *FPlace = place;
@@ -130,9 +131,11 @@ void TfrFileList::Show(const TPlaceSnapshot& place) {
     SetViewStyle(ViewStyle());
   }
   ShowSortIndicator();
-  if (!samePlace) {
+  if (!samePlace || (!sameOrder && !FTable->currentIndex().isValid())) {
     FTable->scrollToTop();
     FGrid->scrollToTop();
+  } else if (!sameOrder) {
+    View()->scrollTo(FTable->currentIndex());
   }
   UpdateEmpty();
 }
