@@ -333,7 +333,12 @@ void TFolders::FillDriveNodes(PTreeNode node) {
 void TFolders::FillSubDrives(PTreeNode node, int driveNumber) {
   if (FEngine.Drives().IsWrongNumber(driveNumber) || InfoOf(node)->FirstCluster != SpecialCluster::Root) return;
   const TIntegerDynArray subs = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)].SubDrives;
-  for (const int sub : subs) FillDriveNodes(AddDrive(sub));
+  for (const int sub : subs) {
+    PTreeNode drive = AddDrive(sub);
+    // A node that came while the scan ran has the caption of that time.
+    PartRecChangeDriveCaption(sub, FEngine.Drives().List[static_cast<std::size_t>(sub)].Caption);
+    FillDriveNodes(drive);
+  }
 }
 
 /// The lost and found folder may have come after the node was filled.

@@ -4,10 +4,13 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 
 #include "analysis/files.h"
+#include "core/device/device.h"
+#include "core/device/system_disks.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/language.h"
@@ -153,7 +156,7 @@ void TfRecoveryMaster::LeaveOutputKind() {
 }
 
 void TfRecoveryMaster::LeaveSaveOptions() {
-  if (IsSameDrive() && !FQuestions.SaveToSameDrive()) return;
+  if ((IsSameDrive() || IsOnSource()) && !FQuestions.SaveToSameDrive()) return;
   Options.ApplySettings(false);
   FProgress = std::make_unique<TfrmSaveProgress>(FEngine, Link, Options.Options(), &FQuestions);
   FProgress->Filter = Filter;
@@ -170,6 +173,17 @@ void TfRecoveryMaster::LeaveSaveOptions() {
   FSettings.CanReplaceSymbols = FProgress->Options().CanReplaceSymbols;
   FSettings.UnknownSymbols = ToUtf8(FProgress->Options().UnknownSymbols);
   ShowPage(Finish);
+}
+
+/// True when the target lies on a device that results came from, mounted or not.
+bool TfRecoveryMaster::IsOnSource() const {
+  const std::string folder = NearestFolder(Options.Path).string();
+  const std::vector<TDriveInfo>& drives = FEngine.Drives().List;
+  return std::any_of(drives.begin(), drives.end(), [&](const TDriveInfo& drive) {
+    const bool used =
+        drive.Analysed != TAnalyseInformation::aiNone || drive.DeepAnalysed != TAnalyseInformation::aiNone;
+    return used && LiesOnSource(folder, DevicePath(drive.Drive));
+  });
 }
 
 /// The warning concerns what the user sees as one drive: the mounted volume in focus.

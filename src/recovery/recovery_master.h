@@ -81,6 +81,7 @@ class TfRecoveryMaster {
   void LeaveOutputKind();
   void LeaveSaveOptions();
   bool IsSameDrive() const;
+  bool IsOnSource() const;
 
   TEngine& FEngine;
   TRecoverySettings& FSettings;

@@ -516,6 +516,20 @@ TSelectedFiles TCommands::GetSelectedFiles(TRecoverySender sender) const {
   return selected;
 }
 
+/// Names of the drives among what is recovered; volumes of one name would meet in one folder.
+std::map<int, TString> TCommands::DriveFolders(const TSelectedFiles& selected) const {
+  std::map<int, TString> names;
+  std::map<TString, int> counts;
+  for (const TSelectedFile& entry : selected) {
+    if (!FEngine.Files().IsRootDir(entry.FileIndex)) continue;
+    TString name(FEngine.Files().List[static_cast<std::size_t>(entry.FileIndex)].FileInfo.strName);
+    const int count = ++counts[name];
+    if (count > 1) name += u" (" + NumberText(count) + u")";
+    names.emplace(entry.FileIndex, std::move(name));
+  }
+  return names;
+}
+
 void TCommands::Recover(TRecoverySender sender) {
   ChangeRecoveringStatus(true);
   TfRecoveryMaster master(FEngine, FSettings.Recovery, FRecoveryQuestions, sender);
@@ -525,6 +539,14 @@ void TCommands::Recover(TRecoverySender sender) {
   master.IsMasterResults = master.IsSearchResults;
   master.Link.GetSelectedFiles = [this, sender](TSelectedFiles& files, const TFileFilter&) {
     files = GetSelectedFiles(sender);
+  };
+  const std::map<int, TString> drives = DriveFolders(GetSelectedFiles(sender));
+  master.Link.GetFileName = [this, &drives](int number) {
+    const auto drive = drives.find(number);
+    if (drive != drives.end()) return TStringView(drive->second);
+    const TFiles& files = FEngine.Files();
+    if (files.IsWrongNumber(number)) return TStringView();
+    return files.List[static_cast<std::size_t>(number)].FileInfo.strName;
   };
   if (OnRecoveryMaster) OnRecoveryMaster(master);
   ChangeRecoveringStatus(false);

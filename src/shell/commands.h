@@ -108,6 +108,9 @@ class TCommands {
   bool ShowsSearch() const { return FPlace.Kind == TShownPlace::Search; }
   /// Looks whether the scan that runs has brought something new into what is shown.
   bool HasGrown() const;
+  /// Puts volumes of a disk under analysis into the tree as soon as something was found on them. True
+  /// when there are new ones.
+  bool ShowNewSubDrives();
   /// Makes the list anew; what is selected stays.
   void Rebuild();
   void Sort(TSortOrder order);
@@ -180,6 +183,7 @@ class TCommands {
   void Open();
   void CloseDisks(const TIntegerDynArray& fileNumbers, bool onlyMounted);
   void Recover(TRecoverySender sender);
+  std::map<int, TString> DriveFolders(const TSelectedFiles& selected) const;
   int PlaceFolder() const { return FPlace.Chain.empty() ? -1 : FPlace.Chain.back(); }
   TIntegerDynArray PlaceAsList() const;
   TViewCategory Category() const;

@@ -276,6 +276,18 @@ bool TCommands::HasGrown() const {
              FShownVersion;
 }
 
+/// Not during a search for partitions: most of what that begins it drops again.
+bool TCommands::ShowNewSubDrives() {
+  const TDrives& drives = FEngine.Drives();
+  if (Running() != TProgressSnapshot::Analysing || drives.IsWrongNumber(FBusyDrive)) return false;
+  bool any = false;
+  for (const int sub : drives.List[static_cast<std::size_t>(FBusyDrive)].SubDrives) {
+    if (drives.IsEmpty(sub) || FEngine.Folders().GetDriveRootNode(sub) != nullptr) continue;
+    any = FEngine.Folders().AddDrive(sub) != nullptr || any;
+  }
+  return any;
+}
+
 void TCommands::Rebuild() {
   TIntegerDynArray numbers = NumbersOf(FPlace, FHidden);
   SortFiles(FEngine, numbers, Order());

@@ -269,7 +269,8 @@ void TDesk::Pumped() {
 void TDesk::Refresh() {
   const std::int64_t now = SteadyMilliseconds();
   if (!FEngine.Analysing || now - FPlaceMade < std::max(RefreshInterval, FPlaceCost * MostRefreshShare)) return;
-  if (!FCommands->HasGrown()) return;
+  const bool newDrives = FCommands->ShowNewSubDrives();
+  if (!newDrives && !FCommands->HasGrown()) return;
   FCommands->Rebuild();
   FPlaceMade = SteadyMilliseconds();
   FPlaceCost = FPlaceMade - now;

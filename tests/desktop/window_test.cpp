@@ -12,6 +12,8 @@
 #include <QRadioButton>
 #include <QTreeWidget>
 
+#include <cstring>
+
 #include "analysis/analysis.h"
 #include "analysis/files.h"
 #include "recovery/master_link.h"
@@ -70,6 +72,7 @@ class TWindowTest : public QObject {
   void argumentsAndSecondInstance();
   void closeWhileScanning();
   void master();
+  void diskWithVolumes();
   void findPartitions();
   void imageAndVirtualPartition();
   void errorsShowInTheWindow();
@@ -312,6 +315,52 @@ void TWindowTest::master() {
   QVERIFY(w.Names().contains(QStringLiteral("README.TXT")));
   w.Enter(QStringLiteral("Deep analysis"));
   QCOMPARE(w.Rows(), 1);  // one folder: of the one type
+}
+
+void TWindowTest::diskWithVolumes() {
+  // An MBR with two partitions, each the demo stick.
+  const TImage stick = LoadTestImage("demo-stick.img.zst");
+  const auto sectors = static_cast<std::uint32_t>(stick.size() / 512);
+  TImage disk(2048 * 512, 0);
+  for (std::uint32_t i = 0; i < 2; ++i) {
+    std::uint8_t* entry = disk.data() + 446 + 16 * i;
+    entry[4] = 0x0C;
+    const std::uint32_t values[] = {2048 + i * sectors, sectors};
+    std::memcpy(entry + 8, values, sizeof values);
+    disk.insert(disk.end(), stick.begin(), stick.end());
+  }
+  disk[510] = 0x55;
+  disk[511] = 0xAA;
+  TWindow w;
+  w.Open(std::move(disk));
+  w.Mount();
+  w.Device->Delay = 60;
+  w.Trigger(TAction::actOpen);
+  // The volumes show while the disk is analysed, and can be looked into.
+  w.WaitFor([&] { return w.Main->State().Analysing && w.Rows() > 0; });
+  w.WaitFor([&] { return !w.Names().isEmpty(); });
+  w.Device->Delay = 0;
+  w.WaitFor([&] { return w.Idle() && w.Rows() == 2; });
+  const QString volume = w.Names().front();
+  QVERIFY2(volume.startsWith(QStringLiteral("DEMOSTICK")), qPrintable(volume));
+  w.Enter(volume);
+  QVERIFY(w.Names().contains(QStringLiteral("README.TXT")));
+  // All of the disk: each volume below a folder of its name.
+  w.Main->FileList().View()->clearSelection();
+  QTest::keyClick(w.Main.get(), Qt::Key_Up, Qt::AltModifier);
+  w.WaitFor([&] { return w.Rows() == 2; });
+  w.Trigger(TAction::actFoldersRecovery);
+  w.Click("btnNext");
+  w.WaitFor([&] { return w.Find("TfrmSaveOptions") != nullptr; });
+  w.Click("btnNext");
+  w.WaitFor([&] { return w.Find("TfrmFinish") != nullptr; });
+  int found = 0;
+  for (QDirIterator it(QString::fromStdString(w.Folder.Path() + "/out"), {QStringLiteral("README.TXT")}, QDir::Files,
+                       QDirIterator::Subdirectories);
+       it.hasNext(); ++found) {
+    QCOMPARE(ContentOf(it.next()), Expected(QStringLiteral("README.TXT")));
+  }
+  QCOMPARE(found, 2);
 }
 
 void TWindowTest::findPartitions() {

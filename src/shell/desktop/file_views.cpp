@@ -7,6 +7,8 @@
 #include <QKeyEvent>
 #include <QMouseEvent>
 #include <QPainter>
+#include <QProxyStyle>
+#include <QStyleOption>
 
 #include "shell/desktop/file_model.h"
 #include "shell/desktop/icons.h"
@@ -37,6 +39,31 @@ void PaintFill(QPainter* painter, const QPalette& palette, const QRect& rect, do
   painter->restore();
 }
 
+/// On dark palettes the outline of a box in a list can hardly be told from its ground.
+class TBoxStyle final : public QProxyStyle {
+ public:
+  using QProxyStyle::QProxyStyle;
+  void drawPrimitive(PrimitiveElement element, const QStyleOption* option, QPainter* painter,
+                     const QWidget* widget) const override {
+    QProxyStyle::drawPrimitive(element, option, painter, widget);
+    if (element != PE_IndicatorItemViewItemCheck) return;
+    const bool selected = option->state.testFlag(State_Selected);
+    QColor line = option->palette.color(selected ? QPalette::HighlightedText : QPalette::Text);
+    line.setAlpha(110);
+    painter->save();
+    painter->setPen(line);
+    painter->setBrush(Qt::NoBrush);
+    painter->drawRect(option->rect.adjusted(0, 0, -1, -1));
+    painter->restore();
+  }
+};
+
+void UseBoxStyle(QWidget* view) {
+  auto* style = new TBoxStyle;
+  style->setParent(view);
+  view->setStyle(style);
+}
+
 }  // namespace
 
 QString TTypeAhead::Add(const QString& typed) {
@@ -61,6 +88,7 @@ TFileTable::TFileTable(QWidget* parent) : QTableView(parent) {
   setTabKeyNavigation(false);
   setWordWrap(false);
   setContextMenuPolicy(Qt::CustomContextMenu);
+  UseBoxStyle(this);
   verticalHeader()->hide();
   verticalHeader()->setSectionResizeMode(QHeaderView::Fixed);
   verticalHeader()->setDefaultSectionSize(fontMetrics().height() + 8);
@@ -93,6 +121,7 @@ TFileGrid::TFileGrid(QWidget* parent) : QListView(parent) {
   setResizeMode(Adjust);
   setWrapping(true);
   setContextMenuPolicy(Qt::CustomContextMenu);
+  UseBoxStyle(this);
   setItemDelegate(new TFileDelegate(this));
   connect(this, &QListView::doubleClicked, this, &TFileGrid::Activated);
 }

@@ -29,6 +29,7 @@ TfAbout::TfAbout(const TLanguage& texts, QWidget* parent) : TForm("TfAbout", TTe
 
 TfHelp::TfHelp(const TLanguage& texts, QWidget* parent) : TForm("TfHelp", TText::MenuHelp, texts, parent) {
   auto* browser = new QTextBrowser(this);
+  browser->setSearchPaths({QStringLiteral(":/")});
   QFile guide(QStringLiteral(":/user-guide.md"));
   if (guide.open(QIODevice::ReadOnly)) browser->setMarkdown(QString::fromUtf8(guide.readAll()));
   Body()->addWidget(browser);

@@ -16,6 +16,7 @@ namespace brenlow::desktop {
 namespace {
 
 constexpr int Sizes[] = {16, 22, 64};  // pixels that the set draws for
+constexpr int LargestPlain = 22;       // pixels of drawings that are hardly more than an outline
 
 /// The drawing nearest to a size: the smallest one that is not smaller, or the largest.
 QByteArray Drawing(const QString& name, int size) {
@@ -30,13 +31,10 @@ QByteArray Drawing(const QString& name, int size) {
 }
 
 /// The set names the colours by class; the values are those of a light palette.
-void PutColours(QByteArray& svg, const QPalette& palette, QIcon::Mode mode) {
-  const auto role = mode == QIcon::Selected ? QPalette::HighlightedText : QPalette::WindowText;
-  const QByteArray text = palette.color(QPalette::Active, role).name().toLatin1();
+void PutColours(QByteArray& svg, const QPalette& palette) {
+  const QByteArray text = palette.color(QPalette::Active, QPalette::WindowText).name().toLatin1();
   svg.replace("#232629", text);
   svg.replace("#4d4d4d", text);
-  // The set's accent is what many palettes mark a selection with.
-  if (mode == QIcon::Selected) svg.replace("#3daee9", text);
 }
 
 class TSvgEngine final : public QIconEngine {
@@ -69,7 +67,7 @@ class TSvgEngine final : public QIconEngine {
  private:
   QPixmap Draw(const QSize& size, QIcon::Mode mode, const QPalette& palette) const {
     QByteArray svg = Drawing(FName, size.height());
-    PutColours(svg, palette, mode);
+    PutColours(svg, palette);
     QSvgRenderer renderer(svg);
     QPixmap pixmap(size);
     pixmap.fill(Qt::transparent);
@@ -77,6 +75,12 @@ class TSvgEngine final : public QIconEngine {
     if (mode == QIcon::Disabled) painter.setOpacity(0.35);
     if (FDeleted) painter.setOpacity(0.55);
     renderer.render(&painter, QRectF(QPointF(), size));
+    if (mode == QIcon::Selected && size.height() <= LargestPlain) {
+      // Whatever colours a small drawing has, on a selection it stands out like the text.
+      painter.setCompositionMode(QPainter::CompositionMode_SourceIn);
+      painter.fillRect(QRect(QPoint(), size), palette.color(QPalette::Active, QPalette::HighlightedText));
+      painter.setCompositionMode(QPainter::CompositionMode_SourceOver);
+    }
     if (FDeleted) DrawMark(painter, size);
     return pixmap;
   }

@@ -255,6 +255,8 @@ void TfMain::ActionsChanged(const TActions& actions, const TShellState& state, c
   } else if (wasRunning) {
     FBanner->Withdraw(Text(FLanguage, TText::StopAnalyseQuestion));
     FFileList->Outdate();
+    // What was found is one level open.
+    tvFolders->expand(tvFolders->currentIndex());
   }
 }
 

@@ -149,6 +149,7 @@ QWidget* TRecoveryMasterForm::MakeFinishPage() {
   FFaults->setHeaderLabels({Caption(TText::MenuSortByName), Caption(TText::FaultReason)});
   FFaults->header()->resizeSection(0, 300);
   FOpenFolder = new QPushButton(Caption(TText::ButtonOpenFolder), page);
+  FOpenFolder->setAutoDefault(false);
   FAutoClose = new QCheckBox(Caption(TText::FinishAutoClose), page);
   FAutoClose->setChecked(FSettings.Master.AutoClose);
   layout->addWidget(FSummary);
@@ -200,6 +201,7 @@ void TRecoveryMasterForm::Show(const TRecoveryPage& page) {
       break;
   }
   UpdateButtons();
+  if (page.Page == TfRecoveryMaster::Finish) FNext->setFocus();
   if (page.Page == TfRecoveryMaster::Finish && FSettings.Master.AutoClose && page.Summary.FaultCount() == 0 &&
       !page.Summary.Stopped) {
     reject();
