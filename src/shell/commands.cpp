@@ -251,13 +251,8 @@ bool TCommands::Execute(TAction action) {
     case TAction::actFoundFileLocation:
       ShowLocation(FSelected.front());
       break;
-    case TAction::actExit:
-      if (OnExit) OnExit();
-      break;
     default:
-      if (ExecuteFilter(action) || ExecuteSort(action)) break;
-      if (OnForm) OnForm(action);
-      break;
+      return ExecuteFilter(action) || ExecuteSort(action);
   }
   return true;
 }

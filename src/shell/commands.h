@@ -77,9 +77,6 @@ class TCommands {
   std::function<void()> OnDrivesChanged;
   /// What could not be done, and what the user can do about it.
   std::function<void(const std::string&)> OnComplaint;
-  /// An action that opens a form of the window.
-  std::function<void(TAction)> OnForm;
-  std::function<void()> OnExit;
 
   // ---- what is shown and selected ----
   /// Fills the list of drives and puts them into the tree.
@@ -133,7 +130,7 @@ class TCommands {
   int BusyDrive() const { return FBusyDrive; }
   TShellState State() const;
   TActions EnabledActions() const { return CheckActionsEnabled(State()); }
-  /// Carries an action out. False when it cannot be chosen now.
+  /// Carries an action out. False when it cannot be chosen now, or is the window's own (a form, a panel).
   bool Execute(TAction action);
   /// The one way in which a drive or a folder node is analysed. `isReopen` throws its results away
   /// first. On the folder of the deep analysis that scan runs.

@@ -332,8 +332,6 @@ TPlaceSnapshot TCommands::Place() const {
   place.SortColumn = place.Category == TViewCategory::vcDrives ? ColumnOf(DriveColumns, FDriveOrder.Key)
                                                                : ColumnOf(FileColumns, FFileOrder.Key);
   place.Hidden = FHidden;
-  place.Existing = FFilter.Existing;
-  place.Deleted = FFilter.Deleted;
   place.CanGoBack = !FBack.empty();
   place.CanGoForward = !FForward.empty();
   place.CanGoUp = FPlace.Kind != TShownPlace::Computer;

@@ -281,10 +281,7 @@ void TDesk::Flush() {
   if (FActionsChanged) PublishActions();
   // The place may need nodes that are not in the tree yet.
   if (FPlaceChanged) PublishPlace();
-  if (FRelay.HasChanges()) {
-    Tell([changes = FRelay.Take()](IDeskView& view) { view.TreeChanged(changes); });
-    FDrivesChanged = true;
-  }
+  PublishTree();
   if (FDrivesChanged) PublishDrives();
   if (std::exchange(FListChanged, false)) {
     TIntegerDynArray numbers = FCommands->RecoveryList().Files();
@@ -313,20 +310,33 @@ void TDesk::PublishPlace() {
   place.Node = FRelay.NumberOf(FCommands->SelectedNode());
   const std::span<const int> numbers(*place.Listing.Numbers);
   place.Head = MakeRows(numbers.first(std::min(numbers.size(), HeadRows)));
-  if (FRelay.HasChanges()) Tell([changes = FRelay.Take()](IDeskView& view) { view.TreeChanged(changes); });
+  PublishTree();
   Tell([place = std::move(place)](IDeskView& view) { view.PlaceChanged(place); });
 }
 
 void TDesk::PublishDrives() {
   FDrivesChanged = false;
+  const TFiles& files = FEngine.Files();
   std::vector<TDriveSnapshot> drives;
-  for (int i = 0; i < static_cast<int>(FEngine.Drives().List.size()); ++i) {
-    drives.push_back(MakeDrive(FEngine, i));
-    const TTreeNode* node = FEngine.Folders().GetDriveRootNode(i);
-    drives.back().Node = FRelay.NumberOf(node);
-    if (node != nullptr) drives.back().FileNumber = static_cast<int>(node->Data);
+  for (int i = 0; i < static_cast<int>(FEngine.Drives().List.size()); ++i) drives.push_back(MakeDrive(FEngine, i));
+  for (const TFolder& folder : FEngine.Folders().List) {
+    if (!files.IsRootDir(folder.Id)) continue;
+    const int drive = files.List[static_cast<std::size_t>(folder.Id)].FileInfo.aDriveNumber;
+    if (!FEngine.Drives().IsWrongNumber(drive)) {
+      drives[static_cast<std::size_t>(drive)].Node = FRelay.NumberOf(folder.TN);
+    }
   }
   Tell([drives = std::move(drives)](IDeskView& view) { view.DrivesChanged(drives); });
+}
+
+void TDesk::PublishTree() {
+  if (!FRelay.HasChanges()) return;
+  std::vector<TTreeChange> changes = FRelay.Take();
+  const auto isDrive = [](const TTreeChange& change) {
+    return change.Kind == TTreeChange::Added && IsDriveKind(change.EntryKind);
+  };
+  FDrivesChanged = FDrivesChanged || std::any_of(changes.begin(), changes.end(), isDrive);
+  Tell([changes = std::move(changes)](IDeskView& view) { view.TreeChanged(changes); });
 }
 
 void TDesk::FollowProgress() {

@@ -151,6 +151,7 @@ class TDesk final {
   void PublishActions();
   void PublishPlace();
   void PublishDrives();
+  void PublishTree();
   void FollowProgress();
   void Refresh();
   void RunRecoveryMaster(TfRecoveryMaster& master);

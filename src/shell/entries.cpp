@@ -172,7 +172,6 @@ TFileRow MakeRow(TEngine& engine, int fileNumber) {
   const TFile& file = FileOf(engine, fileNumber);
   const TFileInfo& info = file.FileInfo;
   row.Number = fileNumber;
-  row.Drive = info.aDriveNumber;
   row.Name = info.strName;
   row.Kind = KindOf(engine, file);
   if (const TDriveInfo* drive = DriveOfRow(engine, info); drive != nullptr) {

@@ -44,7 +44,6 @@ enum class TEntryStatus : std::uint8_t { Existing, Deleted, Overwritten };
 /// One row of the file list.
 struct TFileRow {
   int Number = -1;  ///< file number
-  int Drive = -1;
   TString Name;
   TString Type;
   TString Location;        ///< path of its folder; only for results of a search
@@ -90,7 +89,6 @@ struct TDriveSnapshot {
   bool IsPhysical = false;
   bool CanBeAnalysed = false;
   std::uint32_t Node = 0;  ///< in the folder tree; 0 when it has none
-  int FileNumber = -1;     ///< of its row
   std::int64_t Size() const { return SectorsCount * BytesPerSector; }
 };
 
@@ -116,7 +114,6 @@ struct TPlaceSnapshot {
   int Drive = -1;  ///< the drive that is looked into
   bool IsDriveRoot = false;
   bool IsDeepFolder = false;
-  bool Existing = true, Deleted = true;  ///< the filter
   bool CanGoBack = false, CanGoForward = false, CanGoUp = false;
 };
 

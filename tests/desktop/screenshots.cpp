@@ -20,6 +20,7 @@ class TScreenshots : public QObject {
   Q_OBJECT
  private Q_SLOTS:
   void flows();
+  void disks();
   void dark();
 
  private:
@@ -126,14 +127,21 @@ void TScreenshots::flows() {
   w.Trigger(TAction::actFoldersCreateVirtualPartition);
   Take("25-virtual-partition");
   w.Find<QDialog>("TfCreateVirtualPartition")->reject();
-  w.Main->findChild<QTabBar*>()->setCurrentIndex(1);
-  Take("26-disks");
   w.Trigger(TAction::actAbout);
   Take("27-about");
   w.Find<QDialog>("TfAbout")->reject();
-  w.Main->findChild<QTabBar*>()->setCurrentIndex(0);
   w.Main->SecondStart(QStringLiteral("dsk_file /no/such/image.img"));
   Take("28-error");
+}
+
+void TScreenshots::disks() {
+  TWindow w;
+  w.Settings.FileList.Tab = 1;
+  w.Open(DiskOfSticks(100'000), u"/old disk.img");
+  w.Main->resize(ScreenSize());
+  w.Main->move(0, 0);
+  w.Mount();
+  Take("26-disks");
 }
 
 void TScreenshots::dark() {

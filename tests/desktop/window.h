@@ -6,6 +6,7 @@
 #include <QElapsedTimer>
 #include <QTest>
 #include <QThread>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <source_location>
@@ -56,6 +57,24 @@ class TSlowDevice final : public IDevice {
  private:
   TImage FImage;
 };
+
+/// An MBR with two partitions, each the demo stick, and as many sectors of nothing between them.
+inline TImage DiskOfSticks(std::uint32_t gap) {
+  const TImage stick = LoadTestImage("demo-stick.img.zst");
+  const auto sectors = static_cast<std::uint32_t>(stick.size() / 512);
+  TImage disk(2048 * 512, 0);
+  for (std::uint32_t i = 0; i < 2; ++i) {
+    if (i > 0) disk.resize(disk.size() + std::size_t{gap} * 512);
+    std::uint8_t* entry = disk.data() + 446 + 16 * i;
+    entry[4] = 0x0C;  // FAT32
+    const std::uint32_t values[] = {static_cast<std::uint32_t>(disk.size() / 512), sectors};
+    std::memcpy(entry + 8, values, sizeof values);
+    disk.insert(disk.end(), stick.begin(), stick.end());
+  }
+  disk[510] = 0x55;
+  disk[511] = 0xAA;
+  return disk;
+}
 
 class TWindow {
  public:

@@ -12,8 +12,6 @@
 #include <QRadioButton>
 #include <QTreeWidget>
 
-#include <cstring>
-
 #include "analysis/analysis.h"
 #include "analysis/files.h"
 #include "recovery/master_link.h"
@@ -318,21 +316,8 @@ void TWindowTest::master() {
 }
 
 void TWindowTest::diskWithVolumes() {
-  // An MBR with two partitions, each the demo stick.
-  const TImage stick = LoadTestImage("demo-stick.img.zst");
-  const auto sectors = static_cast<std::uint32_t>(stick.size() / 512);
-  TImage disk(2048 * 512, 0);
-  for (std::uint32_t i = 0; i < 2; ++i) {
-    std::uint8_t* entry = disk.data() + 446 + 16 * i;
-    entry[4] = 0x0C;
-    const std::uint32_t values[] = {2048 + i * sectors, sectors};
-    std::memcpy(entry + 8, values, sizeof values);
-    disk.insert(disk.end(), stick.begin(), stick.end());
-  }
-  disk[510] = 0x55;
-  disk[511] = 0xAA;
   TWindow w;
-  w.Open(std::move(disk));
+  w.Open(DiskOfSticks(0));
   w.Mount();
   w.Device->Delay = 60;
   w.Trigger(TAction::actOpen);

@@ -98,6 +98,7 @@ TfrFileList::TfrFileList(TDesk& desk, const TLanguage& texts, TSettings& setting
   FSelectionTimer.setInterval(0);
   connect(&FSelectionTimer, &QTimer::timeout, this, &TfrFileList::SendSelection);
   SetViewStyle(ViewStyle());
+  Outdate();
 }
 
 void TfrFileList::Connect(QAbstractItemView* view) {
@@ -145,16 +146,18 @@ void TfrFileList::SetDrive(const TDriveSnapshot* drive) {
   UpdateEmpty();
 }
 
-void TfrFileList::SetRunning(TProgressSnapshot::TKind running, int busyDrive) {
-  if (running == FRunning && busyDrive == FBusyDrive) return;
+void TfrFileList::SetRunning(TProgressSnapshot::TKind running) {
+  if (running == FRunning) return;
   FRunning = running;
-  FBusyDrive = busyDrive;
   UpdateEmpty();
 }
 
 void TfrFileList::SetAction(TAction action, QAction* button) { FActions.emplace_back(action, button); }
 
-void TfrFileList::Outdate() { FModel->Outdate(); }
+void TfrFileList::Outdate() {
+  FModel->SetEncryptedInColor(FSettings.Main.EncryptedInColor);
+  FModel->Outdate();
+}
 
 void TfrFileList::ChangeLanguage() {
   FModel->LanguageChanged();
@@ -280,6 +283,7 @@ void TfrFileList::ShowSortIndicator() {
 // ---- selection ------------------------------------------------------------------------------
 
 void TfrFileList::SendSelection() {
+  FSelectionTimer.stop();
   TIntegerDynArray numbers;
   for (const QItemSelectionRange& range : FTable->selectionModel()->selection()) {
     if (range.left() != 0) continue;  // each row once, by its name

@@ -33,12 +33,14 @@ class TfrFileList final : public QWidget {
   void Show(const TPlaceSnapshot& place);
   /// What is known of drives, for what stands in an empty list.
   void SetDrive(const TDriveSnapshot* drive);
-  void SetRunning(TProgressSnapshot::TKind running, int busyDrive);
+  void SetRunning(TProgressSnapshot::TKind running);
   /// Actions that an empty list offers: each is shown as a button.
   void SetAction(TAction action, QAction* button);
   void SetViewStyle(TViewStyle style);
   TViewStyle ViewStyle() const;
   void Select(std::uint64_t generation, const TIntegerDynArray& numbers);
+  /// Tells the engine what is selected, which otherwise happens a little later.
+  void SendSelection();
   void SelectAll();
   void InvertSelection();
   /// Ticks shown anew.
@@ -60,7 +62,6 @@ class TfrFileList final : public QWidget {
 
  private:
   void Connect(QAbstractItemView* view);
-  void SendSelection();
   void LookFor(const QString& start);
   void SortBy(int column);
   void ApplyColumns();
@@ -83,7 +84,6 @@ class TfrFileList final : public QWidget {
   std::unique_ptr<TPlaceSnapshot> FPlace;
   std::unique_ptr<TDriveSnapshot> FDrive;
   TProgressSnapshot::TKind FRunning = TProgressSnapshot::None;
-  int FBusyDrive = -1;
   std::vector<std::pair<TAction, QAction*>> FActions;
   QTimer FSelectionTimer;
   bool FColumnsAreDrives = true;

@@ -187,6 +187,10 @@ int TFileModel::columnCount(const QModelIndex& parent) const {
   return 0;
 }
 
+bool TFileModel::IsSizeColumn(int column) const {
+  return column == Size || (FCategory == TViewCategory::vcDrives && column == DriveFree);
+}
+
 QVariant TFileModel::TextOf(const TFileRow& row, int column) const {
   if (column == Name) return ToQt(row.Name);
   if (column == Type) return ToQt(row.Type);
@@ -218,9 +222,7 @@ QVariant TFileModel::data(const QModelIndex& index, int role) const {
   const int column = index.column();
   switch (role) {
     case Qt::TextAlignmentRole:
-      return column == Size || (FCategory == TViewCategory::vcDrives && column == DriveFree)
-                 ? QVariant(Qt::AlignRight | Qt::AlignVCenter)
-                 : QVariant();
+      return IsSizeColumn(column) ? QVariant(Qt::AlignRight | Qt::AlignVCenter) : QVariant();
     case Qt::DisplayRole:
     case Qt::DecorationRole:
     case Qt::ForegroundRole:
@@ -241,7 +243,7 @@ QVariant TFileModel::data(const QModelIndex& index, int role) const {
       if (column != Name || IsDriveKind(row->Kind)) return {};
       return row->Ticked ? Qt::Checked : Qt::Unchecked;
     case Qt::ForegroundRole:
-      if (row->Encrypted) return QColor(0x2E, 0x9E, 0x5B);
+      if (row->Encrypted && FEncryptedInColor) return QColor(0x2E, 0x9E, 0x5B);
       if (row->Status == TEntryStatus::Existing && !row->Hidden) return {};
       return QApplication::palette().color(QPalette::PlaceholderText);
     default:
@@ -262,7 +264,9 @@ bool TFileModel::setData(const QModelIndex& index, const QVariant& value, int ro
 
 QVariant TFileModel::headerData(int section, Qt::Orientation orientation, int role) const {
   if (orientation != Qt::Horizontal) return {};
-  if (role == Qt::TextAlignmentRole) return QVariant(Qt::AlignLeft | Qt::AlignVCenter);
+  if (role == Qt::TextAlignmentRole) {
+    return QVariant((IsSizeColumn(section) ? Qt::AlignRight : Qt::AlignLeft) | Qt::AlignVCenter);
+  }
   if (role != Qt::DisplayRole) return {};
   constexpr TText files[] = {TText::MenuSortByName,     TText::MenuSortByType,    TText::MenuSortBySize,
                              TText::MenuSortByStatus,   TText::MenuSortByModified, TText::MenuSortByCreated,

@@ -31,6 +31,7 @@ class TFileModel final : public QAbstractTableModel {
   /// What the rows say may have changed: they are fetched again, and shown as they are until then.
   void Outdate();
   void LanguageChanged();
+  void SetEncryptedInColor(bool on) { FEncryptedInColor = on; }
 
   TViewCategory Category() const { return FCategory; }
   std::uint64_t Generation() const { return FListing.Generation; }
@@ -62,6 +63,7 @@ class TFileModel final : public QAbstractTableModel {
   void Fetch();
   void Take(std::vector<TFileRow> rows);
   void RowsChanged(const std::vector<int>& pages);
+  bool IsSizeColumn(int column) const;
   QVariant TextOf(const TFileRow& row, int column) const;
   QString TipOf(const TFileRow& row) const;
 
@@ -76,6 +78,7 @@ class TFileModel final : public QAbstractTableModel {
   mutable std::unordered_set<int> FFresh;
   mutable std::vector<int> FWantedPages;
   bool FWaiting = false;
+  bool FEncryptedInColor = true;
   mutable QTimer FFetchTimer;
 };
 

@@ -3,7 +3,9 @@
 #include <unistd.h>
 
 #include <QApplication>
+#include <QDir>
 #include <QFileInfo>
+#include <QMessageBox>
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
@@ -35,22 +37,37 @@ bool HasDisplay(int argc, char** argv) {
   return false;
 }
 
-/// All arguments are one: "dsk_file" and a path may come in two.
+/// All arguments are one: "dsk_file" and a path may come in two. Paths become absolute, since a second
+/// start may stand in another folder than the first.
 QString Argument(const QStringList& arguments) {
-  QString argument = arguments.mid(1).join(QLatin1Char(' '));
-  // A second start may stand in another folder than the first.
-  if (QFileInfo::exists(argument)) argument = QFileInfo(argument).absoluteFilePath();
+  const QString argument = arguments.mid(1).join(QLatin1Char(' '));
+  for (const QString& prefix : {QStringLiteral("dsk_file "), QString()}) {
+    if (!argument.startsWith(prefix, Qt::CaseInsensitive)) continue;
+    const QFileInfo file(argument.mid(prefix.size()));
+    if (file.exists()) return prefix + file.absoluteFilePath();
+  }
   return argument;
+}
+
+/// A program that was started inside an archive has no language files beside it.
+bool IsInArchive(const std::string& program) {
+  return !QFileInfo::exists(PathToQt(LanguageFolder(program))) && program.find(".zip/") != std::string::npos;
+}
+
+TLanguage LoadLanguage(const std::string& program, const TSettings& settings) {
+  TLanguage language;
+  TLanguage::Load(LanguageFolder(program), LanguageToUse(settings), language);
+  return language;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  const std::string program = ProgramFolder();
+  TSettingsFile file(SettingsPath(program));
+  TSettings settings = file.Load();
+  const TLanguage language = LoadLanguage(program, settings);
   if (!HasDisplay(argc, argv)) {
-    const std::string folder = LanguageFolder(ProgramFolder());
-    TSettings settings = TSettingsFile(SettingsPath(ProgramFolder())).Load();
-    TLanguage language;
-    TLanguage::Load(folder, LanguageToUse(settings), language);
     std::fprintf(stderr, "brenlow: %s\n", language.Utf8(TText::NoDisplay).c_str());
     return 1;
   }
@@ -58,15 +75,15 @@ int main(int argc, char** argv) {
   QApplication::setApplicationName(QStringLiteral("Brenlow Partition Recovery 4.0"));
   QApplication::setDesktopFileName(QStringLiteral("brenlow"));
   const QString argument = Argument(QApplication::arguments());
+  if (IsInArchive(program)) {
+    QMessageBox::warning(nullptr, QApplication::applicationName(), Text(language, TText::ExtractArchive));
+    return 1;
+  }
   TSingleInstance instance(InstanceName);
   if (instance.HandOver(argument)) return 0;
   if (!instance.Listen()) return 1;
 
-  const std::string program = ProgramFolder();
-  TSettingsFile file(SettingsPath(program));
-  TSettings settings = file.Load();
-  TLanguage language;
-  TLanguage::Load(LanguageFolder(program), LanguageToUse(settings), language);
+  QDir::setCurrent(PathToQt(program));
   auto window = std::make_unique<TfMain>(settings, language, LanguageFolder(program));
   QObject::connect(&instance, &TSingleInstance::Started, window.get(),
                    [&](const QString& other) { window->SecondStart(other); });

@@ -263,7 +263,7 @@ void TfMain::ActionsChanged(const TActions& actions, const TShellState& state, c
 void TfMain::ProgressChanged(const TProgressSnapshot& progress) {
   FProgress = progress;
   FStatusBar->SetProgress(progress);
-  FFileList->SetRunning(progress.Kind, -1);
+  FFileList->SetRunning(progress.Kind);
   if (FFindPartitions != nullptr) FFindPartitions->SetProgress(progress);
 }
 

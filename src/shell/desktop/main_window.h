@@ -111,6 +111,7 @@ class TfMain final : public QMainWindow, public IDeskView {
   void FindQuickly();
   void ShowDetails();
   void ShowContextMenu(const QPoint& at, bool ofTree);
+  void PopUpContextMenu(const QPoint& at, bool ofTree);
   void SetViewStyle(TAction action);
   void CheckDevices();
   void AutoPlay();

@@ -18,6 +18,7 @@
 #include "shell/desktop/file_model.h"
 #include "shell/desktop/find_file_form.h"
 #include "shell/desktop/find_partitions_form.h"
+#include "shell/desktop/folder_tree.h"
 #include "shell/desktop/help_forms.h"
 #include "shell/desktop/main_window.h"
 #include "shell/desktop/preview_panel.h"
@@ -183,7 +184,7 @@ void TfMain::OpenForm(TAction action) {
       OpenProperties(selection.Number);
       break;
     default: {
-      const QString folder = QFileDialog::getExistingDirectory(this, Action(action)->text());
+      const QString folder = QFileDialog::getExistingDirectory(this, Action(action)->text(), QDir::homePath());
       if (folder.isEmpty()) break;
       FDesk->Do([path = PathFromQt(folder)](TCommands& commands) { commands.AddCustomFolder(path); });
       break;
@@ -247,7 +248,7 @@ void TfMain::MountImage() {
                          QStringLiteral(" (*.dsk *.hdd *.vdi *.vhd *.vhdx *.vmdk *.img *.raw *.dd *.iso);;") +
                          Text(FLanguage, TText::AllFilesFilter) + QStringLiteral(" (*)");
   auto* dialog = new QFileDialog(FMaster != nullptr ? static_cast<QWidget*>(FMaster) : this,
-                                 Action(actMountImage)->text(), QString(), filter);
+                                 Action(actMountImage)->text(), QDir::homePath(), filter);
   dialog->setFileMode(QFileDialog::ExistingFiles);
   connect(dialog, &QFileDialog::filesSelected, this, [this](const QStringList& files) {
     for (const QString& file : files) Mount(file);
@@ -284,7 +285,20 @@ void TfMain::ShowDetails() {
                             });
 }
 
+/// The click has selected something: the menu comes when the engine knows of it.
 void TfMain::ShowContextMenu(const QPoint& at, bool ofTree) {
+  if (ofTree) {
+    const std::uint32_t node = tvFolders->Tree().NumberOf(tvFolders->currentIndex());
+    if (node != 0 && node != FFileList->Place().Node) FDesk->SelectNode(node);
+  } else {
+    FFileList->SendSelection();
+  }
+  FDesk->Fetch<bool>([](TEngine&, TCommands&) { return true; }, [self = QPointer<TfMain>(this), at, ofTree](bool) {
+    if (self != nullptr) self->PopUpContextMenu(at, ofTree);
+  });
+}
+
+void TfMain::PopUpContextMenu(const QPoint& at, bool ofTree) {
   auto* menu = new QMenu(this);
   menu->setObjectName(QStringLiteral("pmContext"));
   menu->setAttribute(Qt::WA_DeleteOnClose);

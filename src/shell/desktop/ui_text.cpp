@@ -46,7 +46,9 @@ QDateTime ToQtTime(TDateTime time) {
 }
 
 QString TimeOrNothing(TDateTime time) {
-  return time == 0 ? QString() : QLocale().toString(ToQtTime(time), QLocale::ShortFormat);
+  if (time == 0) return {};
+  const QDateTime shown = ToQtTime(time);
+  return QLocale().toString(shown.date(), QLocale::ShortFormat) + shown.time().toString(QStringLiteral(" HH:mm"));
 }
 
 QString StatusText(const TLanguage& language, TEntryStatus status) {
