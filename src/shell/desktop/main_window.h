@@ -3,6 +3,7 @@
 #pragma once
 
 #include <QMainWindow>
+#include <QPointer>
 #include <QTimer>
 #include <array>
 #include <memory>
@@ -145,8 +146,8 @@ class TfMain final : public QMainWindow, public IDeskView {
   QToolBar *tbStandardButtons = nullptr, *tbImage = nullptr, *tbWhere = nullptr, *tbFindFile = nullptr;
   QLineEdit* FFindEdit = nullptr;
   TRecoveryMasterForm* FRecoveryForm = nullptr;
-  TfAnalyseMaster* FMaster = nullptr;
-  TfFindPartitions* FFindPartitions = nullptr;
+  QPointer<TfAnalyseMaster> FMaster;  // while they are open
+  QPointer<TfFindPartitions> FFindPartitions;
 
   std::vector<TDriveSnapshot> FDrives;
   TShellState FState;

@@ -167,7 +167,6 @@ void TfMain::OpenForm(TAction action) {
     case actFindPartitions:
     case actFoldersFindPartitions:
       FFindPartitions = Open(new TfFindPartitions(*FDesk, FLanguage, FDrives, drive, this));
-      connect(FFindPartitions, &QObject::destroyed, this, [this] { FFindPartitions = nullptr; });
       break;
     case actCreateVirtualPartition:
     case actFoldersCreateVirtualPartition:
@@ -197,8 +196,7 @@ void TfMain::OpenMaster(int drive) {
   FMaster = new TfAnalyseMaster(*FDesk, FLanguage, FSettings, this);
   FMaster->SetDrives(FDrives, drive);
   connect(FMaster, &TfAnalyseMaster::MountWanted, this, [this] { MountImage(); });
-  connect(FMaster, &QObject::destroyed, this, [this] { FMaster = nullptr; });
-  Open(FMaster);
+  Open(FMaster.data());
 }
 
 void TfMain::OpenProperties(int fileNumber) {
@@ -247,7 +245,7 @@ void TfMain::MountImage() {
   const QString filter = Text(FLanguage, TText::ImageFilter) +
                          QStringLiteral(" (*.dsk *.hdd *.vdi *.vhd *.vhdx *.vmdk *.img *.raw *.dd *.iso);;") +
                          Text(FLanguage, TText::AllFilesFilter) + QStringLiteral(" (*)");
-  auto* dialog = new QFileDialog(FMaster != nullptr ? static_cast<QWidget*>(FMaster) : this,
+  auto* dialog = new QFileDialog(FMaster != nullptr ? static_cast<QWidget*>(FMaster.data()) : this,
                                  Action(actMountImage)->text(), QDir::homePath(), filter);
   dialog->setFileMode(QFileDialog::ExistingFiles);
   connect(dialog, &QFileDialog::filesSelected, this, [this](const QStringList& files) {
