@@ -148,15 +148,20 @@ struct TProgram {
     Desk->Engine().Devices().Insert(u"/test.img", std::make_unique<TMemoryDevice>(std::move(image)));
     Desk->Start();
   }
-  /// Runs the window's jobs until the condition holds.
+  void RunJobs() {
+    std::deque<TDesk::TJob> jobs;
+    {
+      const std::lock_guard lock(Mutex);
+      jobs.swap(Jobs);
+    }
+    for (auto& job : jobs) job();
+  }
+  /// Runs the window's jobs until the condition holds, and still does when no more are under way: an
+  /// engine that has nothing to do may have told things that did not arrive yet.
   bool WaitFor(const std::function<bool()>& condition) {
     for (int i = 0; i < 5000; ++i) {
-      std::deque<TDesk::TJob> jobs;
-      {
-        const std::lock_guard lock(Mutex);
-        jobs.swap(Jobs);
-      }
-      for (auto& job : jobs) job();
+      RunJobs();
+      if (condition()) RunJobs();
       if (condition()) return true;
       std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }

@@ -308,6 +308,11 @@ void TfMain::PopUpContextMenu(const QPoint& at, bool ofTree) {
     menu->addSeparator();
   };
   if (ofTree) {
+    const std::uint32_t node = FFileList->Place().Node;
+    if (selection.Blank && !Runs()) {
+      menu->addAction(Action(actOpen)->icon(), Text(FLanguage, TText::ButtonAnalyse), this,
+                      [this, node] { FDesk->OpenNode(node); });
+    }
     add({actFoldersReopen, actFoldersRecovery, actExpand});
     if (selection.Drive >= 0) {
       add({actFoldersFindPartitions, actFoldersCreateImage, actFoldersCreateVirtualPartition, actFoldersCloseDisk});
