@@ -200,6 +200,9 @@ void TfrFileList::UpdateEmpty() {
 }
 
 void TfrFileList::ShowEmpty(const QString& title, const QString& text, std::initializer_list<TAction> actions) {
+  const QWidget* focus = focusWidget();
+  const bool hadFocus = focus != nullptr && focus->hasFocus();
+  QWidget* first = nullptr;
   FEmptyTitle->setText(title);
   FEmptyText->setText(text);
   while (QLayoutItem* item = FEmptyButtons->takeAt(0)) {
@@ -219,8 +222,11 @@ void TfrFileList::ShowEmpty(const QString& title, const QString& text, std::init
     button->setMinimumWidth(220);
     button->setFocusPolicy(Qt::StrongFocus);
     FEmptyButtons->addWidget(button, 0, Qt::AlignHCenter);
+    if (FEmptyButtons->count() == 1) first = button;
   }
   FStack->setCurrentWidget(FEmpty);
+  // Who was in the list goes on with the keyboard at what can be done now.
+  if (first != nullptr && hadFocus) first->setFocus();
 }
 
 // ---- styles and columns ---------------------------------------------------------------------

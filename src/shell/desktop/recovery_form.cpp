@@ -215,7 +215,7 @@ void TRecoveryMasterForm::ShowProgress(const TRecoveryProgress& progress) {
   }
   FBar->setValue(static_cast<int>(progress.Ratio * BarSteps));
   QString text = Caption(TText::ProgressRecoveredOf, {ToQt(SizeText(progress.Bytes)), ToQt(SizeText(progress.Total)),
-                                                      Number(progress.Files)});
+                                                      CountText(Texts(), TText::FilesOne, TText::FilesMany, progress.Files)});
   if (const std::string rate = RateText(progress.Bytes, seconds); !rate.empty()) text += QStringLiteral(", ") + ToQt(rate);
   if (const double left = SecondsLeft(progress.Ratio, seconds); left >= 0) {
     text += QStringLiteral(", ") + Caption(TText::TimeLeft, {ToQt(DurationText(left))});
@@ -226,7 +226,7 @@ void TRecoveryMasterForm::ShowProgress(const TRecoveryProgress& progress) {
 void TRecoveryMasterForm::ShowSummary(const TRecoverySummary& summary) {
   QStringList lines;
   lines << Caption(summary.Stopped ? TText::FinishStopped : TText::FinishDone,
-                   {Number(summary.Whole), ToQt(SizeText(summary.Bytes))});
+                   {CountText(Texts(), TText::FilesOne, TText::FilesMany, summary.Whole), ToQt(SizeText(summary.Bytes))});
   const auto add = [&](std::int64_t count, TText text) {
     if (count > 0) lines << Caption(text, {Number(count)});
   };
