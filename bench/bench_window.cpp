@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Measures the window; see bench/run.
 //   bench_window start        ends when the window is painted and the drives are listed
-//   bench_window rows COUNT   a folder of COUNT files: bytes that the window adds, milliseconds to show, to sort by name and
+//   bench_window rows COUNT   a folder of COUNT files: bytes that the window adds, milliseconds to show, to sort by
+//   name and
 //                             by size, and the latest turn of the event loop meanwhile
 #include <malloc.h>
 #include <unistd.h>

@@ -56,7 +56,8 @@ void TDrives::DeviceInserted() {
 void TDrives::DeleteUnanalysed(const TString& device) {
   const auto isOf = [&](const TDriveInfo& drive) { return drive.Drive == device; };
   const bool analysed = std::any_of(List.begin(), List.end(), [&](const TDriveInfo& drive) {
-    return isOf(drive) && (drive.Analysed != TAnalyseInformation::aiNone || drive.DeepAnalysed != TAnalyseInformation::aiNone);
+    return isOf(drive) &&
+           (drive.Analysed != TAnalyseInformation::aiNone || drive.DeepAnalysed != TAnalyseInformation::aiNone);
   });
   if (analysed) return;
   while (true) {

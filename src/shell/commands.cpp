@@ -2,6 +2,7 @@
 #include "shell/commands.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <unordered_set>
 
@@ -9,6 +10,7 @@
 #include "analysis/deep/all_fs.h"
 #include "analysis/files.h"
 #include "analysis/folder_index.h"
+#include "core/device/device.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/language.h"
@@ -316,12 +318,26 @@ void TCommands::OpenNode(PTreeNode node) {
   if (IsBlank(files.List[static_cast<std::size_t>(node->Data)].FileInfo)) Analyse(node, false);
 }
 
+void TCommands::Complain(const std::string& text) {
+  if (OnComplaint) OnComplaint(text);
+}
+
+/// False while something runs, and with a complaint when the device refuses to be read.
+bool TCommands::CanScan(int drive) {
+  const TDrives& drives = FEngine.Drives();
+  if (FEngine.Analysing || FRecovering || FSearching || drives.IsWrongNumber(drive)) return false;
+  const TString device = drives.List[static_cast<std::size_t>(drive)].Drive;
+  if (FEngine.Devices().Get(device) != nullptr) return true;
+  Complain(MountComplaint(FEngine.Language(), DevicePath(device), {FEngine.Devices().LastError(), false}));
+  return false;
+}
+
 bool TCommands::Analyse(PTreeNode node, bool isReopen) {
   TFolders& folders = FEngine.Folders();
-  if (!folders.NodeCanBeAnalysed(node) || FEngine.Analysing || FRecovering || FSearching) return false;
+  if (!folders.NodeCanBeAnalysed(node)) return false;
   const TFileInfo& info = FEngine.Files().List[static_cast<std::size_t>(node->Data)].FileInfo;
   const int drive = info.aDriveNumber;
-  if (!FEngine.Drives().IsDiskIn(drive, true)) return false;
+  if (!FEngine.Drives().IsDiskIn(drive, true) || !CanScan(drive)) return false;
   if (TFiles::IsDeepAnalyse(info)) {
     AnalyseDeep(drive);
     return true;
@@ -337,7 +353,7 @@ bool TCommands::Analyse(PTreeNode node, bool isReopen) {
 }
 
 void TCommands::AnalyseDeep(int drive) {
-  if (FEngine.Analysing || FRecovering || FSearching || FEngine.Drives().IsWrongNumber(drive)) return;
+  if (!CanScan(drive)) return;
   FDeepRunning = true;
   DeepAnalyseDrive(FEngine, drive);
   FDeepRunning = false;
@@ -349,7 +365,7 @@ void TCommands::AnalyseDeep(int drive) {
 void TCommands::RunMaster(const TMasterChoice& choice) {
   TDrives& drives = FEngine.Drives();
   TFolders& folders = FEngine.Folders();
-  if (drives.IsWrongNumber(choice.Drive) || FEngine.Analysing || FRecovering || FSearching) return;
+  if (!CanScan(choice.Drive)) return;
   if (!choice.Extensions.empty()) {
     FEngine.AllFS().OnCanFileBeAdded = [&](TStringView extension) {
       return std::find(choice.Extensions.begin(), choice.Extensions.end(), extension) != choice.Extensions.end();
@@ -375,20 +391,17 @@ void TCommands::RunMaster(const TMasterChoice& choice) {
 int TCommands::Mount(const std::string& path) {
   TDrives& drives = FEngine.Drives();
   const TString key = SourceKey(path);
-  const auto complain = [this](const std::string& text) {
-    if (OnComplaint) OnComplaint(text);
-  };
   for (int i = 0; i < static_cast<int>(drives.List.size()); ++i) {
     const TDriveInfo& drive = drives.List[static_cast<std::size_t>(i)];
     if (drive.Drive != key || drive.FirstSector != 0 || drive.IsSubDrive) continue;
-    if (drives.IsMounted(i)) complain(FEngine.Language().Utf8(TText::ImageIsMounted, {path}));
+    if (drives.IsMounted(i)) Complain(FEngine.Language().Utf8(TText::ImageIsMounted, {path}));
     SelectNode(FEngine.Folders().GetDriveRootNode(i));
     return i;
   }
   TMountFailure failure;
   const int number = drives.Mount(key, true, &failure);
   if (number < 0) {
-    complain(MountComplaint(FEngine.Language(), path, failure));
+    Complain(MountComplaint(FEngine.Language(), path, failure));
   } else {
     SelectNode(FEngine.Folders().GetDriveRootNode(number));
   }
@@ -397,12 +410,13 @@ int TCommands::Mount(const std::string& path) {
 
 void TCommands::FindPartitions(int drive, std::int64_t firstSector, std::int64_t sectorsCount,
                                const TFileSystems& systems) {
+  if (!CanScan(drive)) return;
   const TSearching searching(*this, drive);
   FEngine.Drives().Find(drive, firstSector, sectorsCount, systems);
 }
 
 void TCommands::ScanForPartitions(int drive, const TPartRecSystems& systems) {
-  if (FEngine.Analysing || FRecovering || FSearching) return;
+  if (!CanScan(drive)) return;
   FEngine.PartRecSystems = systems;
   FEngine.PartRecRunning = true;
   AnalyseDrive(FEngine, drive);
@@ -424,6 +438,7 @@ int TCommands::CreateVirtual(int drive, std::int64_t firstSector, std::int64_t s
 
 TImageResult TCommands::CreateImage(int drive, std::int64_t firstSector, std::int64_t sectorsCount,
                                     const std::string& fileName, bool compressed, const std::string& mapFile) {
+  if (!CanScan(drive)) return {EIO, false, 0, fileName};
   const TSearching searching(*this, drive);
   return FEngine.Drives().Save(drive, firstSector, sectorsCount, fileName, compressed, mapFile);
 }
@@ -434,7 +449,7 @@ void TCommands::AddCustomFolder(const std::string& path) {
   const TString caption = TextFromPath(std::filesystem::path(path).filename().string());
   if (folders.AddCustomFolder(group, path, caption, -1) >= 0) return;
   if (group != nullptr && group->Children.empty()) folders.DeleteRootGroupNode(group->Data);
-  if (OnComplaint) OnComplaint(FEngine.Language().Utf8(TText::FolderOnNoDrive, {path}));
+  Complain(FEngine.Language().Utf8(TText::FolderOnNoDrive, {path}));
 }
 
 int TCommands::DriveOfPath(const TString& path) const {
@@ -478,8 +493,8 @@ void TCommands::CloseDisks(const TIntegerDynArray& fileNumbers, bool onlyMounted
 TSelectedFiles TCommands::GetSelectedFiles(TRecoverySender sender) const {
   TSelectedFiles selected;
   const TFiles& files = FEngine.Files();
-  const bool inDeleted = !files.IsWrongNumber(PlaceFolder()) &&
-                         files.List[static_cast<std::size_t>(PlaceFolder())].FileInfo.blnDeleted;
+  const bool inDeleted =
+      !files.IsWrongNumber(PlaceFolder()) && files.List[static_cast<std::size_t>(PlaceFolder())].FileInfo.blnDeleted;
   const auto add = [&](int number, bool parentDeleted, const TFileFilter* filter) {
     if (files.IsWrongNumber(number)) return;
     if (filter != nullptr && !files.IsFiltered(number, parentDeleted, *filter)) return;

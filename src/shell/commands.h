@@ -51,7 +51,7 @@ struct TShownPlace {
 /// What the analysis wizard was told to do.
 struct TMasterChoice {
   int Drive = -1;
-  bool Fast = true;  ///< the file system; on a disk, those of its volumes
+  bool Fast = true;   ///< the file system; on a disk, those of its volumes
   bool Deep = false;  ///< every sector, by content
   bool Lost = false;  ///< every sector, for lost partitions
   /// Extensions (".jpg") that the deep analysis looks for; empty for all.
@@ -164,6 +164,8 @@ class TCommands {
   class TSearching;
   void Changed();
   void DrivesChanged();
+  void Complain(const std::string& text);
+  bool CanScan(int drive);
   void GoTo(TShownPlace place);
   void RefreshFileList();
   TIntegerDynArray NumbersOf(const TShownPlace& place, int& hidden) const;

@@ -2,6 +2,7 @@
 #include "shell/desk.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 #include "analysis/files.h"
@@ -14,11 +15,10 @@
 namespace brenlow {
 namespace {
 
-constexpr std::int64_t ProgressInterval = 100;     // milliseconds between two notes of progress
-constexpr std::int64_t RefreshInterval = 400;      // and between two looks at a growing folder
-constexpr std::int64_t MostRefreshShare = 10;      // of the time, as 1/n, goes into making lists anew
-constexpr std::size_t HeadRows = 64;  // that go along with a list, so that it is never seen empty
-constexpr std::size_t MostShownInRecoveryList = 100'000;
+constexpr std::int64_t ProgressInterval = 100;  // milliseconds between two notes of progress
+constexpr std::int64_t RefreshInterval = 400;   // and between two looks at a growing folder
+constexpr std::int64_t MostRefreshShare = 10;   // of the time, as 1/n, goes into making lists anew
+constexpr std::size_t HeadRows = 64;            // that go along with a list, so that it is never seen empty
 
 }  // namespace
 
@@ -81,9 +81,7 @@ TDesk::TDesk(const TSettings& settings, const TLanguage& language, IDeskView& vi
   FCommands->OnRecoveryListChanged = [this] { FListChanged = true; };
   FCommands->OnDrivesChanged = [this] { FDrivesChanged = true; };
   FCommands->OnRecoveryMaster = [this](TfRecoveryMaster& master) { RunRecoveryMaster(master); };
-  FCommands->OnComplaint = [this](const std::string& text) {
-    Notify(TMessageKind::Error, text);
-  };
+  FCommands->OnComplaint = [this](const std::string& text) { Notify(TMessageKind::Error, text); };
   FEngine.OnPump = [this] { Pumped(); };
   FEngine.OnAnalyseProgress = [this](double position) { FProgress.Position = position; };
   FEngine.Drives().OnFindProgressChanged = FEngine.OnAnalyseProgress;
@@ -107,8 +105,7 @@ TDesk::~TDesk() { Close(); }
 void TDesk::Command(TJob job) {
   ++FUnderWay;
   FHost.Command([this, job = std::move(job)] {
-    job();
-    Flush();
+    Run(job);
     --FUnderWay;
   });
 }
@@ -116,10 +113,19 @@ void TDesk::Command(TJob job) {
 void TDesk::Question(TJob job) {
   ++FUnderWay;
   FHost.Question([this, job = std::move(job)] {
-    job();
-    Flush();
+    Run(job);
     --FUnderWay;
   });
+}
+
+/// What the engine itself does not meet with fewer files, as a list of millions that finds no room.
+void TDesk::Run(const TJob& job) {
+  try {
+    job();
+    Flush();
+  } catch (const std::bad_alloc&) {
+    Notify(TMessageKind::Error, FEngine.Language().Utf8(TText::OutOfMemory));
+  }
 }
 
 void TDesk::Tell(std::function<void(IDeskView&)> news) {
@@ -284,9 +290,8 @@ void TDesk::Flush() {
   PublishTree();
   if (FDrivesChanged) PublishDrives();
   if (std::exchange(FListChanged, false)) {
-    TIntegerDynArray numbers = FCommands->RecoveryList().Files();
-    if (numbers.size() > MostShownInRecoveryList) numbers.resize(MostShownInRecoveryList);
-    const TListing listing{FCommands->Generation(), std::make_shared<const TIntegerDynArray>(std::move(numbers))};
+    const TListing listing{FCommands->Generation(),
+                           std::make_shared<const TIntegerDynArray>(FCommands->RecoveryList().Files())};
     Tell([listing](IDeskView& view) { view.RecoveryListChanged(listing); });
   }
   if (std::exchange(FSelectionChanged, false)) {
@@ -388,7 +393,8 @@ void TDesk::RunRecoveryMaster(TfRecoveryMaster& master) {
       TRecoveryProgress news;
       news.Bytes = progress.RecoveredSize;
       news.Total = progress.RecoverySize;
-      news.Ratio = news.Total > 0 ? std::min(1.0, static_cast<double>(news.Bytes) / static_cast<double>(news.Total)) : 0;
+      news.Ratio =
+          news.Total > 0 ? std::min(1.0, static_cast<double>(news.Bytes) / static_cast<double>(news.Total)) : 0;
       news.Files = FRecoveredFiles;
       const TFiles& files = FEngine.Files();
       if (!files.IsWrongNumber(progress.CurrentRecoveringFile)) {

@@ -34,7 +34,7 @@ struct TRecoveryPage {
   bool RestoreFolders = true, ADS = true, CanReplaceSymbols = false;
   TString UnknownSymbols;
   std::string SpaceRequiredText, SpaceAvailableText;
-  std::string TargetError;  ///< why the target cannot be used; empty when it can
+  std::string TargetError;   ///< why the target cannot be used; empty when it can
   TRecoverySummary Summary;  ///< of the last page
 };
 
@@ -106,8 +106,7 @@ class TDesk final {
     });
   }
   /// The rows of file numbers of a generation; nothing when that is over.
-  void FetchRows(std::uint64_t generation, TIntegerDynArray numbers,
-                 std::function<void(std::vector<TFileRow>)> take);
+  void FetchRows(std::uint64_t generation, TIntegerDynArray numbers, std::function<void(std::vector<TFileRow>)> take);
   void SelectFiles(std::uint64_t generation, TIntegerDynArray numbers);
   void SelectNode(std::uint32_t node);
   /// The user opened a node of the tree: what is below its children is made ready.
@@ -143,6 +142,7 @@ class TDesk final {
  private:
   void Question(TJob job);
   void Command(TJob job);
+  void Run(const TJob& job);
   bool IsQuick(TAction action) const;
   void Tell(std::function<void(IDeskView&)> news);
   std::vector<TFileRow> MakeRows(std::span<const int> numbers);

@@ -130,7 +130,8 @@ class TSheet {
     }
     TADSDynArray streams;
     FillADS(FEngine, file, streams);
-    for (const TADS& stream : streams) sheet.Streams.push_back({stream.Name, stream.sType, stream.aSize, stream.IsSystem});
+    for (const TADS& stream : streams)
+      sheet.Streams.push_back({stream.Name, stream.sType, stream.aSize, stream.IsSystem});
   }
 
  private:

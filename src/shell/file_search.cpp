@@ -92,15 +92,14 @@ std::vector<bool> WantedDrives(const TDrives& drives, int drive) {
   std::vector<bool> wanted(drives.List.size(), drive < 0);
   if (drives.IsWrongNumber(drive)) return wanted;
   wanted[static_cast<std::size_t>(drive)] = true;
-  for (const int sub : drives.List[static_cast<std::size_t>(drive)].SubDrives) wanted[static_cast<std::size_t>(sub)] = true;
+  for (const int sub : drives.List[static_cast<std::size_t>(drive)].SubDrives)
+    wanted[static_cast<std::size_t>(sub)] = true;
   return wanted;
 }
 
 }  // namespace
 
-bool TFindOptions::Empty() const {
-  return Text.empty() && SmallestSize < 0 && LargestSize < 0 && From == 0 && To == 0;
-}
+bool TFindOptions::Empty() const { return Text.empty() && SmallestSize < 0 && LargestSize < 0 && From == 0 && To == 0; }
 
 TIntegerDynArray FindFiles(TEngine& engine, const TFindOptions& options) {
   TIntegerDynArray found;

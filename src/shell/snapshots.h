@@ -110,8 +110,8 @@ struct TPlaceSnapshot {
   std::vector<TFileRow> Head;  ///< what stands in the first rows
   TSortOrder Sort;
   int SortColumn = 0;  ///< of the list's columns
-  int Hidden = 0;  ///< entries that the filter keeps from view
-  int Drive = -1;  ///< the drive that is looked into
+  int Hidden = 0;      ///< entries that the filter keeps from view
+  int Drive = -1;      ///< the drive that is looked into
   bool IsDriveRoot = false;
   bool IsDeepFolder = false;
   bool CanGoBack = false, CanGoForward = false, CanGoUp = false;
@@ -120,10 +120,10 @@ struct TPlaceSnapshot {
 /// What runs, and how far it is.
 struct TProgressSnapshot {
   enum TKind : std::uint8_t { None, Analysing, DeepAnalysing, SearchingPartitions, SavingImage } Kind = None;
-  TString Caption;            ///< of the drive
-  double Position = 0;        ///< 0 to 1
-  std::int64_t Bytes = 0;     ///< moved since it began
-  std::int64_t Found = 0;     ///< files and folders
+  TString Caption;              ///< of the drive
+  double Position = 0;          ///< 0 to 1
+  std::int64_t Bytes = 0;       ///< moved since it began
+  std::int64_t Found = 0;       ///< files and folders
   std::int64_t Unreadable = 0;  ///< sectors
 };
 

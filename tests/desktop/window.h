@@ -2,6 +2,10 @@
 // The real window with the demo stick, driven as a user would.
 #pragma once
 
+#include <doctest/doctest.h>
+
+#include <QAbstractButton>
+#include <QAction>
 #include <QApplication>
 #include <QElapsedTimer>
 #include <QTest>
@@ -10,11 +14,6 @@
 #include <functional>
 #include <memory>
 #include <source_location>
-
-#include <doctest/doctest.h>
-
-#include <QAbstractButton>
-#include <QAction>
 
 #include "shell/desktop/file_list.h"
 #include "shell/desktop/file_model.h"
@@ -28,9 +27,8 @@ template <typename TTest>
 int RunTest(int argc, char** argv) {
   doctest::Context context;
   context.setAsDefaultForAssertsOutOfTestCases();
-  context.setAssertHandler([](const doctest::AssertData& failed) {
-    QTest::qFail(failed.m_expr, failed.m_file, failed.m_line);
-  });
+  context.setAssertHandler(
+      [](const doctest::AssertData& failed) { QTest::qFail(failed.m_expr, failed.m_file, failed.m_line); });
   QApplication application(argc, argv);
   TTest test;
   return QTest::qExec(&test, argc, argv);

@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The whole road in the real window, on the offscreen platform.
+#include "window.h"
+
 #include <QCheckBox>
 #include <QComboBox>
+#include <QDateEdit>
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
@@ -20,7 +23,6 @@
 #include "shell/desktop/folder_tree.h"
 #include "shell/desktop/single_instance.h"
 #include "support/fat_builder.h"
-#include "window.h"
 
 using namespace brenlow;
 using namespace brenlow::desktop;
@@ -45,7 +47,8 @@ QByteArray Expected(const QString& wanted) {
       TFile& file = engine.Files().List[i];
       if (file.FileInfo.blnFolder) continue;
       QString path;
-      for (const TString& folder : link.GetFilePath(static_cast<int>(i))) path += QString::fromStdU16String(folder) + QLatin1Char('/');
+      for (const TString& folder : link.GetFilePath(static_cast<int>(i)))
+        path += QString::fromStdU16String(folder) + QLatin1Char('/');
       TByteDynArray bytes;
       GetFileData(engine, bytes, file, -1, 0, file.FileInfo.aSize);
       path += QString::fromStdU16String(TString(file.FileInfo.strName));
@@ -103,7 +106,8 @@ void TWindowTest::wholeRoad() {
   w.WaitFor([&] { return w.Find("TfrmFinish") != nullptr; });
   QVERIFY(w.Find<QLabel>("lblSummary")->text().contains(QStringLiteral("recovered")));
   w.Click("btnNext");
-  w.WaitFor([&] { return w.Find("TfRecoveryMaster") == nullptr && w.Main->Action(TAction::actMountImage)->isEnabled(); });
+  w.WaitFor(
+      [&] { return w.Find("TfRecoveryMaster") == nullptr && w.Main->Action(TAction::actMountImage)->isEnabled(); });
 
   // Every file on the target is what stands on the stick.
   const QString out = QString::fromStdString(w.Folder.Path() + "/out");
@@ -161,7 +165,25 @@ void TWindowTest::filtersAndSearch() {
   QTest::keyClicks(edit, QStringLiteral("*.png"));
   QTest::keyClick(edit, Qt::Key_Return);
   w.WaitFor([&] { return w.Main->State().ShowsSearch && w.Rows() > 0; });
-  for (const QString& name : w.Names()) QVERIFY2(name.endsWith(QStringLiteral(".png"), Qt::CaseInsensitive), qPrintable(name));
+  for (const QString& name : w.Names())
+    QVERIFY2(name.endsWith(QStringLiteral(".png"), Qt::CaseInsensitive), qPrintable(name));
+  // The same with everything that the form knows: only what is large enough and in time.
+  w.Trigger(TAction::actFindFile);
+  w.WaitFor([&] { return w.Find("TfFindFile") != nullptr; });
+  w.Find<QLineEdit>("edtFind")->setText(QStringLiteral("beach"));
+  w.Settings.Find.BySize = w.Settings.Find.ByDate = false;
+  w.Find<QCheckBox>("cbBySize")->setChecked(true);
+  w.Find<QComboBox>("cmbSizeType")->setCurrentIndex(3);
+  w.Find<QLineEdit>("edtSizeKB")->setText(QStringLiteral("8"));
+  w.Find<QCheckBox>("cbByDate")->setChecked(true);
+  w.Find<QComboBox>("cmbDateType")->setCurrentIndex(3);
+  w.Find<QDateEdit>("edtFrom")->setDate(QDate(2020, 8, 14));
+  w.Find<QDateEdit>("edtTo")->setDate(QDate(2020, 8, 14));
+  w.Find<QDialog>("TfFindFile")->accept();
+  const QStringList large{QStringLiteral("beach 3.png"), QStringLiteral("beach 4.png")};
+  w.WaitFor([&] { return w.Names() == large; });
+  QVERIFY(w.Settings.Find.BySize && w.Settings.Find.SizeSpecify == 8);
+
   const QString first = w.Names().front();
   w.Select({first});
   w.Trigger(TAction::actFoundFileLocation);

@@ -84,15 +84,15 @@ struct TProgram {
 TEST_CASE("which actions are on is a matter of state alone") {
   using enum TAction;
   // Whatever opens, changes or closes drives, or reads their files.
-  constexpr TAction touching[] = {actMaster,          actReopen,
-                                  actFoldersReopen,   actRecovery,
-                                  actFoldersRecovery, actRecoveryFromList,
-                                  actFindPartitions,  actFoldersFindPartitions,
-                                  actCreateImage,     actFoldersCreateImage,
-                                  actMountImage,      actFoldersMountImage,
-                                  actUnmountImage,    actCloseDisk,
+  constexpr TAction touching[] = {actMaster,           actReopen,
+                                  actFoldersReopen,    actRecovery,
+                                  actFoldersRecovery,  actRecoveryFromList,
+                                  actFindPartitions,   actFoldersFindPartitions,
+                                  actCreateImage,      actFoldersCreateImage,
+                                  actMountImage,       actFoldersMountImage,
+                                  actUnmountImage,     actCloseDisk,
                                   actFoldersCloseDisk, actCreateVirtualPartition,
-                                  actRefresh,         actAddCustomFolder};
+                                  actRefresh,          actAddCustomFolder};
   TShellState state;
   const TActions nothing = CheckActionsEnabled(state);
   for (const TAction action : {actMaster, actMountImage, actRefresh, actFilterDeleted, actSettings, actExit}) {
@@ -286,7 +286,9 @@ TEST_CASE("the order of the list") {
   std::vector<TString> down = names();
   CHECK(up != down);
   // Folders stay on top, and turn round among themselves.
-  const auto isFolder = [&](int n) { return bool{t.Engine.Files().List[static_cast<std::size_t>(n)].FileInfo.blnFolder}; };
+  const auto isFolder = [&](int n) {
+    return bool{t.Engine.Files().List[static_cast<std::size_t>(n)].FileInfo.blnFolder};
+  };
   CHECK(std::is_partitioned(t.Commands.ShownFiles().begin(), t.Commands.ShownFiles().end(), isFolder));
   CHECK(std::is_permutation(up.begin(), up.end(), down.begin(), down.end()));
   CHECK(t.Settings.FileList.SortRevers == 0);
@@ -294,4 +296,37 @@ TEST_CASE("the order of the list") {
   CHECK((t.Commands.Place().Sort == TSortOrder{TSortKey::Size, false}));
   t.Commands.SortByColumn(17);
   CHECK((t.Commands.Place().Sort.Key == TSortKey::Size));
+}
+
+TEST_CASE("a device that cannot be read is told of, not analysed") {
+  TProgram t;
+  std::string told;
+  t.Commands.OnComplaint = [&](const std::string& text) { told = text; };
+  TDriveInfo gone;
+  gone.Caption = u"gone";
+  gone.Drive = u"/no/such/device";
+  gone.SectorsCount = 1000;
+  gone.FileSystem = TFileSystem::fsNTFS;
+  const int drive = t.Engine.Drives().Add(gone, true);
+  CHECK_FALSE(t.Commands.Analyse(t.Engine.Folders().GetDriveRootNode(drive), false));
+  CHECK(told.find("/no/such/device") != std::string::npos);
+  CHECK((t.Engine.Drives().List[static_cast<std::size_t>(drive)].Analysed == TAnalyseInformation::aiNone));
+  told.clear();
+  t.Commands.RunMaster({drive, true, true, false, {}});
+  CHECK_FALSE(told.empty());
+  CHECK(t.Commands.Mount("/no/such/device") == drive);  // in the list already, whatever became of it
+}
+
+TEST_CASE("looking for new devices keeps what is there") {
+  TProgram t;
+  t.Commands.FillDrives();
+  const std::size_t system = t.Engine.Drives().List.size();
+  REQUIRE(t.Commands.Mount(t.User.Image) >= 0);
+  t.Commands.SelectNode(t.Engine.Folders().GetDriveRootNode(static_cast<int>(system)));
+  REQUIRE(t.Commands.Execute(TAction::actOpen));
+  const std::size_t shown = t.Commands.ShownFiles().size();
+  CHECK(shown > 3);
+  REQUIRE(t.Commands.Execute(TAction::actRefresh));
+  CHECK(t.Engine.Drives().List.size() == system + 1);
+  CHECK(t.Commands.ShownFiles().size() == shown);
 }

@@ -191,9 +191,8 @@ TEST_CASE("a window of values follows the engine") {
   const std::vector<TString> folders = t.Under(drive.Node);
   CHECK(std::count(folders.begin(), folders.end(), u"Documents") == 1);
   CHECK(std::count(folders.begin(), folders.end(), u"Deep analysis") == 1);
-  CHECK(std::is_sorted(folders.begin(), folders.end(), [](const TString& a, const TString& b) {
-    return LowerCase(a) < LowerCase(b);
-  }));
+  CHECK(std::is_sorted(folders.begin(), folders.end(),
+                       [](const TString& a, const TString& b) { return LowerCase(a) < LowerCase(b); }));
   // The first rows have come with the list; numbers of another generation give none.
   REQUIRE(t.Window.Place.Head.size() == t.Window.Place.Listing.Numbers->size());
   int answers = 0;

@@ -15,9 +15,9 @@ using namespace brenlow::test;
 
 TEST_CASE("natural order of names") {
   // Each comes before the next.
-  const TStringView ordered[] = {u"",       u"!",       u"1",         u"2",         u"10",        u"100000000000000000000",
-                                 u"a",      u"A1",      u"a2",        u"A10b",      u"a10c",      u"img_0009.jpg",
-                                 u"IMG_10", u"img_10a", u"img_11.jpg", u"imga",     u"z",         u"\u00E4",
+  const TStringView ordered[] = {u"",       u"!",       u"1",          u"2",    u"10",   u"100000000000000000000",
+                                 u"a",      u"A1",      u"a2",         u"A10b", u"a10c", u"img_0009.jpg",
+                                 u"IMG_10", u"img_10a", u"img_11.jpg", u"imga", u"z",    u"\u00E4",
                                  u"\u4E2D", u"\uFFFF"};
   for (std::size_t i = 0; i < std::size(ordered); ++i) {
     for (std::size_t j = 0; j < std::size(ordered); ++j) {
@@ -63,9 +63,12 @@ TEST_CASE("rows in every order, against a plain comparison") {
   for (int i = 0; i < 3000; ++i) {
     const TString name = (i % 3 == 0 ? u"DSC_" : u"DSC_A") + NumberText(static_cast<std::int64_t>(random() % 500)) +
                          (i % 5 == 0 ? u".jpg" : u".txt");
-    numbers.push_back(t.Add(name, static_cast<std::int64_t>(random() % 50), static_cast<double>(random() % 40), i % 7 == 0));
+    numbers.push_back(
+        t.Add(name, static_cast<std::int64_t>(random() % 50), static_cast<double>(random() % 40), i % 7 == 0));
   }
-  const auto info = [&](int n) -> const TFileInfo& { return t.Engine.Files().List[static_cast<std::size_t>(n)].FileInfo; };
+  const auto info = [&](int n) -> const TFileInfo& {
+    return t.Engine.Files().List[static_cast<std::size_t>(n)].FileInfo;
+  };
   const auto value = [&](TSortKey key, int n) -> double {
     if (key == TSortKey::Size) return static_cast<double>(info(n).aSize);
     return key == TSortKey::Modified ? info(n).TimeStamp.dtModified : 0;
@@ -125,7 +128,8 @@ TEST_CASE("finding files by name, size and date") {
   CHECK(find([](TFindOptions& o) { o.SmallestSize = 5000; }) == TIntegerDynArray{report, photo});
   CHECK(find([](TFindOptions& o) { o.LargestSize = 100; }) == TIntegerDynArray{reporter, hidden});
   CHECK(find([&](TFindOptions& o) { o.From = may + 1; }) == TIntegerDynArray{reporter});
-  CHECK(find([&](TFindOptions& o) { o.To = may; }) == TIntegerDynArray{report, photo, folder});  // unknown times fit none
+  CHECK(find([&](TFindOptions& o) { o.To = may; }) ==
+        TIntegerDynArray{report, photo, folder});  // unknown times fit none
   CHECK(find(text(u"report"), [&](TFindOptions& o) { o.Drive = t.Drive + 1; }).empty());
   // The worst pattern for a matcher that tries everything.
   const TString longName(200, u'a');

@@ -48,7 +48,9 @@ void TfrBanner::Show(TMessageKind kind, const QString& text, const QList<TBanner
   const bool isError = kind == TMessageKind::Error;
   const bool isWarning = kind == TMessageKind::Warning;
   QPalette colours = parentWidget()->palette();
-  const QColor tint = isError ? QColor(0xDA, 0x44, 0x53) : isWarning ? QColor(0xF6, 0x74, 0x00) : QColor(0x3D, 0xAE, 0xE9);
+  const QColor tint = isError     ? QColor(0xDA, 0x44, 0x53)
+                      : isWarning ? QColor(0xF6, 0x74, 0x00)
+                                  : QColor(0x3D, 0xAE, 0xE9);
   colours.setColor(QPalette::Window, Tinted(colours.color(QPalette::Window), tint));
   setPalette(colours);
   const char* icon = isError ? "dialog-error" : isWarning ? "dialog-warning" : "dialog-information";

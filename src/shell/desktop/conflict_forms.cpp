@@ -106,12 +106,10 @@ TfFileExists::TfFileExists(const TFileExistsQuestion& question, const TLanguage&
   lines->addRow(Caption(TText::ExistsPath), path);
   lines->addRow(Caption(TText::ExistsNewName), newName);
   Body()->addLayout(lines);
-  constexpr std::pair<TText, TRenameResult> choices[] = {{TText::ExistsReplace, TRenameResult::rrReplace},
-                                                         {TText::ExistsReplaceAll, TRenameResult::rrReplaceAll},
-                                                         {TText::ExistsSkip, TRenameResult::rrSkip},
-                                                         {TText::ExistsSkipAll, TRenameResult::rrSkipAll},
-                                                         {TText::ExistsRename, TRenameResult::rrRename},
-                                                         {TText::ExistsRenameAll, TRenameResult::rrRenameAll}};
+  constexpr std::pair<TText, TRenameResult> choices[] = {
+      {TText::ExistsReplace, TRenameResult::rrReplace}, {TText::ExistsReplaceAll, TRenameResult::rrReplaceAll},
+      {TText::ExistsSkip, TRenameResult::rrSkip},       {TText::ExistsSkipAll, TRenameResult::rrSkipAll},
+      {TText::ExistsRename, TRenameResult::rrRename},   {TText::ExistsRenameAll, TRenameResult::rrRenameAll}};
   auto* grid = new QGridLayout;
   int at = 0;
   for (const auto& [caption, result] : choices) {

@@ -8,9 +8,9 @@
 #include <QFormLayout>
 #include <QGroupBox>
 #include <QHBoxLayout>
+#include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
-#include <QLabel>
 #include <QPushButton>
 #include <QRadioButton>
 #include <QRegularExpression>
@@ -35,8 +35,7 @@ std::pair<TMessageKind, std::string> ResultText(const TLanguage& texts, const TI
                                                 const std::string& map) {
   if (result.SystemError == EINVAL) return {TMessageKind::Error, texts.Utf8(TText::ImageMapWrong, {map})};
   if (result.SystemError != 0) {
-    return {TMessageKind::Error,
-            texts.Utf8(TText::ErrorOf, {result.Path, SystemErrorText(texts, result.SystemError)})};
+    return {TMessageKind::Error, texts.Utf8(TText::ErrorOf, {result.Path, SystemErrorText(texts, result.SystemError)})};
   }
   if (result.Stopped) return {TMessageKind::Warning, texts.Utf8(TText::ImageStopped, {result.Path})};
   std::string text = texts.Utf8(TText::ImageWritten, {result.Path, SizeText(size)});

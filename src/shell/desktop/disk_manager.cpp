@@ -29,9 +29,7 @@ QColor ColourOf(const TDriveSnapshot& drive) {
   return {0x8E, 0x5B, 0xC2};
 }
 
-bool IsWhole(const TDriveSnapshot& drive) {
-  return drive.IsPhysical || drive.Kind == TEntryKind::Image;
-}
+bool IsWhole(const TDriveSnapshot& drive) { return drive.IsPhysical || drive.Kind == TEntryKind::Image; }
 
 }  // namespace
 
@@ -59,9 +57,8 @@ void TfrDiskManager::Show(const std::vector<TDriveSnapshot>& drives) {
     }
   }
   for (TDisk& disk : FDisks) {
-    std::stable_sort(disk.Parts.begin(), disk.Parts.end(), [](const TDriveSnapshot& a, const TDriveSnapshot& b) {
-      return a.FirstSector < b.FirstSector;
-    });
+    std::stable_sort(disk.Parts.begin(), disk.Parts.end(),
+                     [](const TDriveSnapshot& a, const TDriveSnapshot& b) { return a.FirstSector < b.FirstSector; });
   }
   if (Find(FCurrent) == nullptr) FCurrent = -1;
   Lay();
@@ -133,8 +130,9 @@ void TfrDiskManager::PaintBox(QPainter& painter, const TBox& box, const TDriveSn
       QColor used = ColourOf(drive);
       used.setAlpha(40);
       const double share = 1 - static_cast<double>(drive.FreeSize) / static_cast<double>(drive.Size());
-      painter.fillRect(QRect(inner.left() + 1, inner.top() + 9, static_cast<int>((inner.width() - 2) * share),
-                             inner.height() - 10), used);
+      painter.fillRect(
+          QRect(inner.left() + 1, inner.top() + 9, static_cast<int>((inner.width() - 2) * share), inner.height() - 10),
+          used);
     }
     inner.adjust(6, 12, -4, -4);
   }

@@ -65,16 +65,8 @@ TfrFileList::TfrFileList(TDesk& desk, const TLanguage& texts, TSettings& setting
   column->addStretch(3);
   FStack->addWidget(FEmpty);
 
-  Connect(FTable);
-  Connect(FGrid);
-  connect(FTable, &TFileTable::Activated, this, [this](const QModelIndex& index) {
-    if (const TFileRow* row = FModel->RowAt(index.row()); row != nullptr) Q_EMIT Activated(*row);
-  });
-  connect(FGrid, &TFileGrid::Activated, this, [this](const QModelIndex& index) {
-    if (const TFileRow* row = FModel->RowAt(index.row()); row != nullptr) Q_EMIT Activated(*row);
-  });
-  connect(FTable, &TFileTable::LookedFor, this, &TfrFileList::LookFor);
-  connect(FGrid, &TFileGrid::LookedFor, this, &TfrFileList::LookFor);
+  Connect(*FTable);
+  Connect(*FGrid);
   connect(FTable->horizontalHeader(), &QHeaderView::sectionClicked, this, &TfrFileList::SortBy);
   connect(FTable->selectionModel(), &QItemSelectionModel::selectionChanged, this, [this] { FSelectionTimer.start(); });
   connect(FTable->selectionModel(), &QItemSelectionModel::currentRowChanged, this, &TfrFileList::CurrentChanged);
@@ -101,10 +93,14 @@ TfrFileList::TfrFileList(TDesk& desk, const TLanguage& texts, TSettings& setting
   Outdate();
 }
 
-void TfrFileList::Connect(QAbstractItemView* view) {
-  connect(view, &QWidget::customContextMenuRequested, this, [this, view](const QPoint& at) {
-    Q_EMIT ContextMenuWanted(view->viewport()->mapToGlobal(at));
-  });
+template <typename TView>
+void TfrFileList::Connect(TView& view) {
+  connect(&view, &QWidget::customContextMenuRequested, this,
+          [this, &view](const QPoint& at) { Q_EMIT ContextMenuWanted(view.viewport()->mapToGlobal(at)); });
+  view.OnLookedFor = [this](const QString& start) { LookFor(start); };
+  view.OnActivated = [this](const QModelIndex& index) {
+    if (const TFileRow* row = FModel->RowAt(index.row()); row != nullptr) Q_EMIT Activated(*row);
+  };
 }
 
 QAbstractItemView* TfrFileList::View() const {
@@ -180,15 +176,15 @@ void TfrFileList::UpdateEmpty() {
     ShowEmpty(text(TText::EmptyScanning), text(TText::EmptyScanningHint), {TAction::actStopAnalyse});
   } else if (FPlace->Hidden > 0) {
     ShowEmpty(CountText(FTexts, TText::EmptyFilteredOne, TText::EmptyFilteredMany, FPlace->Hidden),
-              text(TText::EmptyFilteredHint), {TAction::actFilterAllFiles, TAction::actFilterExisting,
-                                               TAction::actFilterDeleted});
+              text(TText::EmptyFilteredHint),
+              {TAction::actFilterAllFiles, TAction::actFilterExisting, TAction::actFilterDeleted});
   } else if (FDrive != nullptr && FPlace->IsDriveRoot && FDrive->Analysed == TAnalyseInformation::aiNone &&
              FDrive->DeepAnalysed == TAnalyseInformation::aiNone) {
-    const QString hint = FDrive->CanBeAnalysed || FDrive->IsPhysical ? text(TText::EmptyDriveHint)
-                                                                     : text(TText::EmptyUnknownDriveHint);
-    ShowEmpty(ToQt(FDrive->Caption), hint,
-              {TAction::actOpen, TAction::actMaster, TAction::actFoldersFindPartitions,
-               TAction::actFoldersCreateImage});
+    const QString hint =
+        FDrive->CanBeAnalysed || FDrive->IsPhysical ? text(TText::EmptyDriveHint) : text(TText::EmptyUnknownDriveHint);
+    ShowEmpty(
+        ToQt(FDrive->Caption), hint,
+        {TAction::actOpen, TAction::actMaster, TAction::actFoldersFindPartitions, TAction::actFoldersCreateImage});
   } else if (FDrive != nullptr && FPlace->IsDeepFolder && FDrive->DeepAnalysed == TAnalyseInformation::aiNone) {
     ShowEmpty(text(TText::EmptyDeep), text(TText::EmptyDeepHint), {TAction::actOpen});
   } else if (FDrive != nullptr && FPlace->IsDriveRoot) {
@@ -232,11 +228,12 @@ void TfrFileList::ShowEmpty(const QString& title, const QString& text, std::init
 // ---- styles and columns ---------------------------------------------------------------------
 
 int& TfrFileList::StyleSetting() const {
-  return FPlace->Category == TViewCategory::vcDrives ? FSettings.FileListDisks.ViewStyle
-                                                     : FSettings.FileList.ViewStyle;
+  return FPlace->Category == TViewCategory::vcDrives ? FSettings.FileListDisks.ViewStyle : FSettings.FileList.ViewStyle;
 }
 
-TViewStyle TfrFileList::ViewStyle() const { return static_cast<TViewStyle>(std::clamp(StyleSetting(), 0, ViewStyleCount - 1)); }
+TViewStyle TfrFileList::ViewStyle() const {
+  return static_cast<TViewStyle>(std::clamp(StyleSetting(), 0, ViewStyleCount - 1));
+}
 
 void TfrFileList::SetViewStyle(TViewStyle style) {
   StyleSetting() = static_cast<int>(style);

@@ -61,7 +61,8 @@ class TfrFileList final : public QWidget {
   void ContextMenuWanted(const QPoint& global);
 
  private:
-  void Connect(QAbstractItemView* view);
+  template <typename TView>
+  void Connect(TView& view);
   void LookFor(const QString& start);
   void SortBy(int column);
   void ApplyColumns();

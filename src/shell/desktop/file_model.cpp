@@ -268,8 +268,8 @@ QVariant TFileModel::headerData(int section, Qt::Orientation orientation, int ro
     return QVariant((IsSizeColumn(section) ? Qt::AlignRight : Qt::AlignLeft) | Qt::AlignVCenter);
   }
   if (role != Qt::DisplayRole) return {};
-  constexpr TText files[] = {TText::MenuSortByName,     TText::MenuSortByType,    TText::MenuSortBySize,
-                             TText::MenuSortByStatus,   TText::MenuSortByModified, TText::MenuSortByCreated,
+  constexpr TText files[] = {TText::MenuSortByName,   TText::MenuSortByType,     TText::MenuSortBySize,
+                             TText::MenuSortByStatus, TText::MenuSortByModified, TText::MenuSortByCreated,
                              TText::ColumnLocation};
   constexpr TText drives[] = {TText::MenuSortByName, TText::MenuSortByType, TText::MenuSortBySize,
                               TText::MenuSortByFreeSize, TText::MenuSortByFileSystem};

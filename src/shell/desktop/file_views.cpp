@@ -4,7 +4,6 @@
 #include <QApplication>
 #include <QDateTime>
 #include <QHeaderView>
-#include <QKeyEvent>
 #include <QMouseEvent>
 #include <QPainter>
 #include <QProxyStyle>
@@ -19,8 +18,6 @@ namespace {
 
 constexpr int Margin = 6;
 constexpr int BarHeight = 8;
-
-bool IsEnter(const QKeyEvent& event) { return event.key() == Qt::Key_Return || event.key() == Qt::Key_Enter; }
 
 const TFileRow* RowOf(const QModelIndex& index) {
   const auto* model = qobject_cast<const TFileModel*>(index.model());
@@ -76,18 +73,13 @@ QString TTypeAhead::Add(const QString& typed) {
 
 // ---- table ----------------------------------------------------------------------------------
 
-TFileTable::TFileTable(QWidget* parent) : QTableView(parent) {
+TFileTable::TFileTable(QWidget* parent) : TFileView(parent) {
   setObjectName(QStringLiteral("lvFiles"));
   setShowGrid(false);
   setAlternatingRowColors(true);
   setSelectionBehavior(SelectRows);
-  setSelectionMode(ExtendedSelection);
-  setEditTriggers(NoEditTriggers);
-  setDragEnabled(true);
-  setDragDropMode(DragOnly);
   setTabKeyNavigation(false);
   setWordWrap(false);
-  setContextMenuPolicy(Qt::CustomContextMenu);
   UseBoxStyle(this);
   verticalHeader()->hide();
   verticalHeader()->setSectionResizeMode(QHeaderView::Fixed);
@@ -96,50 +88,23 @@ TFileTable::TFileTable(QWidget* parent) : QTableView(parent) {
   horizontalHeader()->setSectionsMovable(true);
   horizontalHeader()->setStretchLastSection(true);
   horizontalHeader()->setSectionsClickable(true);
-  connect(this, &QTableView::doubleClicked, this, &TFileTable::Activated);
-}
-
-void TFileTable::keyboardSearch(const QString& search) { Q_EMIT LookedFor(FTypeAhead.Add(search)); }
-
-void TFileTable::keyPressEvent(QKeyEvent* event) {
-  if (IsEnter(*event) && currentIndex().isValid()) {
-    Q_EMIT Activated(currentIndex());
-    return;
-  }
-  QTableView::keyPressEvent(event);
 }
 
 // ---- grid -----------------------------------------------------------------------------------
 
-TFileGrid::TFileGrid(QWidget* parent) : QListView(parent) {
+TFileGrid::TFileGrid(QWidget* parent) : TFileView(parent) {
   setObjectName(QStringLiteral("lvGrid"));
-  setSelectionMode(ExtendedSelection);
-  setEditTriggers(NoEditTriggers);
-  setDragEnabled(true);
-  setDragDropMode(DragOnly);
   setUniformItemSizes(true);
   setResizeMode(Adjust);
   setWrapping(true);
-  setContextMenuPolicy(Qt::CustomContextMenu);
   UseBoxStyle(this);
   setItemDelegate(new TFileDelegate(this));
-  connect(this, &QListView::doubleClicked, this, &TFileGrid::Activated);
 }
 
 void TFileGrid::SetStyle(TViewStyle style) {
   static_cast<TFileDelegate*>(itemDelegate())->SetStyle(style);
   setFlow(style == TViewStyle::List ? TopToBottom : LeftToRight);
   scheduleDelayedItemsLayout();
-}
-
-void TFileGrid::keyboardSearch(const QString& search) { Q_EMIT LookedFor(FTypeAhead.Add(search)); }
-
-void TFileGrid::keyPressEvent(QKeyEvent* event) {
-  if (IsEnter(*event) && currentIndex().isValid()) {
-    Q_EMIT Activated(currentIndex());
-    return;
-  }
-  QListView::keyPressEvent(event);
 }
 
 // ---- cells ----------------------------------------------------------------------------------
@@ -193,8 +158,9 @@ void TFileDelegate::paint(QPainter* painter, const QStyleOptionViewItem& given, 
   const bool selected = (option.state & QStyle::State_Selected) != 0;
   const bool above = FStyle == TViewStyle::LargeIcons || FStyle == TViewStyle::Icons;
   const int boxRoom = check.isValid() && FStyle == TViewStyle::List ? BoxRect(cell).width() + Margin : 0;
-  const QRect iconRect = above ? QRect(cell.left() + (cell.width() - side) / 2, cell.top() + Margin, side, side)
-                               : QRect(cell.left() + Margin + boxRoom, cell.top() + (cell.height() - side) / 2, side, side);
+  const QRect iconRect =
+      above ? QRect(cell.left() + (cell.width() - side) / 2, cell.top() + Margin, side, side)
+            : QRect(cell.left() + Margin + boxRoom, cell.top() + (cell.height() - side) / 2, side, side);
   icon.paint(painter, iconRect, Qt::AlignCenter, selected && side <= 22 ? QIcon::Selected : QIcon::Normal);
   if (check.isValid()) {
     QStyleOptionViewItem box = option;

@@ -2,9 +2,11 @@
 // The two views of a file list: a table with columns, and entries side by side.
 #pragma once
 
+#include <QKeyEvent>
 #include <QListView>
 #include <QStyledItemDelegate>
 #include <QTableView>
+#include <functional>
 
 namespace brenlow::desktop {
 
@@ -25,40 +27,52 @@ class TTypeAhead {
   qint64 FLast = 0;  // milliseconds
 };
 
-class TFileTable final : public QTableView {
-  Q_OBJECT
+/// What both views do beyond their look.
+template <typename TView>
+class TFileView : public TView {
  public:
-  explicit TFileTable(QWidget* parent);
-  void keyboardSearch(const QString& search) override;
+  explicit TFileView(QWidget* parent) : TView(parent) {
+    this->setSelectionMode(TView::ExtendedSelection);
+    this->setEditTriggers(TView::NoEditTriggers);
+    this->setDragEnabled(true);
+    this->setDragDropMode(TView::DragOnly);
+    this->setContextMenuPolicy(Qt::CustomContextMenu);
+    QObject::connect(this, &TView::doubleClicked, this, [this](const QModelIndex& index) { Activate(index); });
+  }
+  std::function<void(const QString& start)> OnLookedFor;
+  std::function<void(const QModelIndex&)> OnActivated;  ///< double click or Enter
 
- Q_SIGNALS:
-  void LookedFor(const QString& start);
-  void Activated(const QModelIndex& index);
+  void keyboardSearch(const QString& search) override {
+    if (OnLookedFor) OnLookedFor(FTypeAhead.Add(search));
+  }
 
  protected:
-  void keyPressEvent(QKeyEvent* event) override;
+  void keyPressEvent(QKeyEvent* event) override {
+    const bool isEnter = event->key() == Qt::Key_Return || event->key() == Qt::Key_Enter;
+    if (isEnter && this->currentIndex().isValid()) {
+      Activate(this->currentIndex());
+    } else {
+      TView::keyPressEvent(event);
+    }
+  }
 
  private:
+  void Activate(const QModelIndex& index) {
+    if (OnActivated) OnActivated(index);
+  }
   TTypeAhead FTypeAhead;
 };
 
+class TFileTable final : public TFileView<QTableView> {
+ public:
+  explicit TFileTable(QWidget* parent);
+};
+
 /// Lists of millions of rows are laid out in rows of equal cells, which costs next to nothing.
-class TFileGrid final : public QListView {
-  Q_OBJECT
+class TFileGrid final : public TFileView<QListView> {
  public:
   explicit TFileGrid(QWidget* parent);
   void SetStyle(TViewStyle style);
-  void keyboardSearch(const QString& search) override;
-
- Q_SIGNALS:
-  void LookedFor(const QString& start);
-  void Activated(const QModelIndex& index);
-
- protected:
-  void keyPressEvent(QKeyEvent* event) override;
-
- private:
-  TTypeAhead FTypeAhead;
 };
 
 /// Draws the cells of `TFileGrid`.

@@ -85,12 +85,15 @@ TfFindFile::TfFindFile(TDesk& desk, const TLanguage& texts, TSettings& settings,
 void TfFindFile::AddSizeLine(QFormLayout& lines) {
   const TSettings::TFind& find = FSettings.Find;
   FBySize = new QCheckBox(Caption(TText::MenuSortBySize), this);
+  FBySize->setObjectName(QStringLiteral("cbBySize"));
   FSizeType = new QComboBox(this);
+  FSizeType->setObjectName(QStringLiteral("cmbSizeType"));
   FSizeType->addItems({Caption(TText::FindSmall), Caption(TText::FindMedium), Caption(TText::FindLarge),
                        Caption(TText::FindSpecifySize)});
   FSizeAtLeast = new QComboBox(this);
   FSizeAtLeast->addItems({Caption(TText::FindAtLeast), Caption(TText::FindAtMost)});
   FSizeKB = new QLineEdit(QString::number(find.SizeSpecify), this);
+  FSizeKB->setObjectName(QStringLiteral("edtSizeKB"));
   FSizeKB->setValidator(new QRegularExpressionValidator(QRegularExpression(QStringLiteral("[0-9]{1,9}")), FSizeKB));
   auto* row = new QHBoxLayout;
   row->addWidget(FSizeType);
@@ -116,13 +119,17 @@ void TfFindFile::AddSizeLine(QFormLayout& lines) {
 void TfFindFile::AddDateLine(QFormLayout& lines) {
   const TSettings::TFind& find = FSettings.Find;
   FByDate = new QCheckBox(Caption(TText::FindDate), this);
+  FByDate->setObjectName(QStringLiteral("cbByDate"));
   FDateKind = new QComboBox(this);
   FDateKind->addItems({Caption(TText::MenuSortByModified), Caption(TText::MenuSortByCreated)});
   FDateType = new QComboBox(this);
+  FDateType->setObjectName(QStringLiteral("cmbDateType"));
   FDateType->addItems({Caption(TText::FindLastWeek), Caption(TText::FindLastMonth), Caption(TText::FindLastYear),
                        Caption(TText::FindSpecifyDates)});
   FFrom = new QDateEdit(QDate::currentDate().addMonths(-1), this);
+  FFrom->setObjectName(QStringLiteral("edtFrom"));
   FTo = new QDateEdit(QDate::currentDate(), this);
+  FTo->setObjectName(QStringLiteral("edtTo"));
   for (QDateEdit* edit : {FFrom, FTo}) edit->setCalendarPopup(true);
   auto* row = new QHBoxLayout;
   row->addWidget(FDateKind);

@@ -154,11 +154,13 @@ void TfFindPartitions::Search() {
     if (chosen.Empty()) chosen = {TPartRecSystem::NTFS, TPartRecSystem::FAT};
     FDesk.Do([&desk = FDesk, drive, chosen, self](TCommands& commands) {
       commands.ScanForPartitions(drive, chosen);
-      desk.ForDrives([self](const std::vector<TDriveSnapshot>& found) {
-        if (self == nullptr) return;
-        for (const TDriveSnapshot& volume : found) self->AddFound(volume);
-        self->Finished();
-      }, drive);
+      desk.ForDrives(
+          [self](const std::vector<TDriveSnapshot>& found) {
+            if (self == nullptr) return;
+            for (const TDriveSnapshot& volume : found) self->AddFound(volume);
+            self->Finished();
+          },
+          drive);
     });
     return;
   }

@@ -17,7 +17,10 @@ TfAbout::TfAbout(const TLanguage& texts, QWidget* parent) : TForm("TfAbout", TTe
   auto* icon = new QLabel(this);
   icon->setPixmap(Icon("drive-harddisk").pixmap(64));
   icon->setAlignment(Qt::AlignHCenter);
-  auto* text = new QLabel(QStringLiteral("<h3>Brenlow Partition Recovery 4.0</h3>") + Caption(TText::AboutText).toHtmlEscaped().replace(QLatin1Char('\n'), QStringLiteral("<br>")), this);
+  auto* text =
+      new QLabel(QStringLiteral("<h3>Brenlow Partition Recovery 4.0</h3>") +
+                     Caption(TText::AboutText).toHtmlEscaped().replace(QLatin1Char('\n'), QStringLiteral("<br>")),
+                 this);
   text->setTextFormat(Qt::RichText);
   text->setAlignment(Qt::AlignHCenter);
   text->setWordWrap(true);

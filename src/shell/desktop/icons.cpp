@@ -50,12 +50,8 @@ class TSvgEngine final : public QIconEngine {
   }
   QPixmap scaledPixmap(const QSize& size, QIcon::Mode mode, QIcon::State, qreal) override {
     const QPalette palette = QApplication::palette();
-    const QString key = QStringLiteral("%1/%2/%3/%4/%5")
-                            .arg(FName)
-                            .arg(size.height())
-                            .arg(mode)
-                            .arg(FDeleted)
-                            .arg(palette.cacheKey());
+    const QString key =
+        QStringLiteral("%1/%2/%3/%4/%5").arg(FName).arg(size.height()).arg(mode).arg(FDeleted).arg(palette.cacheKey());
     QPixmap pixmap;
     if (QPixmapCache::find(key, &pixmap)) return pixmap;
     pixmap = Draw(size, mode, palette);

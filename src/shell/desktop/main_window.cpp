@@ -31,8 +31,8 @@
 namespace brenlow::desktop {
 namespace {
 
-constexpr int DeviceLook = 2000;   // milliseconds between two looks at the system's devices
-constexpr int DeviceDelay = 700;   // a stick that was put in needs a moment
+constexpr int DeviceLook = 2000;  // milliseconds between two looks at the system's devices
+constexpr int DeviceDelay = 700;  // a stick that was put in needs a moment
 constexpr auto MountPrefix = "dsk_file ";
 constexpr auto DrivePrefix = "path_";
 
@@ -198,8 +198,8 @@ void TfMain::PlaceChanged(const TPlaceSnapshot& place) {
   const bool isDrives = place.Category == TViewCategory::vcDrives;
   (isDrives ? disks.SortIndex : files.SortIndex) = place.SortColumn;
   (isDrives ? disks.SortRevers : files.SortRevers) = place.Sort.Descending ? 0 : 1;
-  constexpr TAction keys[] = {TAction::actSortByName,   TAction::actSortByType,     TAction::actSortBySize,
-                              TAction::actSortByStatus, TAction::actSortByModified, TAction::actSortByCreated,
+  constexpr TAction keys[] = {TAction::actSortByName,     TAction::actSortByType,      TAction::actSortBySize,
+                              TAction::actSortByStatus,   TAction::actSortByModified,  TAction::actSortByCreated,
                               TAction::actSortByFreeSize, TAction::actSortByFileSystem};
   for (std::size_t i = 0; i < std::size(keys); ++i) {
     Action(keys[i])->setChecked(static_cast<std::size_t>(place.Sort.Key) == i);
@@ -312,7 +312,8 @@ void TfMain::AskYesNo(const std::string& question, std::function<void(bool)> ans
   box->setDefaultButton(box->addButton(Text(FLanguage, TText::ButtonNo), QMessageBox::NoRole));
   box->setAttribute(Qt::WA_DeleteOnClose);
   box->setWindowModality(Qt::WindowModal);
-  connect(box, &QDialog::finished, box, [box, yes, answer = std::move(answer)] { answer(box->clickedButton() == yes); });
+  connect(box, &QDialog::finished, box,
+          [box, yes, answer = std::move(answer)] { answer(box->clickedButton() == yes); });
   box->open();
 }
 

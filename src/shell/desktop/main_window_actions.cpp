@@ -291,9 +291,10 @@ void TfMain::ShowContextMenu(const QPoint& at, bool ofTree) {
   } else {
     FFileList->SendSelection();
   }
-  FDesk->Fetch<bool>([](TEngine&, TCommands&) { return true; }, [self = QPointer<TfMain>(this), at, ofTree](bool) {
-    if (self != nullptr) self->PopUpContextMenu(at, ofTree);
-  });
+  FDesk->Fetch<bool>([](TEngine&, TCommands&) { return true; },
+                     [self = QPointer<TfMain>(this), at, ofTree](bool) {
+                       if (self != nullptr) self->PopUpContextMenu(at, ofTree);
+                     });
 }
 
 void TfMain::PopUpContextMenu(const QPoint& at, bool ofTree) {

@@ -189,9 +189,8 @@ void TfMain::CreateFrames() {
   setStatusBar(FStatusBar);
 
   connect(TfrTabControl, &QTabBar::currentChanged, FPages, &QStackedWidget::setCurrentIndex);
-  for (const TAction action : {actOpen, actMaster, actFoldersFindPartitions, actFoldersCreateImage,
-                               actMountImage, actStopAnalyse, actFindFile, actFilterAllFiles, actFilterExisting,
-                               actFilterDeleted}) {
+  for (const TAction action : {actOpen, actMaster, actFoldersFindPartitions, actFoldersCreateImage, actMountImage,
+                               actStopAnalyse, actFindFile, actFilterAllFiles, actFilterExisting, actFilterDeleted}) {
     FFileList->SetAction(action, Action(action));
   }
   connect(tvFolders, &TtvFolders::NodeSelected, this, [this](std::uint32_t node) { FDesk->SelectNode(node); });
@@ -201,12 +200,10 @@ void TfMain::CreateFrames() {
           [this](const QPoint& at) { ShowContextMenu(tvFolders->viewport()->mapToGlobal(at), true); });
   connect(FFileList, &TfrFileList::ContextMenuWanted, this, [this](const QPoint& at) { ShowContextMenu(at, false); });
   connect(FFileList, &TfrFileList::CurrentChanged, this, [this] { ShowDetails(); });
-  connect(FFileList, &TfrFileList::Activated, this, [this](const TFileRow& row) {
-    Perform(row.Kind == TEntryKind::File ? actProperties : actOpen);
-  });
-  connect(FDiskManager, &TfrDiskManager::DriveSelected, this, [this](int drive) {
-    FDesk->Ask([drive](TCommands& commands) { commands.ShowDrive(drive); });
-  });
+  connect(FFileList, &TfrFileList::Activated, this,
+          [this](const TFileRow& row) { Perform(row.Kind == TEntryKind::File ? actProperties : actOpen); });
+  connect(FDiskManager, &TfrDiskManager::DriveSelected, this,
+          [this](int drive) { FDesk->Ask([drive](TCommands& commands) { commands.ShowDrive(drive); }); });
   connect(FDiskManager, &TfrDiskManager::DriveActivated, this, [this](int drive) {
     TfrTabControl->setCurrentIndex(0);
     FDesk->OpenDrive(drive);

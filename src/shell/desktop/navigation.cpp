@@ -56,7 +56,8 @@ void TfrNavigation::ChangeLanguage() {
   name(FUp, TText::GoUp);
 }
 
-TfrBreadcrumbs::TfrBreadcrumbs(TDesk& desk, QWidget* parent) : QWidget(parent), FDesk(desk), FLayout(new QHBoxLayout(this)) {
+TfrBreadcrumbs::TfrBreadcrumbs(TDesk& desk, QWidget* parent)
+    : QWidget(parent), FDesk(desk), FLayout(new QHBoxLayout(this)) {
   setObjectName(QStringLiteral("TfrBreadcrumbs"));
   FLayout->setContentsMargins(0, 0, 0, 0);
   FLayout->setSpacing(0);
@@ -75,7 +76,8 @@ void TfrBreadcrumbs::Show(const TPlaceSnapshot& place) {
     QString caption = ToQt(FCrumbs[i]);
     step->setToolTip(caption);
     if (caption.size() > LongestCrumb) caption = caption.left(LongestCrumb - 1) + QStringLiteral("…");
-    step->setText((i == 0 ? QString() : QStringLiteral("› ")) + caption.replace(QLatin1Char('&'), QStringLiteral("&&")));
+    step->setText((i == 0 ? QString() : QStringLiteral("› ")) +
+                  caption.replace(QLatin1Char('&'), QStringLiteral("&&")));
     step->setToolButtonStyle(i == 0 ? Qt::ToolButtonTextBesideIcon : Qt::ToolButtonTextOnly);
     if (i == 0) step->setIcon(Icon("computer"));
     connect(step, &QToolButton::clicked, this,

@@ -44,7 +44,8 @@ TfProperties::TfProperties(const TProperties& properties, const TLanguage& texts
     auto* list = new QTreeWidget(page);
     list->setObjectName(QStringLiteral("lvStreams"));
     list->setRootIsDecorated(false);
-    list->setHeaderLabels({Caption(TText::MenuSortByName), Caption(TText::MenuSortByType), Caption(TText::MenuSortBySize)});
+    list->setHeaderLabels(
+        {Caption(TText::MenuSortByName), Caption(TText::MenuSortByType), Caption(TText::MenuSortBySize)});
     auto* system = new QCheckBox(Caption(TText::PropertySystemAttributes), page);
     for (const TProperties::TStream& stream : properties.Streams) {
       auto* item = new QTreeWidgetItem(list, {ToQt(stream.Name), ToQt(stream.Type), SizeOrNothing(stream.Size)});

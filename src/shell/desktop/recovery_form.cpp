@@ -87,7 +87,8 @@ QWidget* TRecoveryMasterForm::MakeOptionsPage() {
   FSymbol = new QLineEdit(page);
   FSymbol->setMaxLength(1);
   FSymbol->setMaximumWidth(40);
-  FSymbol->setValidator(new QRegularExpressionValidator(QRegularExpression(QStringLiteral("[^\\\\/:*?\"<>|]")), FSymbol));
+  FSymbol->setValidator(
+      new QRegularExpressionValidator(QRegularExpression(QStringLiteral("[^\\\\/:*?\"<>|]")), FSymbol));
   FRequired = new QLabel(page);
   FAvailable = new QLabel(page);
   FError = new QLabel(page);
@@ -214,9 +215,11 @@ void TRecoveryMasterForm::ShowProgress(const TRecoveryProgress& progress) {
     FFile->setText(FFile->fontMetrics().elidedText(ToQt(progress.Name), Qt::ElideMiddle, FPages->width() - 24));
   }
   FBar->setValue(static_cast<int>(progress.Ratio * BarSteps));
-  QString text = Caption(TText::ProgressRecoveredOf, {ToQt(SizeText(progress.Bytes)), ToQt(SizeText(progress.Total)),
-                                                      CountText(Texts(), TText::FilesOne, TText::FilesMany, progress.Files)});
-  if (const std::string rate = RateText(progress.Bytes, seconds); !rate.empty()) text += QStringLiteral(", ") + ToQt(rate);
+  QString text =
+      Caption(TText::ProgressRecoveredOf, {ToQt(SizeText(progress.Bytes)), ToQt(SizeText(progress.Total)),
+                                           CountText(Texts(), TText::FilesOne, TText::FilesMany, progress.Files)});
+  if (const std::string rate = RateText(progress.Bytes, seconds); !rate.empty())
+    text += QStringLiteral(", ") + ToQt(rate);
   if (const double left = SecondsLeft(progress.Ratio, seconds); left >= 0) {
     text += QStringLiteral(", ") + Caption(TText::TimeLeft, {ToQt(DurationText(left))});
   }
@@ -225,8 +228,9 @@ void TRecoveryMasterForm::ShowProgress(const TRecoveryProgress& progress) {
 
 void TRecoveryMasterForm::ShowSummary(const TRecoverySummary& summary) {
   QStringList lines;
-  lines << Caption(summary.Stopped ? TText::FinishStopped : TText::FinishDone,
-                   {CountText(Texts(), TText::FilesOne, TText::FilesMany, summary.Whole), ToQt(SizeText(summary.Bytes))});
+  lines << Caption(
+      summary.Stopped ? TText::FinishStopped : TText::FinishDone,
+      {CountText(Texts(), TText::FilesOne, TText::FilesMany, summary.Whole), ToQt(SizeText(summary.Bytes))});
   const auto add = [&](std::int64_t count, TText text) {
     if (count > 0) lines << Caption(text, {Number(count)});
   };
@@ -293,9 +297,9 @@ void TRecoveryMasterForm::UpdateButtons() {
   const bool finished = FPage == TfRecoveryMaster::Finish;
   FNext->setVisible(!runs);
   FCancel->setVisible(!finished);
-  FNext->setText(Caption(finished                                  ? TText::ButtonClose
+  FNext->setText(Caption(finished                                 ? TText::ButtonClose
                          : FPage == TfRecoveryMaster::SaveOptions ? TText::MenuRecovery
-                                                                   : TText::ButtonNext));
+                                                                  : TText::ButtonNext));
   FCancel->setText(Caption(runs ? TText::ButtonStop : TText::ButtonCancel));
   FNext->setEnabled(FPage != TfRecoveryMaster::SaveOptions || FPath->text().startsWith(QLatin1Char('/')));
 }

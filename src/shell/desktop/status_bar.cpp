@@ -14,7 +14,7 @@
 namespace brenlow::desktop {
 namespace {
 
-constexpr int TickInterval = 250;    // milliseconds
+constexpr int TickInterval = 250;     // milliseconds
 constexpr qint64 SilenceTime = 1500;  // of the engine, after which the user is told that the device keeps it waiting
 constexpr qint64 BusyTime = 500;
 constexpr int BarSteps = 1000;

@@ -17,7 +17,9 @@ TString FromQt(const QString& text) { return text.toStdU16String(); }
 
 std::string PathFromQt(const QString& path) { return path.toLocal8Bit().toStdString(); }
 
-QString PathToQt(const std::string& path) { return QString::fromLocal8Bit(path.data(), static_cast<qsizetype>(path.size())); }
+QString PathToQt(const std::string& path) {
+  return QString::fromLocal8Bit(path.data(), static_cast<qsizetype>(path.size()));
+}
 
 QString Text(const TLanguage& language, TText text, std::initializer_list<QString> arguments) {
   std::vector<TString> texts;
