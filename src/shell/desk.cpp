@@ -266,9 +266,11 @@ void TDesk::Pumped() {
     FEngine.Recovering = false;
     return;
   }
-  FHost.ServeQuestions();
-  Refresh();
-  Flush();
+  // Guarded here, so that a list that finds no room ends no scan.
+  Run([this] {
+    FHost.ServeQuestions();
+    Refresh();
+  });
 }
 
 /// Shows what the running scan has brought, unless that would slow it down.

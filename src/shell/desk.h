@@ -161,6 +161,7 @@ class TDesk final {
   class TQuestions;
   template <typename TAnswer>
   TAnswer AskWindow(TAnswer fallback, std::function<void(IDeskView&, std::function<void(TAnswer)>)> ask);
+
   IDeskView& FView;
   std::function<void(TJob)> FPost;
   TSettings FSettings;  // the engine's own copy

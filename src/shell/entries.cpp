@@ -14,7 +14,7 @@
 namespace brenlow {
 namespace {
 
-const TFile& FileOf(TEngine& engine, int number) { return engine.Files().List[static_cast<std::size_t>(number)]; }
+TFile& FileOf(TEngine& engine, int number) { return engine.Files().List[static_cast<std::size_t>(number)]; }
 
 /// The drive that a row of the tree stands for; null for files and folders.
 const TDriveInfo* DriveOfRow(TEngine& engine, const TFileInfo& info) {
@@ -84,49 +84,47 @@ class TSheet {
   explicit TSheet(TEngine& engine) : FEngine(engine) {}
 
   void AddDrive(const TDriveInfo& drive, TProperties& sheet) const {
-    const auto add = [](std::vector<TProperty>& lines, TText label, TString value) {
-      if (!value.empty()) lines.push_back({label, std::move(value)});
-    };
-    add(sheet.General, TText::PropertyType, sheet.Row.Type);
-    add(sheet.General, TText::PropertyFileSystem, sheet.Row.FileSystem);
-    add(sheet.General, TText::PropertyLabel, drive.VolumeName);
-    add(sheet.General, TText::PropertySize, SizeWithBytes(FEngine.Language(), SizeOf(drive)));
+    Add(sheet.General, TText::PropertyType, sheet.Row.Type);
+    Add(sheet.General, TText::PropertyFileSystem, sheet.Row.FileSystem);
+    Add(sheet.General, TText::PropertyLabel, drive.VolumeName);
+    Add(sheet.General, TText::PropertySize, SizeWithBytes(FEngine.Language(), SizeOf(drive)));
     if (drive.aFreeSize >= 0) {
-      add(sheet.General, TText::PropertyFree, SizeWithBytes(FEngine.Language(), drive.aFreeSize));
+      Add(sheet.General, TText::PropertyFree, SizeWithBytes(FEngine.Language(), drive.aFreeSize));
     }
-    add(sheet.General, TText::PropertyMountPoint, drive.DriveLetter);
-    add(sheet.General, TText::PropertySource, drive.Drive);
-    add(sheet.General, TText::PropertySerial, drive.Serial);
-    add(sheet.Details, TText::PropertyPartition, FEngine.Drives().GetPartitionTypeCaption(drive));
-    add(sheet.Details, TText::PropertyFirstSector, NumberText(drive.FirstSector));
-    add(sheet.Details, TText::PropertySectors, NumberText(drive.SectorsCount));
-    add(sheet.Details, TText::PropertySectorSize, FromUtf8(SizeText(drive.BytesPerSector)));
+    Add(sheet.General, TText::PropertyMountPoint, drive.DriveLetter);
+    Add(sheet.General, TText::PropertySource, drive.Drive);
+    Add(sheet.General, TText::PropertySerial, drive.Serial);
+    Add(sheet.Details, TText::PropertyPartition, FEngine.Drives().GetPartitionTypeCaption(drive));
+    Add(sheet.Details, TText::PropertyFirstSector, NumberText(drive.FirstSector));
+    Add(sheet.Details, TText::PropertySectors, NumberText(drive.SectorsCount));
+    Add(sheet.Details, TText::PropertySectorSize, FromUtf8(SizeText(drive.BytesPerSector)));
     if (const int sectors = SectorsPerCluster(drive); sectors > 0) {
-      add(sheet.Details, TText::PropertyClusterSize, FromUtf8(SizeText(std::int64_t{sectors} * drive.BytesPerSector)));
+      Add(sheet.Details, TText::PropertyClusterSize, FromUtf8(SizeText(std::int64_t{sectors} * drive.BytesPerSector)));
     }
   }
 
   void AddFile(const TFile& file, TProperties& sheet) const {
     const TFileInfo& info = file.FileInfo;
     const TLanguage& language = FEngine.Language();
-    const auto add = [](std::vector<TProperty>& lines, TText label, TString value) {
-      if (!value.empty()) lines.push_back({label, std::move(value)});
-    };
-    add(sheet.General, TText::PropertyType, sheet.Row.Type);
-    if (!info.blnFolder) add(sheet.General, TText::PropertySize, SizeWithBytes(language, info.aSize));
-    add(sheet.General, TText::PropertyStatus, language[StatusText(sheet.Row.Status)]);
-    add(sheet.General, TText::PropertyModified, TimeText(info.TimeStamp.dtModified));
-    add(sheet.General, TText::PropertyCreated, TimeText(info.TimeStamp.dtCreated));
-    add(sheet.General, TText::PropertyAccessed, TimeText(info.TimeStamp.dtAccessed));
-    add(sheet.General, TText::PropertyAttributes, AttributesText(language, info.Atributes));
-    if (info.FirstCluster >= 0) add(sheet.Details, TText::PropertyFirstCluster, NumberText(info.FirstCluster));
-    if (FEngine.Analysing || info.blnFolder) return;
-    add(sheet.Details, TText::PropertySizeOnDisk, SizeWithBytes(language, FEngine.Files().GetSizeOnDisk(file)));
+    Add(sheet.General, TText::PropertyType, sheet.Row.Type);
+    if (!info.blnFolder) Add(sheet.General, TText::PropertySize, SizeWithBytes(language, info.aSize));
+    Add(sheet.General, TText::PropertyStatus, language[StatusText(sheet.Row.Status)]);
+    Add(sheet.General, TText::PropertyModified, TimeText(info.TimeStamp.dtModified));
+    Add(sheet.General, TText::PropertyCreated, TimeText(info.TimeStamp.dtCreated));
+    Add(sheet.General, TText::PropertyAccessed, TimeText(info.TimeStamp.dtAccessed));
+    Add(sheet.General, TText::PropertyAttributes, AttributesText(language, info.Atributes));
+    if (info.FirstCluster >= 0) Add(sheet.Details, TText::PropertyFirstCluster, NumberText(info.FirstCluster));
+  }
+
+  /// What the driver has to look up.
+  void AddContent(TFile& file, TProperties& sheet) const {
+    const TLanguage& language = FEngine.Language();
+    Add(sheet.Details, TText::PropertySizeOnDisk, SizeWithBytes(language, FEngine.Files().GetSizeOnDisk(file)));
     TFileFragments fragments;
-    GetFileFragments(FEngine, const_cast<TFile&>(file), fragments);
+    GetFileFragments(FEngine, file, fragments);
     if (!fragments.empty()) {
-      add(sheet.Details, TText::PropertyFragments, NumberText(static_cast<std::int64_t>(fragments.size())));
-      add(sheet.Details, TText::PropertyDataSector, NumberText(fragments.front().FirstSectorInDrive));
+      Add(sheet.Details, TText::PropertyFragments, NumberText(static_cast<std::int64_t>(fragments.size())));
+      Add(sheet.Details, TText::PropertyDataSector, NumberText(fragments.front().FirstSectorInDrive));
     }
     TADSDynArray streams;
     FillADS(FEngine, file, streams);
@@ -135,6 +133,11 @@ class TSheet {
   }
 
  private:
+  /// Nothing for what is not known.
+  static void Add(std::vector<TProperty>& lines, TText label, TString value) {
+    if (!value.empty()) lines.push_back({label, std::move(value)});
+  }
+
   static int SectorsPerCluster(const TDriveInfo& drive) {
     if (IsFAT(drive.FileSystem)) return drive.FATInfo.SectorsPerCluster;
     return drive.FileSystem == TFileSystem::fsNTFS ? drive.NTFSInfo.SectorsPerCluster : 0;
@@ -217,7 +220,7 @@ TDriveSnapshot MakeDrive(TEngine& engine, int driveNumber) {
   return snapshot;
 }
 
-TProperties MakeProperties(TEngine& engine, int fileNumber) {
+TProperties MakeGeneralProperties(TEngine& engine, int fileNumber) {
   TProperties sheet;
   sheet.Row = MakeRow(engine, fileNumber);
   if (sheet.Row.Number < 0) return sheet;
@@ -228,6 +231,14 @@ TProperties MakeProperties(TEngine& engine, int fileNumber) {
   } else {
     writer.AddFile(file, sheet);
   }
+  return sheet;
+}
+
+TProperties MakeProperties(TEngine& engine, int fileNumber) {
+  TProperties sheet = MakeGeneralProperties(engine, fileNumber);
+  if (sheet.Row.Number < 0 || engine.Analysing) return sheet;
+  TFile& file = FileOf(engine, fileNumber);
+  if (!file.FileInfo.blnFolder) TSheet(engine).AddContent(file, sheet);
   return sheet;
 }
 

@@ -19,7 +19,9 @@ TFileRow MakeRow(TEngine& engine, int fileNumber);
 
 TDriveSnapshot MakeDrive(TEngine& engine, int driveNumber);
 
-/// All that is known of a file, folder or drive. While a scan runs, only what needs no reading.
+/// What is known of a file, folder or drive without a look at its content.
+TProperties MakeGeneralProperties(TEngine& engine, int fileNumber);
+/// All that is known of it. While a scan runs no driver is asked.
 TProperties MakeProperties(TEngine& engine, int fileNumber);
 
 }  // namespace brenlow

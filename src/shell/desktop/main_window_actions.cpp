@@ -276,7 +276,7 @@ void TfMain::ShowDetails() {
     FPreview->Clear();
     return;
   }
-  FDesk->Fetch<TProperties>([number](TEngine& engine, TCommands&) { return MakeProperties(engine, number); },
+  FDesk->Fetch<TProperties>([number](TEngine& engine, TCommands&) { return MakeGeneralProperties(engine, number); },
                             [self = QPointer<TfMain>(this), number](TProperties properties) {
                               if (self == nullptr || properties.Row.Number != number) return;
                               self->FPreview->Show(properties);
