@@ -117,6 +117,10 @@ class TCommands {
   const TIntegerDynArray& SelectedFiles() const { return FSelected; }
   const TFileFilter& Filter() const { return FFilter; }
   const TRecoveryList& RecoveryList() const { return FRecoveryList; }
+  /// Its files in the order of its panel.
+  TIntegerDynArray ShownRecoveryList() const;
+  /// Columns as those of the file list.
+  void SortRecoveryList(int column, bool descending);
   void ShowRecoveryList(bool shown);
   void Tick(const TIntegerDynArray& fileNumbers, bool ticked);
   /// Rises whenever file numbers change their meaning.
@@ -205,6 +209,7 @@ class TCommands {
   TIntegerDynArray FSelected;
   TSortOrder FFileOrder;
   TSortOrder FDriveOrder;
+  TSortOrder FRecoveryListOrder;
   std::uint64_t FGeneration = 1;
   std::map<int, std::unique_ptr<TFolderIndex>> FFolderIndexes;  // by drive
   std::pair<std::uint64_t, std::size_t> FFolderIndexState;

@@ -347,6 +347,18 @@ TPlaceSnapshot TCommands::Place() const {
 void TCommands::TakeOrders() {
   FFileOrder = OrderOf(FileColumns, FSettings.FileList.SortIndex, FSettings.FileList.SortRevers);
   FDriveOrder = OrderOf(DriveColumns, FSettings.FileListDisks.SortIndex, FSettings.FileListDisks.SortRevers);
+  FRecoveryListOrder = OrderOf(FileColumns, FSettings.RecoveryList.SortIndex, FSettings.RecoveryList.SortRevers);
+}
+
+TIntegerDynArray TCommands::ShownRecoveryList() const {
+  TIntegerDynArray numbers = FRecoveryList.Files();
+  SortFiles(FEngine, numbers, FRecoveryListOrder);
+  return numbers;
+}
+
+void TCommands::SortRecoveryList(int column, bool descending) {
+  FRecoveryListOrder = OrderOf(FileColumns, column, descending ? 0 : 1);
+  if (OnRecoveryListChanged) OnRecoveryListChanged();
 }
 
 void TCommands::SortByColumn(int column) {

@@ -293,7 +293,7 @@ void TDesk::Flush() {
   if (FDrivesChanged) PublishDrives();
   if (std::exchange(FListChanged, false)) {
     const TListing listing{FCommands->Generation(),
-                           std::make_shared<const TIntegerDynArray>(FCommands->RecoveryList().Files())};
+                           std::make_shared<const TIntegerDynArray>(FCommands->ShownRecoveryList())};
     Tell([listing](IDeskView& view) { view.RecoveryListChanged(listing); });
   }
   if (std::exchange(FSelectionChanged, false)) {

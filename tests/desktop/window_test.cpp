@@ -7,11 +7,14 @@
 #include <QDateEdit>
 #include <QDir>
 #include <QDirIterator>
+#include <QDropEvent>
 #include <QFile>
+#include <QHeaderView>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
 #include <QMessageBox>
+#include <QMimeData>
 #include <QRadioButton>
 #include <QTreeWidget>
 
@@ -204,6 +207,27 @@ void TWindowTest::recoveryListByTicks() {
   QVERIFY(model.setData(model.index(row, 0), Qt::Checked, Qt::CheckStateRole));
   w.WaitFor([&] { return w.Main->Action(TAction::actRecoveryFromList)->isEnabled(); });
   QVERIFY(w.Find("TfrRecoveryList") != nullptr);  // shows by itself
+  // Two more by drag and drop, which stands for the selection; the list is sorted by a click on its head.
+  w.Select({QStringLiteral("README.TXT"), QStringLiteral("NEWFILE.TXT")});
+  auto* panel = w.Find("TfrRecoveryList");
+  const std::unique_ptr<QMimeData> dragged(model.mimeData({model.index(0, 0)}));
+  QDragEnterEvent enter(QPoint(5, 5), Qt::CopyAction, dragged.get(), Qt::LeftButton, Qt::NoModifier);
+  QCoreApplication::sendEvent(panel, &enter);
+  QVERIFY(enter.isAccepted());
+  QDropEvent drop(QPointF(5, 5), Qt::CopyAction, dragged.get(), Qt::LeftButton, Qt::NoModifier);
+  QCoreApplication::sendEvent(panel, &drop);
+  auto* list = panel->findChild<QTableView*>(QStringLiteral("lvRecoveryList"));
+  const auto names = [&] {
+    QStringList shown;
+    for (int i = 0; i < list->model()->rowCount(); ++i) shown << list->model()->index(i, 0).data().toString();
+    return shown;
+  };
+  const QStringList up{QStringLiteral("Pictures"), QStringLiteral("NEWFILE.TXT"), QStringLiteral("README.TXT")};
+  w.WaitFor([&] { return names() == up; });
+  Q_EMIT list->horizontalHeader()->sectionClicked(0);
+  const QStringList down{QStringLiteral("Pictures"), QStringLiteral("README.TXT"), QStringLiteral("NEWFILE.TXT")};
+  w.WaitFor([&] { return names() == down; });
+
   w.Trigger(TAction::actRecoveryFromList);
   w.WaitFor([&] { return w.Find("TfRecoveryMaster") != nullptr; });
   w.Click("btnNext");
@@ -214,7 +238,12 @@ void TWindowTest::recoveryListByTicks() {
   w.WaitFor([&] { return w.Idle() && w.Find("TfRecoveryMaster") == nullptr; });
   const QString png = QString::fromStdString(w.Folder.Path() + "/out/Pictures/Summer 2020/beach 3.png");
   QCOMPARE(ContentOf(png), Expected(QStringLiteral("Pictures/Summer 2020/beach 3.png")));
+  QCOMPARE(ContentOf(QString::fromStdString(w.Folder.Path() + "/out/README.TXT")),
+           Expected(QStringLiteral("README.TXT")));
   QVERIFY(model.setData(model.index(row, 0), Qt::Unchecked, Qt::CheckStateRole));
+  w.WaitFor([&] { return names().size() == 2; });
+  list->selectAll();
+  w.Click("btnRemoveFromList");
   w.WaitFor([&] { return !w.Main->Action(TAction::actRecoveryFromList)->isEnabled(); });
 }
 

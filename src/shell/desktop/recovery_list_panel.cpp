@@ -47,6 +47,7 @@ TfrRecoveryList::TfrRecoveryList(TDesk& desk, const TLanguage& texts, TSettings&
   FRemove->setObjectName(QStringLiteral("btnRemoveFromList"));
   FRemove->setIcon(Icon("list-remove"));
   FRemove->setAutoRaise(true);
+  connect(FTable->horizontalHeader(), &QHeaderView::sectionClicked, this, &TfrRecoveryList::SortBy);
   connect(FRemove, &QToolButton::clicked, this, &TfrRecoveryList::RemoveSelected);
   auto* remove = new QShortcut(QKeySequence::Delete, FTable);
   remove->setContext(Qt::WidgetShortcut);
@@ -77,6 +78,7 @@ void TfrRecoveryList::Show(const TListing& listing) {
   for (int i = 0; i < ShownColumns; ++i) {
     FTable->setColumnWidth(i, FSettings.RecoveryList.ColumnWidths[static_cast<std::size_t>(i)]);
   }
+  ShowSortIndicator();
   const bool empty = listing.Numbers->empty();
   FTable->setVisible(!empty);
   FHint->setVisible(empty);
@@ -91,6 +93,23 @@ void TfrRecoveryList::KeepSettings() {
   for (int i = 0; i + 1 < ShownColumns; ++i) {
     FSettings.RecoveryList.ColumnWidths[static_cast<std::size_t>(i)] = FTable->columnWidth(i);
   }
+}
+
+/// The second click on a column turns the order round.
+void TfrRecoveryList::SortBy(int column) {
+  TSettings::TRecoveryList& settings = FSettings.RecoveryList;
+  settings.SortRevers = column == settings.SortIndex && settings.SortRevers != 0 ? 0 : 1;
+  settings.SortIndex = column;
+  FDesk.Ask([column, descending = settings.SortRevers == 0](TCommands& commands) {
+    commands.SortRecoveryList(column, descending);
+  });
+}
+
+void TfrRecoveryList::ShowSortIndicator() {
+  const TSettings::TRecoveryList& settings = FSettings.RecoveryList;
+  FTable->horizontalHeader()->setSortIndicatorShown(true);
+  FTable->horizontalHeader()->setSortIndicator(settings.SortIndex,
+                                               settings.SortRevers == 0 ? Qt::DescendingOrder : Qt::AscendingOrder);
 }
 
 void TfrRecoveryList::ChangeLanguage() {

@@ -35,6 +35,8 @@ class TfrRecoveryList final : public QWidget {
 
  private:
   void RemoveSelected();
+  void SortBy(int column);
+  void ShowSortIndicator();
 
   TDesk& FDesk;
   const TLanguage& FTexts;
