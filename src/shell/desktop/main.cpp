@@ -6,6 +6,7 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QMessageBox>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
@@ -25,11 +26,13 @@ constexpr std::chrono::seconds EndTime{3};  // that the engine has to answer in
 
 const QString InstanceName = QStringLiteral("Brenlow Partition Recovery 4.0 FileCommand");
 
+bool AsksFor(int argc, char** argv, std::string_view option) {
+  return std::any_of(argv + std::min(argc, 1), argv + argc, [&](const char* argument) { return argument == option; });
+}
+
 /// Without a display Qt would end the program with a message of its own.
 bool HasDisplay(int argc, char** argv) {
-  for (int i = 1; i < argc; ++i) {
-    if (std::string_view(argv[i]) == "-platform") return true;
-  }
+  if (AsksFor(argc, argv, "-platform")) return true;
   for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"}) {
     const char* value = std::getenv(name);
     if (value != nullptr && *value != '\0') return true;
@@ -67,6 +70,10 @@ int main(int argc, char** argv) {
   TSettingsFile file(SettingsPath(program));
   TSettings settings = file.Load();
   const TLanguage language = LoadLanguage(program, settings);
+  if (AsksFor(argc, argv, "--help") || AsksFor(argc, argv, "-h")) {
+    std::printf("%s\n", language.Utf8(TText::WindowUsage).c_str());
+    return 0;
+  }
   if (!HasDisplay(argc, argv)) {
     std::fprintf(stderr, "brenlow: %s\n", language.Utf8(TText::NoDisplay).c_str());
     return 1;

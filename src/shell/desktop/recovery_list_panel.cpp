@@ -73,7 +73,7 @@ TfrRecoveryList::TfrRecoveryList(TDesk& desk, const TLanguage& texts, TSettings&
 
 void TfrRecoveryList::Show(const TListing& listing) {
   KeepSettings();
-  FModel->Show(listing, TViewCategory::vcFiles, false);
+  FModel->Show(listing, TViewCategory::vcFiles, true);
   for (int i = 0; i < FModel->columnCount(); ++i) FTable->setColumnHidden(i, i >= ShownColumns);
   for (int i = 0; i < ShownColumns; ++i) {
     FTable->setColumnWidth(i, FSettings.RecoveryList.ColumnWidths[static_cast<std::size_t>(i)]);
