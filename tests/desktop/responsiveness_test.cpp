@@ -3,6 +3,8 @@
 #include <QElapsedTimer>
 #include <QLabel>
 #include <QScrollBar>
+#include <atomic>
+#include <thread>
 
 #include "analysis/files.h"
 #include "shell/desktop/folder_tree.h"
@@ -14,21 +16,34 @@ using namespace brenlow::test;
 
 namespace {
 
-/// The longest time between two turns of the event loop beyond what was asked for.
+/// The longest time between two turns of the event loop beyond what was asked for, and how late the
+/// machine lets a thread be that does nothing else.
 class TLateness {
  public:
-  TLateness() {
+  TLateness()
+      : FControl([this](const std::stop_token& stop) {
+          QElapsedTimer since;
+          while (!stop.stop_requested()) {
+            since.start();
+            QThread::msleep(5);
+            FMachine = qMax<qint64>(FMachine, since.elapsed() - 5);
+          }
+        }) {
     FTimer.setInterval(5);
     FTimer.setTimerType(Qt::PreciseTimer);
     QObject::connect(&FTimer, &QTimer::timeout, [this] { Worst = qMax(Worst, FSince.restart() - 5); });
     FSince.start();
     FTimer.start();
   }
+  /// Milliseconds that the window itself is to blame for.
+  qint64 OfWindow() const { return qMax<qint64>(0, Worst - FMachine); }
   qint64 Worst = 0;  ///< milliseconds
 
  private:
   QTimer FTimer;
   QElapsedTimer FSince;
+  std::atomic<qint64> FMachine{0};
+  std::jthread FControl;
 };
 
 class TResponsivenessTest : public QObject {
@@ -74,7 +89,7 @@ void TResponsivenessTest::slowDevice() {
   w.Main->close();
   QTest::qWait(100);
   qInfo("latest turn of the event loop: %lld ms", static_cast<long long>(lateness.Worst));
-  QVERIFY2(lateness.Worst <= MostLate, qPrintable(QString::number(lateness.Worst)));
+  QVERIFY2(lateness.OfWindow() <= MostLate, qPrintable(QString::number(lateness.Worst)));
 }
 
 /// A million rows: scrolling, sorting and selecting keep the window alive.
@@ -117,7 +132,7 @@ void TResponsivenessTest::manyRows() {
   sorted({TSortKey::Name, true});
   qInfo("latest turn while scrolling and sorting a million rows: %lld ms", static_cast<long long>(lateness.Worst));
   // What Qt itself does for a list of that length is short, but not nothing.
-  QVERIFY2(lateness.Worst <= 4 * MostLate, qPrintable(QString::number(lateness.Worst)));
+  QVERIFY2(lateness.OfWindow() <= 4 * MostLate, qPrintable(QString::number(lateness.Worst)));
 }
 
 }  // namespace

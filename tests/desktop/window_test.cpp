@@ -17,6 +17,7 @@
 #include <QMimeData>
 #include <QRadioButton>
 #include <QTreeWidget>
+#include <QUrl>
 
 #include "analysis/analysis.h"
 #include "analysis/files.h"
@@ -303,6 +304,16 @@ void TWindowTest::argumentsAndSecondInstance() {
   QCOMPARE(w.Main->Drives()[static_cast<std::size_t>(w.Main->State().Tree.Drive)].Device, TString(u"/stick.img"));
   // Once more: the image is there already, and the window says so.
   QVERIFY(second.HandOver(QStringLiteral("dsk_file ") + w.Key));
+  w.WaitFor([&] { return w.Main->Banner().Message().contains(QStringLiteral("mounted already")); });
+  // The same by dropping the file onto the window.
+  w.Main->Banner().hide();
+  QMimeData file;
+  file.setUrls({QUrl::fromLocalFile(w.Key)});
+  QDragEnterEvent enter(QPoint(300, 300), Qt::CopyAction, &file, Qt::LeftButton, Qt::NoModifier);
+  QCoreApplication::sendEvent(w.Main.get(), &enter);
+  QVERIFY(enter.isAccepted());
+  QDropEvent drop(QPointF(300, 300), Qt::CopyAction, &file, Qt::LeftButton, Qt::NoModifier);
+  QCoreApplication::sendEvent(w.Main.get(), &drop);
   w.WaitFor([&] { return w.Main->Banner().Message().contains(QStringLiteral("mounted already")); });
   QVERIFY(second.HandOver(QStringLiteral("path_/stick.img")));
   w.WaitFor([&] { return w.Find("TfAnalyseMaster") != nullptr; });
