@@ -313,9 +313,12 @@ void TCommands::Open() {
 
 void TCommands::OpenNode(PTreeNode node) {
   SelectNode(node);
+  if (NeedsAnalysis(*node)) Analyse(node, false);
+}
+
+bool TCommands::NeedsAnalysis(const TTreeNode& node) const {
   const TFiles& files = FEngine.Files();
-  if (files.IsWrongNumber(node->Data)) return;
-  if (IsBlank(files.List[static_cast<std::size_t>(node->Data)].FileInfo)) Analyse(node, false);
+  return !files.IsWrongNumber(node.Data) && IsBlank(files.List[static_cast<std::size_t>(node.Data)].FileInfo);
 }
 
 void TCommands::Complain(const std::string& text) {

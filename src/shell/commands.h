@@ -140,6 +140,8 @@ class TCommands {
   /// first. On the folder of the deep analysis that scan runs.
   bool Analyse(PTreeNode node, bool isReopen);
   void AnalyseDeep(int drive);
+  /// True for a node that shows nothing before its drive is analysed.
+  bool NeedsAnalysis(const TTreeNode& node) const;
   /// Shows a node; what shows nothing without an analysis is analysed first.
   void OpenNode(PTreeNode node);
   /// All that the wizard was told to do, one after another until the user stops it.

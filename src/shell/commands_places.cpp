@@ -79,7 +79,8 @@ PTreeNode TCommands::SelectedNode() const {
                           [&](const auto& c) { return c->Data == FPlace.Chain[i]; });
     };
     // The tree is filled one level ahead of what is open; a running scan still adds to it.
-    if (child() == node->Children.end() && !FEngine.Analysing) folders.FillNodes(node->Parent, false);
+    const bool inDrive = !FEngine.Files().IsWrongNumber(node->Parent->Data);
+    if (child() == node->Children.end() && inDrive && !FEngine.Analysing) folders.FillNodes(node->Parent, false);
     if (child() == node->Children.end()) break;
     node = child()->get();
   }

@@ -202,9 +202,14 @@ void TDesk::SelectNode(std::uint32_t node) {
 
 void TDesk::ExpandNode(std::uint32_t node) {
   Question([this, node] {
-    // What a scan fills now would be taken for all there is.
     PTreeNode known = FRelay.NodeOf(node);
-    if (known != nullptr && !FEngine.Analysing) FEngine.Folders().FillNodes(known, false);
+    // Groups have all that they hold; what a scan fills now would be taken for all there is.
+    if (known == nullptr || FEngine.Files().IsWrongNumber(known->Data) || FEngine.Analysing) return;
+    if (FCommands->NeedsAnalysis(*known)) {
+      OpenNode(node);
+    } else {
+      FEngine.Folders().FillNodes(known, false);
+    }
   });
 }
 

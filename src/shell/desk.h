@@ -109,7 +109,8 @@ class TDesk final {
   void FetchRows(std::uint64_t generation, TIntegerDynArray numbers, std::function<void(std::vector<TFileRow>)> take);
   void SelectFiles(std::uint64_t generation, TIntegerDynArray numbers);
   void SelectNode(std::uint32_t node);
-  /// The user opened a node of the tree: what is below its children is made ready.
+  /// The user opened a node of the tree: what is below its children is made ready, and a drive that was
+  /// not analysed is.
   void ExpandNode(std::uint32_t node);
   /// Shows a node, and analyses its drive if that was not done.
   void OpenNode(std::uint32_t node);

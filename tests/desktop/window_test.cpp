@@ -515,8 +515,13 @@ void TWindowTest::settingsAreKept() {
 void TWindowTest::navigation() {
   TWindow w;
   w.OpenStick();
-  w.Analyse();
+  w.Mount();
   auto& tree = w.Main->Folders();
+  // Opening a drive in the tree analyses it.
+  w.WaitFor([&] { return tree.currentIndex().isValid() && tree.model()->hasChildren(tree.currentIndex()); });
+  tree.expand(tree.currentIndex());
+  w.WaitFor([&] { return w.Idle() && w.Rows() > 3; });
+  w.WaitFor([&] { return tree.isExpanded(tree.currentIndex()) && tree.model()->rowCount(tree.currentIndex()) > 3; });
   const auto current = [&] { return tree.currentIndex().data().toString(); };
   w.Enter(QStringLiteral("Pictures"));
   w.WaitFor([&] { return current() == QStringLiteral("Pictures"); });  // the tree follows

@@ -238,6 +238,8 @@ void TtvFolders::keyPressEvent(QKeyEvent* event) {
     Q_EMIT NodeActivated(FModel->NumberOf(currentIndex()));
     return;
   }
+  // Opening all at once would analyse whatever was not.
+  if (event->key() == Qt::Key_Asterisk) return;
   QTreeView::keyPressEvent(event);
 }
 

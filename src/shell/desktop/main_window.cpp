@@ -175,7 +175,10 @@ void TfMain::dropEvent(QDropEvent* event) {
 
 // ---- news from the engine -------------------------------------------------------------------
 
-void TfMain::TreeChanged(const std::vector<TTreeChange>& changes) { tvFolders->Apply(changes); }
+void TfMain::TreeChanged(const std::vector<TTreeChange>& changes) {
+  tvFolders->Apply(changes);
+  ExpandResults();
+}
 
 void TfMain::DrivesChanged(const std::vector<TDriveSnapshot>& drives) {
   FDrives = drives;
@@ -255,9 +258,17 @@ void TfMain::ActionsChanged(const TActions& actions, const TShellState& state, c
   } else if (wasRunning) {
     FBanner->Withdraw(Text(FLanguage, TText::StopAnalyseQuestion));
     FFileList->Outdate();
-    // What was found is one level open.
-    tvFolders->expand(tvFolders->currentIndex());
+    FExpandResults = true;
+    ExpandResults();
   }
+}
+
+/// After a scan its results are one level open, as soon as they are in the tree.
+void TfMain::ExpandResults() {
+  const QModelIndex current = tvFolders->currentIndex();
+  if (!FExpandResults || Runs() || tvFolders->model()->rowCount(current) == 0) return;
+  FExpandResults = false;
+  if (current.isValid()) tvFolders->expand(current);
 }
 
 void TfMain::ProgressChanged(const TProgressSnapshot& progress) {

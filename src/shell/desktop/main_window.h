@@ -117,6 +117,7 @@ class TfMain final : public QMainWindow, public IDeskView {
   void CheckDevices();
   void AutoPlay();
   void ShowHints(const TPlaceSnapshot& place);
+  void ExpandResults();
   QWidget* FormParent();
   bool Runs() const { return FState.Analysing || FState.Recovering || FState.Searching; }
 
@@ -159,6 +160,7 @@ class TfMain final : public QMainWindow, public IDeskView {
   QTimer tmrDeviceInserted;
   QByteArray FDevices;  // what the system's devices looked like last
   bool FStarted = false;
+  bool FExpandResults = false;
   bool FClosing = false;
 };
 
