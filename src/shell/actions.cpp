@@ -119,7 +119,7 @@ TActions CheckActionsEnabled(const TShellState& state) {
   set(actUnmountImage, idle && (state.List.Mounted || state.Tree.Mounted));
   set(actCloseDisk, idle && state.List.CanCloseDisk);
   set(actFoldersCloseDisk, idle && state.Tree.CanCloseDisk);
-  set(actProperties, state.List.Number >= 0);
+  set(actProperties, state.List.Number >= 0 || (!state.List.Any && state.Tree.Number >= 0));
   set(actFoldersProperties, state.Tree.Number >= 0);
   set(actRefresh, idle);
   set(actExpand, state.Tree.Any);

@@ -180,7 +180,7 @@ void TfMain::OpenForm(TAction action) {
       break;
     case actProperties:
     case actFoldersProperties:
-      OpenProperties(selection.Number);
+      OpenProperties(selection.Number >= 0 ? selection.Number : FState.Tree.Number);
       break;
     default: {
       const QString folder = QFileDialog::getExistingDirectory(this, Action(action)->text(), QDir::homePath());
