@@ -38,6 +38,12 @@ TEngine::TEngine()
 
 TEngine::~TEngine() = default;
 
+void TEngine::StopScans() {
+  Analysing = false;
+  FDrives->CanSearch = false;
+  FDrives->CanSave = false;
+}
+
 void TEngine::ChangeAnalysingStatus(int driveNumber, bool status) {
   Analysing = status;
   if (status) {

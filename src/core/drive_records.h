@@ -75,6 +75,11 @@ struct TDriveInfo {
   bool IsSubDrive = false;
 };
 
+/// True for a drive on which a scan has begun.
+inline bool HasResults(const TDriveInfo& drive) {
+  return drive.Analysed != TAnalyseInformation::aiNone || drive.DeepAnalysed != TAnalyseInformation::aiNone;
+}
+
 /// Valid only until a drive is added to or deleted from the registry.
 using PDriveInfo = TDriveInfo*;
 

@@ -55,10 +55,8 @@ void TDrives::DeviceInserted() {
 /// A device that is gone takes its rows along, unless something was found on it.
 void TDrives::DeleteUnanalysed(const TString& device) {
   const auto isOf = [&](const TDriveInfo& drive) { return drive.Drive == device; };
-  const bool analysed = std::any_of(List.begin(), List.end(), [&](const TDriveInfo& drive) {
-    return isOf(drive) &&
-           (drive.Analysed != TAnalyseInformation::aiNone || drive.DeepAnalysed != TAnalyseInformation::aiNone);
-  });
+  const bool analysed =
+      std::any_of(List.begin(), List.end(), [&](const TDriveInfo& drive) { return isOf(drive) && HasResults(drive); });
   if (analysed) return;
   while (true) {
     const auto found = std::find_if(List.begin(), List.end(), isOf);

@@ -58,6 +58,8 @@ class TEngine {
   /// Called from the pump a few dozen times a second while the engine works.
   std::function<void()> OnPump;
 
+  /// Clears the go-on flags of scans, searches and images; from any thread.
+  void StopScans();
   void ChangeAnalysingStatus(int driveNumber, bool status);
   /// Publishes the position of one volume's scan, mapped onto its share of the whole.
   void AnalyseProgress(double position);

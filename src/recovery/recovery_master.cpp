@@ -180,9 +180,7 @@ bool TfRecoveryMaster::IsOnSource() const {
   const std::string folder = NearestFolder(Options.Path).string();
   const std::vector<TDriveInfo>& drives = FEngine.Drives().List;
   return std::any_of(drives.begin(), drives.end(), [&](const TDriveInfo& drive) {
-    const bool used =
-        drive.Analysed != TAnalyseInformation::aiNone || drive.DeepAnalysed != TAnalyseInformation::aiNone;
-    return used && LiesOnSource(folder, DevicePath(drive.Drive));
+    return HasResults(drive) && LiesOnSource(folder, DevicePath(drive.Drive));
   });
 }
 

@@ -5,7 +5,9 @@
 #include <cstdint>
 #include <string_view>
 
+#include "core/file_records.h"
 #include "core/types.h"
+#include "shell/file_order.h"
 
 namespace brenlow {
 
@@ -121,6 +123,36 @@ struct TShellState {
 /// While a scan or a recovery runs, whatever could touch drives or files is off; stopping a scan is
 /// possible only then. Looking into folders that are there already goes on.
 TActions CheckActionsEnabled(const TShellState& state);
+
+/// The switches of the view's filter.
+struct TFilterAction {
+  TAction Action;
+  bool TFileFilter::*Field;
+};
+inline constexpr TFilterAction FilterActions[] = {
+    {TAction::actFilterExisting, &TFileFilter::Existing}, {TAction::actFilterDeleted, &TFileFilter::Deleted},
+    {TAction::actFilterAllFiles, &TFileFilter::AllFiles}, {TAction::actFilterArchive, &TFileFilter::Archive},
+    {TAction::actFilterAudio, &TFileFilter::Audio},       {TAction::actFilterDatabase, &TFileFilter::Database},
+    {TAction::actFilterDocument, &TFileFilter::Document}, {TAction::actFilterImage, &TFileFilter::Image},
+    {TAction::actFilterVideo, &TFileFilter::Video}};
+/// True for the actions of the six kinds of files.
+constexpr bool IsKindFilter(TAction action) {
+  return action >= TAction::actFilterArchive && action <= TAction::actFilterVideo;
+}
+
+/// What the list is sorted by.
+struct TSortAction {
+  TAction Action;
+  TSortKey Key;
+};
+inline constexpr TSortAction SortActions[] = {{TAction::actSortByName, TSortKey::Name},
+                                              {TAction::actSortByType, TSortKey::Type},
+                                              {TAction::actSortBySize, TSortKey::Size},
+                                              {TAction::actSortByFreeSize, TSortKey::FreeSize},
+                                              {TAction::actSortByFileSystem, TSortKey::FileSystem},
+                                              {TAction::actSortByStatus, TSortKey::Status},
+                                              {TAction::actSortByModified, TSortKey::Modified},
+                                              {TAction::actSortByCreated, TSortKey::Created}};
 
 /// The caption of an action.
 TText CaptionOf(TAction action);

@@ -27,10 +27,6 @@ TAnalyseInformation ScanState(const TDriveInfo& drive) {
   return drive.DriveTypes.Has(TDriveType::dtPhysical) ? drive.DeepAnalysed : drive.Analysed;
 }
 
-bool HasResults(const TDriveInfo& drive) {
-  return drive.Analysed != TAnalyseInformation::aiNone || drive.DeepAnalysed != TAnalyseInformation::aiNone;
-}
-
 }  // namespace
 
 /// While it lives, no scan runs but the drives are busy.
@@ -171,7 +167,7 @@ TShellState TCommands::State() const {
   state.Tree.Any = FPlace.Kind == TShownPlace::Folder || FPlace.Kind == TShownPlace::Group;
   state.ShownFiles = static_cast<int>(FShown->size());
   state.ShowsDrives = Category() == TViewCategory::vcDrives;
-  state.ShowsSearch = Category() == TViewCategory::vcSearchResults;
+  state.ShowsSearch = ShowsSearch();
   state.RecoveryListShown = FRecoveryListShown;
   state.RecoveryListFiles = static_cast<int>(FRecoveryList.Files().size());
   return state;
@@ -201,10 +197,7 @@ bool TCommands::Execute(TAction action) {
     case TAction::actFoldersReopen:
       return Analyse(SelectedNode(), true);
     case TAction::actStopAnalyse:
-      if (!FQuestions.StopAnalyse()) break;
-      FEngine.Analysing = false;
-      FEngine.Drives().CanSearch = false;
-      FEngine.Drives().CanSave = false;
+      if (FQuestions.StopAnalyse()) FEngine.StopScans();
       break;
     case TAction::actRecovery:
       Recover(TRecoverySender::rsFiles);
@@ -262,34 +255,19 @@ bool TCommands::Execute(TAction action) {
 /// Existing and deleted are switches of their own; a kind and "all files" exclude each other.
 bool TCommands::ExecuteFilter(TAction action) {
   if (action < TAction::actFilterExisting || action > TAction::actFilterVideo) return false;
-  constexpr std::pair<TAction, bool TFileFilter::*> kinds[] = {
-      {TAction::actFilterArchive, &TFileFilter::Archive},   {TAction::actFilterAudio, &TFileFilter::Audio},
-      {TAction::actFilterDatabase, &TFileFilter::Database}, {TAction::actFilterDocument, &TFileFilter::Document},
-      {TAction::actFilterImage, &TFileFilter::Image},       {TAction::actFilterVideo, &TFileFilter::Video}};
-  if (action == TAction::actFilterExisting) FFilter.Existing = !FFilter.Existing;
-  if (action == TAction::actFilterDeleted) FFilter.Deleted = !FFilter.Deleted;
-  for (const auto& [kindAction, field] : kinds) {
-    if (action == TAction::actFilterAllFiles) FFilter.*field = false;
-    if (action == kindAction) FFilter.*field = !(FFilter.*field);
+  bool anyKind = false;
+  for (const auto& [fieldAction, field] : FilterActions) {
+    if (IsKindFilter(fieldAction) && action == TAction::actFilterAllFiles) FFilter.*field = false;
+    if (fieldAction == action && action != TAction::actFilterAllFiles) FFilter.*field = !(FFilter.*field);
+    anyKind = anyKind || (IsKindFilter(fieldAction) && FFilter.*field);
   }
-  FFilter.AllFiles =
-      std::none_of(std::begin(kinds), std::end(kinds), [&](const auto& kind) { return FFilter.*kind.second; });
+  FFilter.AllFiles = !anyKind;
   RefreshFileList();
   return true;
 }
 
 bool TCommands::ExecuteSort(TAction action) {
-  constexpr std::pair<TAction, TSortKey> keys[] = {
-      {TAction::actSortByName, TSortKey::Name},
-      {TAction::actSortByType, TSortKey::Type},
-      {TAction::actSortBySize, TSortKey::Size},
-      {TAction::actSortByFreeSize, TSortKey::FreeSize},
-      {TAction::actSortByFileSystem, TSortKey::FileSystem},
-      {TAction::actSortByStatus, TSortKey::Status},
-      {TAction::actSortByModified, TSortKey::Modified},
-      {TAction::actSortByCreated, TSortKey::Created},
-  };
-  for (const auto& [keyAction, key] : keys) {
+  for (const auto& [keyAction, key] : SortActions) {
     if (action != keyAction) continue;
     Sort({key, Order().Descending});
     return true;

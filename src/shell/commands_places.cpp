@@ -320,13 +320,13 @@ TPlaceSnapshot TCommands::Place() const {
   place.Category = Category();
   place.Place = FPlace.Id;
   place.Crumbs.push_back(language[TText::CrumbComputer]);
-  if (const TTreeNode* node = SelectedNode(); node != nullptr && FPlace.Kind == TShownPlace::Group) {
-    place.Crumbs.push_back(node->Caption);
+  if (FPlace.Kind == TShownPlace::Group) {
+    const TTreeNode* group = FEngine.Folders().GetRootGroupNode(FPlace.GroupData);
+    if (group != nullptr) place.Crumbs.push_back(group->Caption);
   }
-  if (FPlace.Kind == TShownPlace::Search) place.Crumbs.push_back(language[TText::CrumbSearch]);
+  if (ShowsSearch()) place.Crumbs.push_back(language[TText::CrumbSearch]);
   for (const int number : FPlace.Chain) {
-    const TFileRow row = MakeRow(FEngine, number);
-    place.Crumbs.push_back(row.Name);
+    place.Crumbs.push_back(MakeRow(FEngine, number).Name);
   }
   place.Listing = {FGeneration, FShown};
   place.Sort = place.Category == TViewCategory::vcDrives ? FDriveOrder : FFileOrder;

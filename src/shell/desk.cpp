@@ -213,10 +213,11 @@ void TDesk::ExpandNode(std::uint32_t node) {
   });
 }
 
-void TDesk::StopAnalyse() {
-  FEngine.Analysing = false;
-  FEngine.Drives().CanSearch = false;
-  FEngine.Drives().CanSave = false;
+void TDesk::StopAnalyse() { FEngine.StopScans(); }
+
+void TDesk::StopAll() {
+  FEngine.StopScans();
+  FEngine.Recovering = false;
 }
 
 void TDesk::OpenDrive(int drive) {
@@ -259,16 +260,14 @@ void TDesk::ForDrives(std::function<void(const std::vector<TDriveSnapshot>&)> ta
 
 void TDesk::Close() {
   FHost.End();
-  StopAnalyse();
-  FEngine.Recovering = false;
+  StopAll();
 }
 
 // ---- news -----------------------------------------------------------------------------------
 
 void TDesk::Pumped() {
   if (FHost.Ending()) {
-    StopAnalyse();
-    FEngine.Recovering = false;
+    StopAll();
     return;
   }
   // Guarded here, so that a list that finds no room ends no scan.
@@ -393,26 +392,10 @@ void TDesk::RunRecoveryMaster(TfRecoveryMaster& master) {
   master.OnPage = [&](int) { PublishRecoveryPage(!std::exchange(opened, true)); };
   master.OnBeforeRecovery = [this](TfrmSaveProgress& progress) {
     FRecoveredFiles = 0;
-    auto tell = [this, &progress, told = std::int64_t{0}](bool now) mutable {
-      const std::int64_t time = SteadyMilliseconds();
-      if (!now && time - told < ProgressInterval) return;
-      told = time;
-      TRecoveryProgress news;
-      news.Bytes = progress.RecoveredSize;
-      news.Total = progress.RecoverySize;
-      news.Ratio =
-          news.Total > 0 ? std::min(1.0, static_cast<double>(news.Bytes) / static_cast<double>(news.Total)) : 0;
-      news.Files = FRecoveredFiles;
-      const TFiles& files = FEngine.Files();
-      if (!files.IsWrongNumber(progress.CurrentRecoveringFile)) {
-        news.Name = files.List[static_cast<std::size_t>(progress.CurrentRecoveringFile)].FileInfo.strName;
-      }
-      Tell([news](IDeskView& view) { view.RecoveryProgressChanged(news); });
-    };
-    progress.OnProgress = [tell](double, std::int64_t) mutable { tell(false); };
-    progress.OnFile = [this, tell](const TFileOutcome&, bool) mutable {
+    progress.OnProgress = [this, &progress](double, std::int64_t) { PublishRecovery(progress); };
+    progress.OnFile = [this, &progress](const TFileOutcome&, bool) {
       ++FRecoveredFiles;
-      tell(false);
+      PublishRecovery(progress);
     };
   };
   Flush();
@@ -420,6 +403,22 @@ void TDesk::RunRecoveryMaster(TfRecoveryMaster& master) {
   FHost.ServeUntil([this] { return FMasterDone; }, true);
   FMaster = nullptr;
   Tell([settings = FSettings.Recovery](IDeskView& view) { view.RecoveryClosed(settings); });
+}
+
+void TDesk::PublishRecovery(const TfrmSaveProgress& progress) {
+  const std::int64_t now = SteadyMilliseconds();
+  if (now - FProgressTold < ProgressInterval) return;
+  FProgressTold = now;
+  TRecoveryProgress news;
+  news.Bytes = progress.RecoveredSize;
+  news.Total = progress.RecoverySize;
+  news.Ratio = news.Total > 0 ? std::min(1.0, static_cast<double>(news.Bytes) / static_cast<double>(news.Total)) : 0;
+  news.Files = FRecoveredFiles;
+  const TFiles& files = FEngine.Files();
+  if (!files.IsWrongNumber(progress.CurrentRecoveringFile)) {
+    news.Name = files.List[static_cast<std::size_t>(progress.CurrentRecoveringFile)].FileInfo.strName;
+  }
+  Tell([news](IDeskView& view) { view.RecoveryProgressChanged(news); });
 }
 
 void TDesk::PublishRecoveryPage(bool justOpened) {

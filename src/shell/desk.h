@@ -157,6 +157,8 @@ class TDesk final {
   void Refresh();
   void RunRecoveryMaster(TfRecoveryMaster& master);
   void PublishRecoveryPage(bool justOpened);
+  void PublishRecovery(const TfrmSaveProgress& progress);
+  void StopAll();
   void Apply(const TRecoveryForm& form);
 
   class TQuestions;

@@ -90,6 +90,9 @@ struct TDriveSnapshot {
   bool CanBeAnalysed = false;
   std::uint32_t Node = 0;  ///< in the folder tree; 0 when it has none
   std::int64_t Size() const { return SectorsCount * BytesPerSector; }
+  bool HasResults() const {
+    return Analysed != TAnalyseInformation::aiNone || DeepAnalysed != TAnalyseInformation::aiNone;
+  }
 };
 
 /// A list of file numbers in the order in which they are shown. Shared, never changed.

@@ -182,6 +182,14 @@ class TWindow {
     QTest::mouseClick(Find<QAbstractButton>(button), Qt::LeftButton);
   }
 
+  /// Goes through the recovery wizard, which shows or is about to, with what it proposes.
+  void RunRecoveryMaster() const {
+    Click("btnNext");
+    WaitFor([&] { return Find("TfrmSaveOptions") != nullptr; });
+    Click("btnNext");
+    WaitFor([&] { return Find("TfrmFinish") != nullptr; });
+  }
+
   TTemporaryFolder Folder;
   TSettings Settings;
   std::unique_ptr<desktop::TfMain> Main;

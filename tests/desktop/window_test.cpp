@@ -231,10 +231,7 @@ void TWindowTest::recoveryListByTicks() {
 
   w.Trigger(TAction::actRecoveryFromList);
   w.WaitFor([&] { return w.Find("TfRecoveryMaster") != nullptr; });
-  w.Click("btnNext");
-  w.WaitFor([&] { return w.Find("TfrmSaveOptions") != nullptr; });
-  w.Click("btnNext");
-  w.WaitFor([&] { return w.Find("TfrmFinish") != nullptr; });
+  w.RunRecoveryMaster();
   w.Click("btnNext");
   w.WaitFor([&] { return w.Idle() && w.Find("TfRecoveryMaster") == nullptr; });
   const QString png = QString::fromStdString(w.Folder.Path() + "/out/Pictures/Summer 2020/beach 3.png");
@@ -397,10 +394,7 @@ void TWindowTest::diskWithVolumes() {
   QTest::keyClick(w.Main.get(), Qt::Key_Up, Qt::AltModifier);
   w.WaitFor([&] { return w.Rows() == 2; });
   w.Trigger(TAction::actFoldersRecovery);
-  w.Click("btnNext");
-  w.WaitFor([&] { return w.Find("TfrmSaveOptions") != nullptr; });
-  w.Click("btnNext");
-  w.WaitFor([&] { return w.Find("TfrmFinish") != nullptr; });
+  w.RunRecoveryMaster();
   int found = 0;
   for (QDirIterator it(QString::fromStdString(w.Folder.Path() + "/out"), {QStringLiteral("README.TXT")}, QDir::Files,
                        QDirIterator::Subdirectories);

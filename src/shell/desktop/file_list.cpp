@@ -178,8 +178,7 @@ void TfrFileList::UpdateEmpty() {
     ShowEmpty(CountText(FTexts, TText::EmptyFilteredOne, TText::EmptyFilteredMany, FPlace->Hidden),
               text(TText::EmptyFilteredHint),
               {TAction::actFilterAllFiles, TAction::actFilterExisting, TAction::actFilterDeleted});
-  } else if (FDrive != nullptr && FPlace->IsDriveRoot && FDrive->Analysed == TAnalyseInformation::aiNone &&
-             FDrive->DeepAnalysed == TAnalyseInformation::aiNone) {
+  } else if (FDrive != nullptr && FPlace->IsDriveRoot && !FDrive->HasResults()) {
     const QString hint =
         FDrive->CanBeAnalysed || FDrive->IsPhysical ? text(TText::EmptyDriveHint) : text(TText::EmptyUnknownDriveHint);
     ShowEmpty(

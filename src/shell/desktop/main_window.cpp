@@ -201,12 +201,7 @@ void TfMain::PlaceChanged(const TPlaceSnapshot& place) {
   const bool isDrives = place.Category == TViewCategory::vcDrives;
   (isDrives ? disks.SortIndex : files.SortIndex) = place.SortColumn;
   (isDrives ? disks.SortRevers : files.SortRevers) = place.Sort.Descending ? 0 : 1;
-  constexpr TAction keys[] = {TAction::actSortByName,     TAction::actSortByType,      TAction::actSortBySize,
-                              TAction::actSortByStatus,   TAction::actSortByModified,  TAction::actSortByCreated,
-                              TAction::actSortByFreeSize, TAction::actSortByFileSystem};
-  for (std::size_t i = 0; i < std::size(keys); ++i) {
-    Action(keys[i])->setChecked(static_cast<std::size_t>(place.Sort.Key) == i);
-  }
+  for (const auto& [action, key] : SortActions) Action(action)->setChecked(place.Sort.Key == key);
   Action(TAction::actSortAscending)->setChecked(!place.Sort.Descending);
   Action(TAction::actSortDescending)->setChecked(place.Sort.Descending);
   SetViewStyle(TAction::actExit);
@@ -243,13 +238,7 @@ void TfMain::ActionsChanged(const TActions& actions, const TShellState& state, c
   const bool wasRunning = Runs();
   FState = state;
   for (std::size_t i = 0; i < ActionCount; ++i) alMain[i]->setEnabled(actions.Has(static_cast<TAction>(i)));
-  constexpr std::pair<TAction, bool TFileFilter::*> filters[] = {
-      {TAction::actFilterExisting, &TFileFilter::Existing}, {TAction::actFilterDeleted, &TFileFilter::Deleted},
-      {TAction::actFilterAllFiles, &TFileFilter::AllFiles}, {TAction::actFilterArchive, &TFileFilter::Archive},
-      {TAction::actFilterAudio, &TFileFilter::Audio},       {TAction::actFilterDatabase, &TFileFilter::Database},
-      {TAction::actFilterDocument, &TFileFilter::Document}, {TAction::actFilterImage, &TFileFilter::Image},
-      {TAction::actFilterVideo, &TFileFilter::Video}};
-  for (const auto& [action, field] : filters) Action(action)->setChecked(filter.*field);
+  for (const auto& [action, field] : FilterActions) Action(action)->setChecked(filter.*field);
   FStatusBar->SetSelection(state.List, FFileList->Model().rowCount(), FHidden);
   FStatusBar->SetRecovering(state.Recovering);
   if (FFileList->CurrentRow() == nullptr) ShowDetails();

@@ -90,7 +90,7 @@ void TfMain::Perform(TAction action) {
       break;
     case actOpen:
     case actRecovery:
-      // What is selected in the tree is what is shown; the list has nothing for these then.
+      // What was said before concerns something else.
       FBanner->hide();
       FDesk->Execute(action);
       break;
