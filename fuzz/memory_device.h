@@ -24,6 +24,7 @@ class TInputDevice final : public IDevice {
   }
   std::int64_t Size() const override { return static_cast<std::int64_t>(FBytes.size()); }
   int SectorSize() const override { return 0; }
+  void AddOrigins(std::vector<TFileIdentity>&) const override {}
 
  private:
   std::vector<std::uint8_t> FBytes;

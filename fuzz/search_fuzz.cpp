@@ -24,6 +24,7 @@ class TSparseDevice final : public IDevice {
   }
   std::int64_t Size() const override { return 16 << 20; }
   int SectorSize() const override { return 512; }
+  void AddOrigins(std::vector<TFileIdentity>& origins) const override { FInput.AddOrigins(origins); }
   std::int64_t NextData(std::int64_t position) override { return position < FInput.Size() ? position : Size(); }
 
  private:

@@ -208,6 +208,21 @@ bool IsOverwritten(TEngine& engine, const TFile& file) {
   return WithDriver(engine, Drive(engine, number).FileSystem, ask, false);
 }
 
+TPlaceSource PlaceOf(TEngine& engine, const TFile& file) {
+  const TFileInfo& info = file.FileInfo;
+  if (info.aDeepAnalyse) return TPlaceSource::ByContent;
+  if (engine.Drives().IsWrongNumber(info.aDriveNumber)) return info.Place;
+  const TDriveInfo& drive = Drive(engine, info.aDriveNumber);
+  const auto ask = [&](auto& driver) {
+    if constexpr (requires { driver.PlaceOf(file); }) {
+      return driver.PlaceOf(file);
+    } else {
+      return drive.GeometrySource == TPlaceSource::Estimated ? drive.GeometrySource : info.Place;
+    }
+  };
+  return WithDriver(engine, drive.FileSystem, ask, info.Place);
+}
+
 void GetFileFragments(TEngine& engine, TFile& file, TFileFragments& result) {
   result.clear();
   if (engine.Drives().IsWrongNumber(file.FileInfo.aDriveNumber)) return;

@@ -49,6 +49,10 @@ void FillADS(TEngine& engine, const TFile& file, TADSDynArray& result);
 /// its content.
 bool IsOverwritten(TEngine& engine, const TFile& file);
 
+/// How it is known where a file's content lies, with what is known of its volume and what the driver
+/// adds (content inside a record needs no geometry).
+TPlaceSource PlaceOf(TEngine& engine, const TFile& file);
+
 /// The file's layout in file order; empty when the driver cannot tell.
 void GetFileFragments(TEngine& engine, TFile& file, TFileFragments& result);
 

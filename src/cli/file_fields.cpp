@@ -1,9 +1,28 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "cli/file_fields.h"
 
-namespace brenlow::cli {
+#include "analysis/analysis.h"
 
-TJsonLine FileFields(const TTreeEntry& entry) {
+namespace brenlow::cli {
+namespace {
+
+const char* PlaceName(TPlaceSource place) {
+  switch (place) {
+    case TPlaceSource::Stored:
+      return "stored";
+    case TPlaceSource::FromCopy:
+      return "copy";
+    case TPlaceSource::Estimated:
+      return "estimated";
+    case TPlaceSource::ByContent:
+      return "content";
+  }
+  return "";
+}
+
+}  // namespace
+
+TJsonLine FileFields(TEngine& engine, const TTreeEntry& entry) {
   const TFileInfo& info = entry.File->FileInfo;
   TJsonLine line;
   line.Text("path", entry.Path)
@@ -18,7 +37,8 @@ TJsonLine FileFields(const TTreeEntry& entry) {
       .TextOrNull("created", IsoTime(info.TimeStamp.dtCreated))
       .TextOrNull("modified", IsoTime(info.TimeStamp.dtModified))
       .TextOrNull("accessed", IsoTime(info.TimeStamp.dtAccessed))
-      .Number("first_cluster", info.FirstCluster);
+      .Number("first_cluster", info.FirstCluster)
+      .Text("place", std::string(PlaceName(PlaceOf(engine, *entry.File))));
   return line;
 }
 

@@ -7,6 +7,6 @@
 namespace brenlow::cli {
 
 /// The fields of one file or folder in JSON output.
-TJsonLine FileFields(const TTreeEntry& entry);
+TJsonLine FileFields(TEngine& engine, const TTreeEntry& entry);
 
 }  // namespace brenlow::cli

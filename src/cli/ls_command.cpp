@@ -31,6 +31,7 @@ class TListing final : public ITreeVisitor {
         FOutput(output),
         FDeleted(options.Texts.Utf8(TText::MarkDeleted)),
         FOverwritten(options.Texts.Utf8(TText::MarkOverwritten)),
+        FEstimated(options.Texts.Utf8(TText::MarkEstimated)),
         FEncrypted(options.Texts.Utf8(TText::MarkEncrypted)),
         FCompressed(options.Texts.Utf8(TText::MarkCompressed)) {}
 
@@ -60,7 +61,9 @@ class TListing final : public ITreeVisitor {
   const std::string& Mark(const TTreeEntry& entry) const {
     static const std::string none;
     const TAtributes& attributes = entry.File->FileInfo.Atributes;
-    if (entry.Deleted()) return IsOverwritten(FEngine, *entry.File) ? FOverwritten : FDeleted;
+    if (entry.Deleted() && IsOverwritten(FEngine, *entry.File)) return FOverwritten;
+    if (PlaceOf(FEngine, *entry.File) == TPlaceSource::Estimated) return FEstimated;
+    if (entry.Deleted()) return FDeleted;
     if (attributes.blnEncrypted) return FEncrypted;
     return attributes.blnCompressed ? FCompressed : none;
   }
@@ -68,7 +71,7 @@ class TListing final : public ITreeVisitor {
   void Print(const TTreeEntry& entry) {
     const TFileInfo& info = entry.File->FileInfo;
     if (FOptions.Json) {
-      FOutput.Write(FileFields(entry).Take());
+      FOutput.Write(FileFields(FEngine, entry).Take());
     } else {
       const std::string size = info.blnFolder ? "" : SizeText(info.aSize);
       const TStringView name = FOptions.Tree ? info.strName : entry.Path;
@@ -128,6 +131,7 @@ class TListing final : public ITreeVisitor {
   std::string FLine;
   std::string FDeleted;
   std::string FOverwritten;
+  std::string FEstimated;
   std::string FEncrypted;
   std::string FCompressed;
 };

@@ -62,6 +62,8 @@ const char* OutcomeName(TOutcome outcome) {
       return "short";
     case TOutcome::Unreadable:
       return "unreadable";
+    case TOutcome::Doubtful:
+      return "doubtful";
     case TOutcome::Failed:
       return "failed";
     case TOutcome::Skipped:
@@ -77,6 +79,8 @@ std::string FaultText(const TLanguage& texts, const TFileOutcome& fault) {
                         {SizeText(fault.Written), SizeText(fault.Listed)});
     case TOutcome::Unreadable:
       return texts.Utf8(TText::FaultUnreadable);
+    case TOutcome::Doubtful:
+      return texts.Utf8(TText::FaultDoubtful);
     case TOutcome::Failed:
       return texts.Utf8(TText::FaultFailed, {SystemErrorText(texts, fault.SystemError)});
     default:
@@ -104,7 +108,7 @@ class TOutcomeLines {
     if (FOptions.Json) {
       const TFile& file = FEngine.Files().List[static_cast<std::size_t>(outcome.FileNumber)];
       const TTreeEntry entry{outcome.FileNumber, &file, path, 0, parentDeleted};
-      FOutput.Write(FileFields(entry)
+      FOutput.Write(FileFields(FEngine, entry)
                         .Text("target", outcome.Path)
                         .Text("outcome", std::string(OutcomeName(outcome.Outcome)))
                         .Take());

@@ -71,6 +71,8 @@ struct TDriveInfo {
   TInt64DynArray FileFirstClusters;
   TIntegerDynArray Volumes;    ///< on a physical drive: the numbers of its volumes
   TIntegerDynArray SubDrives;  ///< numbers of the partitions found inside this drive
+  /// How start, size and cluster size of the volume are known.
+  TPlaceSource GeometrySource = TPlaceSource::Stored;
   bool CanBeAnalysed = false;  ///< false for a drive that only groups others
   bool IsSubDrive = false;
 };

@@ -359,6 +359,7 @@ void TDrives::CopySystemsInfo(const TDriveInfo& from, TDriveInfo& to) {
   to.aFreeSize = from.aFreeSize;
   to.FATInfo = from.FATInfo;
   to.NTFSInfo = from.NTFSInfo;
+  to.GeometrySource = from.GeometrySource;
   SetDefaultInfo(to);
 }
 

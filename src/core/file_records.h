@@ -77,6 +77,7 @@ struct TFileInfo {
   bool blnFragmented : 1 = false;
   bool blnChecked : 1 = true;
   TFirstClusterInfo FirstClusterInfo = TFirstClusterInfo::fciNormal;
+  TPlaceSource Place = TPlaceSource::Stored;  ///< of this row; ask `PlaceOf` for the whole answer
 };
 
 /// One row of a file table. `ParentCluster` is the `FirstCluster` of the folder it lies in.

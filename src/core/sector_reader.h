@@ -45,6 +45,13 @@ class TSectorReader {
 
   /// Count of reads of drives that returned nothing or less than asked since the start.
   std::uint64_t FailedReads() const { return FFailedReads; }
+  /// A driver hands out zeros or guesses for bytes that it should have had: counts as a failed read.
+  void NoteFailedRead() { ++FFailedReads; }
+  /// A driver hands out bytes from a place that it had to guess while reading (a chain across an
+  /// unreadable table, for one).
+  void NoteEstimatedRead() { ++FEstimatedReads; }
+  /// Count of such reads since the start.
+  std::uint64_t EstimatedReads() const { return FEstimatedReads; }
   /// Bytes read from drives since the start.
   std::uint64_t BytesRead() const { return FBytesRead; }
 
@@ -53,6 +60,7 @@ class TSectorReader {
   const void* FLastFailedDrive = nullptr;  // identity of the record, never followed
   std::int64_t FLastFailedSector = 0;
   std::uint64_t FFailedReads = 0;
+  std::uint64_t FEstimatedReads = 0;
   std::uint64_t FBytesRead = 0;
 };
 

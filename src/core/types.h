@@ -128,6 +128,15 @@ enum class TAnalyseInformation : std::uint8_t { aiNone, aiPartial, aiFull };
 /// How to read a file's `FirstCluster`: as it is; unknown with candidates; as a sector number.
 enum class TFirstClusterInfo : std::uint8_t { fciNormal, fciUnknown, fciSector };
 
+/// How it is known where the content of a file lies. Anything but `Stored` reaches the lists, the JSON
+/// output, the report and the summary of a recovery.
+enum class TPlaceSource : std::uint8_t {
+  Stored,     ///< as the file system has it
+  FromCopy,   ///< from a copy of its structures, as sound as they are
+  Estimated,  ///< worked out from traces (start, cluster size, record number, table width): may be wrong
+  ByContent,  ///< where a file of this kind begins, whatever the file system says
+};
+
 /// Special values of `TFileInfo::FirstCluster` and `TFile::ParentCluster`.
 namespace SpecialCluster {
 inline constexpr std::int64_t Unselected = -1;

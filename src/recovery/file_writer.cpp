@@ -115,6 +115,7 @@ int TFileWriter::Finish(std::string& name, bool replace) {
 /// Fills in what was written and how it went.
 void TFileWriter::WriteData(int fileNumber, TFileOutcome& outcome, int handle) {
   const std::uint64_t failedReads = FEngine.Reader().FailedReads();
+  const std::uint64_t estimatedReads = FEngine.Reader().EstimatedReads();
   const bool large = outcome.Listed >= LargeFile;
   TFileSink sink(handle, FOptions.Digests);
   while (outcome.Written < outcome.Listed) {
@@ -137,6 +138,10 @@ void TFileWriter::WriteData(int fileNumber, TFileOutcome& outcome, int handle) {
   }
   if (outcome.SystemError == 0) outcome.SystemError = sink.Finish();
   outcome.Digest = sink.Digest();
+  const TFile& file = FEngine.Files().List[static_cast<std::size_t>(fileNumber)];
+  const bool estimated = outcome.Written > 0 && (FEngine.Reader().EstimatedReads() != estimatedReads ||
+                                                 PlaceOf(FEngine, file) == TPlaceSource::Estimated);
+  if (estimated) outcome.Outcome = TOutcome::Doubtful;
   if (FEngine.Reader().FailedReads() != failedReads) outcome.Outcome = TOutcome::Unreadable;
 }
 

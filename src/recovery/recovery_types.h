@@ -54,6 +54,7 @@ enum class TOutcome {
   Whole,
   Short,       ///< fewer bytes than listed could be read, or the recovery was stopped
   Unreadable,  ///< as long as listed, but parts of the source could not be read
+  Doubtful,    ///< as long as listed and readable, but where it lies is an estimate
   Failed,      ///< could not be created or written
   Skipped,     ///< left out by the answer to a question
 };
@@ -77,6 +78,7 @@ struct TRecoverySummary {
   std::int64_t Whole = 0;
   std::int64_t Short = 0;
   std::int64_t Unreadable = 0;
+  std::int64_t Doubtful = 0;
   std::int64_t Failed = 0;
   std::int64_t Skipped = 0;
   std::int64_t DeletedFiles = 0;  ///< of the files written
@@ -90,7 +92,7 @@ struct TRecoverySummary {
   bool Stopped = false;
 
   static constexpr std::size_t MostFaults = 1000;
-  std::int64_t FaultCount() const { return Short + Unreadable + Failed; }
+  std::int64_t FaultCount() const { return Short + Unreadable + Doubtful + Failed; }
 };
 
 }  // namespace brenlow

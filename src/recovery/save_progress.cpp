@@ -320,6 +320,9 @@ void TfrmSaveProgress::Record(TFileOutcome outcome, bool parentDeleted) {
     case TOutcome::Unreadable:
       ++FSummary.Unreadable;
       break;
+    case TOutcome::Doubtful:
+      ++FSummary.Doubtful;
+      break;
     case TOutcome::Failed:
       ++FSummary.Failed;
       break;

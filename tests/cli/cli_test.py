@@ -1,65 +1,20 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: GPL-3.0-or-later
-"""Runs the program as a user would: verbs, exit status, messages, JSON, stop, and that a source is
-never changed.   cli_test.py BRENLOW-CLI DATA-FOLDER"""
+"""Runs the program as a user would: verbs, exit status, messages, JSON, stop."""
 import hashlib
 import json
 import os
 import pathlib
 import signal
 import subprocess
-import sys
-import tempfile
 import time
 import unittest
 
 from fat_image import fat16
-
-CLI, DATA = sys.argv[1], pathlib.Path(sys.argv[2])
-
-
-# Neither the settings nor the locale of whoever runs the tests play a part.
-ENVIRONMENT = {**{k: v for k, v in os.environ.items() if not k.startswith(("LC_", "LANG"))}, "LC_ALL": "C.UTF-8"}
+from support import CLI, DATA, ENVIRONMENT, TestCase, digest, main, mbr, mounted, run
 
 
-def run(*arguments, **more):
-    return subprocess.run([CLI, *map(str, arguments)], capture_output=True, text=True, timeout=60, env=ENVIRONMENT, **more)
-
-
-def mounted(options, script, folder, *arguments):
-    """Runs a script in a mount namespace of its own with a tmpfs over `folder`; None where that is not allowed."""
-    command = "mount -t tmpfs -o %s tmpfs \"$1\" || exit 77; shift; %s" % (options, script)
-    rights = ["-m"] if os.geteuid() == 0 else ["-Urm"]
-    r = subprocess.run(["unshare", *rights, "sh", "-c", command, "sh", str(folder), *map(str, arguments)],
-                       capture_output=True, text=True, timeout=60, env=ENVIRONMENT)
-    return None if r.returncode == 77 or "unshare" in r.stderr else r
-
-
-def digest(path):
-    return hashlib.sha256(pathlib.Path(path).read_bytes()).hexdigest()
-
-
-def mbr(first, count):
-    """The first sector of a disk with one FAT32 partition."""
-    return (bytes(446) + bytes([0, 0, 0, 0, 0x0C, 0, 0, 0]) + first.to_bytes(4, "little") + count.to_bytes(4, "little")).ljust(510, b"\0") + b"\x55\xaa"
-
-
-class Program(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.folder = tempfile.TemporaryDirectory()
-        cls.stick = pathlib.Path(cls.folder.name) / "stick.img"
-        subprocess.run(["zstd", "-dqf", str(DATA / "demo-stick.img.zst"), "-o", str(cls.stick)], check=True)
-        cls.before = digest(cls.stick)
-
-    @classmethod
-    def tearDownClass(cls):
-        assert digest(cls.stick) == cls.before, "the source was changed"
-        cls.folder.cleanup()
-
-    def target(self):
-        return pathlib.Path(tempfile.mkdtemp(dir=self.folder.name))
-
+class Program(TestCase):
     def test_recover_all(self):
         out = self.target() / "new folder"
         r = run("recover", self.stick, "--out", out)
@@ -205,7 +160,7 @@ class Program(unittest.TestCase):
     def test_json(self):
         rows = [json.loads(line) for line in run("ls", self.stick, "--json").stdout.splitlines()]
         row = next(r for r in rows if r["name"] == "letter 1.txt")
-        self.assertEqual(set(row), {"path", "name", "size", "folder", "deleted", "deep", "compressed", "encrypted", "drive", "created", "modified", "accessed", "first_cluster"})
+        self.assertEqual(set(row), {"path", "name", "size", "folder", "deleted", "deep", "compressed", "encrypted", "drive", "created", "modified", "accessed", "first_cluster", "place"})
         self.assertEqual((row["size"], row["deleted"], row["deep"], row["drive"]), (900, False, False, 1))
         self.assertEqual(row["modified"], "2021-05-03T17:20:06")
         out = run("recover", self.stick, "--out", self.target(), "--json", "--path", "README.TXT")
@@ -438,4 +393,4 @@ class Program(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main(argv=[sys.argv[0]])
+    main()

@@ -48,6 +48,7 @@ class TSlowDevice final : public IDevice {
   }
   std::int64_t Size() const override { return static_cast<std::int64_t>(FImage.size()); }
   int SectorSize() const override { return 512; }
+  void AddOrigins(std::vector<brenlow::TFileIdentity>&) const override {}
 
   std::atomic<int> Delay{0};  ///< milliseconds of each read
   std::atomic<int> Reads{0};

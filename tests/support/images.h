@@ -27,6 +27,7 @@ class TMemoryDevice final : public IDevice {
   std::size_t Read(std::int64_t position, std::span<std::uint8_t> buffer) override;
   std::int64_t Size() const override { return static_cast<std::int64_t>(Image.size()); }
   int SectorSize() const override { return FSectorSize; }
+  void AddOrigins(std::vector<TFileIdentity>&) const override {}
 
   TImage Image;
   std::set<std::int64_t> BadSectors;

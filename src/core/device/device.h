@@ -7,10 +7,19 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "core/types.h"
 
 namespace brenlow {
+
+/// What a path leads to, whatever its name: a file by its file system and inode, a block device by its
+/// number.
+struct TFileIdentity {
+  std::uint64_t FileSystem = 0;  ///< st_dev of a file; 0 for a block device
+  std::uint64_t Node = 0;        ///< st_ino of a file; st_rdev of a block device
+  bool operator==(const TFileIdentity&) const = default;
+};
 
 /// Something that reads as bytes. Implementations never write.
 class IDevice {
@@ -24,6 +33,9 @@ class IDevice {
   virtual int SectorSize() const = 0;
   /// First byte at or after `position` that may be anything but zero; `Size()` when none is.
   virtual std::int64_t NextData(std::int64_t position) { return position; }
+  /// Appends the files and devices that its bytes come from; those must never be written to. Every
+  /// implementation that reads from another device or file passes the question on.
+  virtual void AddOrigins(std::vector<TFileIdentity>& origins) const = 0;
 };
 
 struct TOpenedDevice {

@@ -15,7 +15,8 @@ namespace {
 
 class TLinuxDevice final : public IDevice {
  public:
-  TLinuxDevice(int handle, std::int64_t size, int sectorSize) : FHandle(handle), FSize(size), FSectorSize(sectorSize) {}
+  TLinuxDevice(int handle, TFileIdentity identity, std::int64_t size, int sectorSize)
+      : FHandle(handle), FIdentity(identity), FSize(size), FSectorSize(sectorSize) {}
   TLinuxDevice(const TLinuxDevice&) = delete;
   TLinuxDevice& operator=(const TLinuxDevice&) = delete;
   ~TLinuxDevice() override { ::close(FHandle); }
@@ -42,9 +43,11 @@ class TLinuxDevice final : public IDevice {
     const off64_t next = ::lseek64(FHandle, position, SEEK_DATA);
     return next >= 0 ? next : errno == ENXIO ? FSize : position;
   }
+  void AddOrigins(std::vector<TFileIdentity>& origins) const override { origins.push_back(FIdentity); }
 
  private:
   int FHandle;
+  TFileIdentity FIdentity;
   std::int64_t FSize;
   int FSectorSize;
 };
@@ -62,7 +65,9 @@ TOpenedDevice OpenDevice(const std::string& path) {
     ::close(handle);
     return {nullptr, error};
   }
-  if (S_ISREG(status.st_mode)) return {std::make_unique<TLinuxDevice>(handle, status.st_size, 0), 0};
+  if (S_ISREG(status.st_mode)) {
+    return {std::make_unique<TLinuxDevice>(handle, TFileIdentity{status.st_dev, status.st_ino}, status.st_size, 0), 0};
+  }
   std::uint64_t size = 0;
   int sectorSize = 0;
   if (!S_ISBLK(status.st_mode) || ::ioctl(handle, BLKGETSIZE64, &size) != 0) {
@@ -71,7 +76,8 @@ TOpenedDevice OpenDevice(const std::string& path) {
     return {nullptr, error};
   }
   if (::ioctl(handle, BLKSSZGET, &sectorSize) != 0) sectorSize = 512;
-  return {std::make_unique<TLinuxDevice>(handle, static_cast<std::int64_t>(size), sectorSize), 0};
+  const TFileIdentity identity{0, status.st_rdev};
+  return {std::make_unique<TLinuxDevice>(handle, identity, static_cast<std::int64_t>(size), sectorSize), 0};
 }
 
 }  // namespace brenlow

@@ -39,6 +39,7 @@ class TBlockMapDisk final : public IDevice {
     return done;
   }
   std::int64_t Size() const override { return FMap.DiskSize; }
+  void AddOrigins(std::vector<TFileIdentity>& origins) const override { FFile->AddOrigins(origins); }
   int SectorSize() const override { return 0; }
   std::int64_t NextData(std::int64_t position) override {
     auto block = static_cast<std::size_t>(position / FMap.BlockSize);

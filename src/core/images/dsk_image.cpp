@@ -35,6 +35,7 @@ class TCompressedImage final : public IDevice {
     return done;
   }
   std::int64_t Size() const override { return FSize; }
+  void AddOrigins(std::vector<TFileIdentity>& origins) const override { FFile->AddOrigins(origins); }
   int SectorSize() const override { return 0; }
 
  private:

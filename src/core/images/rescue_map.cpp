@@ -30,6 +30,7 @@ class TMappedImage final : public IDevice {
     return count == 0 ? 0 : FImage->Read(position, buffer.first(count));
   }
   std::int64_t Size() const override { return FImage->Size(); }
+  void AddOrigins(std::vector<TFileIdentity>& origins) const override { FImage->AddOrigins(origins); }
   int SectorSize() const override { return FImage->SectorSize(); }
 
  private:

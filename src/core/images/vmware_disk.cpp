@@ -51,6 +51,11 @@ class TVMwareDisk final : public IDevice {
     return FInfo.Files.empty() ? 0 : (FInfo.Files.back().StartingSector + FInfo.Files.back().SectorsCount) * Sector;
   }
   int SectorSize() const override { return 0; }
+  void AddOrigins(std::vector<TFileIdentity>& origins) const override {
+    for (const auto& file : FFiles) {
+      if (file) file->AddOrigins(origins);
+    }
+  }
   std::int64_t NextData(std::int64_t position) override {
     while (position < Size()) {
       const TPiece piece = PieceAt(position);

@@ -237,6 +237,7 @@ void TRecoveryMasterForm::ShowSummary(const TRecoverySummary& summary) {
   add(summary.Overwritten, TText::FinishOverwritten);
   add(summary.Short, TText::FinishShort);
   add(summary.Unreadable, TText::FinishUnreadable);
+  add(summary.Doubtful, TText::FinishDoubtful);
   add(summary.Failed, TText::FinishFailed);
   add(summary.Skipped, TText::FinishSkipped);
   add(summary.StreamsLeft, TText::FinishStreamsLeft);
@@ -251,6 +252,9 @@ void TRecoveryMasterForm::ShowSummary(const TRecoverySummary& summary) {
         break;
       case TOutcome::Unreadable:
         reason = Caption(TText::FaultHasBadPlaces);
+        break;
+      case TOutcome::Doubtful:
+        reason = Caption(TText::FaultPlaceEstimated);
         break;
       default:
         reason = ToQt(SystemErrorText(Texts(), fault.SystemError));
