@@ -7,6 +7,7 @@
 #include "cli/commands.h"
 #include "cli/json_line.h"
 #include "cli/session.h"
+#include "cli/verb_options.h"
 #include "core/sizes.h"
 #include "core/text.h"
 
@@ -131,6 +132,11 @@ std::string InfoText(const TLanguage& texts, const TDriveInfo& drive, int number
 
 }  // namespace
 
+void AddDrivesOptions(CLI::App& verb, TOptions& options) {
+  verb.add_option("SOURCE", options.Sources, options.Texts.Utf8(TText::HelpDrivesSource));
+  verb.add_flag("--json", options.Json, options.Texts.Utf8(TText::HelpJson));
+}
+
 int ListDrives(const TOptions& options) {
   TEngine engine;
   ApplyOptions(engine, options);
@@ -148,6 +154,8 @@ int ListDrives(const TOptions& options) {
   PrintDriveRows(engine, options);
   return status;
 }
+
+void AddInfoOptions(CLI::App& verb, TOptions& options) { AddSourceOption(verb, options); }
 
 int ShowInfo(const TOptions& options) {
   TEngine engine;

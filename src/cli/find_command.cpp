@@ -7,6 +7,7 @@
 #include "cli/commands.h"
 #include "cli/json_line.h"
 #include "cli/session.h"
+#include "cli/verb_options.h"
 #include "core/sector_reader.h"
 #include "core/sizes.h"
 #include "core/text.h"
@@ -61,6 +62,12 @@ void Print(TEngine& engine, const TOptions& options, const TIntegerDynArray& fou
 }
 
 }  // namespace
+
+void AddFindOptions(CLI::App& verb, TOptions& options) {
+  AddSourceOption(verb, options);
+  AddRangeOptions(verb, options);
+  AddSearchOptions(verb, options);
+}
 
 int FindPartitions(const TOptions& options) {
   TEngine engine;

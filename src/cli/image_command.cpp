@@ -7,6 +7,7 @@
 #include "cli/commands.h"
 #include "cli/json_line.h"
 #include "cli/session.h"
+#include "cli/verb_options.h"
 #include "core/images/image_writer.h"
 #include "core/sizes.h"
 #include "shell/progress_text.h"
@@ -64,6 +65,16 @@ int Summarise(const TOptions& options, const TImageResult& result, std::int64_t 
 }
 
 }  // namespace
+
+void AddImageOptions(CLI::App& verb, TOptions& options) {
+  const TLanguage& texts = options.Texts;
+  AddSourceOption(verb, options);
+  AddRangeOptions(verb, options);
+  verb.add_option("--out", options.Out, texts.Utf8(TText::HelpImageOut))->required()->type_name("FILE");
+  CLI::Option* compressed = verb.add_flag("--compressed", options.Compressed, texts.Utf8(TText::HelpCompressed));
+  verb.add_option("--map", options.Map, texts.Utf8(TText::HelpMap))->type_name("FILE")->excludes(compressed);
+  verb.add_flag("--overwrite", options.Overwrite, texts.Utf8(TText::HelpOverwrite));
+}
 
 int CreateImage(const TOptions& options) {
   TEngine engine;

@@ -9,6 +9,7 @@
 #include "cli/file_fields.h"
 #include "cli/selection.h"
 #include "cli/session.h"
+#include "cli/verb_options.h"
 #include "core/datetime.h"
 #include "core/sizes.h"
 #include "core/text.h"
@@ -148,6 +149,15 @@ std::string VolumeTitle(const TLanguage& texts, const TDriveInfo& drive, int num
 }
 
 }  // namespace
+
+void AddListOptions(CLI::App& verb, TOptions& options) {
+  AddSourceOption(verb, options);
+  AddFilterOptions(verb, options);
+  AddRangeOptions(verb, options);
+  AddSearchOptions(verb, options);
+  verb.add_flag("--tree", options.Tree, options.Texts.Utf8(TText::HelpTree));
+  verb.add_flag("--streams", options.ListStreams, options.Texts.Utf8(TText::HelpListStreams));
+}
 
 int ListFiles(const TOptions& options) {
   TEngine engine;

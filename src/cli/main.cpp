@@ -9,11 +9,9 @@
 #include <memory>
 #include <string_view>
 
-#include "analysis/files.h"
 #include "cli/commands.h"
 #include "cli/options.h"
 #include "cli/session.h"
-#include "core/text.h"
 #include "shell/settings.h"
 
 namespace {
@@ -22,85 +20,25 @@ using brenlow::TLanguage;
 using brenlow::TText;
 using brenlow::cli::TOptions;
 
-void AddSourceOption(CLI::App& verb, TOptions& options) {
-  const TLanguage& texts = options.Texts;
-  verb.add_option("SOURCE", options.Sources, texts.Utf8(TText::HelpSource))->required()->expected(1);
-  verb.add_option("--drive", options.Drive, texts.Utf8(TText::HelpDriveOption))
-      ->check(CLI::PositiveNumber)
-      ->type_name("N");
-  verb.add_option("--oem-codepage", options.CodePage, texts.Utf8(TText::HelpCodePage))
-      ->type_name("N")
-      ->capture_default_str();
-  verb.add_flag("--json", options.Json, texts.Utf8(TText::HelpJson));
-}
+/// One verb of the program.
+struct TVerb {
+  const char* Name;
+  TText About;
+  TText Example;
+  void (*AddOptions)(CLI::App&, TOptions&);
+  int (*Run)(const TOptions&);
+};
 
-void AddRangeOptions(CLI::App& verb, TOptions& options) {
-  const TLanguage& texts = options.Texts;
-  verb.add_option("--first", options.First, texts.Utf8(TText::HelpFirst))
-      ->check(CLI::NonNegativeNumber)
-      ->type_name("N");
-  verb.add_option("--count", options.Count, texts.Utf8(TText::HelpCount))->check(CLI::PositiveNumber)->type_name("N");
-}
-
-void AddSystemsOption(CLI::App& verb, TOptions& options) {
-  verb.add_option("--systems", options.Systems, options.Texts.Utf8(TText::HelpSystems))
-      ->delimiter(',')
-      ->check(CLI::IsMember({"fat", "ntfs"}))
-      ->type_name("LIST");
-}
-
-void AddImageOptions(CLI::App& verb, TOptions& options) {
-  const TLanguage& texts = options.Texts;
-  verb.add_option("--out", options.Out, texts.Utf8(TText::HelpImageOut))->required()->type_name("FILE");
-  CLI::Option* compressed = verb.add_flag("--compressed", options.Compressed, texts.Utf8(TText::HelpCompressed));
-  verb.add_option("--map", options.Map, texts.Utf8(TText::HelpMap))->type_name("FILE")->excludes(compressed);
-  verb.add_flag("--overwrite", options.Overwrite, texts.Utf8(TText::HelpOverwrite));
-}
-
-void AddFilterOptions(CLI::App& verb, TOptions& options) {
-  const TLanguage& texts = options.Texts;
-  verb.add_flag("--deleted", options.Deleted, texts.Utf8(TText::HelpDeleted));
-  verb.add_flag("--existing", options.Existing, texts.Utf8(TText::HelpExisting));
-  verb.add_option("--type", options.Kinds, texts.Utf8(TText::HelpType))
-      ->check(CLI::IsMember({"archive", "audio", "database", "document", "image", "video"}))
-      ->type_name("KIND");
-  verb.add_option("--ext", options.Extensions, texts.Utf8(TText::HelpExtensions))->delimiter(',')->type_name("LIST");
-  verb.add_option("--path", options.PathGlob, texts.Utf8(TText::HelpPath))->type_name("GLOB");
-  CLI::Option* deep = verb.add_flag("--deep", options.Deep, texts.Utf8(TText::HelpDeep));
-  verb.add_flag("--fast-off", options.FastOff, texts.Utf8(TText::HelpFastOff))->needs(deep);
-  verb.add_option("--lost-folders", options.LostFolders, texts.Utf8(TText::HelpLostFolders))
-      ->check(CLI::IsMember({"never", "auto", "always"}))
-      ->type_name("WHEN")
-      ->capture_default_str();
-}
-
-/// The one character of `--replace-symbols`, which must not be a refused one itself.
-std::string CheckReplacement(const std::string& text) {
-  const brenlow::TString character = brenlow::FromUtf8(text);
-  const bool fits = character.size() == 1 && character[0] >= u' ' && brenlow::TFiles::RightName(character) == 0;
-  return fits ? "" : "one character, none of \\ / : * ? \" < > |";
-}
-
-void AddRecoverOptions(CLI::App& verb, TOptions& options) {
-  const TLanguage& texts = options.Texts;
-  const auto choice = [&](const char* name, std::string& value, TText help, std::vector<std::string> values) {
-    verb.add_option(name, value, texts.Utf8(help))
-        ->check(CLI::IsMember(std::move(values)))
-        ->type_name("HOW")
-        ->capture_default_str();
-  };
-  verb.add_option("--out", options.Out, texts.Utf8(TText::HelpOut))->required()->type_name("DIR");
-  choice("--conflict", options.Conflict, TText::HelpConflict, {"rename", "skip", "replace"});
-  verb.add_option("--replace-symbols", options.ReplaceSymbols, texts.Utf8(TText::HelpReplaceSymbols))
-      ->check(CheckReplacement)
-      ->type_name("C")
-      ->capture_default_str();
-  verb.add_flag("--flat", options.Flat, texts.Utf8(TText::HelpFlat));
-  choice("--candidates", options.Candidates, TText::HelpCandidates, {"first", "all"});
-  choice("--streams", options.Streams, TText::HelpStreams, {"none", "files", "xattr"});
-  choice("--long-paths", options.LongPaths, TText::HelpLongPaths, {"auto", "keep", "shorten"});
-  verb.add_option("--report", options.Report, texts.Utf8(TText::HelpReport))->type_name("FILE");
-}
+constexpr TVerb Verbs[] = {
+    {"drives", TText::HelpDrives, TText::HelpDrivesExample, brenlow::cli::AddDrivesOptions, brenlow::cli::ListDrives},
+    {"info", TText::HelpInfo, TText::HelpInfoExample, brenlow::cli::AddInfoOptions, brenlow::cli::ShowInfo},
+    {"ls", TText::HelpLs, TText::HelpLsExample, brenlow::cli::AddListOptions, brenlow::cli::ListFiles},
+    {"recover", TText::HelpRecover, TText::HelpRecoverExample, brenlow::cli::AddRecoverOptions,
+     brenlow::cli::RecoverFiles},
+    {"image", TText::HelpImage, TText::HelpImageExample, brenlow::cli::AddImageOptions, brenlow::cli::CreateImage},
+    {"find", TText::HelpFind, TText::HelpFindExample, brenlow::cli::AddFindOptions, brenlow::cli::FindPartitions},
+    {"types", TText::HelpTypes, TText::HelpTypesExample, brenlow::cli::AddTypesOptions, brenlow::cli::ListTypes},
+};
 
 /// The language, before anything is said: `--language`, else the settings, else the environment.
 void ChooseLanguage(int argc, char** argv, TOptions& options) {
@@ -150,53 +88,13 @@ int Run(int argc, char** argv) {
   app.set_version_flag("--version", "brenlow-cli " BRENLOW_VERSION, texts.Utf8(TText::HelpVersion));
   std::string language;  // taken before, by `ChooseLanguage`
   app.add_option("--language", language, texts.Utf8(TText::HelpLanguage))->type_name("NAME");
-  const auto addVerb = [&](const char* name, TText about, TText example) {
-    CLI::App* verb = app.add_subcommand(name, texts.Utf8(about));
-    verb->group(texts.Utf8(TText::HelpSubcommands));
-    verb->footer(texts.Utf8(example));
-    verb->get_help_ptr()->group(texts.Utf8(TText::HelpOptions));
-    return verb;
-  };
-
-  CLI::App* drives = addVerb("drives", TText::HelpDrives, TText::HelpDrivesExample);
-  drives->add_option("SOURCE", options.Sources, texts.Utf8(TText::HelpDrivesSource));
-  drives->add_flag("--json", options.Json, texts.Utf8(TText::HelpJson));
-
-  CLI::App* info = addVerb("info", TText::HelpInfo, TText::HelpInfoExample);
-  AddSourceOption(*info, options);
-
-  CLI::App* ls = addVerb("ls", TText::HelpLs, TText::HelpLsExample);
-  AddSourceOption(*ls, options);
-  AddFilterOptions(*ls, options);
-  ls->add_flag("--tree", options.Tree, texts.Utf8(TText::HelpTree));
-  ls->add_flag("--streams", options.ListStreams, texts.Utf8(TText::HelpListStreams));
-
-  CLI::App* recover = addVerb("recover", TText::HelpRecover, TText::HelpRecoverExample);
-  AddSourceOption(*recover, options);
-  AddFilterOptions(*recover, options);
-  AddRecoverOptions(*recover, options);
-
-  CLI::App* image = addVerb("image", TText::HelpImage, TText::HelpImageExample);
-  AddSourceOption(*image, options);
-  AddRangeOptions(*image, options);
-  AddImageOptions(*image, options);
-
-  CLI::App* find = addVerb("find", TText::HelpFind, TText::HelpFindExample);
-  AddSourceOption(*find, options);
-  AddRangeOptions(*find, options);
-  find->add_option("--map", options.Map, texts.Utf8(TText::HelpSourceMap))->type_name("FILE");
-  find->add_flag("--scan", options.Scan, texts.Utf8(TText::HelpScan));
-  AddSystemsOption(*find, options);
-
-  for (CLI::App* verb : {ls, recover}) {
-    AddRangeOptions(*verb, options);
-    verb->add_flag("--scan", options.Scan, texts.Utf8(TText::HelpScan));
-    AddSystemsOption(*verb, options);
-    verb->add_option("--map", options.Map, texts.Utf8(TText::HelpSourceMap))->type_name("FILE");
+  for (const TVerb& verb : Verbs) {
+    CLI::App* parser = app.add_subcommand(verb.Name, texts.Utf8(verb.About));
+    parser->group(texts.Utf8(TText::HelpSubcommands));
+    parser->footer(texts.Utf8(verb.Example));
+    parser->get_help_ptr()->group(texts.Utf8(TText::HelpOptions));
+    verb.AddOptions(*parser, options);
   }
-
-  CLI::App* types = addVerb("types", TText::HelpTypes, TText::HelpTypesExample);
-  types->add_flag("--json", options.Json, texts.Utf8(TText::HelpJson));
 
   try {
     app.parse(argc, argv);
@@ -205,13 +103,9 @@ int Run(int argc, char** argv) {
     if (error.get_exit_code() == 0) return app.exit(error);
     return ComplainOfUsage(error, options);
   }
-  if (drives->parsed()) return brenlow::cli::ListDrives(options);
-  if (info->parsed()) return brenlow::cli::ShowInfo(options);
-  if (ls->parsed()) return brenlow::cli::ListFiles(options);
-  if (recover->parsed()) return brenlow::cli::RecoverFiles(options);
-  if (find->parsed()) return brenlow::cli::FindPartitions(options);
-  if (image->parsed()) return brenlow::cli::CreateImage(options);
-  if (types->parsed()) return brenlow::cli::ListTypes(options);
+  for (const TVerb& verb : Verbs) {
+    if (app.got_subcommand(verb.Name)) return verb.Run(options);
+  }
   brenlow::cli::Complain(texts.Utf8(TText::UsageNoVerb));
   return brenlow::cli::WrongUsage;
 }

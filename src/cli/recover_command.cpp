@@ -10,6 +10,7 @@
 #include "cli/file_fields.h"
 #include "cli/selection.h"
 #include "cli/session.h"
+#include "cli/verb_options.h"
 #include "core/sizes.h"
 #include "core/text.h"
 #include "recovery/master_link.h"
@@ -211,7 +212,39 @@ int ComplainOf(const TOptions& options, const std::string& path, int error) {
   return WrongUsage;
 }
 
+/// The one character of `--replace-symbols`, which must not be a refused one itself.
+std::string CheckReplacement(const std::string& text) {
+  const TString character = FromUtf8(text);
+  const bool fits = character.size() == 1 && character[0] >= u' ' && TFiles::RightName(character) == 0;
+  return fits ? "" : "one character, none of \\ / : * ? \" < > |";
+}
+
 }  // namespace
+
+void AddRecoverOptions(CLI::App& verb, TOptions& options) {
+  const TLanguage& texts = options.Texts;
+  const auto choice = [&](const char* name, std::string& value, TText help, std::vector<std::string> values) {
+    verb.add_option(name, value, texts.Utf8(help))
+        ->check(CLI::IsMember(std::move(values)))
+        ->type_name("HOW")
+        ->capture_default_str();
+  };
+  AddSourceOption(verb, options);
+  AddFilterOptions(verb, options);
+  AddRangeOptions(verb, options);
+  AddSearchOptions(verb, options);
+  verb.add_option("--out", options.Out, texts.Utf8(TText::HelpOut))->required()->type_name("DIR");
+  choice("--conflict", options.Conflict, TText::HelpConflict, {"rename", "skip", "replace"});
+  verb.add_option("--replace-symbols", options.ReplaceSymbols, texts.Utf8(TText::HelpReplaceSymbols))
+      ->check(CheckReplacement)
+      ->type_name("C")
+      ->capture_default_str();
+  verb.add_flag("--flat", options.Flat, texts.Utf8(TText::HelpFlat));
+  choice("--candidates", options.Candidates, TText::HelpCandidates, {"first", "all"});
+  choice("--streams", options.Streams, TText::HelpStreams, {"none", "files", "xattr"});
+  choice("--long-paths", options.LongPaths, TText::HelpLongPaths, {"auto", "keep", "shorten"});
+  verb.add_option("--report", options.Report, texts.Utf8(TText::HelpReport))->type_name("FILE");
+}
 
 int RecoverFiles(const TOptions& options) {
   TEngine engine;

@@ -6,10 +6,15 @@
 #include "cli/commands.h"
 #include "cli/console.h"
 #include "cli/json_line.h"
+#include "cli/verb_options.h"
 #include "core/language.h"
 #include "core/text.h"
 
 namespace brenlow::cli {
+
+void AddTypesOptions(CLI::App& verb, TOptions& options) {
+  verb.add_flag("--json", options.Json, options.Texts.Utf8(TText::HelpJson));
+}
 
 int ListTypes(const TOptions& options) {
   const TFileSignatures signatures;

@@ -1,0 +1,20 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Options that several verbs share. What a verb has for itself is declared beside it.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include "cli/options.h"
+
+namespace brenlow::cli {
+
+/// SOURCE and what every verb with one source has.
+void AddSourceOption(CLI::App& verb, TOptions& options);
+/// `--first` and `--count`.
+void AddRangeOptions(CLI::App& verb, TOptions& options);
+/// `--map` of an image that is read, `--scan` and `--systems`.
+void AddSearchOptions(CLI::App& verb, TOptions& options);
+/// Which files are wanted, and how they are looked for.
+void AddFilterOptions(CLI::App& verb, TOptions& options);
+
+}  // namespace brenlow::cli
