@@ -23,4 +23,16 @@ int TFolderIndex::Owner(std::int64_t firstCluster) const {
   return owner == FOwners.end() ? -1 : owner->second;
 }
 
+bool TFolderIndex::InDeletedFolder(const TFiles& files, int fileNumber) const {
+  if (files.IsWrongNumber(fileNumber)) return false;
+  int folder = Owner(files.List[static_cast<std::size_t>(fileNumber)].ParentCluster);
+  // Damaged folders may lie within each other: no way up is longer than there are folders.
+  for (std::size_t steps = 0; folder >= 0 && steps < FOwners.size(); ++steps) {
+    const TFile& row = files.List[static_cast<std::size_t>(folder)];
+    if (row.FileInfo.blnDeleted) return true;
+    folder = Owner(row.ParentCluster);
+  }
+  return false;
+}
+
 }  // namespace brenlow

@@ -18,6 +18,8 @@ class TFolderIndex {
   TFolderIndex(const TFiles& files, int driveNumber);
   /// The row that shows the content of `firstCluster`, -1 when no folder has it.
   int Owner(std::int64_t firstCluster) const;
+  /// True when a folder above the row is deleted: what lies there counts as deleted as well.
+  bool InDeletedFolder(const TFiles& files, int fileNumber) const;
 
  private:
   std::unordered_map<std::int64_t, int> FOwners;

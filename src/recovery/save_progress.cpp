@@ -90,12 +90,13 @@ void TfrmSaveProgress::Walk(bool measure, bool isMasterResults, TPlace start) {
   }
   for (const TSelectedFile& entry : selected) {
     if (FLink.IsFileWrongNumber(entry.FileIndex)) continue;
+    // Folders and files of such a list come from anywhere: those of one name must not meet.
+    const bool rebuild = !measure && FOptions.RestoreFolders && isMasterResults;
+    const TPlace place = rebuild ? PlaceOf(FLink.GetFilePath(entry.FileIndex), start) : start;
     if (FLink.GetFileIsFolder(entry.FileIndex)) {
-      FolderStep(entry.FileIndex, start, entry.blnDeleted, measure);
+      FolderStep(entry.FileIndex, place, entry.blnDeleted, measure);
     } else if (FLink.IsFiltered(entry.FileIndex, entry.blnDeleted, Filter)) {
-      const bool rebuild = !measure && FOptions.RestoreFolders && isMasterResults;
-      FileStep(entry.FileIndex, rebuild ? PlaceOf(FLink.GetFilePath(entry.FileIndex), start) : start, entry.blnDeleted,
-               measure);
+      FileStep(entry.FileIndex, place, entry.blnDeleted, measure);
     }
     // A measurement is not a recovery: nobody can have stopped it.
     if (!GoOn() && !measure) {

@@ -474,10 +474,9 @@ void TCommands::CloseDisks(const TIntegerDynArray& fileNumbers, bool onlyMounted
 TSelectedFiles TCommands::GetSelectedFiles(TRecoverySender sender) const {
   TSelectedFiles selected;
   const TFiles& files = FEngine.Files();
-  const bool inDeleted =
-      !files.IsWrongNumber(PlaceFolder()) && files.List[static_cast<std::size_t>(PlaceFolder())].FileInfo.blnDeleted;
-  const auto add = [&](int number, bool parentDeleted, const TFileFilter* filter) {
+  const auto add = [&](int number, const TFileFilter* filter) {
     if (files.IsWrongNumber(number)) return;
+    const bool parentDeleted = !files.IsCustomFolder(number) && InDeletedFolder(number);
     if (filter != nullptr && !files.IsFiltered(number, parentDeleted, *filter)) return;
     const TFileInfo& info = files.List[static_cast<std::size_t>(number)].FileInfo;
     selected.push_back({number, parentDeleted || info.blnDeleted});
@@ -490,18 +489,17 @@ TSelectedFiles TCommands::GetSelectedFiles(TRecoverySender sender) const {
   };
   switch (sender) {
     case TRecoverySender::rsFiles:
-      for (const int number : FSelected) add(number, inDeleted, &FFilter);
+      for (const int number : FSelected) add(number, &FFilter);
       break;
     case TRecoverySender::rsFolders:
       for (const int number : PlaceAsList()) {
         const int drive = files.List[static_cast<std::size_t>(number)].FileInfo.aDriveNumber;
         // A folder of the host is no entry of a view, so no filter knows it.
-        if (FEngine.Drives().IsDiskIn(drive, false))
-          add(number, false, files.IsCustomFolder(number) ? nullptr : &FFilter);
+        if (FEngine.Drives().IsDiskIn(drive, false)) add(number, files.IsCustomFolder(number) ? nullptr : &FFilter);
       }
       break;
     case TRecoverySender::rsRecoveryList:
-      for (const int number : FRecoveryList.Files()) add(number, false, nullptr);
+      for (const int number : FRecoveryList.Files()) add(number, nullptr);
       break;
   }
   return selected;
@@ -527,11 +525,27 @@ void TCommands::Recover(TRecoverySender sender) {
   if (sender != TRecoverySender::rsRecoveryList) master.Filter = FFilter;
   // Results of a search and what was put aside may come from any folder: each keeps its path.
   master.IsSearchResults = sender == TRecoverySender::rsFiles && Category() == TViewCategory::vcSearchResults;
-  master.IsMasterResults = master.IsSearchResults;
+  master.IsMasterResults = master.IsSearchResults || sender == TRecoverySender::rsRecoveryList;
   master.Link.GetSelectedFiles = [this, sender](TSelectedFiles& files, const TFileFilter&) {
     files = GetSelectedFiles(sender);
   };
-  const std::map<int, TString> drives = DriveFolders(GetSelectedFiles(sender));
+  const TSelectedFiles selected = GetSelectedFiles(sender);
+  const std::map<int, TString> drives = DriveFolders(selected);
+  const auto driveOf = [this](int number) {
+    return FEngine.Files().List[static_cast<std::size_t>(number)].FileInfo.aDriveNumber;
+  };
+  const bool ofOneDrive = std::all_of(selected.begin(), selected.end(), [&](const TSelectedFile& entry) {
+    return driveOf(entry.FileIndex) == driveOf(selected.front().FileIndex);
+  });
+  if (!ofOneDrive) {
+    // Files of several drives may have the same path.
+    master.Link.GetFilePath = [this, &driveOf, path = master.Link.GetFilePath](int number) {
+      std::vector<TString> folders = path(number);
+      if (FEngine.Files().IsWrongNumber(number)) return folders;
+      folders.insert(folders.begin(), FEngine.Drives().List[static_cast<std::size_t>(driveOf(number))].Caption);
+      return folders;
+    };
+  }
   master.Link.GetFileName = [this, &drives](int number) {
     const auto drive = drives.find(number);
     if (drive != drives.end()) return TStringView(drive->second);

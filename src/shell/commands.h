@@ -127,6 +127,9 @@ class TCommands {
   std::uint64_t Generation() const { return FGeneration; }
   /// Path of the folder of a file, from its drive on.
   TString LocationOf(int fileNumber);
+  /// True when a folder above a file of the place, of a search or of the recovery list is deleted:
+  /// the file counts as deleted as well.
+  bool InDeletedFolder(int fileNumber) const;
 
   // ---- commands ----
   /// What runs, and on which drive.
@@ -180,7 +183,8 @@ class TCommands {
   void MoveNumbers(const std::vector<std::uint32_t>& newNumbers);
   void NodeGone(const TTreeNode& node);
   TIntegerDynArray ChainOf(int fileNumber);
-  const TFolderIndex& FolderIndex(int drive);
+  const TFolderIndex& FolderIndex(int drive) const;
+  bool PlaceIsDeleted() const;
   TSelectionState StateOf(const TIntegerDynArray& fileNumbers) const;
   bool IsBlank(const TFileInfo& folder) const;
   bool ExecuteFilter(TAction action);
@@ -213,8 +217,8 @@ class TCommands {
   TSortOrder FDriveOrder;
   TSortOrder FRecoveryListOrder;
   std::uint64_t FGeneration = 1;
-  std::map<int, std::unique_ptr<TFolderIndex>> FFolderIndexes;  // by drive
-  std::pair<std::uint64_t, std::size_t> FFolderIndexState;
+  mutable std::map<int, std::unique_ptr<TFolderIndex>> FFolderIndexes;  // by drive
+  mutable std::pair<std::uint64_t, std::size_t> FFolderIndexState;
   bool FRecoveryListShown = false;
   bool FRecovering = false;
   bool FSearching = false;

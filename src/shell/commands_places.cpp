@@ -108,7 +108,7 @@ void TCommands::ShowDrive(int drive) {
 }
 
 /// Kept as long as the table stays as it is: making it takes a look at every row.
-const TFolderIndex& TCommands::FolderIndex(int drive) {
+const TFolderIndex& TCommands::FolderIndex(int drive) const {
   const std::pair<std::uint64_t, std::size_t> state{FGeneration, FEngine.Files().List.size()};
   if (state != FFolderIndexState) FFolderIndexes.clear();
   FFolderIndexState = state;
@@ -134,6 +134,26 @@ TIntegerDynArray TCommands::ChainOf(int fileNumber) {
   const TShownPlace top = FolderPlace(FEngine.Folders().GetDriveRootNode(drive));
   chain.insert(chain.begin(), top.Chain.begin(), top.Chain.end());
   return chain;
+}
+
+/// The folder in view, or one above it, is deleted.
+bool TCommands::PlaceIsDeleted() const {
+  const TFiles& files = FEngine.Files();
+  return std::any_of(FPlace.Chain.begin(), FPlace.Chain.end(), [&](int number) {
+    return !files.IsWrongNumber(number) && files.List[static_cast<std::size_t>(number)].FileInfo.blnDeleted;
+  });
+}
+
+bool TCommands::InDeletedFolder(int fileNumber) const {
+  const TFiles& files = FEngine.Files();
+  if (files.IsWrongNumber(fileNumber)) return false;
+  const TFile& file = files.List[static_cast<std::size_t>(fileNumber)];
+  if (!files.IsWrongNumber(PlaceFolder())) {
+    const TFileInfo& folder = files.List[static_cast<std::size_t>(PlaceFolder())].FileInfo;
+    const bool inView = file.ParentCluster == folder.FirstCluster && file.FileInfo.aDriveNumber == folder.aDriveNumber;
+    if (inView) return PlaceIsDeleted();
+  }
+  return FolderIndex(file.FileInfo.aDriveNumber).InDeletedFolder(files, fileNumber);
 }
 
 TString TCommands::LocationOf(int fileNumber) {
@@ -248,6 +268,7 @@ TIntegerDynArray TCommands::NumbersOf(const TShownPlace& place, int& hidden) con
     case TShownPlace::Folder: {
       if (place.Chain.empty() || files.IsWrongNumber(place.Chain.back())) break;
       const TFileInfo& folder = files.List[static_cast<std::size_t>(place.Chain.back())].FileInfo;
+      const bool deleted = PlaceIsDeleted();
       const TDrives& drives = FEngine.Drives();
       if (TFiles::IsRootDir(folder) && !drives.IsWrongNumber(folder.aDriveNumber)) {
         for (const int sub : drives.List[static_cast<std::size_t>(folder.aDriveNumber)].SubDrives) {
@@ -256,12 +277,12 @@ TIntegerDynArray TCommands::NumbersOf(const TShownPlace& place, int& hidden) con
         }
       }
       for (const std::int64_t number : drives.GetParentClusters(folder.aDriveNumber, folder.FirstCluster)) {
-        addFiltered(static_cast<int>(number), folder.blnDeleted);
+        addFiltered(static_cast<int>(number), deleted);
       }
       break;
     }
     case TShownPlace::Search:
-      for (const int number : FindFiles(FEngine, place.Options)) addFiltered(number, false);
+      for (const int number : FindFiles(FEngine, place.Options)) addFiltered(number, InDeletedFolder(number));
       break;
   }
   return numbers;

@@ -180,9 +180,9 @@ std::vector<TFileRow> TDesk::MakeRows(std::span<const int> numbers) {
   rows.reserve(numbers.size());
   const bool locate = FCommands->ShowsSearch();
   for (const int number : numbers) {
-    rows.push_back(MakeRow(FEngine, number));
+    rows.push_back(MakeRow(FEngine, number, FCommands->InDeletedFolder(number)));
     rows.back().Ticked = FCommands->RecoveryList().Has(number);
-    if (locate) rows.back().Location = FCommands->LocationOf(number);
+    if (locate || rows.back().Ticked) rows.back().Location = FCommands->LocationOf(number);
   }
   return rows;
 }

@@ -108,7 +108,9 @@ class TSheet {
     const TLanguage& language = FEngine.Language();
     Add(sheet.General, TText::PropertyType, sheet.Row.Type);
     if (!info.blnFolder) Add(sheet.General, TText::PropertySize, SizeWithBytes(language, info.aSize));
-    Add(sheet.General, TText::PropertyStatus, language[StatusText(sheet.Row.Status)]);
+    TString status = language[StatusText(sheet.Row.Status)];
+    if (sheet.Row.PlaceEstimated) status += u", " + language[TText::FaultPlaceEstimated];
+    Add(sheet.General, TText::PropertyStatus, std::move(status));
     Add(sheet.General, TText::PropertyModified, TimeText(info.TimeStamp.dtModified));
     Add(sheet.General, TText::PropertyCreated, TimeText(info.TimeStamp.dtCreated));
     Add(sheet.General, TText::PropertyAccessed, TimeText(info.TimeStamp.dtAccessed));
@@ -170,7 +172,7 @@ TEntryKind KindOf(TEngine& engine, const TFile& file) {
   return TFiles::IsRecycleBin(file, SpecialCluster::Root) ? TEntryKind::RecycleBin : TEntryKind::Folder;
 }
 
-TFileRow MakeRow(TEngine& engine, int fileNumber) {
+TFileRow MakeRow(TEngine& engine, int fileNumber, bool inDeletedFolder) {
   TFileRow row;
   if (engine.Files().IsWrongNumber(fileNumber)) return row;
   const TFile& file = FileOf(engine, fileNumber);
@@ -192,10 +194,10 @@ TFileRow MakeRow(TEngine& engine, int fileNumber) {
   row.Created = info.TimeStamp.dtCreated;
   row.Encrypted = info.Atributes.blnEncrypted;
   row.Hidden = info.Atributes.blnHidden;
-  if (info.blnDeleted) {
-    const bool overwritten = !engine.Analysing && !info.blnFolder && IsOverwritten(engine, file);
-    row.Status = overwritten ? TEntryStatus::Overwritten : TEntryStatus::Deleted;
-  }
+  const bool asked = !engine.Analysing && !info.blnFolder;
+  if (info.blnDeleted || inDeletedFolder) row.Status = TEntryStatus::Deleted;
+  if (info.blnDeleted && asked && IsOverwritten(engine, file)) row.Status = TEntryStatus::Overwritten;
+  row.PlaceEstimated = asked && PlaceOf(engine, file) == TPlaceSource::Estimated;
   return row;
 }
 
@@ -220,9 +222,9 @@ TDriveSnapshot MakeDrive(TEngine& engine, int driveNumber) {
   return snapshot;
 }
 
-TProperties MakeGeneralProperties(TEngine& engine, int fileNumber) {
+TProperties MakeGeneralProperties(TEngine& engine, int fileNumber, bool inDeletedFolder) {
   TProperties sheet;
-  sheet.Row = MakeRow(engine, fileNumber);
+  sheet.Row = MakeRow(engine, fileNumber, inDeletedFolder);
   if (sheet.Row.Number < 0) return sheet;
   const TFile& file = FileOf(engine, fileNumber);
   const TSheet writer(engine);
@@ -234,8 +236,8 @@ TProperties MakeGeneralProperties(TEngine& engine, int fileNumber) {
   return sheet;
 }
 
-TProperties MakeProperties(TEngine& engine, int fileNumber) {
-  TProperties sheet = MakeGeneralProperties(engine, fileNumber);
+TProperties MakeProperties(TEngine& engine, int fileNumber, bool inDeletedFolder) {
+  TProperties sheet = MakeGeneralProperties(engine, fileNumber, inDeletedFolder);
   if (sheet.Row.Number < 0 || engine.Analysing) return sheet;
   TFile& file = FileOf(engine, fileNumber);
   if (!file.FileInfo.blnFolder) TSheet(engine).AddContent(file, sheet);

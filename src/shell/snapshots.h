@@ -46,7 +46,7 @@ struct TFileRow {
   int Number = -1;  ///< file number
   TString Name;
   TString Type;
-  TString Location;        ///< path of its folder; only for results of a search
+  TString Location;        ///< path of its folder; only for results of a search and in the recovery list
   std::int64_t Size = -1;  ///< bytes; negative where there is none
   std::int64_t FreeSize = -1;
   TString FileSystem;
@@ -54,6 +54,7 @@ struct TFileRow {
   TDateTime Created = 0;
   TEntryKind Kind = TEntryKind::File;
   TEntryStatus Status = TEntryStatus::Existing;
+  bool PlaceEstimated = false;  ///< where its content lies was worked out and may be wrong
   bool Encrypted = false;
   bool Hidden = false;
   bool Ticked = false;  ///< on the recovery list

@@ -5,81 +5,13 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 
-#include "analysis/files.h"
 #include "core/language.h"
-#include "recovery/questions.h"
 #include "recovery/recovery_master.h"
-#include "support/images.h"
+#include "shell/program.h"
 
 using namespace brenlow;
 using namespace brenlow::test;
-
-namespace {
-
-struct TNoQuestions final : IRecoveryQuestions {
-  TRenameAnswer Rename(const TRenameQuestion&) override { return {}; }
-  TFileExistsAnswer FileExists(const TFileExistsQuestion&) override { return {}; }
-  TCandidateAnswer ChooseFirstCluster(const TFile&) override { return {}; }
-  bool SaveToSameDrive() override { return true; }
-  bool LargerThanFAT() override { return true; }
-  bool CancelRecovery() override { return true; }
-};
-
-struct TUser final : IShellQuestions {
-  bool Stop = true;
-  std::string Image;
-  bool StopAnalyse() override { return Stop; }
-  std::optional<std::string> ImageFile() override {
-    return Image.empty() ? std::nullopt : std::optional<std::string>(Image);
-  }
-};
-
-struct TView final : IFolderTreeView {
-  void NodeAdded(const TTreeNode&) override {}
-  void NodeDeleted(const TTreeNode&) override {}
-  void NodeChanged(const TTreeNode&) override {}
-  void ChildrenSorted(const TTreeNode&) override {}
-  void Collapse(const TTreeNode&) override {}
-  void SetWaitCursor(bool) override {}
-};
-
-/// The program with the demo stick as a file to mount.
-struct TProgram {
-  TTemporaryFolder Folder;
-  TEngine Engine;
-  TView View;
-  TSettings Settings;
-  TUser User;
-  TNoQuestions Questions;
-  TCommands Commands{Engine, Settings, User, Questions};
-
-  TProgram() {
-    Engine.Folders().AssignTreeView(&View);
-    const TImage stick = LoadTestImage("demo-stick.img.zst");
-    std::ofstream file(Folder.Path() + "/stick.img", std::ios::binary);
-    file.write(reinterpret_cast<const char*>(stick.data()), static_cast<std::streamsize>(stick.size()));
-    User.Image = Folder.Path() + "/stick.img";
-  }
-  bool Can(TAction action) const { return Commands.EnabledActions().Has(action); }
-  /// Mounts the stick, selects its drive in the list and opens it.
-  void OpenStick() {
-    REQUIRE(Commands.Execute(TAction::actMountImage));
-    Commands.SelectNode(Engine.Folders().GetRootNode(0));
-    Commands.SelectFiles(Commands.ShownFiles());
-    REQUIRE(Commands.Execute(TAction::actOpen));
-  }
-  int Shown(TStringView name) const {
-    for (const int number : Commands.ShownFiles()) {
-      TFiles& files = const_cast<TEngine&>(Engine).Files();
-      if (files.List[static_cast<std::size_t>(number)].FileInfo.strName == name) return number;
-    }
-    return -1;
-  }
-};
-
-}  // namespace
 
 TEST_CASE("which actions are on is a matter of state alone") {
   using enum TAction;

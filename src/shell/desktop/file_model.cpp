@@ -200,7 +200,10 @@ QVariant TFileModel::TextOf(const TFileRow& row, int column) const {
   }
   switch (column) {
     case Status:
-      return IsDriveKind(row.Kind) ? QString() : StatusText(FTexts, row.Status);
+      if (IsDriveKind(row.Kind)) return QString();
+      return row.PlaceEstimated
+                 ? StatusText(FTexts, row.Status) + QStringLiteral(", ") + Text(FTexts, TText::MarkEstimated)
+                 : StatusText(FTexts, row.Status);
     case Modified:
       return TimeOrNothing(row.Modified);
     case Created:
@@ -214,6 +217,8 @@ QString TFileModel::TipOf(const TFileRow& row) const {
   QString tip = ToQt(row.Name) + QLatin1Char('\n') + ToQt(row.Type);
   if (row.Size >= 0) tip += QStringLiteral(", ") + SizeOrNothing(row.Size);
   if (row.Status != TEntryStatus::Existing) tip += QLatin1Char('\n') + StatusText(FTexts, row.Status);
+  if (row.PlaceEstimated) tip += QLatin1Char('\n') + Text(FTexts, TText::FaultPlaceEstimated);
+  if (!row.Location.empty()) tip += QLatin1Char('\n') + ToQt(row.Location);
   return tip;
 }
 

@@ -201,7 +201,7 @@ void TfMain::OpenMaster(int drive) {
 
 void TfMain::OpenProperties(int fileNumber) {
   const auto make = [fileNumber](TEngine& engine, TCommands& commands) {
-    TProperties properties = MakeProperties(engine, fileNumber);
+    TProperties properties = MakeProperties(engine, fileNumber, commands.InDeletedFolder(fileNumber));
     if (!IsDriveKind(properties.Row.Kind)) properties.Path = commands.LocationOf(fileNumber);
     return properties;
   };
@@ -276,11 +276,14 @@ void TfMain::ShowDetails() {
     FPreview->Clear();
     return;
   }
-  FDesk->Fetch<TProperties>([number](TEngine& engine, TCommands&) { return MakeGeneralProperties(engine, number); },
-                            [self = QPointer<TfMain>(this), number](TProperties properties) {
-                              if (self == nullptr || properties.Row.Number != number) return;
-                              self->FPreview->Show(properties);
-                            });
+  FDesk->Fetch<TProperties>(
+      [number](TEngine& engine, TCommands& commands) {
+        return MakeGeneralProperties(engine, number, commands.InDeletedFolder(number));
+      },
+      [self = QPointer<TfMain>(this), number](TProperties properties) {
+        if (self == nullptr || properties.Row.Number != number) return;
+        self->FPreview->Show(properties);
+      });
 }
 
 /// The click has selected something: the menu comes when the engine knows of it.

@@ -20,7 +20,7 @@
 namespace brenlow::desktop {
 namespace {
 
-constexpr int ShownColumns = 3;  // name, type, size
+constexpr int ShownColumns = 3;  // name, type, size; the last one shown is where the file is from
 
 }  // namespace
 
@@ -73,8 +73,9 @@ TfrRecoveryList::TfrRecoveryList(TDesk& desk, const TLanguage& texts, TSettings&
 
 void TfrRecoveryList::Show(const TListing& listing) {
   KeepSettings();
-  FModel->Show(listing, TViewCategory::vcFiles, true);
-  for (int i = 0; i < FModel->columnCount(); ++i) FTable->setColumnHidden(i, i >= ShownColumns);
+  FModel->Show(listing, TViewCategory::vcSearchResults, true);
+  for (int i = 0; i < FModel->columnCount(); ++i)
+    FTable->setColumnHidden(i, i >= ShownColumns && i != TFileModel::Location);
   for (int i = 0; i < ShownColumns; ++i) {
     FTable->setColumnWidth(i, FSettings.RecoveryList.ColumnWidths[static_cast<std::size_t>(i)]);
   }
@@ -90,7 +91,7 @@ void TfrRecoveryList::Show(const TListing& listing) {
 
 void TfrRecoveryList::KeepSettings() {
   if (FModel->rowCount() == 0) return;
-  for (int i = 0; i + 1 < ShownColumns; ++i) {
+  for (int i = 0; i < ShownColumns; ++i) {
     FSettings.RecoveryList.ColumnWidths[static_cast<std::size_t>(i)] = FTable->columnWidth(i);
   }
 }
