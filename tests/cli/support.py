@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: GPL-3.0-or-later
 """What all tests of the program share: how it is run, a stick with files, folders to write into. Each file
-NAME_test.py beside this one is a test of its own:   NAME_test.py BRENLOW-CLI DATA-FOLDER"""
+NAME_test.py beside this one is a test of its own:   NAME_test.py BRENLOW-CLI DATA-FOLDER FAILING-READ-LIBRARY"""
 import hashlib
 import os
 import pathlib
@@ -10,6 +10,7 @@ import tempfile
 import unittest
 
 CLI, DATA = sys.argv[1], pathlib.Path(sys.argv[2])
+FAILING_READ = sys.argv[3] if len(sys.argv) > 3 else None
 
 
 # Neither the settings nor the locale of whoever runs the tests play a part.
@@ -18,6 +19,34 @@ ENVIRONMENT = {**{k: v for k, v in os.environ.items() if not k.startswith(("LC_"
 
 def run(*arguments, **more):
     return subprocess.run([CLI, *map(str, arguments)], capture_output=True, text=True, timeout=60, env=ENVIRONMENT, **more)
+
+
+class FailingReads:
+    """Runs the program on a source that does not read in some places.
+
+    `ranges` are pairs of first byte and size; each failure takes `wait` milliseconds. A read that touches a bad
+    place fails as a whole, with `short` it gives what lies before the place. `failures` has a pair of position and
+    size for every failed read of all runs so far."""
+
+    def __init__(self, source, ranges, wait=0, short=False):
+        if FAILING_READ is None:
+            raise unittest.SkipTest("the library that makes reads fail was not named")
+        self.source, self.ranges, self.wait, self.short = source, list(ranges), wait, short
+        self.log = tempfile.NamedTemporaryFile(prefix="failing-read-")
+
+    def run(self, *arguments, timeout=60, **more):
+        environment = {**ENVIRONMENT, "LD_PRELOAD": FAILING_READ, "FAILING_READ_FILE": str(self.source),
+                       "FAILING_READ_RANGES": ",".join("%d+%d" % r for r in self.ranges),
+                       "FAILING_READ_WAIT": str(self.wait), "FAILING_READ_SHORT": str(int(self.short)),
+                       "FAILING_READ_LOG": self.log.name}
+        # Under the address sanitizer its library need not come first.
+        environment["ASAN_OPTIONS"] = environment.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"
+        return subprocess.run([CLI, *map(str, arguments)], capture_output=True, text=True, timeout=timeout,
+                              env=environment, **more)
+
+    @property
+    def failures(self):
+        return [tuple(map(int, line.split())) for line in pathlib.Path(self.log.name).read_text().splitlines()]
 
 
 def mounted(options, script, folder, *arguments):
