@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -18,8 +19,16 @@ namespace brenlow {
 struct TFileIdentity {
   std::uint64_t FileSystem = 0;  ///< st_dev of a file; 0 for a block device
   std::uint64_t Node = 0;        ///< st_ino of a file; st_rdev of a block device
-  bool operator==(const TFileIdentity&) const = default;
+  /// The mount that it was reached through, as /proc/self/mountinfo numbers them; -1 when not known. No
+  /// part of what it is.
+  int Mount = -1;
+  bool operator==(const TFileIdentity& other) const { return FileSystem == other.FileSystem && Node == other.Node; }
 };
+
+/// What an open file, folder or device is; nothing when the system does not tell.
+std::optional<TFileIdentity> IdentityOf(int handle);
+/// The same for what a path leads to, through links; nothing when there is nothing.
+std::optional<TFileIdentity> IdentityOf(const std::string& path);
 
 /// Something that reads as bytes. Implementations never write.
 class IDevice {

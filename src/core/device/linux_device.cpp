@@ -3,6 +3,7 @@
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -52,7 +53,20 @@ class TLinuxDevice final : public IDevice {
   int FSectorSize;
 };
 
+std::optional<TFileIdentity> ReadIdentity(int folder, const char* path, int flags) {
+  struct statx status {};
+  if (::statx(folder, path, flags, STATX_TYPE | STATX_INO | STATX_MNT_ID, &status) != 0) return std::nullopt;
+  TFileIdentity identity{makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_ino};
+  if (S_ISBLK(status.stx_mode)) identity = {0, makedev(status.stx_rdev_major, status.stx_rdev_minor)};
+  if ((status.stx_mask & STATX_MNT_ID) != 0) identity.Mount = static_cast<int>(status.stx_mnt_id);
+  return identity;
+}
+
 }  // namespace
+
+std::optional<TFileIdentity> IdentityOf(int handle) { return ReadIdentity(handle, "", AT_EMPTY_PATH); }
+
+std::optional<TFileIdentity> IdentityOf(const std::string& path) { return ReadIdentity(AT_FDCWD, path.c_str(), 0); }
 
 TOpenedDevice OpenDevice(const std::string& path) {
   // O_NONBLOCK: opening a pipe or an empty drive must not wait; it has no effect on reads of
@@ -65,9 +79,10 @@ TOpenedDevice OpenDevice(const std::string& path) {
     ::close(handle);
     return {nullptr, error};
   }
-  if (S_ISREG(status.st_mode)) {
-    return {std::make_unique<TLinuxDevice>(handle, TFileIdentity{status.st_dev, status.st_ino}, status.st_size, 0), 0};
-  }
+  const bool isFile = S_ISREG(status.st_mode);
+  const TFileIdentity identity = IdentityOf(handle).value_or(isFile ? TFileIdentity{status.st_dev, status.st_ino}
+                                                                    : TFileIdentity{0, status.st_rdev});
+  if (isFile) return {std::make_unique<TLinuxDevice>(handle, identity, status.st_size, 0), 0};
   std::uint64_t size = 0;
   int sectorSize = 0;
   if (!S_ISBLK(status.st_mode) || ::ioctl(handle, BLKGETSIZE64, &size) != 0) {
@@ -76,7 +91,6 @@ TOpenedDevice OpenDevice(const std::string& path) {
     return {nullptr, error};
   }
   if (::ioctl(handle, BLKSSZGET, &sectorSize) != 0) sectorSize = 512;
-  const TFileIdentity identity{0, status.st_rdev};
   return {std::make_unique<TLinuxDevice>(handle, identity, static_cast<std::int64_t>(size), sectorSize), 0};
 }
 

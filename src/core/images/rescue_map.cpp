@@ -30,7 +30,10 @@ class TMappedImage final : public IDevice {
     return count == 0 ? 0 : FImage->Read(position, buffer.first(count));
   }
   std::int64_t Size() const override { return FImage->Size(); }
-  void AddOrigins(std::vector<TFileIdentity>& origins) const override { FImage->AddOrigins(origins); }
+  void AddOrigins(std::vector<TFileIdentity>& origins) const override {
+    FImage->AddOrigins(origins);
+    if (FMap.Origin()) origins.push_back(*FMap.Origin());
+  }
   int SectorSize() const override { return FImage->SectorSize(); }
 
  private:
@@ -115,6 +118,7 @@ int TRescueMap::Load(const std::string& path, TRescueMap& map) {
   }
   if (ranges.empty()) return EINVAL;
   map = TRescueMap(end);
+  map.FOrigin = IdentityOf(path);
   for (const TRange& range : ranges) map.Set(range.Start, range.Size, static_cast<TMapStatus>(range.Status));
   return 0;
 }

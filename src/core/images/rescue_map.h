@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "core/device/device.h"
@@ -38,6 +39,8 @@ class TRescueMap {
 
   /// Reads a map file. 0, EINVAL when it is none or does not begin at 0, or the errno.
   static int Load(const std::string& path, TRescueMap& map);
+  /// The file that it was read from; nothing when it was made here.
+  const std::optional<TFileIdentity>& Origin() const { return FOrigin; }
   /// Writes it through a file beside it, so that there is a whole map at any time. 0, or the errno.
   int Save(const std::string& path) const;
 
@@ -46,6 +49,7 @@ class TRescueMap {
 
   std::int64_t FSize;
   std::map<std::int64_t, TMapStatus> FRanges;  // by start; each reaches to the next
+  std::optional<TFileIdentity> FOrigin;
 };
 
 /// The image of a source with unreadable places: a read that touches a byte that is not finished

@@ -102,7 +102,7 @@ class TVMwareDisk final : public IDevice {
   }
 
   TVMwareInfo FInfo;
-  std::vector<std::unique_ptr<IDevice>> FFiles;  // one an extent
+  std::vector<std::unique_ptr<IDevice>> FFiles;  // one an extent, then the descriptor
 };
 
 struct TSparseHead {
@@ -229,7 +229,8 @@ TOpenedDevice OpenExtent(const std::string& descriptor, const std::string& name,
   return OpenDevice(path);
 }
 
-TOpenedDevice OpenDescribed(const std::string& path, const std::vector<TExtentLine>& lines) {
+TOpenedDevice OpenDescribed(const std::string& path, std::unique_ptr<IDevice> descriptor,
+                            const std::vector<TExtentLine>& lines) {
   TVMwareInfo info;
   std::vector<std::unique_ptr<IDevice>> files;
   std::int64_t start = 0;
@@ -257,6 +258,7 @@ TOpenedDevice OpenDescribed(const std::string& path, const std::vector<TExtentLi
     info.Files.push_back(std::move(extent));
     files.push_back(std::move(file));
   }
+  files.push_back(std::move(descriptor));
   return {std::make_unique<TVMwareDisk>(std::move(info), std::move(files)), 0};
 }
 
@@ -267,7 +269,7 @@ TOpenedDevice OpenVMwareDisk(const std::string& path, std::unique_ptr<IDevice> f
   if (head.IsSparse && (head.Flags & CompressedGrains) != 0) return {nullptr, EOPNOTSUPP};
   if (file->Size() < LargestDescriptor && !head.IsSparse) {
     const std::vector<TExtentLine> lines = ReadDescriptor(*file);
-    return lines.empty() ? TOpenedDevice{std::move(file), 0} : OpenDescribed(path, lines);
+    return lines.empty() ? TOpenedDevice{std::move(file), 0} : OpenDescribed(path, std::move(file), lines);
   }
   // Without its magic it is the flat file of a descriptor that was not named.
   if (!head.IsSparse) return {std::move(file), 0};
