@@ -9,7 +9,7 @@ class BadSectors(TestCase):
         folder = self.target()
         r = bad.run("image", self.stick, "--out", folder / "image")
         self.assertEqual(r.returncode, 1, r.stderr)
-        self.assertIn("1 sector", r.stdout)
+        self.assertIn("1 unreadable sector ", r.stdout)
         self.assertTrue(all(at <= 1 << 20 < at + size for at, size in bad.failures), bad.failures)
         self.assertIn((1 << 20, 512), bad.failures)
         image, source = (folder / "image.dsk").read_bytes(), self.stick.read_bytes()
