@@ -7,6 +7,7 @@
 #include "analysis/analysis.h"
 #include "cli/commands.h"
 #include "cli/file_fields.h"
+#include "cli/findings.h"
 #include "cli/selection.h"
 #include "cli/session.h"
 #include "cli/verb_options.h"
@@ -25,9 +26,8 @@ std::string ShortTime(TDateTime time) {
 
 class TListing final : public ITreeVisitor {
  public:
-  TListing(TEngine& engine, const TSelection& selection, const TOptions& options, TOutput& output)
+  TListing(TEngine& engine, const TOptions& options, TOutput& output)
       : FEngine(engine),
-        FSelection(selection),
         FOptions(options),
         FOutput(output),
         FDeleted(options.Texts.Utf8(TText::MarkDeleted)),
@@ -37,7 +37,6 @@ class TListing final : public ITreeVisitor {
         FCompressed(options.Texts.Utf8(TText::MarkCompressed)) {}
 
   bool File(const TTreeEntry& entry) override {
-    if (!FSelection.Wants(FEngine, entry)) return true;
     ++Files;
     Bytes += entry.File->FileInfo.aSize;
     if (entry.Deleted()) ++Deleted;
@@ -45,7 +44,6 @@ class TListing final : public ITreeVisitor {
     return true;
   }
   bool EnterFolder(const TTreeEntry& entry) override {
-    if (!FSelection.Wants(FEngine, entry)) return true;
     ++Folders;
     Print(entry);
     return true;
@@ -126,7 +124,6 @@ class TListing final : public ITreeVisitor {
   }
 
   TEngine& FEngine;
-  const TSelection& FSelection;
   const TOptions& FOptions;
   TOutput& FOutput;
   std::string FLine;
@@ -169,10 +166,12 @@ int ListFiles(const TOptions& options) {
   if (analysed.Drives.empty()) return analysed.WrongDrive ? WrongUsage : DoneWithFailures;
   const TSelection selection(options);
   TOutput output;
+  std::int64_t listed = 0;
   for (const int number : analysed.Drives) {
-    TListing listing(engine, selection, options, output);
+    TListing listing(engine, options, output);
     if (!options.Json) output.Write(VolumeTitle(options.Texts, Drive(engine, number), number) + "\n");
-    WalkTree(engine, number, listing);
+    selection.Walk(engine, number, listing);
+    listed += listing.Files + listing.Folders;
     if (!options.Json) {
       output.Write(options.Texts.Utf8(TText::ListSum, {std::to_string(listing.Files), std::to_string(listing.Folders),
                                                        SizeText(listing.Bytes), std::to_string(listing.Deleted)}) +
@@ -183,6 +182,11 @@ int ListFiles(const TOptions& options) {
     output.Flush();
     Complain(options.Texts.Utf8(TText::ListingStopped));
     return StoppedByUser;
+  }
+  if (listed == 0 || CountFiles(engine, analysed.Drives) == 0) {
+    output.Flush();
+    ComplainOfNothing(engine, options, analysed.Drives);
+    return DoneWithFailures;
   }
   return analysed.AllReadable ? AllDone : DoneWithFailures;
 }

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "core/datetime.h"
 #include "core/language.h"
 
 namespace brenlow::cli {
@@ -23,7 +24,12 @@ struct TOptions {
   bool Existing = false;
   std::vector<std::string> Kinds;
   std::vector<std::string> Extensions;
-  std::string PathGlob;
+  std::vector<std::string> Paths;     ///< patterns; empty for all
+  std::vector<std::string> Excludes;  ///< patterns
+  std::int64_t MinSize = -1;          ///< bytes; -1 when not given
+  std::int64_t MaxSize = -1;
+  TDateTime Newer = 0;  ///< modified at that time or later; 0 when not given
+  TDateTime Older = 0;  ///< modified before that time
   std::string Out;
   bool Json = false;
   bool Tree = false;

@@ -8,6 +8,7 @@
 #include "analysis/files.h"
 #include "cli/commands.h"
 #include "cli/file_fields.h"
+#include "cli/findings.h"
 #include "cli/selection.h"
 #include "cli/session.h"
 #include "cli/verb_options.h"
@@ -269,6 +270,11 @@ int RecoverFiles(const TOptions& options) {
   for (const int number : analysed.Drives) {
     link.GetSelectedFiles = TopOf(engine, number);
     recovery.PrepareRecovery(false);
+  }
+  const bool nothing = recovery.RecoveryFiles == 0 || CountFiles(engine, analysed.Drives) == 0;
+  if (nothing && !scanStopped) {
+    ComplainOfNothing(engine, options, analysed.Drives);
+    return DoneWithFailures;
   }
   progress.Begin(options.Texts.Utf8(TText::RecoveringFiles));
   engine.OnPump = [&] {

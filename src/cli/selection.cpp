@@ -13,7 +13,29 @@
 
 namespace brenlow::cli {
 
-TSelection::TSelection(const TOptions& options) : FGlob(options.PathGlob) {
+namespace {
+
+/// A pattern without a slash is compared with the name, one with a slash with the whole path.
+bool FitsPattern(const std::string& pattern, const std::string& path) {
+  if (pattern.find('/') == std::string::npos) {
+    return fnmatch(pattern.c_str(), path.c_str() + (path.rfind('/') + 1), FNM_CASEFOLD) == 0;
+  }
+  return fnmatch(pattern.c_str() + (pattern.front() == '/' ? 1 : 0), path.c_str(), FNM_CASEFOLD) == 0;
+}
+
+bool FitsOneOf(const std::vector<std::string>& patterns, const std::string& path) {
+  return std::any_of(patterns.begin(), patterns.end(), [&](const auto& pattern) { return FitsPattern(pattern, path); });
+}
+
+}  // namespace
+
+TSelection::TSelection(const TOptions& options)
+    : FPaths(options.Paths),
+      FExcludes(options.Excludes),
+      FMinSize(options.MinSize),
+      FMaxSize(options.MaxSize),
+      FNewer(options.Newer),
+      FOlder(options.Older) {
   FFilter.Existing = options.Existing || !options.Deleted;
   FFilter.Deleted = options.Deleted || !options.Existing;
   FFilter.AllFiles = options.Kinds.empty();
@@ -36,64 +58,96 @@ bool TSelection::WantsType(TStringView name) const {
          std::find(FExtensions.begin(), FExtensions.end(), LowerCase(Extension(name))) != FExtensions.end();
 }
 
-namespace {
+bool TSelection::NarrowsFiles() const {
+  return !FFilter.AllFiles || !FPaths.empty() || !FExtensions.empty() || FMinSize >= 0 || FMaxSize >= 0 ||
+         FNewer != 0 || FOlder != 0;
+}
 
-/// Notes the files whose path fits.
-class TMatches final : public ITreeVisitor {
- public:
-  TMatches(const TSelection& selection, TEngine& engine, std::vector<bool>& matches)
-      : FSelection(selection), FEngine(engine), FMatches(matches) {}
-  bool File(const TTreeEntry& entry) override {
-    FMatches[static_cast<std::size_t>(entry.FileNumber)] = FSelection.Wants(FEngine, entry);
-    return true;
-  }
-  bool EnterFolder(const TTreeEntry&) override { return true; }
-  void LeaveFolder(const TTreeEntry&) override {}
-
- private:
-  const TSelection& FSelection;
-  TEngine& FEngine;
-  std::vector<bool>& FMatches;
-};
-
-}  // namespace
+/// What has no time fits no bound of it.
+bool TSelection::FitsSizeAndTime(const TFileInfo& info) const {
+  const TDateTime modified = info.TimeStamp.dtModified;
+  if (info.aSize < FMinSize || (FMaxSize >= 0 && info.aSize > FMaxSize)) return false;
+  if (FNewer != 0 && (modified == 0 || modified < FNewer)) return false;
+  return FOlder == 0 || (modified != 0 && modified < FOlder);
+}
 
 bool TSelection::PassesFilter(TEngine& engine, int fileNumber, bool parentDeleted) const {
   const TFileInfo& info = engine.Files().List[static_cast<std::size_t>(fileNumber)].FileInfo;
-  if (info.blnFolder && (!FFilter.AllFiles || !FGlob.empty() || !FExtensions.empty())) return false;
-  if (!info.blnFolder && !WantsType(info.strName)) return false;
+  if (info.blnFolder && NarrowsFiles()) return false;
+  if (!info.blnFolder && (!WantsType(info.strName) || !FitsSizeAndTime(info))) return false;
   const bool deleted = parentDeleted || info.blnDeleted;
   if (info.blnFolder && !(deleted ? FFilter.Deleted : FFilter.Existing)) return false;
   return engine.Files().IsFiltered(fileNumber, parentDeleted, FFilter);
 }
 
-bool TSelection::Wants(TEngine& engine, const TTreeEntry& entry) const {
-  if (!PassesFilter(engine, entry.FileNumber, entry.ParentDeleted)) return false;
-  return FGlob.empty() || MatchesGlob(ToUtf8(entry.Path));
+/// Passes on to another visitor what is wanted. An excluded folder is left out with all below it.
+class TSelection::TSieve final : public ITreeVisitor {
+ public:
+  TSieve(const TSelection& selection, TEngine& engine, ITreeVisitor& visitor)
+      : FSelection(selection), FEngine(engine), FVisitor(visitor) {}
+  bool File(const TTreeEntry& entry) override { return !IsWanted(entry) || FVisitor.File(entry); }
+  bool EnterFolder(const TTreeEntry& entry) override {
+    const bool wanted = IsWanted(entry);
+    if (FExcludedDepth < 0 && IsExcluded(entry)) FExcludedDepth = entry.Depth;
+    return !wanted || FVisitor.EnterFolder(entry);
+  }
+  void LeaveFolder(const TTreeEntry& entry) override {
+    if (FExcludedDepth == entry.Depth) FExcludedDepth = -1;
+  }
+
+ private:
+  bool IsExcluded(const TTreeEntry& entry) const {
+    return !FSelection.FExcludes.empty() && FitsOneOf(FSelection.FExcludes, ToUtf8(entry.Path));
+  }
+  bool IsWanted(const TTreeEntry& entry) const {
+    if (FExcludedDepth >= 0 || !FSelection.PassesFilter(FEngine, entry.FileNumber, entry.ParentDeleted)) return false;
+    if (!FSelection.FPaths.empty() && !FitsOneOf(FSelection.FPaths, ToUtf8(entry.Path))) return false;
+    return !IsExcluded(entry);
+  }
+
+  const TSelection& FSelection;
+  TEngine& FEngine;
+  ITreeVisitor& FVisitor;
+  int FExcludedDepth = -1;  // of the folder in whose content the walk is; -1 when in none
+};
+
+void TSelection::Walk(TEngine& engine, int driveNumber, ITreeVisitor& visitor) const {
+  TSieve sieve(*this, engine, visitor);
+  WalkTree(engine, driveNumber, sieve);
 }
 
+namespace {
+
+/// Notes what it is shown.
+class TNotes final : public ITreeVisitor {
+ public:
+  explicit TNotes(std::vector<bool>& noted) : FNoted(noted) {}
+  bool File(const TTreeEntry& entry) override {
+    FNoted[static_cast<std::size_t>(entry.FileNumber)] = true;
+    return true;
+  }
+  bool EnterFolder(const TTreeEntry& entry) override { return File(entry); }
+  void LeaveFolder(const TTreeEntry&) override {}
+
+ private:
+  std::vector<bool>& FNoted;
+};
+
+}  // namespace
+
 void TSelection::ApplyTo(TRecoveryMasterLink& link, TEngine& engine, const TIntegerDynArray& drives) const {
-  if (FGlob.empty()) {
+  if (!NeedsWalk()) {
     link.IsFiltered = [this, &engine](int number, bool parentDeleted, const TFileFilter&) {
       return PassesFilter(engine, number, parentDeleted);
     };
     return;
   }
-  std::vector<bool> matches(engine.Files().List.size());
-  TMatches visitor(*this, engine, matches);
-  for (const int number : drives) WalkTree(engine, number, visitor);
-  link.IsFiltered = [matches = std::move(matches)](int number, bool, const TFileFilter&) {
-    return bool{matches[static_cast<std::size_t>(number)]};
+  std::vector<bool> wanted(engine.Files().List.size());
+  TNotes notes(wanted);
+  for (const int number : drives) Walk(engine, number, notes);
+  link.IsFiltered = [wanted = std::move(wanted)](int number, bool, const TFileFilter&) {
+    return bool{wanted[static_cast<std::size_t>(number)]};
   };
-}
-
-/// A pattern without a slash is compared with the name, one with a slash with the whole path.
-bool TSelection::MatchesGlob(const std::string& path) const {
-  if (FGlob.find('/') != std::string::npos) {
-    const char* pattern = FGlob.c_str() + (FGlob.front() == '/' ? 1 : 0);
-    return fnmatch(pattern, path.c_str(), FNM_CASEFOLD) == 0;
-  }
-  return fnmatch(FGlob.c_str(), path.substr(path.rfind('/') + 1).c_str(), FNM_CASEFOLD) == 0;
 }
 
 }  // namespace brenlow::cli

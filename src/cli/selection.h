@@ -19,7 +19,8 @@ namespace brenlow::cli {
 class TSelection {
  public:
   explicit TSelection(const TOptions& options);
-  bool Wants(TEngine& engine, const TTreeEntry& entry) const;
+  /// Visits the entries of a drive that are wanted.
+  void Walk(TEngine& engine, int driveNumber, ITreeVisitor& visitor) const;
   /// Whether files with the extension of this name are wanted.
   bool WantsType(TStringView name) const;
   const TFileFilter& Filter() const { return FFilter; }
@@ -27,11 +28,19 @@ class TSelection {
   void ApplyTo(TRecoveryMasterLink& link, TEngine& engine, const TIntegerDynArray& drives) const;
 
  private:
+  class TSieve;
+  bool NeedsWalk() const { return !FPaths.empty() || !FExcludes.empty(); }
+  bool NarrowsFiles() const;
   bool PassesFilter(TEngine& engine, int fileNumber, bool parentDeleted) const;
-  bool MatchesGlob(const std::string& path) const;
+  bool FitsSizeAndTime(const TFileInfo& info) const;
 
-  std::string FGlob;
+  std::vector<std::string> FPaths;  // empty for all
+  std::vector<std::string> FExcludes;
   std::vector<TString> FExtensions;  // lower case, without a dot; empty for all
+  std::int64_t FMinSize;
+  std::int64_t FMaxSize;
+  TDateTime FNewer;
+  TDateTime FOlder;
   TFileFilter FFilter;
 };
 

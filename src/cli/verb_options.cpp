@@ -1,7 +1,46 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "cli/verb_options.h"
 
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "cli/option_values.h"
+
 namespace brenlow::cli {
+namespace {
+
+/// An option that takes a list and may be given several times: "jpg,png", "jpg, png", "jpg png".
+CLI::Option* AddListOption(CLI::App& verb, const char* name, std::vector<std::string>& target,
+                           const std::vector<std::string>& allowed, const TOptions& options) {
+  const auto check = [&options, allowed](const std::string& list) -> std::string {
+    for (const std::string& member : SplitList(list)) {
+      if (allowed.empty() || std::find(allowed.begin(), allowed.end(), member) != allowed.end()) continue;
+      return options.Texts.Utf8(TText::NotInList, {member, fmt::format("{}", fmt::join(allowed, ", "))});
+    }
+    return {};
+  };
+  const auto take = [&target](const std::vector<std::string>& lists) {
+    for (const std::string& list : lists) {
+      for (std::string& member : SplitList(list)) target.push_back(std::move(member));
+    }
+  };
+  return verb.add_option_function<std::vector<std::string>>(name, take)->allow_extra_args(false)->check(check);
+}
+
+/// An option whose value is worked out of its text.
+template <typename TValue>
+CLI::Option* AddValueOption(CLI::App& verb, const char* name, TValue& target,
+                            std::optional<TValue> (*parse)(std::string_view), TText complaint,
+                            const TOptions& options) {
+  const auto check = [&options, parse, complaint](const std::string& text) -> std::string {
+    return parse(text) ? std::string() : options.Texts.Utf8(complaint, {text});
+  };
+  const auto take = [&target, parse](const std::string& text) { target = *parse(text); };
+  return verb.add_option_function<std::string>(name, take)->check(check);
+}
+
+}  // namespace
 
 void AddSourceOption(CLI::App& verb, TOptions& options) {
   const TLanguage& texts = options.Texts;
@@ -27,9 +66,8 @@ void AddSearchOptions(CLI::App& verb, TOptions& options) {
   const TLanguage& texts = options.Texts;
   verb.add_option("--map", options.Map, texts.Utf8(TText::HelpSourceMap))->type_name("FILE");
   verb.add_flag("--scan", options.Scan, texts.Utf8(TText::HelpScan));
-  verb.add_option("--systems", options.Systems, texts.Utf8(TText::HelpSystems))
-      ->delimiter(',')
-      ->check(CLI::IsMember({"fat", "ntfs"}))
+  AddListOption(verb, "--systems", options.Systems, {"fat", "ntfs"}, options)
+      ->description(texts.Utf8(TText::HelpSystems))
       ->type_name("LIST");
 }
 
@@ -37,11 +75,29 @@ void AddFilterOptions(CLI::App& verb, TOptions& options) {
   const TLanguage& texts = options.Texts;
   verb.add_flag("--deleted", options.Deleted, texts.Utf8(TText::HelpDeleted));
   verb.add_flag("--existing", options.Existing, texts.Utf8(TText::HelpExisting));
-  verb.add_option("--type", options.Kinds, texts.Utf8(TText::HelpType))
-      ->check(CLI::IsMember({"archive", "audio", "database", "document", "image", "video"}))
-      ->type_name("KIND");
-  verb.add_option("--ext", options.Extensions, texts.Utf8(TText::HelpExtensions))->delimiter(',')->type_name("LIST");
-  verb.add_option("--path", options.PathGlob, texts.Utf8(TText::HelpPath))->type_name("GLOB");
+  AddListOption(verb, "--type", options.Kinds, {"archive", "audio", "database", "document", "image", "video"}, options)
+      ->description(texts.Utf8(TText::HelpType))
+      ->type_name("LIST");
+  AddListOption(verb, "--ext", options.Extensions, {}, options)
+      ->description(texts.Utf8(TText::HelpExtensions))
+      ->type_name("LIST");
+  const auto patterns = [&](const char* name, std::vector<std::string>& target, TText help) {
+    verb.add_option(name, target, texts.Utf8(help))->allow_extra_args(false)->type_name("GLOB");
+  };
+  patterns("--path", options.Paths, TText::HelpPath);
+  patterns("--exclude", options.Excludes, TText::HelpExclude);
+  AddValueOption(verb, "--min-size", options.MinSize, ParseSize, TText::WrongSize, options)
+      ->description(texts.Utf8(TText::HelpMinSize))
+      ->type_name("SIZE");
+  AddValueOption(verb, "--max-size", options.MaxSize, ParseSize, TText::WrongSize, options)
+      ->description(texts.Utf8(TText::HelpMaxSize))
+      ->type_name("SIZE");
+  AddValueOption(verb, "--newer", options.Newer, ParseTime, TText::WrongTime, options)
+      ->description(texts.Utf8(TText::HelpNewer))
+      ->type_name("TIME");
+  AddValueOption(verb, "--older", options.Older, ParseTime, TText::WrongTime, options)
+      ->description(texts.Utf8(TText::HelpOlder))
+      ->type_name("TIME");
   CLI::Option* deep = verb.add_flag("--deep", options.Deep, texts.Utf8(TText::HelpDeep));
   verb.add_flag("--fast-off", options.FastOff, texts.Utf8(TText::HelpFastOff))->needs(deep);
   verb.add_option("--lost-folders", options.LostFolders, texts.Utf8(TText::HelpLostFolders))

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cmath>
+#include <cstdlib>
 
 namespace brenlow {
 namespace {
@@ -95,18 +96,44 @@ std::int64_t LocalOffset(std::int64_t unixSeconds) {
   return entry.Offset;
 }
 
+constexpr std::int64_t DayZero = 25'569;  // days from 1899-12-30 to 1970
+constexpr double SecondsPerDay = 86'400;
+
+/// Seconds since 1970 of the same wall clock in UTC.
+std::int64_t WallSeconds(TDateTime time) {
+  return std::llround(std::floor((time - static_cast<double>(DayZero)) * SecondsPerDay + 0.0005));
+}
+
 }  // namespace
+
+std::string IsoTimeWithOffset(TDateTime time) {
+  std::string text = IsoTime(time);
+  if (text.empty()) return text;
+  const std::int64_t wall = WallSeconds(time);
+  const std::int64_t minutes = LocalOffset(wall - LocalOffset(wall)) / 60;
+  const std::int64_t size = std::abs(minutes);
+  text += minutes < 0 ? "-00:00" : "+00:00";
+  char* end = text.data() + text.size();
+  end[-5] = static_cast<char>('0' + size / 600 % 10);
+  end[-4] = static_cast<char>('0' + size / 60 % 10);
+  end[-2] = static_cast<char>('0' + size % 60 / 10);
+  end[-1] = static_cast<char>('0' + size % 10);
+  return text;
+}
+
+TDateTime FromUtc(TDateTime time) {
+  return time == 0 ? 0 : time + static_cast<double>(LocalOffset(WallSeconds(time))) / SecondsPerDay;
+}
 
 TDateTime FromFileTime(std::uint64_t fileTime) {
   constexpr std::uint64_t perSecond = 10'000'000;
   constexpr std::int64_t epochs = 11'644'473'600;            // seconds from 1601 to 1970
-  constexpr std::int64_t dayZero = 25'569;                   // days from 1899-12-30 to 1970
   constexpr std::uint64_t last = 2'650'467'744'000'000'000;  // the end of the year 9999
   if (fileTime == 0 || fileTime >= last) return 0;
   const std::int64_t seconds = static_cast<std::int64_t>(fileTime / perSecond) - epochs;
   const std::int64_t milliseconds = static_cast<std::int64_t>(fileTime % perSecond) / 10'000;
   const std::int64_t local = seconds + LocalOffset(seconds);
-  return static_cast<double>(dayZero) + static_cast<double>(local * 1000 + milliseconds) / 86'400'000.0;
+  return static_cast<double>(DayZero) + static_cast<double>(local * 1000 + milliseconds) / 86'400'000.0;
 }
 
 bool ToUnixTime(TDateTime time, std::timespec& result) {

@@ -33,6 +33,12 @@ TDateTime Now();
 /// empty for 0.
 std::string IsoTime(TDateTime time);
 
+/// As `IsoTime`, with the offset from UTC that counts here at that time ("2021-05-03T17:20:06+02:00").
+std::string IsoTimeWithOffset(TDateTime time);
+
+/// Local time of a time in UTC; 0 (unknown) stays.
+TDateTime FromUtc(TDateTime time);
+
 /// Local time of a FILETIME: units of 100 ns since 1601-01-01 UTC. 0 and what no date can mean give 0.
 TDateTime FromFileTime(std::uint64_t fileTime);
 
