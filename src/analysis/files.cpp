@@ -2,6 +2,7 @@
 #include "analysis/files.h"
 
 #include <algorithm>
+#include <bit>
 #include <new>
 
 #include "analysis/deep/all_fs.h"
@@ -61,26 +62,34 @@ bool TFiles::IsAdded(const TFileInfo& file, std::int64_t parentCluster) const {
   return GetAddedNumber(file, parentCluster) >= 0;
 }
 
-std::uint64_t TFiles::AddedKey(const TFileInfo& file, std::int64_t parentCluster) {
+std::uint32_t& TFiles::NewestOf(const TFileInfo& file, std::int64_t parentCluster) const {
   std::uint64_t key = std::hash<TStringView>()(file.strName);
   for (const std::int64_t part : {parentCluster, std::int64_t{file.aDriveNumber}, std::int64_t{file.blnFolder}}) {
     key = (key ^ static_cast<std::uint64_t>(part)) * 0x9E3779B97F4A7C15U;
     key ^= key >> 32;
   }
-  return key;
+  return FAddedIndex.Newest[key & (FAddedIndex.Newest.size() - 1)];
 }
 
 /// Takes the rows that came since the last time into the index.
 void TFiles::FillAddedIndex() const {
-  for (; FIndexedRows < List.size(); ++FIndexedRows) {
-    const TFile& row = List[FIndexedRows];
-    FAddedIndex.emplace(AddedKey(row.FileInfo, row.ParentCluster), static_cast<std::uint32_t>(FIndexedRows));
+  constexpr std::size_t smallestTable = 64;
+  std::vector<std::uint32_t>& previous = FAddedIndex.Previous;
+  if (FAddedIndex.Newest.size() < std::max(List.size(), smallestTable)) {
+    FAddedIndex.Newest.assign(std::bit_ceil(std::max(List.size(), smallestTable)), NoRow);
+    previous.clear();
+  }
+  while (previous.size() < List.size()) {
+    const TFile& row = List[previous.size()];
+    std::uint32_t& newest = NewestOf(row.FileInfo, row.ParentCluster);
+    const auto number = static_cast<std::uint32_t>(previous.size());
+    previous.push_back(newest);
+    newest = number;
   }
 }
 
-bool TFiles::IsSame(std::int64_t number, const TFileInfo& file, std::int64_t parentCluster) const {
-  if (IsWrongNumber(number)) return false;
-  const TFile& row = List[static_cast<std::size_t>(number)];
+bool TFiles::IsSame(std::uint32_t number, const TFileInfo& file, std::int64_t parentCluster) const {
+  const TFile& row = List[number];
   const TFileInfo& known = row.FileInfo;
   const bool samePlace = known.FirstCluster == file.FirstCluster ||
                          (file.DataStartingSector >= 0 && file.DataStartingSector == known.DataStartingSector);
@@ -89,20 +98,12 @@ bool TFiles::IsSame(std::int64_t number, const TFileInfo& file, std::int64_t par
 }
 
 int TFiles::GetAddedNumber(const TFileInfo& file, std::int64_t parentCluster) const {
-  std::int64_t first = -1;
-  const auto offer = [&](std::int64_t number) {
-    if (IsSame(number, file, parentCluster) && (first < 0 || number < first)) first = number;
-  };
-  if (FEngine.PartRecRunning) {
-    FillAddedIndex();
-    const auto range = FAddedIndex.equal_range(AddedKey(file, parentCluster));
-    for (auto entry = range.first; entry != range.second; ++entry) offer(entry->second);
-  } else {
-    for (const std::int64_t number : FEngine.Drives().GetParentClusters(file.aDriveNumber, parentCluster)) {
-      offer(number);
-    }
+  FillAddedIndex();
+  std::uint32_t first = NoRow;
+  for (std::uint32_t row = NewestOf(file, parentCluster); row != NoRow; row = FAddedIndex.Previous[row]) {
+    if (IsSame(row, file, parentCluster)) first = row;
   }
-  return static_cast<int>(first);
+  return first == NoRow ? -1 : static_cast<int>(first);
 }
 
 void TFiles::DoBeforeAnalyse(int driveNumber) {
@@ -149,6 +150,14 @@ int TFiles::AddLostAndFoundDir(int driveNumber) {
   return Add(folder, SpecialCluster::Root, false);
 }
 
+/// The row of the deep analysis folder of a drive, -1 when there is none.
+int TFiles::DeepAnalyseDir(int driveNumber) const {
+  for (const std::int64_t number : FEngine.Drives().GetParentFolders(driveNumber, SpecialCluster::Root)) {
+    if (IsDeepAnalyse(Info(static_cast<int>(number)))) return static_cast<int>(number);
+  }
+  return -1;
+}
+
 void TFiles::AddDeepAnalyseDir(int driveNumber, bool canAddNil) {
   if (FEngine.Drives().IsWrongNumber(driveNumber)) return;
   TFolders& folders = FEngine.Folders();
@@ -159,8 +168,8 @@ void TFiles::AddDeepAnalyseDir(int driveNumber, bool canAddNil) {
     folder.FirstCluster = SpecialCluster::DeepAnalyse;
     const TString name = FEngine.Language()[TText::DeepAnalysis];
     folder.strName = name;
-    const int known = GetAddedNumber(folder, SpecialCluster::Root);
-    const int number = known >= 0 ? known : Add(folder, SpecialCluster::Root, false);
+    int number = DeepAnalyseDir(driveNumber);
+    if (number < 0) number = Add(folder, SpecialCluster::Root, false);
     node = folders.AddSorted(folders.GetDriveRootNode(driveNumber), number);
     if (node == nullptr) return;
   }
@@ -236,10 +245,7 @@ void TFiles::MoveToDrive(int from, int to) {
   ForgetAdded();
 }
 
-void TFiles::ForgetAdded() {
-  FAddedIndex.clear();
-  FIndexedRows = 0;
-}
+void TFiles::ForgetAdded() { FAddedIndex = TAddedIndex(); }
 
 void TFiles::ClearUnselected(int driveNumber) {
   EraseFiles([&](std::size_t, const TFile& file) {
@@ -304,6 +310,7 @@ int TFiles::RightName(TStringView fileName) {
 
 void TFiles::UpdateLanguage() {
   FFileTypes.clear();
+  ForgetAdded();
   for (std::size_t i = 0; i < List.size(); ++i) {
     if (IsLostAndFound(List[i].FileInfo)) List.Rename(i, FEngine.Language()[TText::LostAndFound]);
     if (IsDeepAnalyse(List[i].FileInfo)) List.Rename(i, FEngine.Language()[TText::DeepAnalysis]);

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <unordered_map>
 #include <vector>
 
 #include "core/file_records.h"
@@ -44,8 +43,9 @@ class TFiles {
   int Add(const TFileInfo& file, std::int64_t parentCluster, bool canIncFoundCount);
   int Add(const TFileInfo& file, std::int64_t parentCluster, bool& ramFull, bool canIncFoundCount);
   bool IsAdded(const TFileInfo& file, std::int64_t parentCluster) const;
+  /// The first row of the same drive, parent, kind, name and place; -1 when there is none.
   int GetAddedNumber(const TFileInfo& file, std::int64_t parentCluster) const;
-  /// Drops what a partition search keeps to find known rows fast.
+  /// Drops what is kept to find known rows fast.
   void ForgetAdded();
 
   void DoBeforeAnalyse(int driveNumber);
@@ -102,16 +102,23 @@ class TFiles {
 
  private:
   const TFileInfo& Info(int number) const { return List[static_cast<std::size_t>(number)].FileInfo; }
+  int DeepAnalyseDir(int driveNumber) const;
   void EraseFiles(const std::function<bool(std::size_t, const TFile&)>& doomed);
 
-  bool IsSame(std::int64_t number, const TFileInfo& file, std::int64_t parentCluster) const;
+  /// Rows by drive, parent, name and kind, made when first asked for: a table of the newest row of
+  /// each hash, and for each row the one before it. 8 to 16 bytes a row.
+  struct TAddedIndex {
+    std::vector<std::uint32_t> Newest;    // a power of two, at least as many as rows
+    std::vector<std::uint32_t> Previous;  // by row
+  };
+  static constexpr std::uint32_t NoRow = 0xFFFFFFFF;
+
+  bool IsSame(std::uint32_t number, const TFileInfo& file, std::int64_t parentCluster) const;
   void FillAddedIndex() const;
-  static std::uint64_t AddedKey(const TFileInfo& file, std::int64_t parentCluster);
+  std::uint32_t& NewestOf(const TFileInfo& file, std::int64_t parentCluster) const;
 
   TEngine& FEngine;
-  /// Rows by drive, parent, name and kind: during a partition search every row is looked up.
-  mutable std::unordered_multimap<std::uint64_t, std::uint32_t> FAddedIndex;
-  mutable std::size_t FIndexedRows = 0;
+  mutable TAddedIndex FAddedIndex;
   std::map<TString, TString, std::less<>> FFileTypes;  // extension to type text
 };
 
