@@ -19,10 +19,10 @@ std::string DevicePath(TStringView drive) {
 }
 
 IDevice* TDeviceTable::Get(TStringView drive) {
-  if (FLastDevice != nullptr && FLastKey == drive) return FLastDevice;
-  if (const auto inserted = FInserted.find(drive); inserted != FInserted.end()) return inserted->second.get();
   if (FHasFailed && FFailedKey == drive) return nullptr;
   FHasFailed = false;
+  if (FLastDevice != nullptr && FLastKey == drive) return FLastDevice;
+  if (const auto inserted = FInserted.find(drive); inserted != FInserted.end()) return inserted->second.get();
   auto found = FOpen.find(drive);
   if (found == FOpen.end()) {
     TOpenedDevice opened = OpenSource(DevicePath(drive));
