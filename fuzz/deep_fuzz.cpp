@@ -17,7 +17,6 @@ namespace {
 using namespace brenlow;
 
 constexpr std::size_t SectorSize = 512;
-constexpr std::size_t BlockSize = 256 * SectorSize;
 constexpr std::size_t RecordSize = 48;
 
 TByteDynArray MakeImage(const std::uint8_t* data, std::size_t records) {
@@ -46,14 +45,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   engine.Drives().List[static_cast<std::size_t>(number)].SectorsCount = static_cast<std::int64_t>(records);
   DeepAnalyseDrive(engine, number);
 
-  image.resize(image.size() / BlockSize * BlockSize + BlockSize);
   test::TDeepReference reference(SectorSize);
-  for (std::size_t at = 0; at < image.size(); at += SectorSize) {
-    const std::size_t block = at / BlockSize * BlockSize;
-    reference.Sector(std::span(image).subspan(block, BlockSize), static_cast<std::int64_t>(at - block),
-                     static_cast<std::int64_t>(at / SectorSize));
-  }
-  reference.End(static_cast<std::int64_t>(image.size() / SectorSize) - 1);
+  reference.Drive(image);
 
   std::string rows;
   TByteDynArray bytes;

@@ -3,6 +3,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <span>
+
 #include "analysis/deep/all_fs.h"
 #include "analysis/files.h"
 #include "analysis/partition_search.h"
@@ -93,24 +96,33 @@ void AnalysePhysicalDrive(TEngine& engine, int driveNumber) {
 
 namespace {
 
-/// Every sector of the drive through the deep analysis. The last block is passed in full, sectors
-/// beyond the drive's end included. False when it was stopped.
+/// Every sector of the drive through the deep analysis, and none beyond its end. The last sector of a
+/// block waits for the next block, so that an end or an icon that reaches across is seen whole. False
+/// when it was stopped.
 bool ScanSectors(TEngine& engine, int driveNumber) {
   const std::int64_t sectorSize = engine.Drives().GetBytesPerSector(driveNumber);
   const std::int64_t total = Drive(engine, driveNumber).SectorsCount;
-  TByteDynArray buffer(static_cast<std::size_t>(DeepBlock * sectorSize));
-  const std::int64_t blocks = total / DeepBlock + 1;
-  for (std::int64_t first = 0; first < blocks * DeepBlock; first += DeepBlock) {
+  TByteDynArray buffer(static_cast<std::size_t>((1 + DeepBlock) * sectorSize));
+  std::int64_t waiting = 0;  // sectors left over from the block before, at the start of the buffer
+  for (std::int64_t first = 0; first < total; first += DeepBlock) {
+    const std::int64_t count = std::min(DeepBlock, total - first);
     const TDriveInfo& drive = Drive(engine, driveNumber);
-    engine.Reader().ReadOrZero(drive, buffer, drive.FirstSector + first, TSectorReader::ScanFailures);
-    for (std::int64_t i = 0; i < DeepBlock; ++i) {
-      engine.AllFS().DeepAnalyseSystem(buffer, static_cast<std::size_t>(i * sectorSize), first + i);
+    const auto block = std::span(buffer).subspan(static_cast<std::size_t>(waiting * sectorSize),
+                                                 static_cast<std::size_t>(count * sectorSize));
+    engine.Reader().ReadOrZero(drive, block, drive.FirstSector + first, TSectorReader::ScanFailures);
+    const auto sectors = std::span(buffer).first(static_cast<std::size_t>((waiting + count) * sectorSize));
+    const bool last = first + count == total;
+    const std::int64_t ready = waiting + count - (last ? 0 : 1);
+    for (std::int64_t i = 0; i < ready; ++i) {
+      engine.AllFS().DeepAnalyseSystem(sectors, static_cast<std::size_t>(i * sectorSize), first - waiting + i);
       engine.Pump();
       if (!engine.Analysing) return false;
     }
+    waiting = last ? 0 : 1;
+    if (!last) std::copy(sectors.end() - sectorSize, sectors.end(), buffer.begin());
     engine.AnalyseProgress(static_cast<double>(first) / static_cast<double>(total));
   }
-  engine.AllFS().DoAfterDeepAnalyse(driveNumber, blocks * DeepBlock - 1);
+  engine.AllFS().DoAfterDeepAnalyse(driveNumber, total - 1);
   return true;
 }
 

@@ -197,7 +197,9 @@ PTreeNode TFolders::AddDrive(int driveNumber) {
   if (FolderTreeView == nullptr || drives.IsWrongNumber(driveNumber)) return nullptr;
   if (PTreeNode known = GetDriveRootNode(driveNumber); known != nullptr) return known;
   const TDriveInfo& drive = drives.List[static_cast<std::size_t>(driveNumber)];
-  PTreeNode parent = drive.IsSubDrive ? GetSubDriveParentNode(driveNumber) : AddRootGroup(GroupOf(drive));
+  // Volumes of the quick search have a group of their own, whatever drive they were found in.
+  const bool belowParent = drive.IsSubDrive && !drive.DriveTypes.Has(TDriveType::dtFound);
+  PTreeNode parent = belowParent ? GetSubDriveParentNode(driveNumber) : AddRootGroup(GroupOf(drive));
   PTreeNode node = AddParent(drive.Caption, driveNumber, SpecialCluster::Root, drive.DriveIcon, parent);
   AddNil(node);
   return node;

@@ -380,6 +380,8 @@ void TDrives::ResetDefaultInfo(int number) {
   drive.SectorsCount = drive.DefaultSectorsCount;
   drive.FATInfo = TFATInfo();
   drive.NTFSInfo = TNTFSInfo();
+  drive.VolumeName.clear();
+  drive.aFreeSize = -1;
   drive.FileSystem = GetSystem(drive);
   GetInfo(drive, false, true, false);
   SetDefaultInfo(drive);
@@ -456,9 +458,10 @@ int TDrives::Mount(TStringView fileName, bool canAddToTreeView, TMountFailure* f
   TMountFailure& reason = failure != nullptr ? *failure : unused;
   reason = TMountFailure();
   for (int i = 0; i < static_cast<int>(List.size()); ++i) {
-    if (List[static_cast<std::size_t>(i)].Drive == fileName && List[static_cast<std::size_t>(i)].FirstSector == 0)
-      return i;
+    const TDriveInfo& known = List[static_cast<std::size_t>(i)];
+    if (known.Drive == fileName && known.FirstSector == 0 && !known.IsSubDrive) return i;
   }
+  FEngine.Devices().Close(fileName);  // a new request: one that failed before is tried again
   const IDevice* device = FEngine.Devices().Get(fileName);
   if (device == nullptr) {
     reason.SystemError = FEngine.Devices().LastError();
@@ -654,6 +657,7 @@ PARTITION_STYLE TDrives::GetPhysicalPartitionStyle(int number) const {
 
 TByteDynArray TDrives::GetDriveData(TDriveInfo& drive, std::int64_t start, std::int64_t size) {
   if (start < 0 || start >= GetSize(drive, false) || size <= 0 || drive.BytesPerSector <= 0) return {};
+  if (size > LargestDriveData) return {};
   const std::int64_t bytesPerSector = drive.BytesPerSector;
   const std::int64_t first = start / bytesPerSector;
   std::int64_t count = size / bytesPerSector;
@@ -661,7 +665,7 @@ TByteDynArray TDrives::GetDriveData(TDriveInfo& drive, std::int64_t start, std::
   if (size % bytesPerSector != 0) ++count;
   count = std::min(count, drive.SectorsCount - first);
   TByteDynArray sectors(static_cast<std::size_t>(count * bytesPerSector));
-  FEngine.Reader().ReadDriveSectors(drive, sectors.data(), drive.FirstSector + first, count);
+  FEngine.Reader().ReadOrZero(drive, sectors, drive.FirstSector + first, TSectorReader::AnyFailures);
   sectors.erase(sectors.begin(), sectors.begin() + static_cast<std::ptrdiff_t>(start % bytesPerSector));
   sectors.resize(static_cast<std::size_t>(size));
   return sectors;

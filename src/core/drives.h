@@ -115,8 +115,9 @@ class TDrives {
   TString GetPartitionTypeCaption(const TDriveInfo& drive) const;
   TIntegerDynArray GetParentPhysicalDrives(const TDriveInfo& drive) const;
   PARTITION_STYLE GetPhysicalPartitionStyle(int number) const;
+  static constexpr std::int64_t LargestDriveData = 1 << 30;  ///< bytes of one byte-addressed read
   /// Byte-addressed read: exactly `size` bytes with zeros for what cannot be read; empty when
-  /// the start lies beyond the end.
+  /// the start lies beyond the end, or for more than `LargestDriveData`.
   TByteDynArray GetDriveData(TDriveInfo& drive, std::int64_t start, std::int64_t size);
   TByteDynArray GetDriveData(int number, std::int64_t start, std::int64_t size);
   /// The common recogniser. `addSuperblockOffset`: the buffer begins at the volume's start.

@@ -134,6 +134,7 @@ int TDrives::AddFoundPartition(const TFindRange& range, std::span<const std::uin
   if (FoundCount >= MostFound || !GetInfo(volume, false, true, false)) return -1;
   volume.ReceivedType = TReceivedType::rtAutodetected;
   volume.CaptionKind = TCaptionKind::TableVolume;
+  volume.IsSubDrive = true;
   SetDefaultInfo(volume);
   const int added = Add(volume, true);
   List[static_cast<std::size_t>(range.Drive)].SubDrives.push_back(added);

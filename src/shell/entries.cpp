@@ -216,7 +216,7 @@ TDriveSnapshot MakeDrive(TEngine& engine, int driveNumber) {
   snapshot.FreeSize = drive.aFreeSize;
   snapshot.Analysed = drive.Analysed;
   snapshot.DeepAnalysed = drive.DeepAnalysed;
-  snapshot.IsSubDrive = drive.IsSubDrive;
+  snapshot.IsSubDrive = drive.IsSubDrive && !drive.DriveTypes.Has(TDriveType::dtFound);
   snapshot.IsPhysical = drive.DriveTypes.Has(TDriveType::dtPhysical);
   snapshot.CanBeAnalysed = engine.Drives().CanBeAnalysed(driveNumber);
   return snapshot;

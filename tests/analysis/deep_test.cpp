@@ -19,8 +19,6 @@ using namespace brenlow::test;
 
 namespace {
 
-constexpr std::int64_t Block = 256;  // sectors that the scan reads at once
-
 std::span<const std::uint8_t> Bytes(std::string_view text) {
   return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
@@ -159,17 +157,9 @@ class TStream {
   TFileSignatures FTable;
 };
 
-std::string ReferenceRows(TImage image, int sectorSize) {
-  const auto blockSize = static_cast<std::size_t>(Block * sectorSize);
-  image.resize(image.size() / blockSize * blockSize + blockSize);
+std::string ReferenceRows(const TImage& image, int sectorSize) {
   TDeepReference reference(sectorSize);
-  std::int64_t sector = 0;
-  for (std::size_t block = 0; block < image.size(); block += blockSize) {
-    for (std::int64_t i = 0; i < Block; ++i, ++sector) {
-      reference.Sector(std::span(image).subspan(block, blockSize), i * sectorSize, sector);
-    }
-  }
-  reference.End(sector - 1);
+  reference.Drive(image);
   return reference.Rows;
 }
 
@@ -279,15 +269,13 @@ TEST_CASE("deep analysis: the first sector, the last ones, and sizes beyond boun
   Put(image, 298 * 512, "RIFF1234xAVEfmt ");
   TDeep deep(image);
   deep.Scan();
-  // The last block counts in full, and what no one can read is zeros.
-  const std::int64_t size = (2 * Block - 298) * 512;
-  REQUIRE(deep.Rows() == "File 00001.wav 298+" + std::to_string(size) + "\n");
-  const TByteDynArray bytes = deep.Content("File 00001.wav", 0, size);
-  REQUIRE(static_cast<std::int64_t>(bytes.size()) == size);
+  // It ends with the drive.
+  REQUIRE(deep.Rows() == "File 00001.wav 298+1024\n");
+  const TByteDynArray bytes = deep.Content("File 00001.wav", 0, 4096);
+  REQUIRE(bytes.size() == 1024);
   CHECK(bytes[1023] == 0x20);
-  CHECK(std::all_of(bytes.begin() + 1024, bytes.end(), [](std::uint8_t b) { return b == 0; }));
-  CHECK(deep.Content("File 00001.wav", size, 1).empty());
-  CHECK(deep.Content("File 00001.wav", 1020, 8) == TByteDynArray{0x20, 0x20, 0x20, 0x20, 0, 0, 0, 0});
+  CHECK(deep.Content("File 00001.wav", 1024, 1).empty());
+  CHECK(deep.Content("File 00001.wav", 1020, 8) == TByteDynArray(4, 0x20));
 
   TFileFragments fragments;
   TFile& file = deep.Engine.Files().List[deep.Engine.Files().List.size() - 2];
@@ -301,6 +289,7 @@ TEST_CASE("deep analysis: the first sector, the last ones, and sizes beyond boun
   TAllFS& scan = deep.Engine.AllFS();
   deep.Engine.Files().ClearDeep(0);
   deep.Engine.Analysing = true;
+  DriveOf(deep.Engine, 0).SectorsCount = std::int64_t{1} << 24;
   REQUIRE(scan.DoBeforeDeepAnalyse(0));
   TImage sector = Plain(1);
   Put(sector, 0, "8BPS");
@@ -345,7 +334,7 @@ TEST_CASE("deep analysis: bad sectors cost themselves, not their block") {
   TDeep deep(image);
   deep.Source.Device->BadSectors = {20, 21};
   deep.Scan();
-  CHECK(deep.Rows() == "File 00001.psd 10+61440\nFile 00001.cab 130+138240\nFile 00002.psd 400+450560\n");
+  CHECK(deep.Rows() == "File 00001.psd 10+61440\nFile 00001.cab 130+138240\nFile 00002.psd 400+319488\n");
   const std::uint64_t failed = deep.Engine.Reader().FailedReads();
   const TByteDynArray bytes = deep.Content("File 00001.psd", 0, 61440);
   REQUIRE(bytes.size() == 61440);

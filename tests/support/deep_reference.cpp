@@ -145,7 +145,15 @@ void TDeepReference::Close(std::int64_t sector) {
   Add();
 }
 
-void TDeepReference::End(std::int64_t lastSector) { Close(lastSector + 1); }
+void TDeepReference::Drive(std::span<const std::uint8_t> image) {
+  constexpr std::int64_t block = 256;
+  FSectors = static_cast<std::int64_t>(image.size()) / FSectorSize;
+  for (std::int64_t sector = 0; sector < FSectors; ++sector) {
+    const std::int64_t end = std::min((sector + 1) / block * block + block, FSectors);
+    Sector(image.first(static_cast<std::size_t>(end * FSectorSize)), sector * FSectorSize, sector);
+  }
+  Close(FSectors);
+}
 
 void TDeepReference::Add() {
   std::u16string extension = Open().Ext;
@@ -161,7 +169,7 @@ void TDeepReference::Add() {
   }
   std::int64_t size = FEnd != 0 ? FEnd : FSize;
   if (extension == u".mp3" && size < 1048576) passes = false;
-  size = std::min<std::int64_t>(size, 2147483648);
+  size = std::min({size, std::int64_t{2147483648}, (FSectors - FStart) * FSectorSize});
   if (passes && size > 0) {
     std::string number = std::to_string(++FCounters[extension]);
     while (number.size() < 5) number.insert(0, "0");

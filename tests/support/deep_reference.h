@@ -19,10 +19,12 @@ class TDeepReference {
   /// A line a file, as "File 00001.jpg 12+4096": name, first sector, size.
   std::string Rows;
 
-  void Sector(std::span<const std::uint8_t> buf, std::int64_t iStart, std::int64_t sector);
-  void End(std::int64_t lastSector);
+  /// A whole drive. Each sector comes with what follows it in its block of 256 sectors; the last one of
+  /// a block with the next block.
+  void Drive(std::span<const std::uint8_t> image);
 
  private:
+  void Sector(std::span<const std::uint8_t> buf, std::int64_t iStart, std::int64_t sector);
   const TFileSignature& Row(int row) const { return FTable.Signatures()[static_cast<std::size_t>(row)]; }
   const TFileSignature& Open() const { return Row(FRow); }
   bool Fits(const TSignatureCells& cells, std::span<const std::uint8_t> buf, std::int64_t at) const;
@@ -35,6 +37,7 @@ class TDeepReference {
 
   TFileSignatures FTable;
   int FSectorSize;
+  std::int64_t FSectors = 0;
   std::map<std::u16string, int> FCounters;
   std::int64_t FStart = 0;
   std::int64_t FSize = 0;

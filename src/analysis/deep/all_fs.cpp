@@ -103,6 +103,7 @@ bool TAllFS::DoBeforeDeepAnalyse(int driveNumber) {
   TDriveInfo& drive = drives.List[static_cast<std::size_t>(driveNumber)];
   if (drive.SectorsCount <= 0) return false;
   FBytesPerSector = drives.GetBytesPerSector(drive);
+  FSectors = drive.SectorsCount;
   drive.DeepAnalysed = TAnalyseInformation::aiPartial;
   if (!FEngine.PartRecRunning) FEngine.Files().AddDeepAnalyseDir(driveNumber, false);
   DeepAnalyseInfo = TDeepAnalyseInfo();
@@ -268,7 +269,7 @@ bool TAllFS::MakeRow() {
   if (OnCanFileBeAdded && !OnCanFileBeAdded(signature.Ext)) return false;
   if (info.EOFSize != 0) file.aSize = info.EOFSize;
   if (file.aSize < signature.MinSize) return false;
-  file.aSize = file.DefaultSize = std::min(file.aSize, LargestFile);
+  file.aSize = file.DefaultSize = std::min({file.aSize, LargestFile, BytesBefore(FSectors)});
   const int row = FEngine.Signatures().FirstRowOf(signature.Ext);
   info.PredNumberSignature = row;
   const int found = info.FileTypes[static_cast<std::size_t>(row)];

@@ -97,6 +97,7 @@ class TAllFS {
 
   TEngine& FEngine;
   int FBytesPerSector = 512;
+  std::int64_t FSectors = 0;  // of the drive under scan: no file goes on beyond
   TDeepAnalyseInfo DeepAnalyseInfo;
   int FCompoundRow = -1;  // row that the directory of the open compound document names
 
