@@ -54,7 +54,7 @@ void PrintDriveRows(TEngine& engine, const TOptions& options) {
     } else {
       const std::string where =
           drive.DriveTypes.Has(TDriveType::dtPhysical) && !drive.DriveTypes.Has(TDriveType::dtMounted)
-              ? "  " + PathFromText(drive.Drive)
+              ? "  " + Printable(PathFromText(drive.Drive))
               : "";
       output.Write(fmt::format("{:>3}  {:6}  {:8}  {:>10}  {:>14}  {}{}\n", i + 1, RowTypeText(texts, drive),
                                SystemName(drive), SizeText(SizeOf(drive)), drive.FirstSector,
@@ -109,7 +109,7 @@ std::string InfoText(const TLanguage& texts, const TDriveInfo& drive, int number
   std::string text = texts.Utf8(TText::InfoTitle,
                                 {std::to_string(number), Printable(ToUtf8(drive.Caption)), RowTypeText(texts, drive)}) +
                      "\n";
-  text += row(TText::InfoSource, PathFromText(drive.Drive));
+  text += row(TText::InfoSource, Printable(PathFromText(drive.Drive)));
   text +=
       row(TText::InfoSize, texts.Utf8(TText::InfoSizeOf, {SizeText(SizeOf(drive)), std::to_string(drive.SectorsCount),
                                                           std::to_string(drive.BytesPerSector)}));

@@ -79,11 +79,14 @@ int FindPartitions(const TOptions& options) {
   const int number = ChosenDrive(engine, whole);
   if (number < 0) return WrongUsage;
   const TStopKey stop(engine);
-  TProgressLine progress(options.Texts);
+  TProgressLine progress(options);
   progress.Begin(options.Texts.Utf8(TText::SearchingPartitions));
   double position = 0;
   engine.OnAnalyseProgress = engine.Drives().OnFindProgressChanged = [&](double p) { position = p; };
-  engine.OnPump = [&] { progress.Show(position, static_cast<std::int64_t>(engine.Reader().BytesRead()), ""); };
+  engine.OnPump = [&] {
+    if (TStopKey::Pressed()) engine.StopScans();
+    progress.Show(position, static_cast<std::int64_t>(engine.Reader().BytesRead()), "");
+  };
   TIntegerDynArray found = options.Scan ? Scan(engine, options, number) : QuickSearch(engine, options, number);
   engine.OnPump = nullptr;
   progress.Clear();
@@ -92,7 +95,7 @@ int FindPartitions(const TOptions& options) {
   if (!found.empty()) Print(engine, options, found);
   if (TStopKey::Pressed()) {
     Complain(options.Texts.Utf8(TText::FindStopped));
-    return StoppedByUser;
+    return TStopKey::Status();
   }
   if (found.empty()) Complain(options.Texts.Utf8(TText::FindNothing));
   return found.empty() ? DoneWithFailures : AllDone;

@@ -48,7 +48,7 @@ int Summarise(const TOptions& options, const TImageResult& result, std::int64_t 
   const std::string unreadable = UnreadableText(texts, result.UnreadableSectors);
   if (result.Stopped) {
     Complain(texts.Utf8(TText::ImageStopped, {result.Path}));
-    return StoppedByUser;
+    return TStopKey::Status();
   }
   if (options.Json) {
     TJsonLine line;
@@ -58,7 +58,8 @@ int Summarise(const TOptions& options, const TImageResult& result, std::int64_t 
                         .Take());
     return result.UnreadableSectors == 0 ? AllDone : DoneWithFailures;
   }
-  std::printf("%s\n", texts.Utf8(TText::ImageDone, {result.Path, SizeText(size), DurationText(seconds)}).c_str());
+  std::printf("%s\n",
+              texts.Utf8(TText::ImageDone, {Printable(result.Path), SizeText(size), DurationText(seconds)}).c_str());
   if (result.UnreadableSectors == 0) return AllDone;
   std::printf("%s\n", texts.Utf8(TText::ImageUnreadable, {unreadable}).c_str());
   return DoneWithFailures;
@@ -85,10 +86,11 @@ int CreateImage(const TOptions& options) {
   const int number = ChosenDrive(engine, options);
   if (number < 0) return WrongUsage;
   const TStopKey stop(engine);
-  TProgressLine progress(options.Texts);
+  TProgressLine progress(options);
   progress.Begin(options.Texts.Utf8(TText::SavingImage));
   const std::int64_t size = SizeOf(Drive(engine, number));
   engine.Drives().OnProgressChanged = [&](double position) {
+    if (TStopKey::Pressed()) engine.StopScans();
     const std::int64_t unreadable = engine.Drives().UnreadableSectors();
     progress.Show(position, static_cast<std::int64_t>(position * static_cast<double>(size)),
                   unreadable == 0 ? "" : UnreadableText(options.Texts, unreadable));

@@ -3,6 +3,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "cli/console.h"
 #include "core/text.h"
 
 namespace brenlow::cli {
@@ -17,7 +18,7 @@ TJsonLine& TJsonLine::Text(std::string_view key, TStringView value) { return Tex
 
 TJsonLine& TJsonLine::Text(std::string_view key, const std::string& utf8) {
   Key(key);
-  FLine += nlohmann::json(utf8).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+  FLine += PrintableJson(nlohmann::json(utf8).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
   return *this;
 }
 

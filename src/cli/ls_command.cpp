@@ -160,8 +160,7 @@ int ListFiles(const TOptions& options) {
   TEngine engine;
   ApplyOptions(engine, options);
   if (MountSource(engine, options.Source(), options.Map) < 0) return WrongUsage;
-  const TStopKey stop(engine);
-  TProgressLine progress(options.Texts);
+  TProgressLine progress(options);
   const TAnalysed analysed = Analyse(engine, options, progress);
   if (analysed.Drives.empty()) return analysed.WrongDrive ? WrongUsage : DoneWithFailures;
   const TSelection selection(options);
@@ -181,7 +180,7 @@ int ListFiles(const TOptions& options) {
   if (TStopKey::Pressed()) {
     output.Flush();
     Complain(options.Texts.Utf8(TText::ListingStopped));
-    return StoppedByUser;
+    return TStopKey::Status();
   }
   if (listed == 0 || CountFiles(engine, analysed.Drives) == 0) {
     output.Flush();

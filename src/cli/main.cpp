@@ -1,17 +1,20 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // brenlow-cli: command line of Brenlow Partition Recovery.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <exception>
 #include <memory>
+#include <sstream>
 #include <string_view>
 
 #include "cli/commands.h"
 #include "cli/options.h"
 #include "cli/session.h"
+#include "cli/usage.h"
 #include "shell/settings.h"
 
 namespace {
@@ -59,19 +62,24 @@ void ChooseLanguage(int argc, char** argv, TOptions& options) {
   }
 }
 
-/// What the parser says of a wrong command line stays in its own words behind ours.
-int ComplainOfUsage(const CLI::ParseError& error, const TOptions& options) {
-  TText text = TText::UsageValue;
-  if (error.get_name() == "RequiredError") text = TText::UsageMissing;
-  if (error.get_name() == "ExtrasError" || error.get_name() == "InvalidError") text = TText::UsageUnknown;
-  brenlow::cli::Complain(options.Texts.Utf8(text, {error.what()}));
-  std::fprintf(stderr, "%s\n", options.Texts.Utf8(TText::UsageHint).c_str());
+/// What goes to standard output and is all that was asked for.
+int Say(const std::string& text) {
+  brenlow::cli::TOutput().Write(text);
+  return brenlow::cli::AllDone;
+}
+
+/// The verb `help`: the options of a verb, or without one those of the program.
+int ShowHelp(CLI::App& app, std::string verbName, const TLanguage& texts) {
+  app.clear();  // else the help is that of the verb `help`
+  if (verbName.empty()) return Say(app.help());
+  for (const CLI::App* verb : app.get_subcommands([](const CLI::App*) { return true; })) {
+    if (verb->get_name() == verbName) return Say(verb->help(app.get_name()));
+  }
+  brenlow::cli::Complain(texts.Utf8(TText::UsageNoSuchVerb, {verbName, brenlow::cli::VerbList(app)}));
   return brenlow::cli::WrongUsage;
 }
 
-int Run(int argc, char** argv) {
-  TOptions options;
-  ChooseLanguage(argc, argv, options);
+int Run(int argc, char** argv, TOptions& options) {
   const TLanguage& texts = options.Texts;
   CLI::App app(texts.Utf8(TText::HelpProgram), "brenlow-cli");
   const auto formatter = std::make_shared<CLI::Formatter>();
@@ -88,25 +96,35 @@ int Run(int argc, char** argv) {
   app.set_version_flag("--version", "brenlow-cli " BRENLOW_VERSION, texts.Utf8(TText::HelpVersion));
   std::string language;  // taken before, by `ChooseLanguage`
   app.add_option("--language", language, texts.Utf8(TText::HelpLanguage))->type_name("NAME");
-  for (const TVerb& verb : Verbs) {
-    CLI::App* parser = app.add_subcommand(verb.Name, texts.Utf8(verb.About));
+  CLI::Option* quiet = app.add_flag("--quiet", options.Quiet, texts.Utf8(TText::HelpQuiet));
+  app.add_flag("--progress", options.ProgressLines, texts.Utf8(TText::HelpProgress))->excludes(quiet);
+  app.require_subcommand(0, 1);
+  const auto addVerb = [&](const char* name, TText about, TText example) {
+    CLI::App* parser = app.add_subcommand(name, texts.Utf8(about));
     parser->group(texts.Utf8(TText::HelpSubcommands));
-    parser->footer(texts.Utf8(verb.Example));
+    parser->footer(texts.Utf8(example));
     parser->get_help_ptr()->group(texts.Utf8(TText::HelpOptions));
-    verb.AddOptions(*parser, options);
-  }
+    return parser;
+  };
+  for (const TVerb& verb : Verbs) verb.AddOptions(*addVerb(verb.Name, verb.About, verb.Example), options);
+  std::string helpVerb;
+  CLI::App* help = addVerb("help", TText::HelpHelpVerb, TText::HelpHelpExample);
+  help->add_option("VERB", helpVerb, texts.Utf8(TText::HelpHelpVerbName));
 
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     // --help and --version arrive here as well, with exit code 0.
-    if (error.get_exit_code() == 0) return app.exit(error);
-    return ComplainOfUsage(error, options);
+    if (error.get_exit_code() != 0) return brenlow::cli::ComplainOfUsage(app, error, texts);
+    std::ostringstream text;
+    app.exit(error, text);
+    return Say(text.str());
   }
+  if (help->parsed()) return ShowHelp(app, helpVerb, texts);
   for (const TVerb& verb : Verbs) {
     if (app.got_subcommand(verb.Name)) return verb.Run(options);
   }
-  brenlow::cli::Complain(texts.Utf8(TText::UsageNoVerb));
+  brenlow::cli::Complain(texts.Utf8(TText::UsageNoVerb, {brenlow::cli::VerbList(app)}));
   return brenlow::cli::WrongUsage;
 }
 
@@ -117,10 +135,14 @@ int main(int argc, char** argv) {
   // Without the variable every conversion of a time looks whether /etc/localtime has changed.
   ::setenv("TZ", ":/etc/localtime", 0);
   tzset();
+  brenlow::cli::PrepareSignals();
+  TOptions options;
+  ChooseLanguage(argc, argv, options);
   try {
-    return Run(argc, argv);
+    const int status = Run(argc, argv, options);
+    return brenlow::cli::OutputArrived(options.Texts) ? status : std::max(status, brenlow::cli::DoneWithFailures);
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "brenlow-cli: %s\n", error.what());
+    brenlow::cli::Complain(error.what());
     return brenlow::cli::DoneWithFailures;
   }
 }

@@ -15,7 +15,7 @@ namespace brenlow::cli {
 inline constexpr int AllDone = 0;
 inline constexpr int DoneWithFailures = 1;
 inline constexpr int WrongUsage = 2;  // or a source that cannot be read
-inline constexpr int StoppedByUser = 130;
+// A stop by a signal: 128 and its number, see `TStopKey::Status`.
 
 struct TOptions {
   std::vector<std::string> Sources;
@@ -47,11 +47,14 @@ struct TOptions {
   std::string Streams = "none";
   std::string LongPaths = "auto";
   std::string Report;
-  std::int64_t First = -1;  ///< sectors of the drive; -1 when not given
+  bool RecoverFound = false;  ///< a scan that is stopped ends, what it found is recovered
+  std::int64_t First = -1;    ///< sectors of the drive; -1 when not given
   std::int64_t Count = -1;
   std::string Map;
   bool Compressed = false;
   bool Overwrite = false;
+  bool Quiet = false;          ///< no progress
+  bool ProgressLines = false;  ///< progress as lines, also on a terminal
   TLanguage Texts = TLanguage::English();
 
   const std::string& Source() const { return Sources.front(); }

@@ -117,6 +117,7 @@ class TOutcomeLines {
     }
     if (!FOptions.Report.empty()) FReport << ReportLine(outcome, path, parentDeleted);
   }
+  void FlushIfDue() { FOutput.FlushIfDue(); }
   /// False when the report could not be written.
   bool Close() {
     FOutput.Flush();
@@ -165,8 +166,9 @@ void PrintSummary(const TRecoverySummary& summary, std::int64_t wanted, const TO
   const TLanguage& texts = options.Texts;
   std::FILE* out = options.Json ? stderr : stdout;
   const auto line = [out](const std::string& text) { std::fprintf(out, "%s\n", text.c_str()); };
-  line(texts.Utf8(TText::SumRecovered, {std::to_string(summary.Whole), FilesText(texts, wanted),
-                                        SizeText(summary.Bytes), options.Out, std::to_string(summary.DeletedFiles)}));
+  line(
+      texts.Utf8(TText::SumRecovered, {std::to_string(summary.Whole), FilesText(texts, wanted), SizeText(summary.Bytes),
+                                       Printable(options.Out), std::to_string(summary.DeletedFiles)}));
   if (summary.Overwritten > 0) line(texts.Utf8(TText::SumOverwritten, {FilesText(texts, summary.Overwritten)}));
   if (summary.Skipped > 0) line(texts.Utf8(TText::SumSkipped, {FilesText(texts, summary.Skipped)}));
   if (summary.StreamsLeft > 0) {
@@ -244,6 +246,7 @@ void AddRecoverOptions(CLI::App& verb, TOptions& options) {
   choice("--candidates", options.Candidates, TText::HelpCandidates, {"first", "all"});
   choice("--streams", options.Streams, TText::HelpStreams, {"none", "files", "xattr"});
   choice("--long-paths", options.LongPaths, TText::HelpLongPaths, {"auto", "keep", "shorten"});
+  verb.add_flag("--recover-found", options.RecoverFound, texts.Utf8(TText::HelpRecoverFound));
   verb.add_option("--report", options.Report, texts.Utf8(TText::HelpReport))->type_name("FILE");
 }
 
@@ -252,11 +255,15 @@ int RecoverFiles(const TOptions& options) {
   ApplyOptions(engine, options);
   if (MountSource(engine, options.Source(), options.Map) < 0) return WrongUsage;
   if (const int status = CheckTarget(options); status != 0) return status;
-  const TStopKey stop(engine);
-  TProgressLine progress(options.Texts);
+  TProgressLine progress(options);
   const TAnalysed analysed = Analyse(engine, options, progress);
   if (analysed.Drives.empty()) return analysed.WrongDrive ? WrongUsage : DoneWithFailures;
   const bool scanStopped = TStopKey::Pressed();
+  const int scanStatus = TStopKey::Status();
+  if (scanStopped && !options.RecoverFound) {
+    ComplainOfStoppedScan(engine, options, analysed);
+    return scanStatus;
+  }
 
   const TSelection selection(options);
   TOptionAnswers answers(options);
@@ -277,12 +284,23 @@ int RecoverFiles(const TOptions& options) {
     return DoneWithFailures;
   }
   progress.Begin(options.Texts.Utf8(TText::RecoveringFiles));
+  const TStopKey stop(engine);
+  bool isStopTold = false;
   engine.OnPump = [&] {
+    if (TStopKey::Pressed() && !isStopTold) {
+      progress.Clear();
+      Complain(options.Texts.Utf8(TText::StoppingAfterFile));
+      isStopTold = true;
+    }
+    lines.FlushIfDue();
     const double total = static_cast<double>(std::max<std::int64_t>(recovery.RecoverySize, 1));
     progress.Show(std::min(static_cast<double>(recovery.RecoveredSize) / total, 1.0), recovery.RecoveredSize,
                   FilesText(options.Texts, recovery.Summary().Files));
   };
-  recovery.OnFile = [&](const TFileOutcome& outcome, bool parentDeleted) { lines.Write(outcome, parentDeleted); };
+  recovery.OnFile = [&](const TFileOutcome& outcome, bool parentDeleted) {
+    lines.Write(outcome, parentDeleted);
+    if (TStopKey::Pressed()) engine.Recovering = false;  // the file in hand is done
+  };
   engine.Recovering = true;
   for (const int number : analysed.Drives) {
     if (!engine.Recovering) break;
@@ -303,7 +321,7 @@ int RecoverFiles(const TOptions& options) {
   const bool stopped = scanStopped || summary.Stopped;
   PrintSummary(summary, recovery.RecoveryFiles, options, stopped);
   if (!reported) ComplainOf(options, options.Report, EIO);
-  if (stopped) return StoppedByUser;
+  if (stopped) return TStopKey::Pressed() ? TStopKey::Status() : scanStatus;
   const bool sound = summary.FaultCount() == 0 && summary.StreamsFailed == 0 && analysed.AllReadable && reported;
   return sound ? AllDone : DoneWithFailures;
 }

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "cli/session.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
 
 #include "analysis/analysis.h"
@@ -72,8 +73,6 @@ int ChosenDrive(TEngine& engine, const TOptions& options) {
   return engine.Drives().CreateVirtual(number, drive.FirstSector + first, count);
 }
 
-void Complain(const std::string& text) { std::fprintf(stderr, "brenlow-cli: %s\n", text.c_str()); }
-
 int MountSource(TEngine& engine, const std::string& source, const std::string& map) {
   TMountFailure failure;
   if (!map.empty() && !InsertWithMap(engine, source, map)) return -1;
@@ -91,10 +90,7 @@ void ApplyOptions(TEngine& engine, const TOptions& options) {
   TFAT& fat = engine.FAT();
   if (options.LostFolders == "never") fat.LostFolderSearch = TLostFolderSearch::Never;
   if (options.LostFolders == "always") fat.LostFolderSearch = TLostFolderSearch::Always;
-  if (!fat.SetOemCodePage(options.CodePage)) {
-    Complain(options.Texts.Utf8(TText::CodePageUnknown, {std::to_string(options.CodePage)}));
-    fat.SetOemCodePage(437);
-  }
+  fat.SetOemCodePage(options.CodePage);
 }
 
 TFileSystems ChosenSystems(const TOptions& options) {
@@ -129,6 +125,46 @@ void ScanForPartitions(TEngine& engine, const TOptions& options, int number) {
   engine.AllFS().OnCanFileBeAdded = nullptr;
 }
 
+namespace {
+
+/// Whether a drive is a row of `drives`, which a search or an analysis has not added.
+bool IsRow(const TDriveInfo& drive) {
+  return !drive.IsSubDrive && !drive.DriveTypes.Has(TDriveType::dtFound) &&
+         !drive.DriveTypes.Has(TDriveType::dtVirtual);
+}
+
+}  // namespace
+
+TReach ReachOf(TEngine& engine, int number) {
+  const TDriveInfo& drive = Drive(engine, number);
+  int row = -1;
+  for (int i = 0; i < static_cast<int>(engine.Drives().List.size()); ++i) {
+    const TDriveInfo& other = Drive(engine, i);
+    if (!IsRow(other) || other.Drive != drive.Drive) continue;
+    const bool isSame = !engine.Drives().IsPhysical(i) && other.FirstSector == drive.FirstSector &&
+                        other.SectorsCount == drive.SectorsCount;
+    const bool holds = other.FirstSector <= drive.FirstSector &&
+                       drive.FirstSector + drive.SectorsCount <= other.FirstSector + other.SectorsCount;
+    if (i == number || isSame) return {i + 1, true, fmt::format("--drive {}", i + 1)};
+    // The innermost row that holds it.
+    if (holds && (row < 0 || other.SectorsCount < Drive(engine, row).SectorsCount)) row = i;
+  }
+  if (row < 0) row = 0;
+  const std::int64_t first = drive.FirstSector - Drive(engine, row).FirstSector;
+  return {row + 1, false, fmt::format("--drive {} --first {} --count {}", row + 1, first, drive.SectorsCount)};
+}
+
+void ComplainOfStoppedScan(TEngine& engine, const TOptions& options, const TAnalysed& analysed) {
+  Complain(options.Texts.Utf8(TText::ScanStopped));
+  for (const int number : analysed.Drives) {
+    const TDriveInfo& drive = Drive(engine, number);
+    if (drive.FileSystem == TFileSystem::fsUnknown || engine.Drives().IsEmpty(number)) continue;
+    Complain(options.Texts.Utf8(TText::ScanStoppedReach, {SystemName(drive), SizeText(SizeOf(drive)), options.Source(),
+                                                          ReachOf(engine, number).Options}));
+  }
+  Complain(options.Texts.Utf8(TText::ScanStoppedHint));
+}
+
 std::string NoSuchDrive(const TOptions& options) {
   return options.Texts.Utf8(TText::NoSuchDrive, {std::to_string(options.Drive), options.Source()});
 }
@@ -159,7 +195,7 @@ TIntegerDynArray ChooseDrives(TEngine& engine, const TOptions& options, int& dee
 class TScans {
  public:
   TScans(TEngine& engine, const TOptions& options, TProgressLine& progress, TAnalysed& analysed)
-      : FEngine(engine), FOptions(options), FProgress(progress), FAnalysed(analysed) {
+      : FEngine(engine), FOptions(options), FProgress(progress), FAnalysed(analysed), FStop(engine) {
     std::error_code error;
     const bool isImage = std::filesystem::is_regular_file(options.Source(), error);
     engine.OnMessage = [this, isImage](const TEngineMessage& message) {
@@ -171,6 +207,7 @@ class TScans {
     };
     engine.OnAnalyseProgress = [this](double position) { FPosition = position; };
     engine.OnPump = [this] {
+      if (TStopKey::Pressed()) FEngine.StopScans();  // also where the signal came just before a scan
       FProgress.Show(FPosition, static_cast<std::int64_t>(FEngine.Reader().BytesRead() - FReadBefore),
                      FilesText(FEngine.Language(), FEngine.Files().FoundCount));
     };
@@ -227,6 +264,7 @@ class TScans {
   const TOptions& FOptions;
   TProgressLine& FProgress;
   TAnalysed& FAnalysed;
+  const TStopKey FStop;
   double FPosition = 0;
   std::uint64_t FReadBefore = 0;
 };

@@ -11,9 +11,6 @@
 
 namespace brenlow::cli {
 
-/// A line on standard error, with the program's name.
-void Complain(const std::string& text);
-
 /// Adds a source to the registry; -1 with a complaint when it cannot be read. `map`, when not empty,
 /// is the map file of an image: what was not read counts as unreadable.
 int MountSource(TEngine& engine, const std::string& source, const std::string& map = "");
@@ -42,6 +39,17 @@ TFileSystems ChosenSystems(const TOptions& options);
 TPartRecSystems ChosenSearch(const TOptions& options);
 /// One drive through the thorough search; the sub-drives that it found are below it.
 void ScanForPartitions(TEngine& engine, const TOptions& options, int number);
+
+/// How other verbs reach a drive of the registry: a row of `drives`, or a range of sectors of one.
+struct TReach {
+  int Row;              ///< from 1
+  bool IsRow;           ///< the drive is that row, else a part of it
+  std::string Options;  ///< "--drive 2", or "--drive 2 --first 63 --count 2048"
+};
+TReach ReachOf(TEngine& engine, int number);
+
+/// Says that a stop during the scan has left the target as it was, and how to get at what was found.
+void ComplainOfStoppedScan(TEngine& engine, const TOptions& options, const TAnalysed& analysed);
 
 /// Analyses what the options name; complains where that fails.
 TAnalysed Analyse(TEngine& engine, const TOptions& options, TProgressLine& progress);

@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "cli/option_values.h"
+#include "cli/usage.h"
 
 namespace brenlow::cli {
 namespace {
@@ -46,9 +47,10 @@ void AddSourceOption(CLI::App& verb, TOptions& options) {
   const TLanguage& texts = options.Texts;
   verb.add_option("SOURCE", options.Sources, texts.Utf8(TText::HelpSource))->required()->expected(1);
   verb.add_option("--drive", options.Drive, texts.Utf8(TText::HelpDriveOption))
-      ->check(CLI::PositiveNumber)
+      ->check(WholeNumber(texts, 1))
       ->type_name("N");
   verb.add_option("--oem-codepage", options.CodePage, texts.Utf8(TText::HelpCodePage))
+      ->check(KnownCodePage(texts))
       ->type_name("N")
       ->capture_default_str();
   verb.add_flag("--json", options.Json, texts.Utf8(TText::HelpJson));
@@ -56,10 +58,8 @@ void AddSourceOption(CLI::App& verb, TOptions& options) {
 
 void AddRangeOptions(CLI::App& verb, TOptions& options) {
   const TLanguage& texts = options.Texts;
-  verb.add_option("--first", options.First, texts.Utf8(TText::HelpFirst))
-      ->check(CLI::NonNegativeNumber)
-      ->type_name("N");
-  verb.add_option("--count", options.Count, texts.Utf8(TText::HelpCount))->check(CLI::PositiveNumber)->type_name("N");
+  verb.add_option("--first", options.First, texts.Utf8(TText::HelpFirst))->check(WholeNumber(texts, 0))->type_name("N");
+  verb.add_option("--count", options.Count, texts.Utf8(TText::HelpCount))->check(WholeNumber(texts, 1))->type_name("N");
 }
 
 void AddSearchOptions(CLI::App& verb, TOptions& options) {

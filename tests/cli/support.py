@@ -1,9 +1,10 @@
 # SPDX-License-Identifier: GPL-3.0-or-later
 """What all tests of the program share: how it is run, a stick with files, folders to write into. Each file
-NAME_test.py beside this one is a test of its own:   NAME_test.py BRENLOW-CLI DATA-FOLDER FAILING-READ-LIBRARY"""
+NAME_test.py beside this one is a test of its own:   NAME_test.py BRENLOW-CLI DATA-FOLDER FAILING-READ-LIBRARY HOLD-LIBRARY"""
 import hashlib
 import os
 import pathlib
+import signal
 import subprocess
 import sys
 import tempfile
@@ -11,6 +12,7 @@ import unittest
 
 CLI, DATA = sys.argv[1], pathlib.Path(sys.argv[2])
 FAILING_READ = sys.argv[3] if len(sys.argv) > 3 else None
+HOLD = sys.argv[4] if len(sys.argv) > 4 else None
 
 
 # Neither the settings nor the locale of whoever runs the tests play a part.
@@ -47,6 +49,37 @@ class FailingReads:
     @property
     def failures(self):
         return [tuple(map(int, line.split())) for line in pathlib.Path(self.log.name).read_text().splitlines()]
+
+
+def hold_environment(**hold):
+    """What hold.cpp is told, see there."""
+    if HOLD is None:
+        raise unittest.SkipTest("the library that holds runs was not named")
+    # Under the address sanitizer its library need not come first.
+    return {**ENVIRONMENT, "LD_PRELOAD": HOLD, "ASAN_OPTIONS": ENVIRONMENT.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0",
+            **{k: str(v) for k, v in hold.items()}}
+
+
+class Held:
+    """A run that is stopped (SIGSTOP) at a known point, see hold.cpp."""
+
+    def __init__(self, *arguments, **hold):
+        environment = hold_environment(**hold)
+        self.process = subprocess.Popen([CLI, *map(str, arguments)], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, env=environment)
+        _, status = os.waitpid(self.process.pid, os.WUNTRACED)
+        assert os.WIFSTOPPED(status), "the run ended before the point where it was to be held"
+
+    def go_on(self, *signals):
+        """Lets it go on with these signals pending: exit status, standard output, standard error."""
+        for number in signals:
+            self.process.send_signal(number)
+        self.process.send_signal(signal.SIGCONT)
+        out, err = self.process.communicate(timeout=60)
+        return self.process.returncode, out, err
+
+    def kill(self):
+        self.process.kill()
+        self.process.communicate(timeout=60)
 
 
 def mounted(options, script, folder, *arguments):
