@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The verb `image`.
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
@@ -20,13 +21,16 @@ std::string UnreadableText(const TLanguage& texts, std::int64_t count) {
 }
 
 /// Refuses targets that would destroy something. 0 when the target will do.
-int CheckTarget(const TOptions& options) {
+int CheckTarget(TEngine& engine, const TOptions& options) {
   std::error_code error;
   const std::string name = ImageName(options.Out);
   const bool resumes = !options.Map.empty() && std::filesystem::exists(options.Map, error);
-  if (WouldWriteToSource(options.Out, options) || WouldWriteToSource(name, options) ||
-      (!options.Map.empty() && WouldWriteToSource(options.Map, options))) {
-    Complain(options.Texts.Utf8(TText::TargetOnSource, {options.Out}));
+  const TSourceGuard guard = engine.Drives().SourceGuard();
+  std::vector<std::string> paths = PathsOfImage(name, options.Map);
+  paths.push_back(options.Out);
+  const auto forbidden = std::find_if(paths.begin(), paths.end(), [&](auto& path) { return guard.Forbids(path); });
+  if (forbidden != paths.end()) {
+    Complain(options.Texts.Utf8(TText::TargetOnSource, {*forbidden}));
   } else if (std::filesystem::exists(name, error) && !options.Overwrite && !resumes) {
     Complain(options.Texts.Utf8(TText::ImageExists, {name}));
   } else {
@@ -39,6 +43,10 @@ int Summarise(const TOptions& options, const TImageResult& result, std::int64_t 
   const TLanguage& texts = options.Texts;
   if (result.SystemError == EINVAL) {
     Complain(texts.Utf8(TText::ImageMapWrong, {options.Map}));
+    return WrongUsage;
+  }
+  if (result.SystemError == TSourceGuard::Refused) {
+    Complain(texts.Utf8(TText::TargetOnSource, {result.Path}));
     return WrongUsage;
   }
   if (result.SystemError != 0) {
@@ -82,7 +90,7 @@ int CreateImage(const TOptions& options) {
   ApplyOptions(engine, options);
   const int source = MountSource(engine, options.Source());
   if (source < 0) return WrongUsage;
-  if (const int status = CheckTarget(options); status != 0) return status;
+  if (const int status = CheckTarget(engine, options); status != 0) return status;
   const int number = ChosenDrive(engine, options);
   if (number < 0) return WrongUsage;
   const TStopKey stop(engine);

@@ -182,11 +182,12 @@ void PrintSummary(const TRecoverySummary& summary, std::int64_t wanted, const TO
 }
 
 /// Refuses targets that would destroy what is to be recovered. 0 when the target will do.
-int CheckTarget(const TOptions& options) {
+int CheckTarget(TEngine& engine, const TOptions& options) {
   std::error_code error;
-  if (WouldWriteToSource(options.Out, options)) {
+  const TSourceGuard guard = engine.Drives().SourceGuard();
+  if (guard.Forbids(options.Out)) {
     Complain(options.Texts.Utf8(TText::TargetOnSource, {options.Out}));
-  } else if (!options.Report.empty() && WouldWriteToSource(options.Report, options)) {
+  } else if (!options.Report.empty() && guard.Forbids(options.Report)) {
     Complain(options.Texts.Utf8(TText::ReportOnSource, {options.Report}));
   } else if (std::filesystem::exists(options.Out, error) && !std::filesystem::is_directory(options.Out, error)) {
     Complain(options.Texts.Utf8(TText::TargetNotAFolder, {options.Out}));
@@ -254,7 +255,7 @@ int RecoverFiles(const TOptions& options) {
   TEngine engine;
   ApplyOptions(engine, options);
   if (MountSource(engine, options.Source(), options.Map) < 0) return WrongUsage;
-  if (const int status = CheckTarget(options); status != 0) return status;
+  if (const int status = CheckTarget(engine, options); status != 0) return status;
   TProgressLine progress(options);
   const TAnalysed analysed = Analyse(engine, options, progress);
   if (analysed.Drives.empty()) return analysed.WrongDrive ? WrongUsage : DoneWithFailures;

@@ -10,7 +10,6 @@
 #include "analysis/deep/all_fs.h"
 #include "analysis/files.h"
 #include "cli/selection.h"
-#include "core/device/system_disks.h"
 #include "core/images/image_file.h"
 #include "core/images/rescue_map.h"
 #include "core/sector_reader.h"
@@ -45,16 +44,6 @@ bool IsReadable(TEngine& engine, int number) {
 }
 
 }  // namespace
-
-bool WouldWriteToSource(const std::string& path, const TOptions& options) {
-  std::error_code error;
-  std::filesystem::path existing = std::filesystem::absolute(path, error);
-  while (!existing.empty() && !std::filesystem::exists(existing, error) && existing != existing.root_path()) {
-    existing = existing.parent_path();
-  }
-  return LiesOnSource(existing.string(), options.Source()) ||
-         std::filesystem::equivalent(existing, options.Source(), error);
-}
 
 int ChosenDrive(TEngine& engine, const TOptions& options) {
   const int number = std::max(options.Drive - 1, 0);

@@ -14,8 +14,6 @@ namespace brenlow::cli {
 /// Adds a source to the registry; -1 with a complaint when it cannot be read. `map`, when not empty,
 /// is the map file of an image: what was not read counts as unreadable.
 int MountSource(TEngine& engine, const std::string& source, const std::string& map = "");
-/// Whether writing to the path would write to the source.
-bool WouldWriteToSource(const std::string& path, const TOptions& options);
 /// The number of the drive that `--drive` and `--first` name, else of the source itself; -1 with a
 /// complaint when there is none.
 int ChosenDrive(TEngine& engine, const TOptions& options);

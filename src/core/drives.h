@@ -8,6 +8,7 @@
 #include <span>
 #include <vector>
 
+#include "core/device/source_guard.h"
 #include "core/drive_records.h"
 #include "core/partitions.h"
 #include "core/sector_reader.h"
@@ -135,6 +136,10 @@ class TDrives {
   std::int64_t UnreadableSectors() const;
   /// A new drive over a range of another one (sectors counted on its device); -1 for a wrong number.
   int CreateVirtual(int number, std::int64_t firstSector, std::int64_t sectorsCount);
+
+  /// Knows what the sources of this run read from: everything that was opened by name or holds results. With
+  /// a drive number, that drive is one, and files may be written to file systems on the others.
+  TSourceGuard SourceGuard(int number = -1);
 
   // ---- parent index ----
   static void AddParentCluster(TDriveInfo& drive, std::int64_t number, std::uint32_t fileIndex, bool isFolder);

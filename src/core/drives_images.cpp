@@ -1,15 +1,43 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // What the registry does with images and ranges of drives.
+#include <set>
+
+#include "core/device/device.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/images/image_writer.h"
 
 namespace brenlow {
+
+TSourceGuard TDrives::SourceGuard(int number) {
+  TSourceGuard guard;
+  std::set<TString> known;
+  const TString one = IsWrongNumber(number) ? TString() : List[static_cast<std::size_t>(number)].Drive;
+  for (const TDriveInfo& drive : List) {
+    const bool isSource = drive.Drive == one || drive.DriveTypes.Has(TDriveType::dtMounted) || HasResults(drive);
+    if (!isSource || !known.insert(drive.Drive).second) continue;
+    const bool withFileSystems = one.empty() || drive.Drive == one;
+    if (const IDevice* device = FEngine.Devices().Get(drive.Drive)) {
+      guard.Add(*device, withFileSystems);
+    } else if (const auto identity = IdentityOf(DevicePath(drive.Drive))) {
+      guard.Add(*identity, withFileSystems);
+    }
+  }
+  return guard;
+}
+
 TImageResult TDrives::Save(int number, std::int64_t firstSector, std::int64_t sectorsCount, const std::string& fileName,
                            bool compressed, const std::string& mapFile) {
   TImageResult result;
   const std::string path = ImageName(fileName);
   if (IsWrongNumber(number) || sectorsCount <= 0) return result;
+  const TSourceGuard guard = SourceGuard(number);
+  for (const std::string& written : PathsOfImage(path, mapFile)) {
+    if (!guard.Forbids(written)) continue;
+    result.SystemError = TSourceGuard::Refused;
+    result.Path = written;
+    return result;
+  }
   TImageWriter writer(FEngine, List[static_cast<std::size_t>(number)], firstSector, sectorsCount);
   writer.OnProgress = [this](double position) {
     if (OnProgressChanged) OnProgressChanged(position);

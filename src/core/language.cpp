@@ -160,6 +160,8 @@ std::string SystemErrorText(const TLanguage& language, int error) {
       return language.Utf8(TText::SystemReadOnly);
     case ENOSPC:
       return language.Utf8(TText::SystemFull);
+    case ETXTBSY:  // what the guard of the sources answers
+      return language.Utf8(TText::SystemIsSource);
     case EDQUOT:
       return language.Utf8(TText::SystemQuota);
     case EFBIG:

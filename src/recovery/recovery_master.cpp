@@ -9,8 +9,7 @@
 #include <filesystem>
 
 #include "analysis/files.h"
-#include "core/device/device.h"
-#include "core/device/system_disks.h"
+#include "core/device/source_guard.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/language.h"
@@ -156,9 +155,12 @@ void TfRecoveryMaster::LeaveOutputKind() {
 }
 
 void TfRecoveryMaster::LeaveSaveOptions() {
-  if ((IsSameDrive() || IsOnSource()) && !FQuestions.SaveToSameDrive()) return;
+  const bool isOnSource = IsOnSource();
+  if ((IsSameDrive() || isOnSource) && !FQuestions.SaveToSameDrive()) return;
   Options.ApplySettings(false);
-  FProgress = std::make_unique<TfrmSaveProgress>(FEngine, Link, Options.Options(), &FQuestions);
+  TRecoveryOptions options = Options.Options();
+  options.MayLieOnSource = isOnSource;
+  FProgress = std::make_unique<TfrmSaveProgress>(FEngine, Link, options, &FQuestions);
   FProgress->Filter = Filter;
   FTargetError = FProgress->PrepareInfo();
   if (FTargetError != 0) return;
@@ -176,13 +178,7 @@ void TfRecoveryMaster::LeaveSaveOptions() {
 }
 
 /// True when the target lies on a device that results came from, mounted or not.
-bool TfRecoveryMaster::IsOnSource() const {
-  const std::string folder = NearestFolder(Options.Path).string();
-  const std::vector<TDriveInfo>& drives = FEngine.Drives().List;
-  return std::any_of(drives.begin(), drives.end(), [&](const TDriveInfo& drive) {
-    return HasResults(drive) && LiesOnSource(folder, DevicePath(drive.Drive));
-  });
-}
+bool TfRecoveryMaster::IsOnSource() const { return FEngine.Drives().SourceGuard().LiesOnSource(Options.Path); }
 
 /// The warning concerns what the user sees as one drive: the mounted volume in focus.
 bool TfRecoveryMaster::IsSameDrive() const {

@@ -37,7 +37,8 @@ enum class TLongPaths { Keep, Shorten, OnWindowsFileSystems };
 
 /// How the files are written.
 struct TRecoveryOptions {
-  std::string Path;  ///< target folder
+  std::string Path;             ///< target folder
+  bool MayLieOnSource = false;  ///< the user was asked and agreed
   bool RestoreFolders = true;
   bool ADS = true;
   bool CanReplaceSymbols = false;

@@ -6,6 +6,7 @@
 
 #include "analysis/analysis.h"
 #include "analysis/files.h"
+#include "core/drives.h"
 #include "core/engine.h"
 #include "core/text.h"
 #include "recovery/long_path.h"
@@ -40,7 +41,7 @@ int TfrmSaveProgress::PrepareInfo() {
   FShownRatio = 0;
   FSummary = TRecoverySummary();
   FPlaces.clear();
-  return FTarget.Open(FOptions.Path);
+  return FTarget.Open(FOptions.Path, FEngine.Drives().SourceGuard(), FOptions.MayLieOnSource);
 }
 
 void TfrmSaveProgress::PrepareRecovery(bool isMasterResults) { Walk(true, isMasterResults, TTargetTree::Root); }
@@ -278,6 +279,11 @@ bool TfrmSaveProgress::ResolveConflict(TTargetFile& file, TPlace place) {
   }
   while (FTarget.Exists(file.Name)) {
     if (FRenameResult == TRenameResult::rrSkipAll) return false;
+    // The answer "replace" cannot mean the source itself: the file goes beside it.
+    if (FRenameResult == TRenameResult::rrReplaceAll && FTarget.IsSource(file.Name)) {
+      file.Name = FTarget.FreeName(file.Name);
+      continue;
+    }
     if (FRenameResult == TRenameResult::rrReplaceAll) {
       file.Replace = true;
       return true;
@@ -294,6 +300,10 @@ bool TfrmSaveProgress::ResolveConflict(TTargetFile& file, TPlace place) {
     switch (answer.Result) {
       case TRenameResult::rrReplace:
       case TRenameResult::rrReplaceAll:
+        if (FTarget.IsSource(file.Name)) {
+          file.Name = proposal;
+          break;
+        }
         file.Replace = true;
         return true;
       case TRenameResult::rrRename:

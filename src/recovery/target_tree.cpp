@@ -73,8 +73,11 @@ void SetTimes(int handle, const TTimeStamp& times) {
   if (both[0].tv_nsec != UTIME_OMIT || both[1].tv_nsec != UTIME_OMIT) ::futimens(handle, both);
 }
 
-int TTargetTree::Open(const std::string& path) {
+int TTargetTree::Open(const std::string& path, TSourceGuard guard, bool mayLieOnSource) {
   std::error_code error;
+  FGuard = std::move(guard);
+  FMayLieOnSource = mayLieOnSource;
+  if (!mayLieOnSource && FGuard.LiesOnSource(path)) return TSourceGuard::Refused;
   std::filesystem::create_directories(path, error);
   if (error) return error.value();
   // The user named this path: links in it are the user's own.
@@ -140,12 +143,23 @@ int TTargetTree::OpenBelow(int above, TFolder& folder, THandle& handle) {
       if (!folder.IsNew && errno != EEXIST) return errno;
     }
     handle = THandle(OpenFolder(above, folder.Name));
-    if (handle.Valid()) break;
-    // Something else has the name (a file, a link): another name is tried.
-    if (folder.Entered || (errno != ENOTDIR && errno != ELOOP) || number >= MostNumbers) return errno;
+    const bool forbidden = !folder.IsNew && handle.Valid() && IsForbidden(handle);
+    if (handle.Valid() && !forbidden) break;
+    // Something else has the name (a file, a link, a source mounted there): another name is tried.
+    const int error = forbidden ? TSourceGuard::Refused : errno;
+    const bool isOther = forbidden || error == ENOTDIR || error == ELOOP;
+    if (folder.Entered || !isOther || number >= MostNumbers) return error;
   }
   folder.Entered = true;
   return 0;
+}
+
+/// True for a folder in another file system than the target's, which lies on a source.
+bool TTargetTree::IsForbidden(const THandle& folder) const {
+  const auto here = IdentityOf(folder.Get());
+  const auto root = IdentityOf(FRoot.Get());
+  const bool isElsewhere = here && (!root || here->FileSystem != root->FileSystem || here->Mount != root->Mount);
+  return isElsewhere && !FMayLieOnSource && FGuard.LiesOnSource(*here);
 }
 
 void TTargetTree::Leave() {
@@ -247,6 +261,7 @@ int TTargetTree::CreatePartial(THandle& handle) {
 
 int TTargetTree::Finish(const std::string& name, bool replace) {
   if (!replace) return MoveToFreeName(Here(), PartialName, name.c_str());
+  if (IsSource(name)) return EEXIST;
   return ::renameat(Here(), PartialName, Here(), name.c_str()) == 0 ? 0 : errno;
 }
 

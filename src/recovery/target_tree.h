@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "core/datetime.h"
+#include "core/device/source_guard.h"
 #include "core/types.h"
 
 namespace brenlow {
@@ -38,8 +39,9 @@ class TTargetTree {
   /// Name of a file while it is written.
   static constexpr const char* PartialName = ".brenlow-partial";
 
-  /// Opens the folder, creating it and its parents where missing. 0, or the errno of the failure.
-  int Open(const std::string& path);
+  /// Opens the folder, creating it and its parents where missing. 0, or the errno of the failure;
+  /// `TSourceGuard::Refused` when it lies on a source, unless the user agreed to that.
+  int Open(const std::string& path, TSourceGuard guard, bool mayLieOnSource = false);
 
   // ---- folders ----
   /// The place of a folder named on the source. Folders of one parent that are asked for one after
@@ -68,8 +70,10 @@ class TTargetTree {
   std::string Claim(const std::string& name);
   /// Starts a file. 0, or the errno.
   int CreatePartial(THandle& handle);
+  /// True when what has that name must never be replaced, as a source is read from it.
+  bool IsSource(const std::string& name) const { return FGuard.IsSource(Here(), name); }
   /// Gives the file just written its name. 0, or the errno; EEXIST when the name is taken and
-  /// `replace` is not set.
+  /// `replace` is not set, or when a source has the name.
   int Finish(const std::string& name, bool replace);
   /// The file just written stays unfinished: "NAME.partial" marks what there is of it, and nothing
   /// is kept of an empty one. The result is the name that it got.
@@ -111,8 +115,12 @@ class TTargetTree {
   void Leave();
   std::string Key(const std::string& name) const;
 
+  bool IsForbidden(const THandle& folder) const;
+
   std::string FPath;
   THandle FRoot;
+  TSourceGuard FGuard;
+  bool FMayLieOnSource = false;
   std::vector<TFolder> FFolders;
   TOpenFolder FCurrent;                              // the folder in hand; no handle stands for the root
   TOpenFolder FAbove;                                // the folder above it, for the next one beside it

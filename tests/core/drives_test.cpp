@@ -5,6 +5,7 @@
 
 #include "analysis/analysis.h"
 #include "analysis/files.h"
+#include "core/device/source_guard.h"
 #include "core/device/system_disks.h"
 #include "core/language.h"
 #include "support/fat_builder.h"
@@ -191,6 +192,11 @@ TEST_CASE("a floppy is left alone unless asked for, and its disk is waited for")
 }
 
 TEST_CASE("a target on the source is recognised") {
+  const auto LiesOnSource = [](const std::string& folder, const std::string& source) {
+    TSourceGuard guard;
+    if (const auto identity = IdentityOf(source)) guard.Add(*identity);
+    return guard.LiesOnSource(folder);
+  };
   const auto volumes = ListMountedVolumes();
   if (volumes.empty()) MESSAGE("no block device is mounted here: skipped");
   for (const TMountedVolume& volume : volumes) {

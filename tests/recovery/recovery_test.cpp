@@ -544,7 +544,7 @@ TEST_CASE("leftovers of a killed run go, a stop and a full target leave a marked
   CHECK(filesystem::is_empty(elsewhere.Path()));
 
   TTargetTree target;
-  REQUIRE(target.Open(t.Target.Path()) == 0);
+  REQUIRE(target.Open(t.Target.Path(), TSourceGuard()) == 0);
   t.Put("big.bin.partial", "older");
   THandle handle;
   REQUIRE(target.CreatePartial(handle) == 0);

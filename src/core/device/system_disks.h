@@ -32,9 +32,4 @@ struct TMountedVolume {
 /// Mounted file systems that lie on block devices, each device once.
 std::vector<TMountedVolume> ListMountedVolumes();
 
-/// True when a file below `folder` would be written onto the device or file `source`: the folder's
-/// file system lies on that device, on a partition of it, on the disk it is a partition of, or on a
-/// loop device over that file.
-bool LiesOnSource(const std::string& folder, const std::string& source);
-
 }  // namespace brenlow

@@ -42,6 +42,12 @@ std::string ImageName(const std::string& fileName) {
   return (hasExtension ? fileName.substr(0, dot) : fileName) + ".dsk";
 }
 
+std::vector<std::string> PathsOfImage(const std::string& path, const std::string& mapPath) {
+  std::vector<std::string> paths{path, PartialName(path)};
+  if (!mapPath.empty()) paths.insert(paths.end(), {mapPath, TRescueMap::SuccessorName(mapPath)});
+  return paths;
+}
+
 TImageWriter::TImageWriter(TEngine& engine, const TDriveInfo& drive, std::int64_t firstSector,
                            std::int64_t sectorsCount)
     : FEngine(engine),

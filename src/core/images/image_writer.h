@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "core/images/rescue_map.h"
 #include "core/types.h"
@@ -15,7 +16,9 @@ class TEngine;
 struct TDriveInfo;
 
 struct TImageResult {
-  int SystemError = 0;  ///< errno of what the target refused; EINVAL: the map belongs to something else
+  /// errno of what the target refused; EINVAL: the map belongs to something else; `TSourceGuard::Refused`:
+  /// `Path` belongs to a source or lies on this one
+  int SystemError = 0;
   bool Stopped = false;
   std::int64_t UnreadableSectors = 0;
   std::string Path;  ///< of the image; of the part that there is when it was stopped
@@ -23,6 +26,9 @@ struct TImageResult {
 
 /// The name with the extension ".dsk" in place of its own.
 std::string ImageName(const std::string& fileName);
+
+/// Everything that is written for an image: the image, its part while it is written, the map and its successor.
+std::vector<std::string> PathsOfImage(const std::string& path, const std::string& mapPath);
 
 /// The image is written as `FILE.partial` and gets its name when it is done: a name never stands
 /// for half a disk.

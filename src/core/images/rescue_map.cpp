@@ -124,7 +124,7 @@ int TRescueMap::Load(const std::string& path, TRescueMap& map) {
 }
 
 int TRescueMap::Save(const std::string& path) const {
-  const std::string beside = path + ".new";
+  const std::string beside = SuccessorName(path);
   std::FILE* file = std::fopen(beside.c_str(), "w");
   if (file == nullptr) return errno;
   const bool finished = Find(0, [](TMapStatus status) { return status != TMapStatus::Finished; }) == FSize;

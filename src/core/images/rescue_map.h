@@ -43,6 +43,8 @@ class TRescueMap {
   const std::optional<TFileIdentity>& Origin() const { return FOrigin; }
   /// Writes it through a file beside it, so that there is a whole map at any time. 0, or the errno.
   int Save(const std::string& path) const;
+  /// The file beside it.
+  static std::string SuccessorName(const std::string& path) { return path + ".new"; }
 
  private:
   void Split(std::int64_t position);

@@ -11,6 +11,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
+#include <QPointer>
 #include <QPushButton>
 #include <QRadioButton>
 #include <QRegularExpression>
@@ -19,8 +20,7 @@
 #include <QVBoxLayout>
 #include <cerrno>
 
-#include "core/device/device.h"
-#include "core/device/system_disks.h"
+#include "core/drives.h"
 #include "core/language.h"
 #include "core/sizes.h"
 #include "core/text.h"
@@ -34,6 +34,9 @@ namespace {
 std::pair<TMessageKind, std::string> ResultText(const TLanguage& texts, const TImageResult& result, std::int64_t size,
                                                 const std::string& map) {
   if (result.SystemError == EINVAL) return {TMessageKind::Error, texts.Utf8(TText::ImageMapWrong, {map})};
+  if (result.SystemError == TSourceGuard::Refused) {
+    return {TMessageKind::Error, texts.Utf8(TText::TargetOnSource, {result.Path})};
+  }
   if (result.SystemError != 0) {
     return {TMessageKind::Error, texts.Utf8(TText::ErrorOf, {result.Path, SystemErrorText(texts, result.SystemError)})};
   }
@@ -93,6 +96,13 @@ TfCreateImage::TfCreateImage(TDesk& desk, const TLanguage& texts, TSettings& set
   connect(FCompressed, &QRadioButton::toggled, FMap, &QWidget::setDisabled);
   connect(FFile, &QLineEdit::textChanged, this, [this] { UpdateButtons(); });
   FRange->OnChanged = [this] { UpdateButtons(); };
+  FDesk.Fetch<TSourceGuard>(
+      [number = drive.Number](TEngine& engine, TCommands&) { return engine.Drives().SourceGuard(number); },
+      [self = QPointer<TfCreateImage>(this)](TSourceGuard guard) {
+        if (!self) return;
+        self->FGuard = std::move(guard);
+        self->UpdateButtons();
+      });
   UpdateButtons();
   resize(560, sizeHint().height());
 }
@@ -105,7 +115,7 @@ void TfCreateImage::Browse() {
 }
 
 void TfCreateImage::UpdateButtons() {
-  FButtons->button(QDialogButtonBox::Ok)->setEnabled(!FFile->text().isEmpty() && FRange->IsValid());
+  FButtons->button(QDialogButtonBox::Ok)->setEnabled(FGuard && !FFile->text().isEmpty() && FRange->IsValid());
 }
 
 bool TfCreateImage::AgreesToReplace(const QString& file) {
@@ -116,13 +126,13 @@ void TfCreateImage::accept() {
   const std::string file = ImageName(PathFromQt(QFileInfo(FFile->text()).absoluteFilePath()));
   const QString shown = PathToQt(file);
   const QString folder = QFileInfo(shown).absolutePath();
-  // Nothing is ever written onto the source.
-  if (LiesOnSource(PathFromQt(folder), DevicePath(FDrive.Device)) || TextFromPath(file) == FDrive.Device) {
-    QMessageBox::warning(this, windowTitle(), Caption(TText::TargetOnSource, {shown}));
-    return;
-  }
   const bool compressed = FCompressed->isChecked();
   const std::string map = compressed || !FMap->isChecked() ? std::string() : file + ".map";
+  for (const std::string& path : PathsOfImage(file, map)) {
+    if (!FGuard || !FGuard->Forbids(path)) continue;
+    QMessageBox::warning(this, windowTitle(), Caption(TText::TargetOnSource, {PathToQt(path)}));
+    return;
+  }
   const bool resumes = !map.empty() && QFileInfo::exists(PathToQt(map));
   if (QFileInfo::exists(shown) && !resumes && !AgreesToReplace(shown)) return;
   FSettings.MountImage.Create = folder.toStdString();

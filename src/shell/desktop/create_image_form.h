@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include <optional>
+
+#include "core/device/source_guard.h"
 #include "shell/desktop/form.h"
 #include "shell/settings.h"
 
@@ -29,6 +32,7 @@ class TfCreateImage final : public TForm {
   QRadioButton* FCompressed;
   QCheckBox* FMap;
   TSectorRange* FRange;
+  std::optional<TSourceGuard> FGuard;  // once the engine has told
   QDialogButtonBox* FButtons;
 };
 
