@@ -9,9 +9,10 @@
 #include <memory>
 #include <string>
 
-#include "core/images/block_map_disk.h"
 #include "core/images/dsk_image.h"
 #include "core/images/rescue_map.h"
+#include "core/images/vhdx_log.h"
+#include "core/images/virtual_disks.h"
 #include "core/images/vmware_disk.h"
 #include "memory_device.h"
 
@@ -34,30 +35,35 @@ void ReadMap(const std::uint8_t* data, std::size_t size) {
   if (sum != map.Size()) std::abort();
 }
 
+/// The input is a log and the file that it writes to.
+void ReadLogged(const std::uint8_t* data, std::size_t size) {
+  TVhdxLogPlace place{TByteDynArray(16, 'L'), 0, static_cast<std::int64_t>(size) / 4096 * 4096};
+  const auto file = WithReplayedLog(std::make_unique<fuzz::TInputDevice>(data, size), place);
+  if (!file) return;
+  TByteDynArray bytes(100000);
+  for (const std::int64_t at : {std::int64_t{0}, file->Size() / 2, file->Size() - 1}) {
+    if (file->Read(at, bytes) > bytes.size()) std::abort();
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size < 3) return 0;
-  const std::uint8_t way = data[0] % 7;
+  const std::uint8_t way = data[0] % 9;
   const std::int64_t start = std::int64_t{data[1]} * 4099 + data[2];
   if (way == 6) {
     ReadMap(data + 3, size - 3);
     return 0;
   }
-  auto file = std::make_unique<fuzz::TInputDevice>(data + 3, size - 3);
-  TOpenedDevice opened;
-  switch (way) {
-    case 0:
-      opened = OpenCompressedImage(std::move(file));
-      break;
-    case 1:
-      opened = OpenVMwareDisk("/nowhere/disk.vmdk", std::move(file));
-      break;
-    default: {
-      constexpr TBlockMapReader* readers[] = {ReadVDI, ReadVHD, ReadVHDX, ReadHDD};
-      opened = OpenBlockMapDisk(std::move(file), readers[way - 2]);
-    }
+  if (way == 8) {
+    ReadLogged(data + 3, size - 3);
+    return 0;
   }
+  TImageFile image{"/nowhere/disk.vmdk", std::make_unique<fuzz::TInputDevice>(data + 3, size - 3), 0};
+  constexpr TOpenedDevice (*openers[])(TImageFile) = {nullptr,  OpenVMwareDisk,    OpenVDI, OpenVHD,
+                                                      OpenVHDX, OpenParallelsDisk, nullptr, OpenQcow2};
+  TOpenedDevice opened = way == 0 ? OpenCompressedImage(std::move(image.File)) : openers[way](std::move(image));
   if (!opened.Device) return 0;
   IDevice& disk = *opened.Device;
   if (disk.Size() < 0) std::abort();

@@ -154,6 +154,15 @@ def deep():
     write("deep", "seed-sectors", b"".join(sectors))
 
 
+def crc32c(data):
+    crc = 0xFFFFFFFF
+    for byte in data:
+        crc ^= byte
+        for _ in range(8):
+            crc = (crc >> 1) ^ (0x82F63B78 if crc & 1 else 0)
+    return crc ^ 0xFFFFFFFF
+
+
 def images():
     """A small image of each kind."""
     def put(size, *fields):
@@ -174,6 +183,11 @@ def images():
     write("images", "seed-vhd", b"\3\0\0" + vhd)
     hdd = put(2048, (0, b"WithoutFreeSpace"), (28, le(1, 4) + le(4, 4) + le(4, 4)), (64, le(2, 4) + le(0, 4) + le(3, 4)))
     write("images", "seed-hdd", b"\5\0\0" + hdd)
+    qcow2 = put(4096, (0, b"QFI\xfb" + be(3, 4)), (20, be(9, 4) + be(4096, 8)), (36, be(1, 4) + be(512, 8)), (100, be(104, 4)), (512, be(1024, 8)),
+                (1024, be(1536, 8) + be(1, 8) + be((1 << 62) | 2048, 8)), (2048, bytes.fromhex("4b4ca43d00") + bytes(3)))
+    write("images", "seed-qcow2", b"\7\0\0" + qcow2)
+    entry = put(8192, (0, b"loge"), (8, le(8192, 4)), (16, le(7, 8) + le(1, 4)), (32, b"L" * 16), (64, b"desc"), (80, le(8192, 8) + le(7, 8)), (4096, b"data"), (8188, le(7, 4)))
+    write("images", "seed-vhdx-log", b"\x08\0\0" + entry[:4] + le(crc32c(entry), 4) + entry[8:] + bytes(4096))
     write("images", "seed-map", b"\6\0\0" + b"# Mapfile\n0x0 ? 1\n0x00000000  0x00000400  +\n0x00000400  0x00000200  -\n")
 
 

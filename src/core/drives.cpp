@@ -453,6 +453,10 @@ bool TDrives::DetectWholeSource(TDriveInfo& drive, TPhysicalDrive& disk) {
   return false;
 }
 
+TMountFailure LastFailure(const TDeviceTable& devices) {
+  return {devices.LastError(), false, devices.LastProblem(), devices.LastDetail()};
+}
+
 int TDrives::Mount(TStringView fileName, bool canAddToTreeView, TMountFailure* failure) {
   TMountFailure unused;
   TMountFailure& reason = failure != nullptr ? *failure : unused;
@@ -464,7 +468,7 @@ int TDrives::Mount(TStringView fileName, bool canAddToTreeView, TMountFailure* f
   FEngine.Devices().Close(fileName);  // a new request: one that failed before is tried again
   const IDevice* device = FEngine.Devices().Get(fileName);
   if (device == nullptr) {
-    reason.SystemError = FEngine.Devices().LastError();
+    reason = LastFailure(FEngine.Devices());
     return -1;
   }
   if (device->Size() < 512) {

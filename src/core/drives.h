@@ -8,6 +8,7 @@
 #include <span>
 #include <vector>
 
+#include "core/device/device.h"
 #include "core/device/source_guard.h"
 #include "core/drive_records.h"
 #include "core/partitions.h"
@@ -31,9 +32,13 @@ struct TPartRecInfo {
 
 /// Why a source cannot be opened.
 struct TMountFailure {
-  int SystemError = 0;    ///< errno, 0 when it is not the system's refusal
-  bool TooSmall = false;  ///< less than one sector
+  int SystemError = 0;                          ///< errno, 0 when it is not the system's refusal
+  bool TooSmall = false;                        ///< less than one sector
+  TImageProblem Problem = TImageProblem::None;  ///< of an image file
+  std::string Detail = {};                      ///< of the problem, see `TOpenedDevice`
 };
+/// Why the device that was asked for last did not open.
+TMountFailure LastFailure(const TDeviceTable& devices);
 
 /// A drive number is an index into `List` and shifts when a lower drive is deleted. A wrong number
 /// yields false, -1, 0 or empty everywhere; no operation throws.

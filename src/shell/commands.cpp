@@ -309,7 +309,7 @@ bool TCommands::CanScan(int drive) {
   if (FEngine.Analysing || FRecovering || FSearching || drives.IsWrongNumber(drive)) return false;
   const TString device = drives.List[static_cast<std::size_t>(drive)].Drive;
   if (FEngine.Devices().Get(device) != nullptr) return true;
-  Complain(MountComplaint(FEngine.Language(), DevicePath(device), {FEngine.Devices().LastError(), false}));
+  Complain(MountComplaint(FEngine.Language(), DevicePath(device), LastFailure(FEngine.Devices())));
   return false;
 }
 

@@ -11,6 +11,24 @@
 #include "core/text.h"
 
 namespace brenlow {
+namespace {
+
+TText ProblemText(TImageProblem problem) {
+  switch (problem) {
+    case TImageProblem::Encrypted:
+      return TText::ImageEncrypted;
+    case TImageProblem::Damaged:
+      return TText::ImageDamaged;
+    case TImageProblem::ParentMissing:
+      return TText::ImageParentMissing;
+    case TImageProblem::ParentChanged:
+      return TText::ImageParentChanged;
+    default:
+      return TText::SourceUnsupported;
+  }
+}
+
+}  // namespace
 
 TString SourceKey(const std::string& path) {
   std::error_code error;
@@ -32,7 +50,7 @@ std::string MountComplaint(const TLanguage& texts, const std::string& source, co
     case ENOTBLK:
       return texts.Utf8(TText::SourceIsNeither, {source});
     case EOPNOTSUPP:
-      return texts.Utf8(TText::SourceUnsupported, {source});
+      return texts.Utf8(ProblemText(failure.Problem), {source, failure.Detail});
     case ENOMEDIUM:
       return texts.Utf8(TText::SourceNoMedium, {source});
     default:

@@ -47,9 +47,21 @@ class IDevice {
   virtual void AddOrigins(std::vector<TFileIdentity>& origins) const = 0;
 };
 
+/// Why an image file is refused although it can be read.
+enum class TImageProblem : std::uint8_t {
+  None,
+  UnknownKind,  ///< a kind of virtual disk that is not read here
+  Encrypted,
+  Damaged,        ///< its tables cannot be right
+  ParentMissing,  ///< the difference to another disk that is not there
+  ParentChanged,  ///< what has the parent's name is another disk, or was written to since
+};
+
 struct TOpenedDevice {
   std::unique_ptr<IDevice> Device;  ///< null on failure
-  int Error = 0;                    ///< errno of the failure
+  int Error = 0;                    ///< errno of the failure; EOPNOTSUPP with a problem
+  TImageProblem Problem = TImageProblem::None;
+  std::string Detail = {};  ///< of the problem: what the image is, or the name of its parent
 };
 
 /// Opens a regular file or block device for reading; anything else is refused with ENOTBLK.
@@ -70,6 +82,9 @@ class TDeviceTable {
   void Close(TStringView drive);
   /// errno of the last failed open.
   int LastError() const { return FLastError; }
+  /// What was wrong with an image file that could be read; only after an error of EOPNOTSUPP.
+  TImageProblem LastProblem() const { return FLastProblem; }
+  const std::string& LastDetail() const { return FLastDetail; }
   /// Puts a device of the caller's under a key, in place of what the system has there. It stays
   /// through `Close` and `CloseAll`: there would be no way to open it again.
   void Insert(TStringView drive, std::unique_ptr<IDevice> device);
@@ -82,6 +97,8 @@ class TDeviceTable {
   TString FFailedKey;
   bool FHasFailed = false;
   int FLastError = 0;
+  TImageProblem FLastProblem = TImageProblem::None;
+  std::string FLastDetail;
 };
 
 }  // namespace brenlow

@@ -30,6 +30,8 @@ IDevice* TDeviceTable::Get(TStringView drive) {
       FHasFailed = true;
       FFailedKey = drive;
       FLastError = opened.Error;
+      FLastProblem = opened.Problem;
+      FLastDetail = std::move(opened.Detail);
       return nullptr;
     }
     found = FOpen.emplace(TString(drive), std::move(opened.Device)).first;

@@ -12,6 +12,8 @@
 namespace brenlow {
 namespace {
 
+// The least that 64 KiB can be packed into is 16 chunks of 6 bytes; a table of shorter ones is none.
+constexpr std::uint16_t ShortestBlock = 16;   // bytes
 constexpr std::size_t TableWindow = 0x80000;  // bytes of the length table read at once
 
 class TCompressedImage final : public IDevice {
@@ -78,7 +80,8 @@ TDiskImage ReadTable(IDevice& file, std::int64_t count) {
       file.Read(dsk::HeadSize + 2 * i, window);
     }
     const std::uint16_t length = ReadLe16(window, at);
-    if (length == 0 || place >= image.CompressedFileSize) break;
+    const bool isLast = i + 1 == count;
+    if (length == 0 || (length < ShortestBlock && !isLast) || place >= image.CompressedFileSize) break;
     const bool raw = length == dsk::StoredRaw;
     image.Table.push_back(raw ? -place : place);
     place += raw ? dsk::BlockSize : length;

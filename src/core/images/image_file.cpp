@@ -5,12 +5,34 @@
 #include <string_view>
 #include <utility>
 
-#include "core/images/block_map_disk.h"
 #include "core/images/dsk_image.h"
+#include "core/images/virtual_disks.h"
 #include "core/images/vmware_disk.h"
 
 namespace brenlow {
 namespace {
+
+using namespace std::string_view_literals;
+
+struct TFormat {
+  bool (*Is)(IDevice&);
+  TOpenedDevice (*Open)(TImageFile);
+};
+constexpr TFormat Formats[] = {{IsVMwareDisk, OpenVMwareDisk},       {IsVDI, OpenVDI},     {IsVHDX, OpenVHDX},
+                               {IsParallelsDisk, OpenParallelsDisk}, {IsQcow2, OpenQcow2}, {IsVHD, OpenVHD}};
+
+/// Formats that are known by their magic only.
+struct TForeign {
+  std::string_view Magic;  // at the start of the file
+  const char* Name;
+};
+constexpr TForeign Foreign[] = {{"\xBE\xBA\xFE\xCA\0\0\0\0"sv, "VMDK, SESPARSE"},
+                                {"COWD\1\0\0\0"sv, "VMDK, VMFSSPARSE"},
+                                {"QED\0"sv, "QED"},
+                                {"EVF\x09\x0D\x0A\xFF\0"sv, "EWF (.E01)"},
+                                {"EVF2\x0D\x0A\x81\0"sv, "EWF 2 (.Ex01)"},
+                                {"LVF\x09\x0D\x0A\xFF\0"sv, "EWF (.L01)"},
+                                {"AFF10\x0D\x0A\0"sv, "AFF"}};
 
 bool HasExtension(std::string_view path, std::string_view extension) {
   if (path.size() < extension.size()) return false;
@@ -21,17 +43,22 @@ bool HasExtension(std::string_view path, std::string_view extension) {
 
 }  // namespace
 
-TOpenedDevice OpenSource(const std::string& path) {
+TOpenedDevice OpenImage(const std::string& path, int depth) {
   TOpenedDevice opened = OpenDevice(path);
   if (!opened.Device || opened.Device->SectorSize() != 0) return opened;  // no regular file
   if (IsCompressedImage(*opened.Device)) return OpenCompressedImage(std::move(opened.Device));
-  if (HasExtension(path, ".vmdk")) return OpenVMwareDisk(path, std::move(opened.Device));
-  constexpr std::pair<std::string_view, TBlockMapReader*> formats[] = {
-      {".vdi", ReadVDI}, {".vhd", ReadVHD}, {".vhdx", ReadVHDX}, {".hdd", ReadHDD}};
-  for (const auto& [extension, reader] : formats) {
-    if (HasExtension(path, extension)) return OpenBlockMapDisk(std::move(opened.Device), reader);
+  TImageFile image{path, std::move(opened.Device), depth};
+  for (const TFormat& format : Formats) {
+    if (format.Is(*image.File)) return format.Open(std::move(image));
   }
-  return opened;
+  for (const auto& [magic, name] : Foreign) {
+    if (IsAt(BytesAt(*image.File, 0, magic.size()), 0, magic)) return RefuseImage(TImageProblem::UnknownKind, name);
+  }
+  // A descriptor that does not begin as they all do.
+  if (HasExtension(path, ".vmdk")) return OpenVMwareDisk(std::move(image));
+  return {std::move(image.File), 0};
 }
+
+TOpenedDevice OpenSource(const std::string& path) { return OpenImage(path, 0); }
 
 }  // namespace brenlow

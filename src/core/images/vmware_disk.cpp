@@ -4,10 +4,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <cstring>
+#include <optional>
 #include <string_view>
 #include <utility>
 
+#include "core/images/unpack.h"
+#include "core/images/virtual_disks.h"
 #include "core/numbers.h"
 #include "core/text.h"
 
@@ -18,154 +20,158 @@ constexpr std::int64_t Sector = 512;
 constexpr std::int64_t LargestDescriptor = 102400;           // bytes; from there on a file holds an extent
 constexpr std::int64_t MostSectors = std::int64_t{1} << 47;  // of a disk: 64 PiB
 constexpr std::size_t MostExtents = 4096;
-constexpr std::size_t EntriesOfTable = 512;
+constexpr std::int64_t EntriesOfTable = 512;
 constexpr std::uint32_t SparseMagic = 0x564D444B;  // "KDMV"
-constexpr std::uint32_t ZeroGrains = 4;            // flag: an entry of 1 is a grain of zeros
-constexpr std::uint32_t CompressedGrains = 0x10000;
+constexpr std::uint32_t ZeroGrainsFlag = 4;
+constexpr std::uint32_t CompressedFlag = 0x10000;
+constexpr std::uint32_t NoParent = 0xFFFFFFFF;
 
-class TVMwareDisk final : public IDevice {
+class TVMwareDisk final : public TVirtualDisk {
  public:
-  TVMwareDisk(TVMwareInfo info, std::vector<std::unique_ptr<IDevice>> files)
-      : FInfo(std::move(info)), FFiles(std::move(files)) {}
-
-  std::size_t Read(std::int64_t position, std::span<std::uint8_t> buffer) override {
-    std::size_t done = 0;
-    while (done < buffer.size() && position >= 0 && position < Size()) {
-      const TPiece piece = PieceAt(position);
-      const auto count =
-          static_cast<std::size_t>(std::min(static_cast<std::int64_t>(buffer.size() - done), piece.Length));
-      const auto target = buffer.subspan(done, count);
-      if (piece.Place < 0) {
-        std::memset(target.data(), 0, count);
-      } else if (piece.File == nullptr) {
-        break;
-      } else if (const std::size_t got = piece.File->Read(piece.Place, target); got < count) {
-        return done + got;
-      }
-      done += count;
-      position += static_cast<std::int64_t>(count);
-    }
-    return done;
-  }
-  std::int64_t Size() const override {
-    return FInfo.Files.empty() ? 0 : (FInfo.Files.back().StartingSector + FInfo.Files.back().SectorsCount) * Sector;
-  }
-  int SectorSize() const override { return 0; }
-  void AddOrigins(std::vector<TFileIdentity>& origins) const override {
-    for (const auto& file : FFiles) {
-      if (file) file->AddOrigins(origins);
-    }
-  }
-  std::int64_t NextData(std::int64_t position) override {
-    while (position < Size()) {
-      const TPiece piece = PieceAt(position);
-      if (piece.Place >= 0) return position;
-      position += piece.Length;
-    }
-    return Size();
+  /// The files are one for each extent, then the descriptor if there is one.
+  TVMwareDisk(TVMwareInfo info, std::vector<std::unique_ptr<IDevice>> files, std::unique_ptr<IDevice> parent)
+      : TVirtualDisk(SizeOf(info), std::move(files)), FInfo(std::move(info)) {
+    SetParent(std::move(parent));
   }
 
  private:
-  /// Bytes that lie together from some position on.
-  struct TPiece {
-    IDevice* File = nullptr;
-    std::int64_t Place = -1;  // in the file; -1 for zeros
-    std::int64_t Length = 0;
-  };
+  static std::int64_t SizeOf(const TVMwareInfo& info) {
+    return info.Files.empty() ? 0 : (info.Files.back().StartingSector + info.Files.back().SectorsCount) * Sector;
+  }
 
-  TPiece PieceAt(std::int64_t position) const {
+  TDiskPiece PieceAt(std::int64_t position) override {
     const auto after =
         std::upper_bound(FInfo.Files.begin(), FInfo.Files.end(), position / Sector,
                          [](std::int64_t sector, const TVMwareFile& extent) { return sector < extent.StartingSector; });
     const TVMwareFile& extent = *std::prev(after);
     const std::int64_t within = position - extent.StartingSector * Sector;
     const std::int64_t rest = extent.SectorsCount * Sector - within;
-    IDevice* file = FFiles[static_cast<std::size_t>(std::prev(after) - FInfo.Files.begin())].get();
-    if (extent.strPath.empty()) return {nullptr, -1, rest};
-    if (extent.Flat) return {file, extent.FirstSector * Sector + within, rest};
-    return GrainAt(extent, file, within, rest);
+    if (extent.strPath.empty()) return {TDiskPiece::Zeros, rest, nullptr, 0};
+    FExtent = static_cast<std::size_t>(std::prev(after) - FInfo.Files.begin());
+    if (extent.Flat) return {TDiskPiece::InFile, rest, &File(FExtent), extent.FirstSector * Sector + within};
+    TDiskPiece piece = GrainAt(extent, within);
+    piece.Length = std::min(piece.Length, rest);
+    return piece;
   }
 
-  /// The last grain that begins at or before the position; behind its end lies a hole.
-  static TPiece GrainAt(const TVMwareFile& extent, IDevice* file, std::int64_t within, std::int64_t rest) {
+  /// A grain has a location of its own or is a hole: what follows the last grain before it is not its content.
+  TDiskPiece GrainAt(const TVMwareFile& extent, std::int64_t within) {
     const std::int64_t grainBytes = extent.GrainSize * Sector;
     const std::int64_t number = within / grainBytes;
-    const auto after =
-        std::upper_bound(extent.Grains.begin(), extent.Grains.end(), number,
-                         [](std::int64_t wanted, const TVMwareGrain& grain) { return wanted < grain.Number; });
-    if (after != extent.Grains.begin() && std::prev(after)->Number == number) {
-      const std::int64_t inGrain = within - number * grainBytes;
-      return {file, std::prev(after)->Location * Sector + inGrain, std::min(grainBytes - inGrain, rest)};
+    const std::int64_t inGrain = within % grainBytes;
+    TTableReader& reader = ReaderOf(FExtent);
+    TDiskPiece piece{TDiskPiece::InParent, grainBytes - inGrain, &File(FExtent), 0};
+    const auto table = reader.Number(extent.Directory * Sector + number / EntriesOfTable * 4, 4, true);
+    if (table && *table == 0) {
+      piece.Length = (number / EntriesOfTable + 1) * EntriesOfTable * grainBytes - within;
+      return piece;
     }
-    const std::int64_t end = after == extent.Grains.end() ? within + rest : after->Number * grainBytes;
-    return {file, -1, std::min(end - within, rest)};
+    std::optional<std::uint64_t> entry;
+    if (table) entry = reader.Number(static_cast<std::int64_t>(*table) * Sector + number % EntriesOfTable * 4, 4, true);
+    const TVMwareGrain grain{static_cast<std::uint32_t>(number), static_cast<std::uint32_t>(entry.value_or(0))};
+    if (!entry) {
+      piece.Kind = TDiskPiece::Unreadable;
+    } else if (grain.Location == 1 && extent.ZeroGrains) {
+      piece.Kind = TDiskPiece::Zeros;
+    } else if (grain.Location != 0) {
+      piece.Kind = extent.Compressed ? TDiskPiece::Packed : TDiskPiece::InFile;
+      piece.Place = grain.Location * Sector + (extent.Compressed ? 0 : inGrain);
+    }
+    return piece;
+  }
+
+  std::size_t ReadPacked(const TDiskPiece& piece, std::int64_t position, std::span<std::uint8_t> buffer) override {
+    const TVMwareFile& extent = FInfo.Files[FExtent];
+    const std::int64_t within = position - extent.StartingSector * Sector;
+    const auto inGrain = static_cast<std::size_t>(within % (extent.GrainSize * Sector));
+    const std::pair key{piece.File, piece.Place};
+    if (FUnpacked != key) Load(piece, within / Sector / extent.GrainSize * extent.GrainSize, extent.GrainSize);
+    FUnpacked = key;
+    if (inGrain >= FGrain.size()) return 0;
+    const std::size_t count = std::min(buffer.size(), FGrain.size() - inGrain);
+    std::copy_n(FGrain.begin() + static_cast<std::ptrdiff_t>(inGrain), count, buffer.begin());
+    return count;
+  }
+
+  /// Before a packed grain stand its sector and the length of what is packed.
+  void Load(const TDiskPiece& piece, std::int64_t sector, int grainSize) {
+    constexpr std::uint64_t headSize = 12;
+    FGrain.clear();
+    const TByteDynArray head = BytesAt(*piece.File, static_cast<std::uint64_t>(piece.Place), headSize);
+    const auto grainBytes = static_cast<std::uint64_t>(grainSize) * Sector;
+    if (head.empty() || ReadLe64(head, 0) != static_cast<std::uint64_t>(sector) || ReadLe32(head, 8) > 2 * grainBytes) {
+      return;
+    }
+    const TByteDynArray packed =
+        BytesAt(*piece.File, static_cast<std::uint64_t>(piece.Place) + headSize, ReadLe32(head, 8));
+    FGrain.resize(static_cast<std::size_t>(grainBytes));
+    FGrain.resize(Unpack(TPacking::Zlib, packed, FGrain));
+  }
+
+  TTableReader& ReaderOf(std::size_t extent) {
+    if (!FReader || FReaderOf != extent) FReader.emplace(File(extent));
+    FReaderOf = extent;
+    return *FReader;
   }
 
   TVMwareInfo FInfo;
-  std::vector<std::unique_ptr<IDevice>> FFiles;  // one an extent, then the descriptor
+  std::size_t FExtent = 0;  // of the piece that was asked for last
+  std::optional<TTableReader> FReader;
+  std::size_t FReaderOf = 0;
+  std::pair<IDevice*, std::int64_t> FUnpacked;  // the grain whose content `FGrain` has
+  TByteDynArray FGrain;
 };
+
+// ---- sparse extents -------------------------------------------------------------------------
 
 struct TSparseHead {
   std::int64_t Capacity = 0;  // sectors
   int GrainSize = 128;        // sectors
   std::uint32_t Flags = 0;
-  std::int64_t Directory = 0;  // sector
-  bool IsSparse = false;       // has the magic
+  std::int64_t Directory = 0;   // sector
+  std::int64_t Descriptor = 0;  // sector of the text inside, and how many sectors it has
+  std::int64_t DescriptorSize = 0;
+  bool IsSparse = false;  // has the magic
 };
 
-TSparseHead ReadHead(IDevice& file) {
-  constexpr std::int64_t footerDirectory = -1;  // the real one stands at the end of a stream
-  std::uint8_t bytes[512] = {};
-  file.Read(0, bytes);
+TSparseHead ParseHead(std::span<const std::uint8_t> bytes) {
   TSparseHead head;
   head.IsSparse = ReadLe32(bytes, 0) == SparseMagic;
+  head.Flags = ReadLe32(bytes, 8);
   head.Capacity = static_cast<std::int64_t>(ReadLe64(bytes, 12));
   const std::uint64_t grainSize = ReadLe64(bytes, 20);
   if (grainSize >= 8 && grainSize <= 65536 && (grainSize & (grainSize - 1)) == 0) {
     head.GrainSize = static_cast<int>(grainSize);
   }
-  head.Flags = ReadLe32(bytes, 8);
+  head.Descriptor = static_cast<std::int64_t>(ReadLe64(bytes, 28));
+  head.DescriptorSize = static_cast<std::int64_t>(ReadLe64(bytes, 36));
   head.Directory = static_cast<std::int64_t>(ReadLe64(bytes, 0x38));
-  if (head.Directory == footerDirectory) head.Flags |= CompressedGrains;
   return head;
 }
 
-/// Gathers the grains of a sparse extent from its tables.
-void FillVMwareStructure(IDevice& file, const TSparseHead& head, TVMwareFile& extent) {
-  extent.GrainSize = head.GrainSize;
-  const std::int64_t perTable = static_cast<std::int64_t>(EntriesOfTable) * head.GrainSize;
-  const std::int64_t fileSectors = file.Size() / Sector;
-  if (head.Directory <= 0 || head.Directory >= fileSectors) return;
-  const std::int64_t room = (file.Size() - head.Directory * Sector) / 4;
-  const std::int64_t tables = std::min(CeilDiv(extent.SectorsCount, perTable), room);
-  // No two grains share a place: a directory with more is none.
-  const auto most = static_cast<std::size_t>(fileSectors / head.GrainSize + 1);
-  TByteDynArray directory(static_cast<std::size_t>(tables) * 4);
-  file.Read(head.Directory * Sector, directory);
-  std::uint8_t table[EntriesOfTable * 4];
-  for (std::size_t t = 0; t < static_cast<std::size_t>(tables); ++t) {
-    const std::uint32_t sector = ReadLe32(directory, 4 * t);
-    if (sector == 0 || file.Read(sector * Sector, table) != sizeof(table)) continue;
-    for (std::size_t i = 0; i < EntriesOfTable && extent.Grains.size() < most; ++i) {
-      const std::uint32_t location = ReadLe32(table, 4 * i);
-      const bool zeros = location == 0 || (location == 1 && (head.Flags & ZeroGrains) != 0);
-      if (!zeros) extent.Grains.push_back({static_cast<std::uint32_t>(t * EntriesOfTable + i), location});
-    }
-  }
+TSparseHead ReadHead(IDevice& file) {
+  constexpr std::int64_t atTheEnd = -1;  // what was written as a stream has the real head there
+  constexpr std::int64_t footer = 1024;  // bytes before the end
+  TSparseHead head = ParseHead(BytesAt(file, 0, Sector));
+  if (!head.IsSparse || head.Directory != atTheEnd || file.Size() < footer) return head;
+  const TSparseHead real = ParseHead(BytesAt(file, static_cast<std::uint64_t>(file.Size() - footer), Sector));
+  if (real.IsSparse) head.Directory = real.Directory;
+  return head;
 }
 
-TOpenedDevice OpenSingle(const std::string& path, std::unique_ptr<IDevice> file, const TSparseHead& head) {
-  if (head.Capacity <= 0 || head.Capacity > MostSectors) return {std::move(file), 0};
-  TVMwareInfo info;
-  TVMwareFile extent;
-  extent.SectorsCount = head.Capacity;
-  extent.strPath = TextFromPath(path);
-  FillVMwareStructure(*file, head, extent);
-  info.Files.push_back(std::move(extent));
-  std::vector<std::unique_ptr<IDevice>> files;
-  files.push_back(std::move(file));
-  return {std::make_unique<TVMwareDisk>(std::move(info), std::move(files)), 0};
+/// False for a directory that no disk of this size can have in this file.
+bool TakeHead(IDevice& file, const TSparseHead& head, TVMwareFile& extent) {
+  constexpr std::uint64_t tableBytes = EntriesOfTable * 4;
+  if (!head.IsSparse || head.Directory <= 0 || head.Directory >= file.Size() / Sector) return false;
+  extent.GrainSize = head.GrainSize;
+  extent.Directory = head.Directory;
+  extent.ZeroGrains = (head.Flags & ZeroGrainsFlag) != 0;
+  extent.Compressed = (head.Flags & CompressedFlag) != 0;
+  const auto tables = static_cast<std::uint64_t>(CeilDiv(extent.SectorsCount, EntriesOfTable * head.GrainSize));
+  return TablesFitInFile(file, static_cast<std::uint64_t>(head.Directory) * Sector, tables, 4, true, tableBytes);
 }
+
+// ---- descriptors ----------------------------------------------------------------------------
 
 /// A line of the extent list: access, sectors, kind, "file", first sector of a flat file.
 struct TExtentLine {
@@ -173,6 +179,13 @@ struct TExtentLine {
   std::string Kind;
   std::string File;
   std::int64_t FirstSector = 0;
+};
+
+struct TDescriptor {
+  std::vector<TExtentLine> Extents;
+  std::uint32_t Content = 0;  // identity of what the disk holds
+  std::uint32_t ParentContent = NoParent;
+  std::string Parent;
 };
 
 std::string_view NextWord(std::string_view& line) {
@@ -183,19 +196,23 @@ std::string_view NextWord(std::string_view& line) {
   return word;
 }
 
-std::int64_t NumberOf(std::string_view word) {
+std::int64_t NumberOf(std::string_view word, int base = 10) {
   std::int64_t number = 0;
-  const auto result = std::from_chars(word.data(), word.data() + word.size(), number);
+  const auto result = std::from_chars(word.data(), word.data() + word.size(), number, base);
   return result.ec == std::errc() && number >= 0 ? number : 0;
+}
+
+std::string Quoted(std::string_view line) {
+  const std::size_t quote = line.find('"');
+  const std::size_t end = quote == std::string_view::npos ? quote : line.find('"', quote + 1);
+  return end == std::string_view::npos ? std::string() : std::string(line.substr(quote + 1, end - quote - 1));
 }
 
 TExtentLine ParseExtent(std::string_view line) {
   TExtentLine extent;
-  const std::size_t quote = line.find('"');
-  const std::size_t end = quote == std::string_view::npos ? quote : line.find('"', quote + 1);
-  if (end != std::string_view::npos) {
-    extent.File = line.substr(quote + 1, end - quote - 1);
-    std::string_view rest = line.substr(end + 1);
+  extent.File = Quoted(line);
+  if (const std::size_t last = line.rfind('"'); last != std::string_view::npos) {
+    std::string_view rest = line.substr(last + 1);
     extent.FirstSector = NumberOf(NextWord(rest));
   }
   NextWord(line);
@@ -204,37 +221,97 @@ TExtentLine ParseExtent(std::string_view line) {
   return extent;
 }
 
-/// The lines behind "Extent description", up to the first empty one.
-std::vector<TExtentLine> ReadDescriptor(IDevice& file) {
-  std::string text(static_cast<std::size_t>(file.Size()), '\0');
-  file.Read(0, std::span(reinterpret_cast<std::uint8_t*>(text.data()), text.size()));
-  std::vector<TExtentLine> extents;
+void ParseSetting(std::string_view line, TDescriptor& descriptor) {
+  const std::size_t equals = line.find('=');
+  if (equals == std::string_view::npos) return;
+  const std::string_view key = line.substr(0, equals);
+  const std::string_view value = line.substr(equals + 1);
+  if (key == "CID") descriptor.Content = static_cast<std::uint32_t>(NumberOf(value, 16));
+  if (key == "parentCID") descriptor.ParentContent = static_cast<std::uint32_t>(NumberOf(value, 16));
+  if (key == "parentFileNameHint") descriptor.Parent = Quoted(value);
+}
+
+/// The extents are the lines after "Extent description", up to the first empty one.
+TDescriptor ParseDescriptor(std::string_view text) {
+  TDescriptor descriptor;
   bool within = false;
-  for (std::size_t at = 0; at < text.size() && extents.size() < MostExtents;) {
+  bool done = false;
+  for (std::size_t at = 0; at < text.size() && descriptor.Extents.size() < MostExtents;) {
     const std::size_t end = std::min(text.find('\n', at), text.size());
-    std::string_view line(text.data() + at, end - at);
+    std::string_view line = text.substr(at, end - at);
     if (line.ends_with('\r')) line.remove_suffix(1);
     at = end + 1;
-    if (within && line.empty()) break;
-    if (within) extents.push_back(ParseExtent(line));
+    done = done || (within && line.empty());
+    if (within && !done) {
+      descriptor.Extents.push_back(ParseExtent(line));
+    } else {
+      ParseSetting(line, descriptor);
+    }
     within = within || line.find("Extent description") != std::string_view::npos;
   }
-  return extents;
+  return descriptor;
+}
+
+/// The text inside a sparse extent, or the whole of a small file.
+TDescriptor ReadDescriptor(IDevice& file, const TSparseHead& head) {
+  std::uint64_t place = 0;
+  auto size = static_cast<std::uint64_t>(std::min(file.Size(), LargestDescriptor));
+  if (head.IsSparse) {
+    constexpr std::int64_t most = 256;  // sectors
+    if (head.Descriptor <= 0 || head.Descriptor > file.Size() / Sector || head.DescriptorSize <= 0) return {};
+    place = static_cast<std::uint64_t>(head.Descriptor) * Sector;
+    size = static_cast<std::uint64_t>(std::min(head.DescriptorSize, most)) * Sector;
+  }
+  const TByteDynArray bytes = BytesAt(file, place, size);
+  std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  return ParseDescriptor(text.substr(0, text.find('\0')));
+}
+
+/// Notes whose difference the disk is.
+void TakeParent(const TDescriptor& descriptor, TVMwareInfo& info) {
+  if (descriptor.ParentContent == NoParent) return;
+  info.Parent = descriptor.Parent.empty() ? "?" : descriptor.Parent;
+  info.ParentContent = descriptor.ParentContent;
+}
+
+TOpenedDevice OpenDisk(const TImageFile& image, TVMwareInfo info, std::vector<std::unique_ptr<IDevice>> files) {
+  std::unique_ptr<IDevice> parent;
+  if (!info.Parent.empty()) {
+    TParentQuery query;
+    query.Names = {info.Parent};
+    query.IsIt = [&info](IDevice& file) { return ReadDescriptor(file, ReadHead(file)).Content == info.ParentContent; };
+    TOpenedDevice opened = OpenParent(image, query);
+    if (!opened.Device) return opened;
+    parent = std::move(opened.Device);
+  }
+  return {std::make_unique<TVMwareDisk>(std::move(info), std::move(files), std::move(parent)), 0};
+}
+
+TOpenedDevice OpenSingle(TImageFile image, const TSparseHead& head) {
+  TVMwareInfo info;
+  TVMwareFile extent;
+  extent.SectorsCount = head.Capacity;
+  extent.strPath = TextFromPath(image.Path);
+  const bool sound = head.Capacity > 0 && head.Capacity <= MostSectors && TakeHead(*image.File, head, extent);
+  if (!sound) return RefuseImage(TImageProblem::Damaged, "VMDK");
+  info.Files.push_back(std::move(extent));
+  TakeParent(ReadDescriptor(*image.File, head), info);
+  std::vector<std::unique_ptr<IDevice>> files = OneFile(std::move(image.File));
+  return OpenDisk(image, std::move(info), std::move(files));
 }
 
 /// A file beside the descriptor; its name must not lead elsewhere.
 TOpenedDevice OpenExtent(const std::string& descriptor, const std::string& name, std::string& path) {
   if (name.empty() || name.find_first_of("/\\") != std::string::npos || name == "..") return {nullptr, ENOENT};
-  path = descriptor.substr(0, descriptor.rfind('/') + 1) + name;
+  path = PathBeside(descriptor, name);
   return OpenDevice(path);
 }
 
-TOpenedDevice OpenDescribed(const std::string& path, std::unique_ptr<IDevice> descriptor,
-                            const std::vector<TExtentLine>& lines) {
+TOpenedDevice OpenDescribed(TImageFile image, const TDescriptor& descriptor) {
   TVMwareInfo info;
   std::vector<std::unique_ptr<IDevice>> files;
   std::int64_t start = 0;
-  for (const TExtentLine& line : lines) {
+  for (const TExtentLine& line : descriptor.Extents) {
     if (line.Sectors == 0 || line.Sectors > MostSectors - start) continue;
     TVMwareFile extent;
     extent.StartingSector = start;
@@ -244,36 +321,41 @@ TOpenedDevice OpenDescribed(const std::string& path, std::unique_ptr<IDevice> de
     std::unique_ptr<IDevice> file;
     if (line.Kind == "SPARSE" || extent.Flat) {
       std::string extentPath;
-      TOpenedDevice opened = OpenExtent(path, line.File, extentPath);
-      if (!opened.Device) return {nullptr, opened.Error};
+      TOpenedDevice opened = OpenExtent(image.Path, line.File, extentPath);
+      if (!opened.Device) return opened;
       file = std::move(opened.Device);
       extent.strPath = TextFromPath(extentPath);
-      const TSparseHead head = ReadHead(*file);
-      if (!extent.Flat && (head.Flags & CompressedGrains) != 0) return {nullptr, EOPNOTSUPP};
-      if (!extent.Flat) FillVMwareStructure(*file, head, extent);
+      const bool sound = extent.Flat || TakeHead(*file, ReadHead(*file), extent);
+      if (!sound) return RefuseImage(TImageProblem::Damaged, "VMDK: " + line.File);
     } else if (line.Kind != "ZERO") {
-      return {nullptr, EOPNOTSUPP};
+      return RefuseImage(TImageProblem::UnknownKind, "VMDK, " + line.Kind);
     }
     start += line.Sectors;
     info.Files.push_back(std::move(extent));
     files.push_back(std::move(file));
   }
-  files.push_back(std::move(descriptor));
-  return {std::make_unique<TVMwareDisk>(std::move(info), std::move(files)), 0};
+  TakeParent(descriptor, info);
+  files.push_back(std::move(image.File));
+  return OpenDisk(image, std::move(info), std::move(files));
 }
 
 }  // namespace
 
-TOpenedDevice OpenVMwareDisk(const std::string& path, std::unique_ptr<IDevice> file) {
-  const TSparseHead head = ReadHead(*file);
-  if (head.IsSparse && (head.Flags & CompressedGrains) != 0) return {nullptr, EOPNOTSUPP};
-  if (file->Size() < LargestDescriptor && !head.IsSparse) {
-    const std::vector<TExtentLine> lines = ReadDescriptor(*file);
-    return lines.empty() ? TOpenedDevice{std::move(file), 0} : OpenDescribed(path, std::move(file), lines);
-  }
-  // Without its magic it is the flat file of a descriptor that was not named.
-  if (!head.IsSparse) return {std::move(file), 0};
-  return OpenSingle(path, std::move(file), head);
+bool IsVMwareDisk(IDevice& file) {
+  constexpr std::string_view first = "# Disk DescriptorFile";
+  TByteDynArray bytes(first.size());
+  bytes.resize(file.Read(0, bytes));
+  return ReadLe32(bytes, 0) == SparseMagic || IsAt(bytes, 0, first);
+}
+
+TOpenedDevice OpenVMwareDisk(TImageFile image) {
+  const TSparseHead head = ReadHead(*image.File);
+  if (head.IsSparse) return OpenSingle(std::move(image), head);
+  // Without magic and text it is the flat file of a descriptor that was not named.
+  if (image.File->Size() >= LargestDescriptor) return {std::move(image.File), 0};
+  const TDescriptor descriptor = ReadDescriptor(*image.File, head);
+  if (descriptor.Extents.empty()) return {std::move(image.File), 0};
+  return OpenDescribed(std::move(image), descriptor);
 }
 
 }  // namespace brenlow
