@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <bit>
 #include <new>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "analysis/deep/all_fs.h"
 #include "analysis/file_kinds.h"
@@ -118,12 +120,14 @@ void TFiles::DoAfterAnalyse(int driveNumber) {
   TInt64DynArray known = std::move(drive.FileFirstClusters);
   std::sort(known.begin(), known.end());
   TInt64DynArray lost;
+  bool hasLost = false;
   for (const std::int64_t number : TDrives::GetFoundPosParentClusters(drive)) {
-    if (number != SpecialCluster::Unselected && !std::binary_search(known.begin(), known.end(), number)) {
-      lost.push_back(number);
-    }
+    if (number == SpecialCluster::Unselected || std::binary_search(known.begin(), known.end(), number)) continue;
+    hasLost = true;
+    if (number != SpecialCluster::LostAndFound) lost.push_back(number);
   }
-  if (!lost.empty()) {
+  hasLost = BreakCircles(driveNumber) || hasLost;
+  if (hasLost) {
     AddLostAndFoundDir(driveNumber);
     TFileInfo folder;
     for (const std::int64_t number : lost) {
@@ -140,7 +144,114 @@ void TFiles::DoAfterAnalyse(int driveNumber) {
   FEngine.Drives().List[static_cast<std::size_t>(driveNumber)].FileFirstClusters.clear();
 }
 
+namespace {
+
+/// The folders of a drive by the key of their content, as a tree shows them.
+class TReachedFolders {
+ public:
+  TReachedFolders(const TFiles& files, const TDriveInfo& drive) : FFiles(files), FDrive(drive) {
+    for (const std::int64_t parent : TDrives::GetFoundPosParentClusters(drive)) {
+      for (const std::int64_t number : drive.ParentClusters.Folders(parent)) Offer(number);
+    }
+    Reach(SpecialCluster::Root);
+  }
+
+  bool IsReached(std::int64_t key) const { return FReached.contains(key); }
+  /// The row that shows the content of `key`, -1 when none does.
+  std::int64_t Owner(std::int64_t key) const {
+    const auto owner = FOwners.find(key);
+    return owner == FOwners.end() ? -1 : owner->second;
+  }
+  /// Notes what lies in the folder, and in the folders of that.
+  void Reach(std::int64_t key) {
+    if (!FReached.insert(key).second) return;
+    std::vector<std::int64_t> waiting{key};
+    while (!waiting.empty()) {
+      const std::int64_t parent = waiting.back();
+      waiting.pop_back();
+      for (const std::int64_t number : FDrive.ParentClusters.Folders(parent)) {
+        const std::int64_t child = Info(number).FirstCluster;
+        if (Owner(child) == number && FReached.insert(child).second) waiting.push_back(child);
+      }
+    }
+  }
+
+ private:
+  const TFileInfo& Info(std::int64_t number) const { return FFiles.List[static_cast<std::size_t>(number)].FileInfo; }
+  /// As in `TFolderIndex`: the first live row, or the first of all.
+  void Offer(std::int64_t number) {
+    const auto [owner, first] = FOwners.try_emplace(Info(number).FirstCluster, number);
+    if (first || Info(number).blnDeleted) return;
+    if (Info(owner->second).blnDeleted || number < owner->second) owner->second = number;
+  }
+
+  const TFiles& FFiles;
+  const TDriveInfo& FDrive;
+  std::unordered_map<std::int64_t, std::int64_t> FOwners;
+  std::unordered_set<std::int64_t> FReached;
+};
+
+/// How little speaks for a folder's place: an estimated number, a deleted folder, a folder that is older
+/// by its number than the one it lies in.
+int WeaknessOf(const TFile& folder) {
+  const TFileInfo& info = folder.FileInfo;
+  return (info.FirstClusterInfo != TFirstClusterInfo::fciNormal ? 4 : 0) + (info.blnDeleted ? 2 : 0) +
+         (folder.ParentCluster > info.FirstCluster ? 1 : 0);
+}
+
+}  // namespace
+
+/// Folders that lie in each other are reached from nowhere: the one whose place is the weakest goes to
+/// the lost-and-found folder. True when there were any.
+bool TFiles::BreakCircles(int driveNumber) {
+  TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
+  TReachedFolders folders(*this, drive);
+  bool found = false;
+  std::unordered_map<std::int64_t, std::int64_t> passed;  // key to the walk that passed it
+  for (const std::int64_t start : TDrives::GetFoundPosParentClusters(drive)) {
+    // Upwards, until a folder comes for the second time or something else is met.
+    std::int64_t key = start;
+    while (!folders.IsReached(key) && folders.Owner(key) >= 0 && passed.try_emplace(key, start).second) {
+      key = List[static_cast<std::size_t>(folders.Owner(key))].ParentCluster;
+    }
+    const auto circle = passed.find(key);
+    if (folders.IsReached(key) || circle == passed.end() || circle->second != start) continue;
+    std::int64_t weakest = folders.Owner(key);
+    for (std::int64_t at = List[static_cast<std::size_t>(weakest)].ParentCluster; at != key;) {
+      const std::int64_t row = folders.Owner(at);
+      const TFile& candidate = List[static_cast<std::size_t>(row)];
+      if (WeaknessOf(candidate) > WeaknessOf(List[static_cast<std::size_t>(weakest)])) weakest = row;
+      at = candidate.ParentCluster;
+    }
+    TFile& row = List[static_cast<std::size_t>(weakest)];
+    TDrives::DeleteParentCluster(drive, row.ParentCluster, static_cast<std::uint32_t>(weakest));
+    row.ParentCluster = SpecialCluster::LostAndFound;
+    TDrives::AddParentCluster(drive, row.ParentCluster, static_cast<std::uint32_t>(weakest), true);
+    folders.Reach(row.FileInfo.FirstCluster);
+    found = true;
+    FEngine.Pump();
+  }
+  if (found) ForgetAdded();
+  return found;
+}
+
+std::int64_t TFiles::CountUnreached(int driveNumber) const {
+  if (FEngine.Drives().IsWrongNumber(driveNumber)) return 0;
+  const TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
+  const TReachedFolders folders(*this, drive);
+  std::int64_t count = 0;
+  for (const std::int64_t key : TDrives::GetFoundPosParentClusters(drive)) {
+    if (key != SpecialCluster::Unselected && !folders.IsReached(key)) {
+      count += static_cast<std::int64_t>(drive.ParentClusters.Files(key).size());
+    }
+  }
+  return count;
+}
+
 int TFiles::AddLostAndFoundDir(int driveNumber) {
+  for (const std::int64_t number : FEngine.Drives().GetParentFolders(driveNumber, SpecialCluster::Root)) {
+    if (IsLostAndFound(static_cast<int>(number))) return static_cast<int>(number);
+  }
   TFileInfo folder;
   ClearInfo(folder, driveNumber);
   folder.FirstCluster = SpecialCluster::LostAndFound;

@@ -49,8 +49,12 @@ class TFiles {
   void ForgetAdded();
 
   void DoBeforeAnalyse(int driveNumber);
-  /// Gives every parent reference without a folder a numbered folder in the lost-and-found folder.
+  /// Gives every parent reference without a folder a numbered folder in the lost-and-found folder, and
+  /// breaks circles of folders, so that everything can be reached from the root.
   void DoAfterAnalyse(int driveNumber);
+  /// Rows of an analysed drive that no chain of folders leads to from its root: 0, or something is wrong.
+  std::int64_t CountUnreached(int driveNumber) const;
+  /// The number of the lost-and-found folder of a drive, which is made when missing.
   int AddLostAndFoundDir(int driveNumber);
   /// Makes sure that the tree shows the pseudo-folder of the deep analysis of a drive. Without
   /// `canAddNil` it is collapsed.
@@ -114,6 +118,7 @@ class TFiles {
   static constexpr std::uint32_t NoRow = 0xFFFFFFFF;
 
   bool IsSame(std::uint32_t number, const TFileInfo& file, std::int64_t parentCluster) const;
+  bool BreakCircles(int driveNumber);
   void FillAddedIndex() const;
   std::uint32_t& NewestOf(const TFileInfo& file, std::int64_t parentCluster) const;
 

@@ -242,6 +242,31 @@ bool DecompressLZNT1(std::span<const std::uint8_t> input, TByteDynArray& output,
   return true;
 }
 
+bool SalvageLZNT1(std::span<const std::uint8_t> input, std::span<std::uint8_t> output,
+                  const std::function<bool(std::size_t first, std::size_t end)>& isUnreadable) {
+  std::fill(output.begin(), output.end(), std::uint8_t{0});
+  std::array<std::uint8_t, ChunkSize + 8> chunk;
+  bool whole = true;
+  for (std::size_t at = 0, out = 0; at + 2 <= input.size() && out < output.size(); out += ChunkSize) {
+    if (isUnreadable(at, at + 2)) return false;  // the chain of headers ends here
+    const unsigned header = input[at] | (static_cast<unsigned>(input[at + 1]) << 8);
+    if (header == 0) break;
+    const std::size_t bodySize = (header & 0xFFFU) + 1;
+    if (bodySize > input.size() - at - 2) return false;
+    const auto body = input.subspan(at + 2, bodySize);
+    at += 2 + bodySize;
+    const bool compressed = (header & 0x8000U) != 0;
+    const std::size_t size = compressed ? DecompressChunk(body, chunk.data()) : bodySize;
+    if (size > ChunkSize || isUnreadable(at - bodySize, at)) {
+      whole = false;
+      continue;
+    }
+    const std::uint8_t* data = compressed ? chunk.data() : body.data();
+    std::copy_n(data, std::min(size, output.size() - out), output.begin() + static_cast<std::ptrdiff_t>(out));
+  }
+  return whole;
+}
+
 bool CompressLZNT1(std::span<const std::uint8_t> input, TByteDynArray& output, std::size_t capacity) {
   output.clear();
   while (!input.empty()) {

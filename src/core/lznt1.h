@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <span>
 
 #include "core/types.h"
@@ -16,6 +17,13 @@ namespace brenlow {
 /// Decompresses a stream into `output`, at most `limit` bytes of it: a full output ends the call
 /// with success. False on damage; `output` then holds what came before it.
 bool DecompressLZNT1(std::span<const std::uint8_t> input, TByteDynArray& output, std::size_t limit = 65536);
+
+/// The same for a stream that may be damaged, whose place in `output` is given. Each chunk stands for
+/// its 4096 bytes: those of a damaged one, or of one that lies in bytes that `isUnreadable(first, end)`
+/// names, are zeros, and the next header is where this one says. What is left of `output` is zeros.
+/// False when anything was lost.
+bool SalvageLZNT1(std::span<const std::uint8_t> input, std::span<std::uint8_t> output,
+                  const std::function<bool(std::size_t first, std::size_t end)>& isUnreadable);
 
 /// Compresses into `output`, which must not become longer than `capacity`. False when it does not
 /// fit; `output` is then of no use.

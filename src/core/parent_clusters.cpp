@@ -70,6 +70,32 @@ bool TParentClusters::Delete(std::int64_t number, std::uint32_t fileNumber) {
   return DeleteFrom(bucket.Newest, fileNumber) || DeleteFrom(bucket.NewestFolder, fileNumber);
 }
 
+/// Two chains as one, in order of addition.
+std::uint32_t TParentClusters::Merged(std::uint32_t first, std::uint32_t second) {
+  std::uint32_t newest = None;
+  for (std::uint32_t* end = &newest; first != None || second != None; end = &Link(*end).Previous) {
+    std::uint32_t& next = second == None || (first != None && first > second) ? first : second;
+    *end = next;
+    next = Link(next).Previous;
+  }
+  return newest;
+}
+
+void TParentClusters::Move(std::int64_t from, std::int64_t to) {
+  if (from == to || Empty(from)) return;
+  if (FUsed * 2 >= FBuckets.size()) Grow();
+  TBucket& source = FBuckets[Find(from)];
+  TBucket& target = FBuckets[Find(to)];
+  if (!target.Used) {
+    target.Number = to;
+    target.Used = true;
+    ++FUsed;
+  }
+  target.Newest = Merged(source.Newest, target.Newest);
+  target.NewestFolder = Merged(source.NewestFolder, target.NewestFolder);
+  source.Newest = source.NewestFolder = None;
+}
+
 void TParentClusters::Clear() { *this = TParentClusters(); }
 
 TInt64DynArray TParentClusters::Files(std::int64_t number) const {

@@ -22,6 +22,8 @@ class TParentClusters {
   void Add(std::int64_t number, std::uint32_t fileNumber, bool isFolder);
   /// Takes one file out of a bucket; a bucket may stay behind empty. False when it was not there.
   bool Delete(std::int64_t number, std::uint32_t fileNumber);
+  /// What lies under `from` lies under `to` from now on.
+  void Move(std::int64_t from, std::int64_t to);
   void Clear();
   /// True when no file is entered.
   bool Empty() const { return FFileCount == 0; }
@@ -62,6 +64,7 @@ class TParentClusters {
   /// Place of the parent, or of the free bucket where it belongs. The table is not empty.
   std::size_t Find(std::int64_t number) const;
   const TBucket* FindUsed(std::int64_t number) const;
+  std::uint32_t Merged(std::uint32_t first, std::uint32_t second);
   bool DeleteFrom(std::uint32_t& newest, std::uint32_t fileNumber);
   void RenumberChain(std::uint32_t& newest, std::span<const std::uint32_t> newNumbers);
   void Grow();

@@ -14,6 +14,7 @@
 #include "core/file_records.h"
 #include "core/types.h"
 #include "fs/ntfs/ntfs_record.h"
+#include "fs/ntfs/ntfs_references.h"
 
 namespace brenlow {
 
@@ -105,7 +106,7 @@ class TNTFS {
  private:
   /// A name of a record: one for each folder that it lies in.
   struct TName {
-    std::int64_t Parent = 0;
+    ntfs::TReference Parent;
     int Priority = 0;
     TString Text;
   };
@@ -113,7 +114,11 @@ class TNTFS {
   struct TParsed {
     TFileInfo Info;
     std::vector<TName> Names;
+    ntfs::TRecordUse Use;
     bool HaveMainRecord = false;  ///< an extension record itself
+    bool HaveData = false;        ///< the start of the default stream
+    /// Clusters that the default stream has at least, as the attribute list tells; 0 for no word of it.
+    std::int64_t ListedClusters = 0;
     TString VolumeName;
   };
   /// A stream of a file, made ready for reading; kept between reads.
@@ -129,9 +134,6 @@ class TNTFS {
     std::int64_t ValidSize = 0;  // bytes; what lies behind was never written and reads as zeros
     bool Compressed = false;
     std::int64_t UnitClusters = 1;
-    // How far a compressed stream was read: the next unit and its position in the file.
-    std::int64_t NextUnit = 0;
-    std::int64_t NextPosition = 0;
   };
 
   // Volume.
@@ -149,9 +151,10 @@ class TNTFS {
   // Records.
   bool ReadRecord(const TDriveInfo& drive, const TMFTRecord& place, TByteDynArray& record);
   bool ReadRecordOf(const TDriveInfo& drive, const TFile& file, TByteDynArray& record, TMFTRecord& place);
-  void ReadAttributeList(const TDriveInfo& drive, const ntfs::TAttribute& attribute, TInt64DynArray& records);
-  TByteDynArray ReadRuns(const TDriveInfo& drive, const ntfs::TRuns& runs, std::int64_t size);
-  void ReadClusters(const TDriveInfo& drive, std::int64_t cluster, std::int64_t offset, std::span<std::uint8_t> place,
+  TByteDynArray ReadAttributeList(const TDriveInfo& drive, const ntfs::TAttribute& attribute);
+  TByteDynArray ReadRuns(const TDriveInfo& drive, const ntfs::TRuns& runs, std::int64_t size,
+                         std::vector<TByteRange>* unknown = nullptr);
+  bool ReadClusters(const TDriveInfo& drive, std::int64_t cluster, std::int64_t offset, std::span<std::uint8_t> place,
                     int incDataSector);
   bool AnalyseMFTRecord(TDriveInfo& drive, std::span<const std::uint8_t> buffer, std::size_t start,
                         bool canCheckForAnalysing, TParsed& parsed, std::int64_t mftNumber, std::int64_t sectorNumber,
@@ -173,7 +176,12 @@ class TNTFS {
   /// Number of the record of a system file, -1 for other names.
   static int SystemFileNumber(TStringView name);
   static std::int64_t MoveToSystemDataFolder(TStringView name, std::int64_t parent);
-  void AddRow(TDriveInfo& drive, int driveNumber, const TFileInfo& info, std::int64_t parent, bool canIncFoundCount);
+  void AddRow(TDriveInfo& drive, int driveNumber, const TFileInfo& info, const ntfs::TReference& parent,
+              bool canIncFoundCount);
+  static std::int64_t ParentKey(const TDriveInfo& drive, const ntfs::TReference& parent);
+  // Folders that are gone.
+  void SettleParents(TDriveInfo& drive);
+  void AddLostFolders(TDriveInfo& drive);
   // Partition search.
   /// What the test for a new volume came to.
   enum class TNewDrive {
@@ -184,7 +192,7 @@ class TNTFS {
   TNewDrive CheckNewDrive(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
                           std::int64_t sectorNumber, int offsetInSector, TStringView name);
   void EstimateMFTNumber(TDriveInfo& drive, TFileInfo& info, std::int64_t parent, std::int64_t sectorNumber);
-  void AddToUFCF(TDriveInfo& drive, const TFileInfo& info, std::int64_t parent);
+  void AddToUFCF(TDriveInfo& drive, const TFileInfo& info, const TName& name, const ntfs::TRecordUse& use);
   void ResolveUFCF(int driveNumber, double& done, double total);
   void DropEstimatedFolderDuplicates(TDriveInfo& drive);
   void AddSystemDataFolder(TDriveInfo& drive, int driveNumber);
@@ -195,6 +203,8 @@ class TNTFS {
                  int incDataSector);
   void ReadCompressed(const TDriveInfo& drive, TByteDynArray& result, std::int64_t start, std::int64_t size,
                       int incDataSector);
+  void ReadUnit(const TDriveInfo& drive, std::int64_t unit, std::span<std::uint8_t> bytes, int incDataSector);
+  bool ReadWholeClusters(const TDriveInfo& drive, std::int64_t lcn, std::span<std::uint8_t> place, int incDataSector);
   template <typename TCallable>
   void ForEachAttribute(const TDriveInfo& drive, const TFile& file, TCallable&& callable);
 

@@ -17,7 +17,7 @@ using namespace ntfs;
 
 namespace {
 
-constexpr std::int64_t LargestUnit = 65536;  // bytes that one unit decompresses to
+constexpr std::int64_t LargestUnit = 65536;  // bytes that the stream of one unit decompresses to
 // A stream that is worth decompressing is never longer than its data, stored chunks and all.
 constexpr std::int64_t LargestPackedUnit = LargestUnit + 2 * 16;
 constexpr unsigned LargestUnitPower = 16;
@@ -31,6 +31,20 @@ TRuns::const_iterator RunOf(const TRuns& runs, std::int64_t vcn) {
 std::int64_t LcnOf(const TRuns& runs, std::int64_t vcn) {
   const auto run = RunOf(runs, vcn);
   return run == runs.end() || run->Lcn < 0 || vcn < run->Vcn ? -1 : run->Lcn + (vcn - run->Vcn);
+}
+
+/// Whether any of these clusters is one that no record found tells of.
+bool HasMissing(const TRuns& runs, std::int64_t vcn, std::int64_t count) {
+  for (auto run = RunOf(runs, vcn); run != runs.end() && run->Vcn < vcn + count; ++run) {
+    if (run->Lcn == MissingLcn) return true;
+  }
+  return false;
+}
+
+/// Whether sectors lie in the volume, the one behind its stated end (with the copy of the boot sector)
+/// included.
+bool IsInVolume(const TDriveInfo& drive, std::int64_t first, std::int64_t sectors) {
+  return first >= 0 && first <= drive.SectorsCount && sectors <= drive.SectorsCount + 1 - first;
 }
 
 std::int64_t ClusterCount(const TRuns& runs) { return runs.empty() ? 0 : runs.back().Vcn + runs.back().Count; }
@@ -77,24 +91,32 @@ TStringView TypeName(std::int64_t type) {
 // ---- clusters -------------------------------------------------------------------------------
 
 /// Reads whole sectors from `offset` bytes (whole sectors too) behind the start of a cluster on. A
-/// fault costs one cluster, which repeats the bytes of the one before it, so that offsets stay.
-void TNTFS::ReadClusters(const TDriveInfo& drive, std::int64_t cluster, std::int64_t offset,
+/// fault costs one cluster, which repeats the bytes of the one before it, so that offsets stay; the
+/// result is false then.
+bool TNTFS::ReadClusters(const TDriveInfo& drive, std::int64_t cluster, std::int64_t offset,
                          std::span<std::uint8_t> place, int incDataSector) {
   const int sectorSize = drive.BytesPerSector;
   const std::int64_t first = cluster * drive.NTFSInfo.SectorsPerCluster + offset / sectorSize;
   const auto sectors = static_cast<std::int64_t>(place.size()) / sectorSize;
-  const bool inside = cluster >= 0 && first <= drive.SectorsCount && sectors <= drive.SectorsCount + 1 - first;
+  const bool inside = IsInVolume(drive, first, sectors);
   const std::int64_t start = drive.FirstSector + first + incDataSector;
-  if (inside && FEngine.Reader().ReadDriveSectors(drive, place.data(), start, sectors) == place.size()) return;
+  if (inside && FEngine.Reader().ReadDriveSectors(drive, place.data(), start, sectors) == place.size()) return true;
   const std::int64_t step = std::max<std::int64_t>(drive.NTFSInfo.SectorsPerCluster, 1);
   TByteDynArray single(static_cast<std::size_t>(step * sectorSize));
+  bool whole = true;
   for (std::int64_t at = 0; at < sectors;) {
     const std::int64_t count = std::min({step - (first + at) % step, sectors - at, step});
-    if (inside) FEngine.Reader().ReadDriveSectors(drive, single.data(), start + at, count);
+    const bool read = inside && FEngine.Reader().ReadDriveSectors(drive, single.data(), start + at, count) ==
+                                    static_cast<std::uint32_t>(count * sectorSize);
+    if (!read) {
+      FEngine.Reader().NoteFailedRead();
+      whole = false;
+    }
     std::memcpy(place.data() + at * sectorSize, single.data(), static_cast<std::size_t>(count * sectorSize));
     at += count;
     FEngine.Pump();
   }
+  return whole;
 }
 
 // ---- records of a file ----------------------------------------------------------------------
@@ -118,18 +140,21 @@ bool TNTFS::ReadRecordOf(const TDriveInfo& drive, const TFile& file, TByteDynArr
 /// order of its attribute list, until it answers false.
 template <typename TCallable>
 void TNTFS::ForEachAttribute(const TDriveInfo& drive, const TFile& file, TCallable&& callable) {
-  TByteDynArray record;
+  TByteDynArray base;
+  TByteDynArray extension;
   TMFTRecord place;
+  const TFileInfo& info = file.FileInfo;
   if (drive.NTFSInfo.MFTRecordSize < 1 || drive.BytesPerSector < 1) return;
-  if (!ReadRecordOf(drive, file, record, place)) return;
-  TInt64DynArray records{file.FileInfo.FirstCluster};
+  if (!ReadRecordOf(drive, file, base, place)) return;
+  const std::int64_t number = info.FirstClusterInfo == TFirstClusterInfo::fciNormal ? info.FirstCluster : -1;
+  TInt64DynArray records{info.FirstCluster};
   for (std::size_t i = 0; i < records.size() && i < MostRecords; ++i) {
     if (i > 0) {
-      if (!GetSectorByMFTNumber(drive, records[i], place, true)) return;
-      if (!ReadRecord(drive, place, record)) continue;
+      if (!GetSectorByMFTNumber(drive, records[i], place, true) || !ReadRecord(drive, place, extension)) continue;
+      if (!IsExtensionOf(base, number, extension)) continue;
     }
-    for (TAttributeWalk walk(record); walk.Next();) {
-      if (walk->Type() == AttrAttributeList) ReadAttributeList(drive, *walk, records);
+    for (TAttributeWalk walk(i > 0 ? extension : base); walk.Next();) {
+      if (walk->Type() == AttrAttributeList) AddListedRecords(ReadAttributeList(drive, *walk), records);
       if (!callable(place, *walk)) return;
     }
   }
@@ -152,6 +177,10 @@ bool TNTFS::OpenStream(const TDriveInfo& drive, const TFile& file, int adsNumber
   std::vector<TPiece> pieces;
   int number = -1;
   bool found = false;
+  struct TUnit {
+    bool Compressed = false;
+    unsigned Power = 0;
+  } unit;  // of a piece met before the start of the stream
   std::uint32_t type = 0;
   TString name;
   const std::int64_t clusters = VolumeClusters(drive);
@@ -163,6 +192,7 @@ bool TNTFS::OpenStream(const TDriveInfo& drive, const TFile& file, int adsNumber
       wanted = number == adsNumber && (starts || (found && attribute.Type() == type && attribute.Name() == name));
     }
     if (!wanted) return true;
+    if (!starts && !found) unit = {attribute.Compressed(), attribute.CompressionUnit()};
     if (starts && !found) {
       found = true;
       type = attribute.Type();
@@ -178,12 +208,21 @@ bool TNTFS::OpenStream(const TDriveInfo& drive, const TFile& file, int adsNumber
     if (attribute.NonResident()) pieces.push_back({attribute.FirstVcn(), attribute.Runs(clusters)});
     return true;
   });
-  if (!found) return false;
+  if (!found) {
+    if (pieces.empty() || adsNumber >= 0) return false;
+    // The record with the start is gone: what the others tell still has its place.
+    stream.Size = stream.ValidSize = info.DefaultSize;
+    stream.Compressed = unit.Compressed && unit.Power > 0;
+    stream.UnitClusters = std::int64_t{1} << std::min(unit.Power, LargestUnitPower);
+  }
   std::stable_sort(pieces.begin(), pieces.end(),
                    [](const TPiece& a, const TPiece& b) { return a.FirstVcn < b.FirstVcn; });
   for (const TPiece& piece : pieces) {
-    // A piece that is missing ends the stream: what follows would stand at the wrong place.
-    if (stream.Resident || piece.FirstVcn != ClusterCount(stream.Runs)) continue;
+    const std::int64_t end = ClusterCount(stream.Runs);
+    if (stream.Resident || piece.FirstVcn < end) continue;
+    // A piece that is missing leaves a gap, as long as that is a length that a volume can have.
+    if (piece.FirstVcn - end > clusters) break;
+    if (piece.FirstVcn > end) stream.Runs.push_back({end, MissingLcn, piece.FirstVcn - end});
     for (TRun run : piece.Runs) {
       if (run.Count > INT64_MAX / 2 - piece.FirstVcn - run.Vcn) break;
       run.Vcn += piece.FirstVcn;
@@ -238,6 +277,7 @@ void TNTFS::ReadPlain(const TDriveInfo& drive, TByteDynArray& result, std::int64
   for (auto run = RunOf(stream.Runs, from / clusterBytes); run != stream.Runs.end(); ++run) {
     const std::int64_t runStart = run->Vcn * clusterBytes;
     if (runStart >= until) break;
+    if (run->Lcn == MissingLcn) FEngine.Reader().NoteFailedRead();
     if (run->Lcn < 0) continue;
     const std::int64_t first = std::max(from, runStart);
     const std::int64_t last = std::min(until, (run->Vcn + run->Count) * clusterBytes);
@@ -255,60 +295,87 @@ void TNTFS::ReadPlain(const TDriveInfo& drive, TByteDynArray& result, std::int64
   result.erase(result.begin(), result.begin() + (start - from));
 }
 
+/// Reads a stream of compression units: each stands at its number times its size, whatever became of the
+/// others.
 void TNTFS::ReadCompressed(const TDriveInfo& drive, TByteDynArray& result, std::int64_t start, std::int64_t size,
                            int incDataSector) {
-  TStream& stream = FStream;
+  const TStream& stream = FStream;
   const std::int64_t clusterBytes = ClusterBytes(drive);
   const std::int64_t clusters = ClusterCount(stream.Runs);
-  // Where a unit begins in the file depends on the units before it: reading goes on where it was.
-  std::int64_t unit = start >= stream.NextPosition ? stream.NextUnit : 0;
-  std::int64_t position = start >= stream.NextPosition ? stream.NextPosition : 0;
-  const auto append = [&](std::span<const std::uint8_t> bytes) {
-    const auto length = static_cast<std::int64_t>(bytes.size());
-    const std::int64_t skip = std::clamp<std::int64_t>(start - position, 0, length);
-    result.insert(result.end(), bytes.begin() + skip, bytes.end());
-    position += length;
-  };
-  TByteDynArray packed;
+  if (clusters > INT64_MAX / clusterBytes) return;
+  const std::int64_t unitBytes = stream.UnitClusters * clusterBytes;
+  const std::int64_t end = std::min(start + size, clusters * clusterBytes);
   TByteDynArray plain;
-  for (; unit < CeilDiv(clusters, stream.UnitClusters) && static_cast<std::int64_t>(result.size()) < size; ++unit) {
-    if (position <= start) {
-      stream.NextUnit = unit;
-      stream.NextPosition = position;
-    }
-    const std::int64_t first = unit * stream.UnitClusters;
-    const std::int64_t count = std::min(stream.UnitClusters, clusters - first);
-    if (LcnOf(stream.Runs, first) >= 0 && LcnOf(stream.Runs, first + count - 1) < 0) {
-      std::int64_t present = 1;
-      while (present < count && LcnOf(stream.Runs, first + present) >= 0) ++present;
-      // More than a unit can come from is not even read.
-      const std::int64_t useful = std::min(present, CeilDiv(LargestPackedUnit, clusterBytes));
-      packed.resize(static_cast<std::size_t>(useful * clusterBytes));
-      for (std::int64_t i = 0; i < useful; ++i) {
-        const auto place = std::span(packed).subspan(static_cast<std::size_t>(i * clusterBytes),
-                                                     static_cast<std::size_t>(clusterBytes));
-        ReadClusters(drive, LcnOf(stream.Runs, first + i), 0, place, incDataSector);
-      }
-      if (DecompressLZNT1(packed, plain, LargestUnit)) {
-        append(plain);
-      } else {
-        position += clusterBytes + present * clusterBytes;
-      }
-    } else {
-      for (std::int64_t i = 0; i < count && static_cast<std::int64_t>(result.size()) < size; ++i) {
-        if (position + clusterBytes <= start) {
-          position += clusterBytes;
-          continue;
-        }
-        plain.assign(static_cast<std::size_t>(clusterBytes), 0);
-        const std::int64_t lcn = LcnOf(stream.Runs, first + i);
-        if (lcn >= 0) ReadClusters(drive, lcn, 0, plain, incDataSector);
-        append(plain);
-      }
-    }
+  while (start < end) {
+    const std::int64_t unit = start / unitBytes;
+    const std::int64_t skip = start - unit * unitBytes;
+    const std::int64_t count = std::min(unitBytes - skip, end - start);
+    // No more of a long unit than is asked for, in whole clusters.
+    const std::int64_t wanted = std::min(CeilDiv(skip + count, clusterBytes) * clusterBytes, unitBytes);
+    plain.resize(static_cast<std::size_t>(wanted));
+    ReadUnit(drive, unit, plain, incDataSector);
+    result.insert(result.end(), plain.begin() + skip, plain.begin() + (skip + count));
+    start += count;
     FEngine.Pump();
   }
-  if (static_cast<std::int64_t>(result.size()) > size) result.resize(static_cast<std::size_t>(size));
+}
+
+/// The first bytes of a unit, in whole clusters. What fails is zeros, and counts as a failed read.
+void TNTFS::ReadUnit(const TDriveInfo& drive, std::int64_t unit, std::span<std::uint8_t> bytes, int incDataSector) {
+  const TRuns& runs = FStream.Runs;
+  const std::int64_t clusterBytes = ClusterBytes(drive);
+  const std::int64_t first = unit * FStream.UnitClusters;
+  const std::int64_t count = std::min(FStream.UnitClusters, ClusterCount(runs) - first);
+  std::fill(bytes.begin(), bytes.end(), std::uint8_t{0});
+  const auto clusterOf = [&](std::span<std::uint8_t> place, std::int64_t index) {
+    return place.subspan(static_cast<std::size_t>(index * clusterBytes), static_cast<std::size_t>(clusterBytes));
+  };
+  const bool missing = HasMissing(runs, first, count);
+  if (missing) FEngine.Reader().NoteFailedRead();
+  const bool packed = LcnOf(runs, first) >= 0 && LcnOf(runs, first + count - 1) < 0;
+  if (!packed) {
+    const std::int64_t asked = std::min(count, static_cast<std::int64_t>(bytes.size()) / clusterBytes);
+    for (std::int64_t i = 0; i < asked; ++i) {
+      const std::int64_t lcn = LcnOf(runs, first + i);
+      if (lcn >= 0) ReadWholeClusters(drive, lcn, clusterOf(bytes, i), incDataSector);
+    }
+    return;
+  }
+  if (missing) return;  // where its stream ends is not known
+  std::int64_t present = 1;
+  while (present < count && LcnOf(runs, first + present) >= 0) ++present;
+  // More than a unit can come from is not even read.
+  const std::int64_t useful = std::min(present, CeilDiv(LargestPackedUnit, clusterBytes));
+  TByteDynArray stream(static_cast<std::size_t>(useful * clusterBytes));
+  std::vector<bool> unreadable(static_cast<std::size_t>(useful));
+  for (std::int64_t i = 0; i < useful; ++i) {
+    const std::int64_t lcn = LcnOf(runs, first + i);
+    unreadable[static_cast<std::size_t>(i)] = !ReadWholeClusters(drive, lcn, clusterOf(stream, i), incDataSector);
+  }
+  const auto isUnreadable = [&](std::size_t from, std::size_t until) {
+    const auto size = static_cast<std::size_t>(clusterBytes);
+    for (std::size_t i = from / size; i * size < until; ++i) {
+      if (unreadable[i]) return true;
+    }
+    return false;
+  };
+  const auto there = std::min<std::size_t>(bytes.size(), LargestUnit);
+  if (!SalvageLZNT1(stream, bytes.first(there), isUnreadable)) FEngine.Reader().NoteFailedRead();
+}
+
+/// Reads whole clusters; false, and zeros, when they cannot be read, which counts as a failed read.
+bool TNTFS::ReadWholeClusters(const TDriveInfo& drive, std::int64_t lcn, std::span<std::uint8_t> place,
+                              int incDataSector) {
+  const std::int64_t first = lcn * drive.NTFSInfo.SectorsPerCluster;
+  const auto sectors = static_cast<std::int64_t>(place.size()) / drive.BytesPerSector;
+  TSectorReader& reader = FEngine.Reader();
+  if (IsInVolume(drive, first, sectors)) {
+    const std::int64_t start = drive.FirstSector + first + incDataSector;
+    if (reader.ReadDriveSectors(drive, place.data(), start, sectors) == place.size()) return true;
+  }
+  reader.NoteFailedRead();
+  std::fill(place.begin(), place.end(), std::uint8_t{0});
+  return false;
 }
 
 // ---- what a file consists of ----------------------------------------------------------------

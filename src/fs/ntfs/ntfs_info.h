@@ -3,11 +3,13 @@
 #pragma once
 
 #include <cstdint>
+#include <unordered_map>
 #include <vector>
 
 #include "core/datetime.h"
 #include "core/file_records.h"
 #include "core/types.h"
+#include "fs/ntfs/ntfs_references.h"
 
 namespace brenlow {
 
@@ -41,7 +43,8 @@ struct TUnknownFirstClusterFile {
   bool blnFolder = false;
   bool blnDeleted = false;
   int aDriveNumber = -1;
-  std::int64_t ParentCluster = 0;
+  std::int64_t ParentCluster = 0;  ///< `ntfs::ReferenceKey` of the folder
+  ntfs::TRecordUse Use;
   std::int64_t FirstCluster = -1;
   std::int64_t FirstSector = -1;
   int OffsetInSector = 0;
@@ -51,6 +54,12 @@ struct TUnknownFirstClusterFile {
   TAtributes Atributes;
   TFirstClusterInfo FirstClusterInfo = TFirstClusterInfo::fciNormal;
   TTimeStamp TimeStamp;
+};
+
+/// Bytes from `First` to before `End`.
+struct TByteRange {
+  std::int64_t First = 0;
+  std::int64_t End = 0;
 };
 
 struct TNTFSLogInfo {
@@ -70,6 +79,13 @@ struct TNTFSInfo {
   std::vector<TPartRecMFT> PartRecMFTStructure;
   /// One bit a record, set while the record is in use.
   TByteDynArray MFTUsage;
+  /// Bytes of it that could not be read, ascending: there the record's own flag decides.
+  std::vector<TByteRange> MFTUsageUnknown;
+  /// Which use of its number each record belongs to; during an analysis only.
+  ntfs::TRecordUses RecordUses;
+  /// Old names of folders whose records are used for something else, by `ntfs::ReferenceKey`; during an
+  /// analysis only.
+  std::unordered_map<std::int64_t, TString> LostFolderNames;
   /// One bit a cluster of the volume, set while it is in use; read when first asked for.
   TByteDynArray ClustersUsage;
   bool IsMFTStructureFilled = false;

@@ -312,7 +312,7 @@ void TNTFS::AddLogFiles(int driveNumber, std::vector<TNTFSLogImage>& images) {
     const TName& name = FParsed.Names.front();
     info.blnDeleted = true;
     info.strName = name.Text;
-    if (!known.Enter(driveNumber, MoveToSystemDataFolder(name.Text, name.Parent), info)) continue;
+    if (!known.Enter(driveNumber, MoveToSystemDataFolder(name.Text, ParentKey(drive, name.Parent)), info)) continue;
     ApplyFixups(image.Image);
     // Position 0 means "none" to whoever reads: the first image is listed, but has no content.
     info.JournalPosition = static_cast<std::int64_t>(drive.NTFSInfo.LogMFTs.size());

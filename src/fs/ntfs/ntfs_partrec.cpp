@@ -95,6 +95,7 @@ void TNTFS::PartRecDriveAdded(int driveNumber) {
   if (drives.IsWrongNumber(driveNumber)) return;
   if (!GetDriveInfo(drives.List[static_cast<std::size_t>(driveNumber)], true, false)) return;
   AnalyseMFTRecords(driveNumber, false);
+  SettleParents(drives.List[static_cast<std::size_t>(driveNumber)]);
   if (FEngine.Analysing) AnalyseLogFile(driveNumber);
 }
 
@@ -131,13 +132,14 @@ void TNTFS::EstimateMFTNumber(TDriveInfo& drive, TFileInfo& info, std::int64_t p
 }
 
 /// Keeps a row without a number until all anchors are known.
-void TNTFS::AddToUFCF(TDriveInfo& drive, const TFileInfo& info, std::int64_t parent) {
+void TNTFS::AddToUFCF(TDriveInfo& drive, const TFileInfo& info, const TName& name, const TRecordUse& use) {
   if (OnCanFileBeAddedToUFCF && !OnCanFileBeAddedToUFCF(info)) return;
   TUnknownFirstClusterFile file;
   file.blnFolder = info.blnFolder;
   file.blnDeleted = info.blnDeleted;
   file.aDriveNumber = info.aDriveNumber;
-  file.ParentCluster = parent;
+  file.ParentCluster = ReferenceKey(name.Parent);
+  file.Use = use;
   file.FirstCluster = info.FirstCluster;
   file.FirstSector = info.FirstSector;
   file.OffsetInSector = info.OffsetInSector;
@@ -198,7 +200,8 @@ void TNTFS::ResolveUFCF(int driveNumber, double& done, double total) {
       info.FirstCluster = anchor.MFTNumber + (file.FirstSector - anchor.SectorNumber) / RecordSectors(drive);
       info.FirstClusterInfo = TFirstClusterInfo::fciUnknown;
     }
-    AddRow(drive, driveNumber, info, file.ParentCluster, false);
+    drive.NTFSInfo.RecordUses.Enter(info.FirstCluster, file.Use, false);
+    AddRow(drive, driveNumber, info, ReferenceOf(file.ParentCluster), false);
     FEngine.AnalyseProgress(++done / total);
     FEngine.Pump();
   }

@@ -120,6 +120,27 @@ void AddListedRecords(std::span<const std::uint8_t> list, TInt64DynArray& record
   }
 }
 
+std::int64_t ListedDataClusters(std::span<const std::uint8_t> list) {
+  std::int64_t clusters = 0;
+  std::size_t at = 0;
+  for (int i = 0; i < MostEntries && at + 0x16 <= list.size(); ++i) {
+    const auto first = static_cast<std::int64_t>(ReadLe64(list, at + 8));
+    const bool isDefault = ReadLe32(list, at) == AttrData && list[at + 6] == 0;
+    if (isDefault && first >= 0 && first < MostClusters) clusters = std::max(clusters, first + 1);
+    const std::size_t step = ReadLe16(list, at + 4);
+    if (step == 0) break;
+    at += step;
+  }
+  return clusters;
+}
+
+std::int64_t OwnNumber(std::span<const std::uint8_t> record) {
+  // Before version 3.1 the update sequence stood where the number is now.
+  constexpr std::size_t numberOffset = 0x2C;
+  if (ReadLe16(record, 4) < numberOffset + 4) return -1;
+  return ReadLe32(record, numberOffset);
+}
+
 std::int64_t ReadReference(std::span<const std::uint8_t> buffer, std::size_t offset) {
   return static_cast<std::int64_t>(ReadNumber(buffer, true, 6, offset));
 }

@@ -34,13 +34,15 @@ inline constexpr int MostEntries = 257;     // of one list or index
 inline constexpr std::int64_t MostClusters = std::int64_t{1} << 36;
 inline constexpr std::int64_t LargestCluster = std::int64_t{1} << 24;
 
-/// Clusters that lie one behind the other; `Lcn` -1 is a hole.
+/// Clusters that lie one after the other. `Lcn` -1 is a hole; `MissingLcn` stands for clusters that the
+/// stream has, but that no record found tells of.
 struct TRun {
   std::int64_t Vcn = 0;  ///< of the first cluster, within the stream
   std::int64_t Lcn = 0;
   std::int64_t Count = 0;
 };
 using TRuns = std::vector<TRun>;
+inline constexpr std::int64_t MissingLcn = -2;
 
 /// True for the signatures of a file record, sound or marked bad.
 bool IsMFT(std::span<const std::uint8_t> buffer, std::size_t start);
@@ -104,6 +106,13 @@ class TAttributeWalk {
 /// The record numbers that the entries of an attribute list name, in order, each once. At most
 /// `MostEntries` entries are looked at.
 void AddListedRecords(std::span<const std::uint8_t> list, TInt64DynArray& records);
+
+/// What the entries of an attribute list tell of the default stream: one more than the first cluster of
+/// its last piece, in clusters; 0 when it is not listed.
+std::int64_t ListedDataClusters(std::span<const std::uint8_t> list);
+
+/// The number that a record says it has (NTFS 3.1 and later); -1 when it says none.
+std::int64_t OwnNumber(std::span<const std::uint8_t> record);
 
 /// A number of 6 bytes, as in references to records.
 std::int64_t ReadReference(std::span<const std::uint8_t> buffer, std::size_t offset);

@@ -163,6 +163,7 @@ bool TNTFS::FillMFTStructureFrom(TDriveInfo& drive, std::int64_t firstSector) {
   info.MFTStructure.clear();
   info.MFTRecordCount = 0;
   info.MFTUsage.clear();
+  info.MFTUsageUnknown.clear();
   TInt64DynArray records{0};
   TByteDynArray record;
   for (std::size_t i = 0; i < records.size() && i < MostRecords; ++i) {
@@ -177,7 +178,7 @@ bool TNTFS::FillMFTStructureFrom(TDriveInfo& drive, std::int64_t firstSector) {
     }
     // The list stands before the data, but what it names is found by them.
     for (TAttributeWalk walk(record); walk.Next();) {
-      if (walk->Type() == AttrAttributeList) ReadAttributeList(drive, *walk, records);
+      if (walk->Type() == AttrAttributeList) AddListedRecords(ReadAttributeList(drive, *walk), records);
     }
   }
   return info.MFTRecordCount > 0;
@@ -227,7 +228,12 @@ void TNTFS::AddMFTUsage(TDriveInfo& drive, const TAttribute& bitmap) {
   const std::int64_t volumeBytes = BackedClusters(drive) * ClusterBytes(drive);
   const std::int64_t largest = volumeBytes / drive.NTFSInfo.MFTRecordSize / 8 + ClusterBytes(drive);
   const std::int64_t size = std::clamp<std::int64_t>(bitmap.RealSize(), 0, largest);
-  const TByteDynArray bytes = ReadRuns(drive, bitmap.Runs(VolumeClusters(drive)), size);
+  std::vector<TByteRange> unknown;
+  const TByteDynArray bytes = ReadRuns(drive, bitmap.Runs(VolumeClusters(drive)), size, &unknown);
+  const auto before = static_cast<std::int64_t>(usage.size());
+  for (const TByteRange& range : unknown) {
+    drive.NTFSInfo.MFTUsageUnknown.push_back({before + range.First, before + range.End});
+  }
   usage.insert(usage.end(), bytes.begin(), bytes.end());
 }
 
@@ -295,24 +301,20 @@ bool TNTFS::ReadRecord(const TDriveInfo& drive, const TMFTRecord& place, TByteDy
   return true;
 }
 
-void TNTFS::ReadAttributeList(const TDriveInfo& drive, const TAttribute& attribute, TInt64DynArray& records) {
+TByteDynArray TNTFS::ReadAttributeList(const TDriveInfo& drive, const TAttribute& attribute) {
   if (!attribute.NonResident()) {
-    AddListedRecords(attribute.Value(), records);
-    return;
+    const auto value = attribute.Value();
+    return {value.begin(), value.end()};
   }
   constexpr std::int64_t largestList = 256 * 1024;  // bytes, as in all that write NTFS
   const std::int64_t size = std::clamp<std::int64_t>(attribute.RealSize(), 0, largestList);
-  TInt64DynArray listed;
-  AddListedRecords(ReadRuns(drive, attribute.Runs(VolumeClusters(drive)), size), listed);
-  TMFTRecord place;
-  for (const std::int64_t number : listed) {
-    const bool known = std::find(records.begin(), records.end(), number) != records.end();
-    if (!known && GetSectorByMFTNumber(drive, number, place, false)) records.push_back(number);
-  }
+  return ReadRuns(drive, attribute.Runs(VolumeClusters(drive)), size);
 }
 
-/// The first bytes of a list of clusters; holes and what cannot be read are zeros.
-TByteDynArray TNTFS::ReadRuns(const TDriveInfo& drive, const TRuns& runs, std::int64_t size) {
+/// The first bytes of a list of clusters; holes are zeros. `unknown`, when given, gets the ranges that
+/// could not be read, ascending.
+TByteDynArray TNTFS::ReadRuns(const TDriveInfo& drive, const TRuns& runs, std::int64_t size,
+                              std::vector<TByteRange>* unknown) {
   const std::int64_t clusterBytes = ClusterBytes(drive);
   const std::int64_t clusters = runs.empty() ? 0 : runs.back().Vcn + runs.back().Count;
   TByteDynArray bytes(static_cast<std::size_t>(std::min(size, clusters * clusterBytes)));
@@ -321,7 +323,15 @@ TByteDynArray TNTFS::ReadRuns(const TDriveInfo& drive, const TRuns& runs, std::i
     const std::int64_t until = std::min(from + run.Count * clusterBytes, static_cast<std::int64_t>(bytes.size()));
     if (run.Lcn < 0 || from >= until) continue;
     TByteDynArray piece(static_cast<std::size_t>(CeilDiv(until - from, drive.BytesPerSector) * drive.BytesPerSector));
-    ReadClusters(drive, run.Lcn, 0, piece, 0);
+    if (!ReadClusters(drive, run.Lcn, 0, piece, 0) && unknown != nullptr) {
+      for (std::int64_t at = 0; at < until - from; at += clusterBytes) {
+        const std::int64_t end = std::min(at + clusterBytes, until - from);
+        const auto cluster =
+            std::span(piece).subspan(static_cast<std::size_t>(at), static_cast<std::size_t>(clusterBytes));
+        if (!ReadWholeClusters(drive, run.Lcn + at / clusterBytes, cluster, 0))
+          unknown->push_back({from + at, from + end});
+      }
+    }
     std::copy_n(piece.begin(), until - from, bytes.begin() + from);
   }
   return bytes;

@@ -54,6 +54,10 @@ int TNTFS::SystemFileNumber(TStringView name) {
 bool TNTFS::IsMFTDeleted(const TDriveInfo& drive, std::int64_t mftNumber, bool otherwise) const {
   const TByteDynArray& usage = drive.NTFSInfo.MFTUsage;
   if (mftNumber < 0 || mftNumber / 8 >= static_cast<std::int64_t>(usage.size())) return otherwise;
+  const auto& unknown = drive.NTFSInfo.MFTUsageUnknown;
+  const auto range = std::upper_bound(unknown.begin(), unknown.end(), mftNumber / 8,
+                                      [](std::int64_t byte, const TByteRange& r) { return byte < r.End; });
+  if (range != unknown.end() && mftNumber / 8 >= range->First) return otherwise;
   return (usage[static_cast<std::size_t>(mftNumber / 8)] >> (mftNumber % 8) & 1) == 0;
 }
 
@@ -66,6 +70,8 @@ bool TNTFS::AnalyseMFTRecord(TDriveInfo& drive, std::span<const std::uint8_t> bu
                              std::int64_t sectorNumber, int offsetInSector, bool rootDirFastScan) {
   parsed.Names.clear();
   parsed.HaveMainRecord = false;
+  parsed.HaveData = false;
+  parsed.ListedClusters = 0;
   TFiles::ClearInfo(parsed.Info, parsed.Info.aDriveNumber);
   if (!ntfs::IsMFT(buffer, start)) return false;
   const std::size_t size = std::min(static_cast<std::size_t>(drive.NTFSInfo.MFTRecordSize), buffer.size() - start);
@@ -80,6 +86,7 @@ bool TNTFS::AnalyseMFTRecord(TDriveInfo& drive, std::span<const std::uint8_t> bu
     parsed.Info.FirstSector = sectorNumber;
     parsed.Info.OffsetInSector = offsetInSector;
   }
+  parsed.Use = ReadRecordUse(FRecord);
   parsed.HaveMainRecord = ReadLe64(FRecord, 0x20) != 0;
   if (parsed.HaveMainRecord) return true;
 
@@ -89,12 +96,18 @@ bool TNTFS::AnalyseMFTRecord(TDriveInfo& drive, std::span<const std::uint8_t> bu
   }
   for (std::size_t i = 1; i < FRecords.size() && i < MostRecords; ++i) {
     TMFTRecord place;
-    if (!GetSectorByMFTNumber(drive, FRecords[i], place, false)) return false;
-    if (!ReadRecord(drive, place, FExtension)) continue;
-    if (mftNumber > 0 && ReadReference(FExtension, 0x20) != mftNumber) continue;
+    if (!GetSectorByMFTNumber(drive, FRecords[i], place, false) || !ReadRecord(drive, place, FExtension)) continue;
+    if (!IsExtensionOf(FRecord, mftNumber, FExtension)) continue;
     if (!ParseAttributes(drive, FExtension, parsed, FRecords, mftNumber, rootDirFastScan, canCheckForAnalysing)) {
       return false;
     }
+  }
+  // The record that holds the start of the content is gone: its size is at least what the list tells.
+  if (parsed.ListedClusters > 0 && !parsed.HaveData) {
+    TFileInfo& info = parsed.Info;
+    info.Place = TPlaceSource::Estimated;
+    const std::int64_t clusters = std::min(parsed.ListedClusters, std::max<std::int64_t>(VolumeClusters(drive), 1));
+    info.aSize = info.DefaultSize = std::max(info.aSize, clusters * std::max<std::int64_t>(ClusterBytes(drive), 1));
   }
   return true;
 }
@@ -118,7 +131,11 @@ bool TNTFS::ParseAttributes(TDriveInfo& drive, std::span<const std::uint8_t> rec
         break;
       }
       case AttrAttributeList:
-        if (!rootDirFastScan) ReadAttributeList(drive, *walk, records);
+        if (!rootDirFastScan) {
+          const TByteDynArray list = ReadAttributeList(drive, *walk);
+          AddListedRecords(list, records);
+          parsed.ListedClusters = std::max(parsed.ListedClusters, ListedDataClusters(list));
+        }
         break;
       case AttrFileName:
         if (!walk->NonResident() && !AddName(walk->Value(), parsed, rootDirFastScan)) return false;
@@ -129,7 +146,9 @@ bool TNTFS::ParseAttributes(TDriveInfo& drive, std::span<const std::uint8_t> rec
         }
         break;
       case AttrData:
-        if (walk->IsDefaultDataStream()) ApplyDataAttribute(drive, *walk, info, mftNumber);
+        if (!walk->IsDefaultDataStream()) break;
+        ApplyDataAttribute(drive, *walk, info, mftNumber);
+        if (!walk->NonResident() || walk->FirstVcn() == 0) parsed.HaveData = true;
         break;
       case AttrIndexRoot: {
         const auto value = walk->Value();
@@ -155,8 +174,8 @@ bool TNTFS::ParseAttributes(TDriveInfo& drive, std::span<const std::uint8_t> rec
 /// False for a file that a look at the root folder only does not want.
 bool TNTFS::AddName(std::span<const std::uint8_t> value, TParsed& parsed, bool rootDirFastScan) {
   if (value.size() < NameText) return true;
-  const std::int64_t parent = ReadReference(value, 0);
-  if (rootDirFastScan && parent != RootRecord) return false;
+  const TReference parent = ReadFullReference(value, 0);
+  if (rootDirFastScan && parent.Number != RootRecord) return false;
   TFileInfo& info = parsed.Info;
   for (const std::size_t field : {std::size_t{0x30}, std::size_t{0x28}}) {
     if (info.aSize == 0) info.aSize = Sane(static_cast<std::int64_t>(ReadLe64(value, field)));
@@ -165,7 +184,7 @@ bool TNTFS::AddName(std::span<const std::uint8_t> value, TParsed& parsed, bool r
   TString text = ReadText(value, NameText, value[0x40]);
   if (text.empty()) return true;
   const int priority = NamePriority(value[0x41]);
-  const bool sameFolder = !parsed.Names.empty() && parsed.Names.back().Parent == parent;
+  const bool sameFolder = !parsed.Names.empty() && parsed.Names.back().Parent.Number == parent.Number;
   if (!sameFolder || parsed.Names.back().Priority == priority) {
     parsed.Names.push_back({parent, priority, std::move(text)});
   } else if (parsed.Names.back().Priority < priority) {
@@ -231,11 +250,21 @@ std::int64_t TNTFS::MoveToSystemDataFolder(TStringView name, std::int64_t parent
   return system ? SpecialCluster::NTFSSystemData : SpecialCluster::Root;
 }
 
-void TNTFS::AddRow(TDriveInfo& drive, int driveNumber, const TFileInfo& info, std::int64_t parent,
+/// The folder that a reference means: the record number, or where the record is another one by now, or
+/// was not met yet, a key of its own for this use of the number.
+std::int64_t TNTFS::ParentKey(const TDriveInfo& drive, const TReference& parent) {
+  // The root's record is never used for anything else.
+  const bool known = parent.Number == RootRecord || drive.NTFSInfo.RecordUses.Agrees(parent);
+  return known ? parent.Number : ReferenceKey(parent);
+}
+
+void TNTFS::AddRow(TDriveInfo& drive, int driveNumber, const TFileInfo& info, const TReference& parent,
                    bool canIncFoundCount) {
-  parent = MoveToSystemDataFolder(info.strName, parent);
-  if (parent == SpecialCluster::NTFSSystemData) AddSystemDataFolder(drive, driveNumber);
-  FEngine.Files().Add(info, parent, canIncFoundCount);
+  std::int64_t folder = MoveToSystemDataFolder(info.strName, ParentKey(drive, parent));
+  if (folder == SpecialCluster::NTFSSystemData) AddSystemDataFolder(drive, driveNumber);
+  // A folder that says that it lies in itself.
+  if (info.blnFolder && info.FirstCluster == folder) folder = SpecialCluster::LostAndFound;
+  FEngine.Files().Add(info, folder, canIncFoundCount);
 }
 
 TFileInfo TNTFS::SystemDataFolder(int driveNumber, TString& name) const {
@@ -260,6 +289,10 @@ void TNTFS::AddSystemDataFolder(TDriveInfo& drive, int driveNumber) {
 bool TNTFS::AnalyseRecord(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
                           std::int64_t mftNumber, std::int64_t sectorNumber, int offsetInSector,
                           bool canCheckNewDrive) {
+  if (mftNumber >= 0 && ntfs::IsMFT(buffer, start)) {
+    TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
+    drive.NTFSInfo.RecordUses.Enter(mftNumber, ReadRecordUse(buffer.subspan(start)), true);
+  }
   const auto parse = [&] {
     TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
     FParsed.Info.aDriveNumber = driveNumber;
@@ -278,11 +311,12 @@ bool TNTFS::AnalyseRecord(std::span<const std::uint8_t> buffer, std::size_t star
   for (const TName& name : FParsed.Names) {
     TFileInfo info = FParsed.Info;
     info.strName = name.Text;
-    if (mftNumber < 0) EstimateMFTNumber(drive, info, name.Parent, sectorNumber);
+    if (mftNumber < 0) EstimateMFTNumber(drive, info, name.Parent.Number, sectorNumber);
+    if (mftNumber < 0) drive.NTFSInfo.RecordUses.Enter(info.FirstCluster, FParsed.Use, false);
     if (!info.blnDeleted) info.blnDeleted = IsMFTDeleted(drive, info.FirstCluster, false);
     if (mftNumber >= drive.NTFSInfo.MFTRecordCount) info.blnDeleted = true;  // of an earlier table
     if (info.FirstCluster < 0) {
-      AddToUFCF(drive, info, name.Parent);
+      AddToUFCF(drive, info, name, FParsed.Use);
     } else if (info.FirstCluster != RootRecord) {
       AddRow(drive, driveNumber, info, name.Parent, true);
     }
@@ -392,6 +426,9 @@ void TNTFS::DoBeforeAnalyse(TDriveInfo& drive) {
   info.MFTStructure.clear();
   info.MFTRecordCount = 0;
   info.MFTUsage.clear();
+  info.MFTUsageUnknown.clear();
+  info.RecordUses.Clear();
+  info.LostFolderNames.clear();
   info.ClustersUsage.clear();
   info.IsClustersUsageFilled = false;
   info.LogMFTs.clear();
@@ -402,11 +439,15 @@ void TNTFS::DoBeforeAnalyse(TDriveInfo& drive) {
 }
 
 void TNTFS::DoAfterAnalyse(TDriveInfo& drive) {
+  SettleParents(drive);
+  AddLostFolders(drive);
   if (FEngine.PartRecRunning) {
     PartRecChangeVolumeName(drive);
     if (FEngine.Analysing) DropEstimatedFolderDuplicates(drive);
   }
   drive.NTFSInfo.PartRecMFTStructure.clear();
+  drive.NTFSInfo.RecordUses.Clear();
+  drive.NTFSInfo.LostFolderNames.clear();
   drive.NTFSInfo.SystemDataFolderAdded = false;
   drive.NTFSInfo.LastMFTNumber = -1;
 }
@@ -418,6 +459,7 @@ void TNTFS::AnalyseSystem(int driveNumber) {
   if (!GetDriveInfo(drive, true, false)) return;
   if (FEngine.Analysing) AnalyseMFTRecords(driveNumber, true);
   if (FEngine.Analysing) AnalyseRecordsBehindTable(driveNumber);
+  SettleParents(drive);
   if (FEngine.Analysing) AnalyseLogFile(driveNumber);
   DoAfterAnalyse(drive);
   if (FEngine.Analysing) drive.Analysed = TAnalyseInformation::aiFull;
@@ -438,7 +480,7 @@ void TNTFS::GetFiles(TDriveInfo& drive, TFileArray& result, bool rootDirOnly, co
       return true;
     for (const TName& name : parsed.Names) {
       if (name.Text == u".") continue;
-      const std::int64_t parent = MoveToSystemDataFolder(name.Text, name.Parent);
+      const std::int64_t parent = MoveToSystemDataFolder(name.Text, name.Parent.Number);
       if (parent == SpecialCluster::NTFSSystemData) {
         if (drive.NTFSInfo.SystemDataFolderAdded) continue;
         drive.NTFSInfo.SystemDataFolderAdded = true;
