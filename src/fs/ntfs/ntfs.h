@@ -204,7 +204,7 @@ class TNTFS {
   void ReadCompressed(const TDriveInfo& drive, TByteDynArray& result, std::int64_t start, std::int64_t size,
                       int incDataSector);
   void ReadUnit(const TDriveInfo& drive, std::int64_t unit, std::span<std::uint8_t> bytes, int incDataSector);
-  bool ReadWholeClusters(const TDriveInfo& drive, std::int64_t lcn, std::span<std::uint8_t> place, int incDataSector);
+  bool ReadCluster(const TDriveInfo& drive, std::int64_t lcn, std::span<std::uint8_t> place, int incDataSector);
   template <typename TCallable>
   void ForEachAttribute(const TDriveInfo& drive, const TFile& file, TCallable&& callable);
 

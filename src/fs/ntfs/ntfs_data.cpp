@@ -337,7 +337,7 @@ void TNTFS::ReadUnit(const TDriveInfo& drive, std::int64_t unit, std::span<std::
     const std::int64_t asked = std::min(count, static_cast<std::int64_t>(bytes.size()) / clusterBytes);
     for (std::int64_t i = 0; i < asked; ++i) {
       const std::int64_t lcn = LcnOf(runs, first + i);
-      if (lcn >= 0) ReadWholeClusters(drive, lcn, clusterOf(bytes, i), incDataSector);
+      if (lcn >= 0) ReadCluster(drive, lcn, clusterOf(bytes, i), incDataSector);
     }
     return;
   }
@@ -350,7 +350,7 @@ void TNTFS::ReadUnit(const TDriveInfo& drive, std::int64_t unit, std::span<std::
   std::vector<bool> unreadable(static_cast<std::size_t>(useful));
   for (std::int64_t i = 0; i < useful; ++i) {
     const std::int64_t lcn = LcnOf(runs, first + i);
-    unreadable[static_cast<std::size_t>(i)] = !ReadWholeClusters(drive, lcn, clusterOf(stream, i), incDataSector);
+    unreadable[static_cast<std::size_t>(i)] = !ReadCluster(drive, lcn, clusterOf(stream, i), incDataSector);
   }
   const auto isUnreadable = [&](std::size_t from, std::size_t until) {
     const auto size = static_cast<std::size_t>(clusterBytes);
@@ -363,9 +363,9 @@ void TNTFS::ReadUnit(const TDriveInfo& drive, std::int64_t unit, std::span<std::
   if (!SalvageLZNT1(stream, bytes.first(there), isUnreadable)) FEngine.Reader().NoteFailedRead();
 }
 
-/// Reads whole clusters; false, and zeros, when they cannot be read, which counts as a failed read.
-bool TNTFS::ReadWholeClusters(const TDriveInfo& drive, std::int64_t lcn, std::span<std::uint8_t> place,
-                              int incDataSector) {
+/// Reads a cluster, or whole sectors of its start; false, and zeros, when they cannot be read, which counts as a failed
+/// read.
+bool TNTFS::ReadCluster(const TDriveInfo& drive, std::int64_t lcn, std::span<std::uint8_t> place, int incDataSector) {
   const std::int64_t first = lcn * drive.NTFSInfo.SectorsPerCluster;
   const auto sectors = static_cast<std::int64_t>(place.size()) / drive.BytesPerSector;
   TSectorReader& reader = FEngine.Reader();

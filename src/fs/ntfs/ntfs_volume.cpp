@@ -324,12 +324,12 @@ TByteDynArray TNTFS::ReadRuns(const TDriveInfo& drive, const TRuns& runs, std::i
     if (run.Lcn < 0 || from >= until) continue;
     TByteDynArray piece(static_cast<std::size_t>(CeilDiv(until - from, drive.BytesPerSector) * drive.BytesPerSector));
     if (!ReadClusters(drive, run.Lcn, 0, piece, 0) && unknown != nullptr) {
-      for (std::int64_t at = 0; at < until - from; at += clusterBytes) {
-        const std::int64_t end = std::min(at + clusterBytes, until - from);
-        const auto cluster =
-            std::span(piece).subspan(static_cast<std::size_t>(at), static_cast<std::size_t>(clusterBytes));
-        if (!ReadWholeClusters(drive, run.Lcn + at / clusterBytes, cluster, 0))
-          unknown->push_back({from + at, from + end});
+      const auto length = static_cast<std::int64_t>(piece.size());
+      for (std::int64_t at = 0; at < length; at += clusterBytes) {
+        const std::int64_t count = std::min(clusterBytes, length - at);
+        const auto place = std::span(piece).subspan(static_cast<std::size_t>(at), static_cast<std::size_t>(count));
+        if (ReadCluster(drive, run.Lcn + at / clusterBytes, place, 0)) continue;
+        unknown->push_back({from + at, std::min(from + at + count, until)});
       }
     }
     std::copy_n(piece.begin(), until - from, bytes.begin() + from);

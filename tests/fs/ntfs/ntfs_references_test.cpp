@@ -1,81 +1,16 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// Folders by the sequence numbers of their records, records in several pieces, and what holds no name:
-// on volumes built record by record.
+// Folders by the sequence numbers of their records, on volumes built record by record.
 #include "fs/ntfs/ntfs_references.h"
 
 #include <doctest/doctest.h>
 
 #include <string>
 
-#include "analysis/analysis.h"
-#include "analysis/files.h"
-#include "analysis/tree_walk.h"
 #include "fs/ntfs/volume_builder.h"
-#include "support/images.h"
 
 using namespace brenlow;
 using namespace brenlow::test;
 using namespace brenlow::ntfs;
-
-namespace {
-
-struct TAnalysed {
-  TEngine Engine;
-  int Number;
-  TMemoryDevice* Device = nullptr;
-
-  explicit TAnalysed(const TNtfsVolume& volume, const std::set<std::int64_t>& badSectors = {}, bool thorough = false) {
-    const TMounted mounted = Mount(Engine, volume.Image);
-    Number = mounted.Number;
-    Device = mounted.Device;
-    Device->BadSectors = badSectors;
-    Engine.PartRecRunning = thorough;
-    Engine.PartRecSystems = {TPartRecSystem::NTFS};
-    AnalyseDrive(Engine, Number);
-  }
-  /// Paths of all that the tree shows, a line each; deleted entries end in " deleted".
-  std::string Paths() {
-    struct TVisitor final : ITreeVisitor {
-      std::string Text;
-      bool Add(const TTreeEntry& entry) {
-        Text += ToUtf8(entry.Path) + (entry.Deleted() ? " deleted\n" : "\n");
-        return true;
-      }
-      bool File(const TTreeEntry& entry) override { return Add(entry); }
-      bool EnterFolder(const TTreeEntry& entry) override { return Add(entry); }
-      void LeaveFolder(const TTreeEntry&) override {}
-    } visitor;
-    WalkTree(Engine, Number, visitor);
-    return visitor.Text;
-  }
-  bool Has(const std::string& path) { return ("\n" + Paths()).find("\n" + path + "\n") != std::string::npos; }
-  TFile& File(TStringView name) {
-    TFileArray& list = Engine.Files().List;
-    for (std::size_t i = 0; i < list.size(); ++i) {
-      if (list[i].FileInfo.strName == name) return list[i];
-    }
-    FAIL("no such file: ", ToUtf8(name));
-    return list[0];
-  }
-  struct TContent {
-    TByteDynArray Bytes;
-    bool Whole;  // no failed read was noted, and it is as long as listed
-  };
-  TContent Read(TStringView name, std::int64_t start = 0, std::int64_t size = 1 << 24) {
-    TFile& file = File(name);
-    const std::uint64_t failed = Engine.Reader().FailedReads();
-    TContent content;
-    GetFileData(Engine, content.Bytes, file, -1, start, size);
-    const std::int64_t listed = std::min(size, file.FileInfo.aSize - start);
-    content.Whole =
-        Engine.Reader().FailedReads() == failed && static_cast<std::int64_t>(content.Bytes.size()) == listed;
-    return content;
-  }
-};
-
-std::string Text(const TByteDynArray& bytes) { return {bytes.begin(), bytes.end()}; }
-
-}  // namespace
 
 TEST_CASE("NTFS references: a use of a record is told by its sequence number") {
   CHECK(IsSameUse({7, true}, 7));
@@ -110,7 +45,7 @@ TEST_CASE("NTFS: live files below a folder whose parent is another use of its re
   volume.Folder({40, 1}, {41, 3}, u"A").Folder({41, 2}, {40, 1}, u"B").File({42, 1}, {41, 2}, u"f.txt", "still here");
   for (const bool thorough : {false, true}) {
     CAPTURE(thorough);
-    TAnalysed t(volume, {}, thorough);
+    TAnalysedNtfs t(volume, {}, thorough);
     CHECK(t.Has("Lost and found/Folder 41/A/B/f.txt"));
     CHECK(Text(t.Read(u"f.txt").Bytes) == "still here");
     CHECK(t.Engine.Files().CountUnreached(t.Number) == 0);
@@ -129,7 +64,7 @@ TEST_CASE("NTFS: a chain of folders that closes on itself is broken at its weake
   volume.Folder({120, 1}, {120, 1}, u"itself").File({121, 1}, {120, 1}, u"in it.txt", "x");
   for (const bool thorough : {false, true}) {
     CAPTURE(thorough);
-    TAnalysed t(volume, {}, thorough);
+    TAnalysedNtfs t(volume, {}, thorough);
     CHECK(t.Engine.Files().CountUnreached(t.Number) == 0);
     CHECK(t.Has("Lost and found/chain0/high.txt"));
     CHECK(t.Has("Lost and found/itself/in it.txt"));
@@ -142,7 +77,7 @@ TEST_CASE("NTFS: a deleted link of a circle of folders is weaker than a live one
   TNtfsVolume volume;
   volume.Folder({40, 1}, {41, 1}, u"first").Folder({41, 2}, {40, 1}, u"second", false);
   volume.File({42, 1}, {40, 1}, u"f.txt", "x");
-  TAnalysed t(volume);
+  TAnalysedNtfs t(volume);
   CHECK(t.Engine.Files().CountUnreached(t.Number) == 0);
   CHECK(t.Has("Lost and found/second/first/f.txt deleted"));
 }
@@ -155,7 +90,7 @@ TEST_CASE("NTFS: what was deleted with its folder does not appear in the folder 
   volume.File({44, 2}, {40, 2}, u"later.jpg", "new", false);
   // A folder that was deleted, and whose record is still free, keeps its own.
   volume.Folder({50, 2}, NtfsRoot, u"Old", false).File({51, 2}, {50, 1}, u"kept.jpg", "old", false);
-  TAnalysed t(volume);
+  TAnalysedNtfs t(volume);
   CHECK(t.Has("Holiday/beach.jpg"));
   CHECK(t.Has("Holiday/later.jpg deleted"));
   CHECK(t.Has("Old/kept.jpg deleted"));
@@ -163,7 +98,7 @@ TEST_CASE("NTFS: what was deleted with its folder does not appear in the folder 
   CHECK(t.Has("Lost and found/Folder 40/gone too.jpg deleted"));
   // Children before their parents in the table, and two uses of one number apart.
   volume.File({30, 1}, {40, 2}, u"early.jpg", "x").File({31, 2}, {40, 7}, u"other.jpg", "x", false);
-  TAnalysed again(volume);
+  TAnalysedNtfs again(volume);
   CHECK(again.Has("Holiday/early.jpg"));
   CHECK(again.Has("Lost and found/Folder 40 (2)/other.jpg deleted"));
 }
@@ -172,7 +107,7 @@ TEST_CASE("NTFS: a file whose folder's record cannot be read is live in a number
   TNtfsVolume volume;
   volume.Folder({40, 1}, NtfsRoot, u"bad").File({41, 1}, {40, 1}, u"f.txt", "x");
   const std::int64_t sector = TNtfsVolume::TableCluster * 8 + 40 * 2;
-  TAnalysed t(volume, {sector, sector + 1});
+  TAnalysedNtfs t(volume, {sector, sector + 1});
   CHECK(t.Has("Lost and found/Folder 40/f.txt"));
   CHECK(t.Engine.Files().CountUnreached(t.Number) == 0);
 }

@@ -3,11 +3,17 @@
 // writes: 512-byte sectors, clusters of 4 KiB, records of 1 KiB, the table from cluster 4 on.
 #pragma once
 
+#include <doctest/doctest.h>
+
 #include <cstdint>
 #include <cstring>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "analysis/analysis.h"
+#include "analysis/files.h"
+#include "analysis/tree_walk.h"
 #include "support/images.h"
 
 namespace brenlow::test {
@@ -230,5 +236,63 @@ class TNtfsVolume {
     Image[at + 0x1FF] = 0xAA;
   }
 };
+
+/// A volume as an analysis, or a thorough search, shows it.
+struct TAnalysedNtfs {
+  TEngine Engine;
+  int Number;
+  TMemoryDevice* Device = nullptr;
+
+  explicit TAnalysedNtfs(const TNtfsVolume& volume, const std::set<std::int64_t>& badSectors = {},
+                         bool thorough = false) {
+    const TMounted mounted = Mount(Engine, volume.Image);
+    Number = mounted.Number;
+    Device = mounted.Device;
+    Device->BadSectors = badSectors;
+    Engine.PartRecRunning = thorough;
+    Engine.PartRecSystems = {TPartRecSystem::NTFS};
+    AnalyseDrive(Engine, Number);
+  }
+  /// Paths of all that the tree shows, a line each; deleted entries end in " deleted".
+  std::string Paths() {
+    struct TVisitor final : ITreeVisitor {
+      std::string Text;
+      bool Add(const TTreeEntry& entry) {
+        Text += ToUtf8(entry.Path) + (entry.Deleted() ? " deleted\n" : "\n");
+        return true;
+      }
+      bool File(const TTreeEntry& entry) override { return Add(entry); }
+      bool EnterFolder(const TTreeEntry& entry) override { return Add(entry); }
+      void LeaveFolder(const TTreeEntry&) override {}
+    } visitor;
+    WalkTree(Engine, Number, visitor);
+    return visitor.Text;
+  }
+  bool Has(const std::string& path) { return ("\n" + Paths()).find("\n" + path + "\n") != std::string::npos; }
+  TFile& File(TStringView name) {
+    TFileArray& list = Engine.Files().List;
+    for (std::size_t i = 0; i < list.size(); ++i) {
+      if (list[i].FileInfo.strName == name) return list[i];
+    }
+    FAIL("no such file: ", ToUtf8(name));
+    return list[0];
+  }
+  struct TContent {
+    TByteDynArray Bytes;
+    bool Whole;  // no failed read was noted, and it is as long as listed
+  };
+  TContent Read(TStringView name, std::int64_t start = 0, std::int64_t size = 1 << 24) {
+    TFile& file = File(name);
+    const std::uint64_t failed = Engine.Reader().FailedReads();
+    TContent content;
+    GetFileData(Engine, content.Bytes, file, -1, start, size);
+    const std::int64_t listed = std::min(size, file.FileInfo.aSize - start);
+    content.Whole =
+        Engine.Reader().FailedReads() == failed && static_cast<std::int64_t>(content.Bytes.size()) == listed;
+    return content;
+  }
+};
+
+inline std::string Text(const TByteDynArray& bytes) { return {bytes.begin(), bytes.end()}; }
 
 }  // namespace brenlow::test
