@@ -34,10 +34,12 @@ TString KeyOf(const TFileInfo& info) {
 /// else lies in it.
 void TNTFS::SettleParents(TDriveInfo& drive) {
   TFiles& files = FEngine.Files();
+  bool moved = false;
   for (const std::int64_t key : TDrives::GetFoundPosParentClusters(drive)) {
     if (!IsReferenceKey(key)) continue;
     const std::int64_t parent = ParentKey(drive, ReferenceOf(key));
     if (parent == key) continue;
+    moved = true;
     std::set<TString> known;
     // A search may have met a record both before and after its folder.
     if (FEngine.PartRecRunning) {
@@ -58,7 +60,7 @@ void TNTFS::SettleParents(TDriveInfo& drive) {
     }
     drive.ParentClusters.Move(key, parent);
   }
-  if (FEngine.PartRecRunning) files.ForgetAdded();
+  if (moved) files.ForgetAdded();
 }
 
 /// Gives the rows that are left a folder below "Lost and found" for each use of a number: with its old
