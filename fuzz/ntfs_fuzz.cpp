@@ -21,6 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   TDriveInfo& drive = engine.Drives().List[static_cast<std::size_t>(number)];
   if (drive.FileSystem != TFileSystem::fsNTFS) return 0;
   AnalyseDrive(engine, number);
+  if (engine.Files().CountUnreached(number) != 0) std::abort();
 
   engine.Recovering = true;
   TByteDynArray bytes;

@@ -179,7 +179,10 @@ class TNTFS {
   void AddRow(TDriveInfo& drive, int driveNumber, const TFileInfo& info, const ntfs::TReference& parent,
               bool canIncFoundCount);
   static std::int64_t ParentKey(const TDriveInfo& drive, const ntfs::TReference& parent);
+  void NameNameless(TDriveInfo& drive, TParsed& parsed, std::int64_t mftNumber, std::int64_t sectorNumber);
   // Folders that are gone.
+  void NoteFolderName(const ntfs::TReference& folder, const TFileInfo& info, TDriveInfo& drive) const;
+  void FindLostFolderNames(TDriveInfo& drive);
   void SettleParents(TDriveInfo& drive);
   void AddLostFolders(TDriveInfo& drive);
   // Partition search.
@@ -213,6 +216,8 @@ class TNTFS {
   TByteDynArray FExtension;  // one of its extension records
   TInt64DynArray FRecords;   // numbers of the records of the file being parsed
   TParsed FParsed;
+  /// Where indexes of folders lie, in an analysis; their free room may name folders that are gone.
+  ntfs::TRuns FIndexes;
   std::int64_t FLastSector = 0;  // of the last record whose number was known, in a partition search
   TStream FStream;
 };

@@ -12,6 +12,7 @@
 #include "core/numbers.h"
 #include "core/text.h"
 #include "fs/ntfs/ntfs.h"
+#include "fs/ntfs/ntfs_folder_names.h"
 
 namespace brenlow {
 
@@ -127,22 +128,46 @@ class TKnownChildren {
   explicit TKnownChildren(TEngine& engine) : FEngine(engine) {}
   /// False when the folder has such a child already.
   bool Enter(int drive, std::int64_t parent, const TFileInfo& info) {
-    const auto [children, isNew] = FChildren.try_emplace(parent);
-    if (isNew) {
-      for (const std::int64_t number : FEngine.Drives().GetParentClusters(drive, parent)) {
-        children->second.insert(KeyOfFile(FEngine.Files().List[static_cast<std::size_t>(number)].FileInfo));
-      }
-    }
-    return children->second.insert(KeyOfFile(info)).second;
+    return Of(drive, parent).All.insert(KeyOfFile(info)).second;
+  }
+  /// True when a live child of that name is there.
+  bool IsAlive(int drive, std::int64_t parent, const TFileInfo& info) {
+    return Of(drive, parent).Live.contains(KeyOfName(info));
   }
 
  private:
-  static TString KeyOfFile(const TFileInfo& info) {
-    return TString(info.strName) + (info.blnFolder ? u'/' : u':') + NumberText(info.aSize);
+  struct TChildren {
+    std::unordered_set<TString> All;   // names, kinds and sizes
+    std::unordered_set<TString> Live;  // names and kinds
+  };
+  TChildren& Of(int drive, std::int64_t parent) {
+    const auto [entry, isNew] = FChildren.try_emplace(parent);
+    TChildren& children = entry->second;
+    if (!isNew) return children;
+    for (const std::int64_t number : FEngine.Drives().GetParentClusters(drive, parent)) {
+      const TFileInfo& info = FEngine.Files().List[static_cast<std::size_t>(number)].FileInfo;
+      children.All.insert(KeyOfFile(info));
+      if (!info.blnDeleted) children.Live.insert(KeyOfName(info));
+    }
+    return children;
   }
+  static TString KeyOfName(const TFileInfo& info) { return TString(info.strName) + (info.blnFolder ? u'/' : u':'); }
+  static TString KeyOfFile(const TFileInfo& info) { return KeyOfName(info) + NumberText(info.aSize); }
   TEngine& FEngine;
-  std::map<std::int64_t, std::unordered_set<TString>> FChildren;
+  std::map<std::int64_t, TChildren> FChildren;
 };
+
+/// Whether a record holds, or leads to, a byte of any stream.
+bool HasContent(std::span<const std::uint8_t> record, std::int64_t volumeClusters) {
+  for (TAttributeWalk walk(record); walk.Next();) {
+    if (walk->Type() == AttrAttributeList) return true;
+    if (walk->Type() != AttrData) continue;
+    if (!walk->NonResident() && walk->ValueLength() > 0) return true;
+    const TRuns runs = walk->Runs(volumeClusters);
+    if (std::any_of(runs.begin(), runs.end(), [](const TRun& run) { return run.Lcn >= 0; })) return true;
+  }
+  return false;
+}
 
 }  // namespace
 
@@ -281,6 +306,7 @@ void TNTFS::AnalyseLogFile(int driveNumber) {
   if (!ReadRestartPage(pages, 0, info) && !ReadRestartPage(pages, 0x1000, info)) return;
   log.FileInfo.aSize = log.FileInfo.DefaultSize = info.FileSize;
 
+  const std::unordered_set<std::int64_t> wanted = LostFolders(drive);
   TNTFSLogContent content;
   const std::size_t chunkSize = PagesPerChunk * info.PageSize;
   std::int64_t start = 0;
@@ -289,6 +315,7 @@ void TNTFS::AnalyseLogFile(int driveNumber) {
     GetFileData(drive, pages, log, -1, start, static_cast<std::int64_t>(chunkSize), 0);
     const bool last = pages.size() < chunkSize;
     FixLogPages(pages, info.PageSize);
+    FindFolderNames(pages, wanted, drive.NTFSInfo.LostFolderNames);
     position = CollectLogRecords(pages, position, start, info, drive.NTFSInfo.MFTRecordSize, content);
     if (last || position < info.PageSize) break;
     start += static_cast<std::int64_t>(position / info.PageSize * info.PageSize);
@@ -303,6 +330,7 @@ void TNTFS::AnalyseLogFile(int driveNumber) {
 void TNTFS::AddLogFiles(int driveNumber, std::vector<TNTFSLogImage>& images) {
   TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
   TKnownChildren known(FEngine);
+  const std::int64_t clusters = VolumeClusters(drive);
   for (TNTFSLogImage& image : images) {
     FParsed.Info.aDriveNumber = driveNumber;
     image.Image.resize(static_cast<std::size_t>(drive.NTFSInfo.MFTRecordSize));
@@ -312,8 +340,13 @@ void TNTFS::AddLogFiles(int driveNumber, std::vector<TNTFSLogImage>& images) {
     const TName& name = FParsed.Names.front();
     info.blnDeleted = true;
     info.strName = name.Text;
-    if (!known.Enter(driveNumber, MoveToSystemDataFolder(name.Text, ParentKey(drive, name.Parent)), info)) continue;
     ApplyFixups(image.Image);
+    NoteFolderName({OwnNumber(image.Image), FParsed.Use.Sequence}, info, drive);
+    const std::int64_t folder = MoveToSystemDataFolder(name.Text, ParentKey(drive, name.Parent));
+    // A state of a file that is alive, without content that could be read, adds nothing to it.
+    const bool readable = !drive.NTFSInfo.LogMFTs.empty() && !info.blnFolder && HasContent(image.Image, clusters);
+    if (!readable && known.IsAlive(driveNumber, folder, info)) continue;
+    if (!known.Enter(driveNumber, folder, info)) continue;
     // Position 0 means "none" to whoever reads: the first image is listed, but has no content.
     info.JournalPosition = static_cast<std::int64_t>(drive.NTFSInfo.LogMFTs.size());
     drive.NTFSInfo.LogMFTs.push_back(std::move(image.Image));

@@ -9,6 +9,7 @@
 #include "core/language.h"
 #include "core/text.h"
 #include "fs/ntfs/ntfs.h"
+#include "fs/ntfs/ntfs_folder_names.h"
 
 namespace brenlow {
 
@@ -61,6 +62,41 @@ void TNTFS::SettleParents(TDriveInfo& drive) {
     drive.ParentClusters.Move(key, parent);
   }
   if (moved) files.ForgetAdded();
+}
+
+/// A folder record met in the log.
+void TNTFS::NoteFolderName(const TReference& folder, const TFileInfo& info, TDriveInfo& drive) const {
+  const std::int64_t key = ReferenceKey(folder);
+  if (info.blnFolder && IsReferenceKey(key)) drive.NTFSInfo.LostFolderNames.try_emplace(key, info.strName);
+}
+
+/// Looks for the names of lost folders in what the indexes of folders hold, their free room included.
+void TNTFS::FindLostFolderNames(TDriveInfo& drive) {
+  constexpr std::int64_t largestRead = 1 << 20;  // bytes
+  constexpr std::int64_t mostBytes = 64 << 20;
+  constexpr int mostReads = 2048;  // some seconds on a disk
+  std::unordered_set<std::int64_t> wanted = LostFolders(drive);
+  TRuns indexes = std::move(FIndexes);
+  FIndexes.clear();
+  const std::int64_t clusterBytes = ClusterBytes(drive);
+  if (wanted.empty() || clusterBytes < 1) return;
+  std::sort(indexes.begin(), indexes.end(), [](const TRun& a, const TRun& b) { return a.Lcn < b.Lcn; });
+  std::int64_t bytesLeft = mostBytes;
+  int readsLeft = mostReads;
+  TByteDynArray bytes;
+  for (const TRun& run : indexes) {
+    for (std::int64_t at = 0; at < run.Count;) {
+      const std::int64_t count = std::min(run.Count - at, std::max<std::int64_t>(largestRead / clusterBytes, 1));
+      if (!FEngine.Analysing || readsLeft-- == 0 || count * clusterBytes > bytesLeft) return;
+      bytesLeft -= count * clusterBytes;
+      bytes.assign(static_cast<std::size_t>(count * clusterBytes), 0);
+      ReadCluster(drive, run.Lcn + at, bytes, 0);
+      FixIndexBlocks(bytes);
+      FindFolderNames(bytes, wanted, drive.NTFSInfo.LostFolderNames);
+      at += count;
+      FEngine.Pump();
+    }
+  }
 }
 
 /// Gives the rows that are left a folder below "Lost and found" for each use of a number: with its old

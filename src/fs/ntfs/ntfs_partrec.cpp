@@ -94,9 +94,11 @@ void TNTFS::PartRecDriveAdded(int driveNumber) {
   TDrives& drives = FEngine.Drives();
   if (drives.IsWrongNumber(driveNumber)) return;
   if (!GetDriveInfo(drives.List[static_cast<std::size_t>(driveNumber)], true, false)) return;
+  FIndexes.clear();
   AnalyseMFTRecords(driveNumber, false);
   SettleParents(drives.List[static_cast<std::size_t>(driveNumber)]);
   if (FEngine.Analysing) AnalyseLogFile(driveNumber);
+  if (FEngine.Analysing) FindLostFolderNames(drives.List[static_cast<std::size_t>(driveNumber)]);
 }
 
 void TNTFS::PartRecChangeVolumeName(TDriveInfo& drive) {

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "analysis/files.h"
+#include "analysis/signatures.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/language.h"
@@ -12,6 +13,7 @@
 #include "core/sector_reader.h"
 #include "core/text.h"
 #include "fs/ntfs/ntfs.h"
+#include "fs/ntfs/ntfs_folder_names.h"
 
 namespace brenlow {
 
@@ -22,6 +24,7 @@ namespace {
 constexpr std::int64_t ChunkSectors = 256;
 constexpr std::int64_t ProgressStep = 256;  // records between two reports
 constexpr std::size_t NameText = 0x42;      // of a $FILE_NAME value
+constexpr std::size_t MostIndexes = 1 << 20;
 
 int NamePriority(unsigned space) {
   constexpr int priorities[] = {2, 4, 1, 3};  // POSIX, Win32, DOS, Win32 and DOS
@@ -79,6 +82,7 @@ bool TNTFS::AnalyseMFTRecord(TDriveInfo& drive, std::span<const std::uint8_t> bu
                  buffer.begin() + static_cast<std::ptrdiff_t>(start + size));
   ApplyFixups(FRecord);
   const unsigned flags = FRecord.size() > 0x16 ? FRecord[0x16] : 0;
+  if ((flags & 2) != 0) FindFolderNames(UnusedPart(FRecord), drive.NTFSInfo.LostFolderNames);
   parsed.Info.blnFolder = (flags & 2) != 0;
   parsed.Info.blnDeleted = (flags & 1) == 0;
   parsed.Info.FirstCluster = mftNumber;
@@ -159,6 +163,11 @@ bool TNTFS::ParseAttributes(TDriveInfo& drive, std::span<const std::uint8_t> rec
         break;
       }
       case AttrIndexAllocation:
+        if (info.blnFolder && mftNumber >= 0 && drive.NTFSInfo.SectorsPerCluster > 0 && FIndexes.size() < MostIndexes) {
+          for (const TRun& run : walk->Runs(VolumeClusters(drive))) {
+            if (run.Lcn >= 0) FIndexes.push_back(run);
+          }
+        }
         if (info.blnFolder && indexBlockSize > 0 && drive.NTFSInfo.SectorsPerCluster < 1) {
           const TRuns runs = walk->Runs(drive.SectorsCount);
           if (!runs.empty() && runs.front().Lcn >= 0) GetSectorsPerClusterByIndex(drive, runs.front().Lcn);
@@ -286,6 +295,27 @@ void TNTFS::AddSystemDataFolder(TDriveInfo& drive, int driveNumber) {
   FEngine.Files().Add(folder, SpecialCluster::Root, false);
 }
 
+/// A file with content, or a live folder, whose name is gone is listed by its number below "Lost and
+/// found".
+void TNTFS::NameNameless(TDriveInfo& drive, TParsed& parsed, std::int64_t mftNumber, std::int64_t sectorNumber) {
+  constexpr std::int64_t headSize = 4096;  // bytes that tell a type
+  const TFileInfo& info = parsed.Info;
+  const bool worthListing = info.blnFolder ? !info.blnDeleted : parsed.HaveData && info.aSize > 0;
+  if (!worthListing) return;
+  const std::int64_t own = mftNumber >= 0 ? mftNumber : OwnNumber(FRecord);
+  const TString number = NumberText(own >= 0 ? own : sectorNumber);
+  TString name = FEngine.Language().Format(TText::LostFolder, {number});
+  if (!info.blnFolder) {
+    TFile file;
+    file.FileInfo = info;
+    TByteDynArray head;
+    GetFileData(drive, head, file, -1, 0, headSize, 0);
+    ClearMemory();
+    name = FEngine.Language()[TText::FileType] + u" " + number + FEngine.Signatures().GetFileExtBySignature(head);
+  }
+  parsed.Names.push_back({{SpecialCluster::LostAndFound, 0}, 0, std::move(name)});
+}
+
 bool TNTFS::AnalyseRecord(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
                           std::int64_t mftNumber, std::int64_t sectorNumber, int offsetInSector,
                           bool canCheckNewDrive) {
@@ -296,8 +326,12 @@ bool TNTFS::AnalyseRecord(std::span<const std::uint8_t> buffer, std::size_t star
   const auto parse = [&] {
     TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
     FParsed.Info.aDriveNumber = driveNumber;
-    return AnalyseMFTRecord(drive, buffer, start, true, FParsed, mftNumber, sectorNumber, offsetInSector, false) &&
-           !FParsed.HaveMainRecord && !FParsed.Names.empty();
+    if (!AnalyseMFTRecord(drive, buffer, start, true, FParsed, mftNumber, sectorNumber, offsetInSector, false) ||
+        FParsed.HaveMainRecord) {
+      return false;
+    }
+    if (FParsed.Names.empty()) NameNameless(drive, FParsed, mftNumber, sectorNumber);
+    return !FParsed.Names.empty();
   };
   if (!parse()) return false;
   if (FEngine.PartRecRunning && canCheckNewDrive) {
@@ -422,6 +456,7 @@ void TNTFS::AnalyseRecordsBehindTable(int driveNumber) {
 
 void TNTFS::DoBeforeAnalyse(TDriveInfo& drive) {
   ClearMemory();
+  FIndexes.clear();
   TNTFSInfo& info = drive.NTFSInfo;
   info.MFTStructure.clear();
   info.MFTRecordCount = 0;
@@ -461,6 +496,7 @@ void TNTFS::AnalyseSystem(int driveNumber) {
   if (FEngine.Analysing) AnalyseRecordsBehindTable(driveNumber);
   SettleParents(drive);
   if (FEngine.Analysing) AnalyseLogFile(driveNumber);
+  if (FEngine.Analysing) FindLostFolderNames(drive);
   DoAfterAnalyse(drive);
   if (FEngine.Analysing) drive.Analysed = TAnalyseInformation::aiFull;
 }

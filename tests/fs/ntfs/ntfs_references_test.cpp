@@ -111,3 +111,45 @@ TEST_CASE("NTFS: a file whose folder's record cannot be read is live in a number
   CHECK(t.Has("Lost and found/Folder 40/f.txt"));
   CHECK(t.Engine.Files().CountUnreached(t.Number) == 0);
 }
+
+TEST_CASE("NTFS: a folder that is gone has its old name where an index or a record still tells it") {
+  TNtfsVolume volume;
+  volume.Folder({40, 2}, NtfsRoot, u"Holiday").Folder({45, 7}, NtfsRoot, u"Other");
+  volume.File({42, 2}, {40, 1}, u"gone.jpg", "old", false).File({43, 2}, {45, 3}, u"left.jpg", "old", false);
+  volume.File({44, 2}, {45, 4}, u"unknown.jpg", "old", false);
+  // In the free room of an index block of the root, with another use of the record before it.
+  TImage block(4096);
+  std::memcpy(block.data(), "INDX", 4);
+  const TImage other = TNtfsRecord::IndexEntry({40, 2}, NtfsRoot, u"Holiday");
+  const TImage entry = TNtfsRecord::IndexEntry({40, 1}, NtfsRoot, u"Secret");
+  std::copy(other.begin(), other.end(), block.begin() + 0x100);
+  std::copy(entry.begin(), entry.end(), block.begin() + 0x800);
+  volume.Fill(500, block);
+  volume.Record(5, TNtfsRecord({5, 5}, true).Name(NtfsRoot, u".").NonResident(0xA0, TNtfsPiece{{{500, 1}}, 4096}));
+  // And in what lies behind the attributes of a small folder's record.
+  volume.Record(50, TNtfsRecord({50, 1}, true)
+                        .Name(NtfsRoot, u"Small")
+                        .Leftover(TNtfsRecord::IndexEntry({45, 3}, {50, 1}, u"Old name")));
+  TAnalysedNtfs t(volume);
+  CHECK(t.Has("Lost and found/Secret/gone.jpg deleted"));
+  CHECK(t.Has("Lost and found/Old name/left.jpg deleted"));
+  CHECK(t.Has("Lost and found/Folder 45/unknown.jpg deleted"));
+  CHECK(t.Has("Holiday"));
+}
+
+TEST_CASE("NTFS: records with content and without a name are listed by number and type") {
+  const std::string picture = "\xFF\xD8\xFF\xE0 a picture by its first bytes, as long as it has them";
+  TNtfsVolume volume;
+  volume.Record(40, TNtfsRecord({40, 1}).Data(picture)).Record(41, TNtfsRecord({41, 2}, false, false).Data("plain"));
+  volume.Record(42, TNtfsRecord({42, 1}).Data(""));  // as records kept for later are
+  volume.Record(43, TNtfsRecord({43, 1}, true)).File({44, 1}, {43, 1}, u"f.txt", "x");
+  for (const bool thorough : {false, true}) {
+    CAPTURE(thorough);
+    TAnalysedNtfs t(volume, {}, thorough);
+    CHECK(t.Has("Lost and found/File 40.jpg"));
+    CHECK(t.Has("Lost and found/File 41 deleted"));
+    CHECK(t.Paths().find("File 42") == std::string::npos);
+    CHECK(t.Has("Lost and found/Folder 43/f.txt"));
+    CHECK(Text(t.Read(u"File 40.jpg").Bytes) == picture);
+  }
+}

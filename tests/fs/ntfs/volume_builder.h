@@ -111,31 +111,20 @@ class TNtfsRecord {
     }
     return Resident(0x20, list);
   }
-  /// An index of names with one entry, which may stand behind the index's end (as what was deleted does).
-  TNtfsRecord& Index(TNtfsReference child, TNtfsReference parent, const std::u16string& name, bool isFolder,
-                     bool deleted) {
-    const TImage key = NameValue(parent, name, 0, isFolder, 1);
-    const std::size_t entry = (0x10 + key.size() + 7) / 8 * 8;
-    TImage value(0x20 + 0x18 + entry + 0x18);
-    PutInto(value, 0, 4, 0x30);
-    PutInto(value, 8, 4, 4096);
-    PutInto(value, 0x10, 4, 0x10);
-    PutInto(value, 0x14, 4, deleted ? 0x28 : 0x10 + entry + 0x18);
-    PutInto(value, 0x18, 4, value.size() - 0x10);
-    std::size_t at = 0x20;
-    const auto putEnd = [&] {
-      PutInto(value, at + 8, 2, 0x18);
-      PutInto(value, at + 0x0C, 2, 2);
-      at += 0x18;
-    };
-    if (deleted) putEnd();
-    PutReferenceInto(value, at, child);
-    PutInto(value, at + 8, 2, entry);
-    PutInto(value, at + 0x0A, 2, key.size());
-    std::copy(key.begin(), key.end(), value.begin() + static_cast<std::ptrdiff_t>(at + 0x10));
-    at += entry;
-    if (!deleted) putEnd();
-    return Resident(0x90, value);
+  /// An entry of an index of names, in what of the record lies behind its attributes.
+  TNtfsRecord& Leftover(const TImage& entry) {
+    std::copy(entry.begin(), entry.end(), Bytes.begin() + static_cast<std::ptrdiff_t>(FEnd + 0x40));
+    return *this;
+  }
+  /// An entry for a folder in an index of names.
+  static TImage IndexEntry(TNtfsReference child, TNtfsReference parent, const std::u16string& name) {
+    const TImage key = NameValue(parent, name, 0, true, 1);
+    TImage entry((0x10 + key.size() + 7) / 8 * 8);
+    PutReferenceInto(entry, 0, child);
+    PutInto(entry, 8, 2, entry.size());
+    PutInto(entry, 0x0A, 2, key.size());
+    std::copy(key.begin(), key.end(), entry.begin() + 0x10);
+    return entry;
   }
 
   static void PutInto(TImage& image, std::size_t at, std::size_t size, std::uint64_t value) {
