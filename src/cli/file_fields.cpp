@@ -2,6 +2,10 @@
 #include "cli/file_fields.h"
 
 #include "analysis/analysis.h"
+#include "cli/file_id.h"
+#include "core/datetime.h"
+#include "core/drives.h"
+#include "core/engine.h"
 
 namespace brenlow::cli {
 namespace {
@@ -20,23 +24,53 @@ const char* PlaceName(TPlaceSource place) {
   return "";
 }
 
+/// A time as exactly as the source has it. FAT keeps local times without a zone, of the last access the
+/// date only; other systems keep UTC.
+std::string TimeField(bool isFAT, TDateTime time, bool isAccess = false) {
+  if (!isFAT) return IsoTimeWithOffset(time);
+  return isAccess ? IsoTime(time).substr(0, 10) : IsoTime(time);
+}
+
+bool IsFAT(TEngine& engine, int driveNumber) {
+  if (engine.Drives().IsWrongNumber(driveNumber)) return false;
+  const TFileSystem system = engine.Drives().List[static_cast<std::size_t>(driveNumber)].FileSystem;
+  return system == TFileSystem::fsFAT12 || system == TFileSystem::fsFAT16 || system == TFileSystem::fsFAT32;
+}
+
 }  // namespace
+
+const char* VirtualCode(const TFile& file) {
+  const TFileInfo& info = file.FileInfo;
+  if (!info.blnFolder) return "";
+  if (info.FirstCluster == SpecialCluster::LostAndFound) return "lost_and_found";
+  if (info.FirstCluster == SpecialCluster::NTFSSystemData) return "system_data";
+  if (info.FirstCluster == SpecialCluster::DeepAnalyse) return "deep_analysis";
+  if (info.aDeepAnalyse || file.ParentCluster == SpecialCluster::DeepAnalyse) return "deep_type";
+  return file.ParentCluster == SpecialCluster::LostAndFound && info.FirstSector < 0 ? "lost_folder" : "";
+}
 
 TJsonLine FileFields(TEngine& engine, const TTreeEntry& entry) {
   const TFileInfo& info = entry.File->FileInfo;
+  const std::string code = VirtualCode(*entry.File);
+  const bool isFAT = IsFAT(engine, info.aDriveNumber);
+  // Such folders bear the time of the analysis.
+  const TTimeStamp times = code.empty() ? info.TimeStamp : TTimeStamp();
   TJsonLine line;
-  line.Text("path", entry.Path)
+  line.Text("id", FileIdText(FileId(engine, *entry.File)))
+      .Path("path", entry.Path)
       .Text("name", info.strName)
       .Number("size", info.aSize)
       .Flag("folder", info.blnFolder)
+      .TextOrNull("virtual", code)
       .Flag("deleted", entry.Deleted())
+      .Flag("overwritten", entry.Deleted() && IsOverwritten(engine, *entry.File))
       .Flag("deep", info.aDeepAnalyse)
       .Flag("compressed", info.Atributes.blnCompressed)
       .Flag("encrypted", info.Atributes.blnEncrypted)
       .Number("drive", info.aDriveNumber + 1)
-      .TextOrNull("created", IsoTime(info.TimeStamp.dtCreated))
-      .TextOrNull("modified", IsoTime(info.TimeStamp.dtModified))
-      .TextOrNull("accessed", IsoTime(info.TimeStamp.dtAccessed))
+      .TextOrNull("created", TimeField(isFAT, times.dtCreated))
+      .TextOrNull("modified", TimeField(isFAT, times.dtModified))
+      .TextOrNull("accessed", TimeField(isFAT, times.dtAccessed, true))
       .Number("first_cluster", info.FirstCluster)
       .Text("place", std::string(PlaceName(PlaceOf(engine, *entry.File))));
   return line;

@@ -9,4 +9,8 @@ namespace brenlow::cli {
 /// The fields of one file or folder in JSON output.
 TJsonLine FileFields(TEngine& engine, const TTreeEntry& entry);
 
+/// What a folder that is not on the source stands for, the same in every language; empty for all
+/// others.
+const char* VirtualCode(const TFile& file);
+
 }  // namespace brenlow::cli

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "cli/file_id.h"
 #include "core/datetime.h"
 #include "core/language.h"
 
@@ -30,6 +31,8 @@ struct TOptions {
   std::int64_t MaxSize = -1;
   TDateTime Newer = 0;  ///< modified at that time or later; 0 when not given
   TDateTime Older = 0;  ///< modified before that time
+  bool ByIds = false;   ///< only what `Ids` names
+  TFileIds Ids;
   std::string Out;
   bool Json = false;
   bool Tree = false;

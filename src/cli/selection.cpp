@@ -35,7 +35,9 @@ TSelection::TSelection(const TOptions& options)
       FMinSize(options.MinSize),
       FMaxSize(options.MaxSize),
       FNewer(options.Newer),
-      FOlder(options.Older) {
+      FOlder(options.Older),
+      FByIds(options.ByIds),
+      FIds(options.Ids) {
   FFilter.Existing = options.Existing || !options.Deleted;
   FFilter.Deleted = options.Deleted || !options.Existing;
   FFilter.AllFiles = options.Kinds.empty();
@@ -80,26 +82,37 @@ bool TSelection::PassesFilter(TEngine& engine, int fileNumber, bool parentDelete
   return engine.Files().IsFiltered(fileNumber, parentDeleted, FFilter);
 }
 
-/// Passes on to another visitor what is wanted. An excluded folder is left out with all below it.
+/// Passes on to another visitor what is wanted. An excluded folder is left out with all below it, a
+/// folder named by its id taken with all below it.
 class TSelection::TSieve final : public ITreeVisitor {
  public:
   TSieve(const TSelection& selection, TEngine& engine, ITreeVisitor& visitor)
       : FSelection(selection), FEngine(engine), FVisitor(visitor) {}
   bool File(const TTreeEntry& entry) override { return !IsWanted(entry) || FVisitor.File(entry); }
   bool EnterFolder(const TTreeEntry& entry) override {
+    if (FNamedDepth < 0 && IsNamed(entry)) FNamedDepth = entry.Depth;
     const bool wanted = IsWanted(entry);
     if (FExcludedDepth < 0 && IsExcluded(entry)) FExcludedDepth = entry.Depth;
     return !wanted || FVisitor.EnterFolder(entry);
   }
   void LeaveFolder(const TTreeEntry& entry) override {
     if (FExcludedDepth == entry.Depth) FExcludedDepth = -1;
+    if (FNamedDepth == entry.Depth) FNamedDepth = -1;
   }
 
  private:
+  bool IsNamed(const TTreeEntry& entry) const {
+    if (!FSelection.FByIds) return false;
+    const TFileId id = FileId(FEngine, *entry.File);
+    const bool named = FSelection.FIds.contains(id);
+    if (named) FSelection.FMetIds.insert(id);
+    return named;
+  }
   bool IsExcluded(const TTreeEntry& entry) const {
     return !FSelection.FExcludes.empty() && FitsOneOf(FSelection.FExcludes, ToUtf8(entry.Path));
   }
   bool IsWanted(const TTreeEntry& entry) const {
+    if (FSelection.FByIds && !IsNamed(entry) && FNamedDepth < 0) return false;
     if (FExcludedDepth >= 0 || !FSelection.PassesFilter(FEngine, entry.FileNumber, entry.ParentDeleted)) return false;
     if (!FSelection.FPaths.empty() && !FitsOneOf(FSelection.FPaths, ToUtf8(entry.Path))) return false;
     return !IsExcluded(entry);
@@ -108,6 +121,7 @@ class TSelection::TSieve final : public ITreeVisitor {
   const TSelection& FSelection;
   TEngine& FEngine;
   ITreeVisitor& FVisitor;
+  int FNamedDepth = -1;     // of the folder named by its id in whose content the walk is; -1 when in none
   int FExcludedDepth = -1;  // of the folder in whose content the walk is; -1 when in none
 };
 

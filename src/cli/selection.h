@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "analysis/tree_walk.h"
+#include "cli/file_id.h"
 #include "cli/options.h"
 #include "core/file_records.h"
 
@@ -24,12 +25,14 @@ class TSelection {
   /// Whether files with the extension of this name are wanted.
   bool WantsType(TStringView name) const;
   const TFileFilter& Filter() const { return FFilter; }
+  /// How many of the ids asked for no walk has met.
+  std::int64_t MissingIds() const { return static_cast<std::int64_t>(FIds.size() - FMetIds.size()); }
   /// Lets a recovery of these drives take the same entries.
   void ApplyTo(TRecoveryMasterLink& link, TEngine& engine, const TIntegerDynArray& drives) const;
 
  private:
   class TSieve;
-  bool NeedsWalk() const { return !FPaths.empty() || !FExcludes.empty(); }
+  bool NeedsWalk() const { return !FPaths.empty() || !FExcludes.empty() || FByIds; }
   bool NarrowsFiles() const;
   bool PassesFilter(TEngine& engine, int fileNumber, bool parentDeleted) const;
   bool FitsSizeAndTime(const TFileInfo& info) const;
@@ -42,6 +45,9 @@ class TSelection {
   TDateTime FNewer;
   TDateTime FOlder;
   TFileFilter FFilter;
+  bool FByIds;
+  TFileIds FIds;
+  mutable TFileIds FMetIds;
 };
 
 }  // namespace brenlow::cli

@@ -98,6 +98,12 @@ void AddFilterOptions(CLI::App& verb, TOptions& options) {
   AddValueOption(verb, "--older", options.Older, ParseTime, TText::WrongTime, options)
       ->description(texts.Utf8(TText::HelpOlder))
       ->type_name("TIME");
+  const auto readIds = [&options](const std::string& path) {
+    const std::string complaint = ReadFileIds(options.Texts, path, options.Ids);
+    if (!complaint.empty()) throw CLI::ValidationError("--id", complaint);
+    options.ByIds = true;
+  };
+  verb.add_option_function<std::string>("--id", readIds, texts.Utf8(TText::HelpId))->type_name("FILE");
   CLI::Option* deep = verb.add_flag("--deep", options.Deep, texts.Utf8(TText::HelpDeep));
   verb.add_flag("--fast-off", options.FastOff, texts.Utf8(TText::HelpFastOff))->needs(deep);
   verb.add_option("--lost-folders", options.LostFolders, texts.Utf8(TText::HelpLostFolders))
