@@ -148,7 +148,7 @@ int ListDrives(const TOptions& options) {
   }
   int status = AllDone;
   for (const std::string& source : options.Sources) {
-    if (MountSource(engine, source) < 0) status = WrongUsage;
+    if (MountSource(engine, options, source) < 0) status = WrongUsage;
   }
   if (status != AllDone && engine.Drives().List.empty()) return status;
   PrintDriveRows(engine, options);
@@ -160,7 +160,7 @@ void AddInfoOptions(CLI::App& verb, TOptions& options) { AddSourceOption(verb, o
 int ShowInfo(const TOptions& options) {
   TEngine engine;
   ApplyOptions(engine, options);
-  if (MountSource(engine, options.Source()) < 0) return WrongUsage;
+  if (MountSource(engine, options, options.Source()) < 0) return WrongUsage;
   if (options.Drive != 0 && engine.Drives().IsWrongNumber(options.Drive - 1)) {
     Complain(NoSuchDrive(options));
     return WrongUsage;

@@ -72,7 +72,7 @@ void AddFindOptions(CLI::App& verb, TOptions& options) {
 int FindPartitions(const TOptions& options) {
   TEngine engine;
   ApplyOptions(engine, options);
-  if (MountSource(engine, options.Source(), options.Map) < 0) return WrongUsage;
+  if (MountSource(engine, options, options.Source(), options.Map) < 0) return WrongUsage;
   TOptions whole = options;
   // The quick search takes a range of a drive, the thorough one a drive.
   if (!options.Scan) whole.First = whole.Count = -1;

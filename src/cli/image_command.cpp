@@ -88,7 +88,7 @@ void AddImageOptions(CLI::App& verb, TOptions& options) {
 int CreateImage(const TOptions& options) {
   TEngine engine;
   ApplyOptions(engine, options);
-  const int source = MountSource(engine, options.Source());
+  const int source = MountSource(engine, options, options.Source());
   if (source < 0) return WrongUsage;
   if (const int status = CheckTarget(engine, options); status != 0) return status;
   const int number = ChosenDrive(engine, options);

@@ -145,6 +145,13 @@ std::string VolumeTitle(const TLanguage& texts, const TDriveInfo& drive, int num
   return texts.Utf8(TText::ListTitle, {std::to_string(number + 1), SystemName(drive), label, size});
 }
 
+std::string SumText(const TLanguage& texts, const TListing& listing) {
+  const TText folders = listing.Folders == 1 ? TText::InFoldersOne : TText::InFoldersMany;
+  return texts.Utf8(TText::ListSum,
+                    {FilesText(texts, listing.Files), texts.Utf8(folders, {std::to_string(listing.Folders)}),
+                     SizeText(listing.Bytes), FilesText(texts, listing.Deleted)});
+}
+
 }  // namespace
 
 void AddListOptions(CLI::App& verb, TOptions& options) {
@@ -159,7 +166,7 @@ void AddListOptions(CLI::App& verb, TOptions& options) {
 int ListFiles(const TOptions& options) {
   TEngine engine;
   ApplyOptions(engine, options);
-  if (MountSource(engine, options.Source(), options.Map) < 0) return WrongUsage;
+  if (MountSource(engine, options, options.Source(), options.Map) < 0) return WrongUsage;
   TProgressLine progress(options);
   const TAnalysed analysed = Analyse(engine, options, progress);
   if (analysed.Drives.empty()) return analysed.WrongDrive ? WrongUsage : DoneWithFailures;
@@ -172,9 +179,7 @@ int ListFiles(const TOptions& options) {
     selection.Walk(engine, number, listing);
     listed += listing.Files + listing.Folders;
     if (!options.Json) {
-      output.Write(options.Texts.Utf8(TText::ListSum, {std::to_string(listing.Files), std::to_string(listing.Folders),
-                                                       SizeText(listing.Bytes), std::to_string(listing.Deleted)}) +
-                   "\n\n");
+      output.Write(SumText(options.Texts, listing) + "\n\n");
     }
   }
   if (TStopKey::Pressed()) {
@@ -187,7 +192,9 @@ int ListFiles(const TOptions& options) {
     ComplainOfNothing(engine, options, analysed.Drives);
     return DoneWithFailures;
   }
-  return analysed.AllReadable ? AllDone : DoneWithFailures;
+  const std::int64_t missingIds = selection.MissingIds();
+  if (missingIds > 0) Complain(options.Texts.Utf8(TText::MissingIds, {std::to_string(missingIds)}));
+  return analysed.AllReadable && missingIds == 0 ? AllDone : DoneWithFailures;
 }
 
 }  // namespace brenlow::cli

@@ -31,7 +31,8 @@ struct TOptions {
   std::int64_t MaxSize = -1;
   TDateTime Newer = 0;  ///< modified at that time or later; 0 when not given
   TDateTime Older = 0;  ///< modified before that time
-  bool ByIds = false;   ///< only what `Ids` names
+  bool DryRun = false;
+  bool ByIds = false;  ///< only what `Ids` names
   TFileIds Ids;
   std::string Out;
   bool Json = false;

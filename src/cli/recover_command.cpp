@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 
 #include "analysis/files.h"
 #include "cli/commands.h"
 #include "cli/file_fields.h"
 #include "cli/findings.h"
+#include "cli/outcome_lines.h"
 #include "cli/selection.h"
 #include "cli/session.h"
 #include "cli/verb_options.h"
@@ -16,6 +16,7 @@
 #include "core/text.h"
 #include "recovery/master_link.h"
 #include "recovery/questions.h"
+#include "recovery/recovery_master.h"
 #include "recovery/save_progress.h"
 
 namespace brenlow::cli {
@@ -48,30 +49,12 @@ TRecoveryOptions RecoveryOptions(const TOptions& options) {
   result.CanReplaceSymbols = true;
   result.UnknownSymbols = FromUtf8(options.ReplaceSymbols);
   result.NumberDoubles = true;
-  result.Digests = !options.Report.empty();
+  result.Digests = options.Json || !options.Report.empty();
   if (options.Streams == "files") result.Streams = TStreamMode::Files;
   if (options.Streams == "xattr") result.Streams = TStreamMode::Attributes;
   if (options.LongPaths == "keep") result.LongPaths = TLongPaths::Keep;
   if (options.LongPaths == "shorten") result.LongPaths = TLongPaths::Shorten;
   return result;
-}
-
-const char* OutcomeName(TOutcome outcome) {
-  switch (outcome) {
-    case TOutcome::Whole:
-      return "whole";
-    case TOutcome::Short:
-      return "short";
-    case TOutcome::Unreadable:
-      return "unreadable";
-    case TOutcome::Doubtful:
-      return "doubtful";
-    case TOutcome::Failed:
-      return "failed";
-    case TOutcome::Skipped:
-      return "skipped";
-  }
-  return "";
 }
 
 std::string FaultText(const TLanguage& texts, const TFileOutcome& fault) {
@@ -90,65 +73,6 @@ std::string FaultText(const TLanguage& texts, const TFileOutcome& fault) {
   }
 }
 
-/// One line of JSON for each file: on standard output, and with a digest in the report.
-class TOutcomeLines {
- public:
-  TOutcomeLines(TEngine& engine, const TRecoveryMasterLink& link, const TOptions& options)
-      : FEngine(engine), FLink(link), FOptions(options) {}
-
-  /// 0, or the errno.
-  int OpenReport() {
-    if (FOptions.Report.empty()) return 0;
-    FReport.open(FOptions.Report, std::ios::binary | std::ios::trunc);
-    return FReport ? 0 : errno;
-  }
-  void Write(const TFileOutcome& outcome, bool parentDeleted) {
-    if (!FOptions.Json && FOptions.Report.empty()) return;
-    TString path;
-    for (const TString& folder : FLink.GetFilePath(outcome.FileNumber)) path += folder + u'/';
-    path += FLink.GetFileName(outcome.FileNumber);
-    if (FOptions.Json) {
-      const TFile& file = FEngine.Files().List[static_cast<std::size_t>(outcome.FileNumber)];
-      const TTreeEntry entry{outcome.FileNumber, &file, path, 0, parentDeleted};
-      FOutput.Write(FileFields(FEngine, entry)
-                        .Text("target", outcome.Path)
-                        .Text("outcome", std::string(OutcomeName(outcome.Outcome)))
-                        .Take());
-    }
-    if (!FOptions.Report.empty()) FReport << ReportLine(outcome, path, parentDeleted);
-  }
-  void FlushIfDue() { FOutput.FlushIfDue(); }
-  /// False when the report could not be written.
-  bool Close() {
-    FOutput.Flush();
-    if (FOptions.Report.empty()) return true;
-    FReport.close();
-    return !FReport.fail();
-  }
-
- private:
-  std::string ReportLine(const TFileOutcome& outcome, const TString& path, bool parentDeleted) const {
-    TJsonLine line;
-    line.Number("drive", FLink.GetFileDriveNumber(outcome.FileNumber) + 1)
-        .Text("path", path)
-        .Text("target", outcome.Path)
-        .Text("outcome", std::string(OutcomeName(outcome.Outcome)))
-        .Flag("deleted", parentDeleted || FLink.GetFileDeleted(outcome.FileNumber))
-        .Number("size", outcome.Listed)
-        .Number("written", outcome.Written)
-        .TextOrNull("sha256", outcome.Digest);
-    const bool failed = outcome.Outcome == TOutcome::Failed;
-    line.TextOrNull("error", failed ? SystemErrorText(TLanguage::English(), outcome.SystemError) : "");
-    return line.Take();
-  }
-
-  TEngine& FEngine;
-  const TRecoveryMasterLink& FLink;
-  const TOptions& FOptions;
-  TOutput FOutput;
-  std::ofstream FReport;
-};
-
 void PrintFaults(std::FILE* out, const TLanguage& texts, const TRecoverySummary& summary) {
   const std::int64_t count = summary.FaultCount();
   if (count == 0) return;
@@ -166,11 +90,14 @@ void PrintSummary(const TRecoverySummary& summary, std::int64_t wanted, const TO
   const TLanguage& texts = options.Texts;
   std::FILE* out = options.Json ? stderr : stdout;
   const auto line = [out](const std::string& text) { std::fprintf(out, "%s\n", text.c_str()); };
-  line(
-      texts.Utf8(TText::SumRecovered, {std::to_string(summary.Whole), FilesText(texts, wanted), SizeText(summary.Bytes),
-                                       Printable(options.Out), std::to_string(summary.DeletedFiles)}));
-  if (summary.Overwritten > 0) line(texts.Utf8(TText::SumOverwritten, {FilesText(texts, summary.Overwritten)}));
-  if (summary.Skipped > 0) line(texts.Utf8(TText::SumSkipped, {FilesText(texts, summary.Skipped)}));
+  const auto counted = [&](std::int64_t count, TText text) {
+    if (count > 0) line(texts.Utf8(text, {FilesText(texts, count)}));
+  };
+  line(texts.Utf8(TText::SumRecovered, {std::to_string(summary.Whole), FilesText(texts, wanted),
+                                        SizeText(summary.Bytes), Printable(options.Out)}));
+  counted(summary.DeletedFiles, TText::SumDeleted);
+  counted(summary.Overwritten, TText::SumOverwritten);
+  counted(summary.Skipped, TText::SumSkipped);
   if (summary.StreamsLeft > 0) {
     line(texts.Utf8(summary.StreamsLeft == 1 ? TText::SumStreamsOne : TText::SumStreamsMany,
                     {std::to_string(summary.StreamsLeft)}));
@@ -211,6 +138,17 @@ TOperation<void(TSelectedFiles&, const TFileFilter&)> TopOf(TEngine& engine, int
   return operation;
 }
 
+std::string FreeText(const TOptions& options) {
+  const std::int64_t free = FreeSpaceOf(options.Out);
+  return free < 0 ? "?" : SizeText(free);
+}
+
+/// A line for people: on standard output, unless that is for JSON.
+void Say(const TOptions& options, const std::string& text) {
+  std::fprintf(options.Json ? stderr : stdout, "%s\n", Printable(text).c_str());
+  std::fflush(options.Json ? stderr : stdout);
+}
+
 int ComplainOf(const TOptions& options, const std::string& path, int error) {
   Complain(options.Texts.Utf8(TText::ErrorOf, {path, SystemErrorText(options.Texts, error)}));
   return WrongUsage;
@@ -221,6 +159,59 @@ std::string CheckReplacement(const std::string& text) {
   const TString character = FromUtf8(text);
   const bool fits = character.size() == 1 && character[0] >= u' ' && TFiles::RightName(character) == 0;
   return fits ? "" : "one character, none of \\ / : * ? \" < > |";
+}
+
+/// Opens the target and the report, so that a wrong one costs no scan, and says what room there is.
+/// 0, or the exit status.
+int OpenTarget(const TOptions& options, TfrmSaveProgress& recovery, TOutcomeLines& lines) {
+  if (options.DryRun) return 0;
+  if (const int error = recovery.PrepareInfo(); error != 0) return ComplainOf(options, options.Out, error);
+  if (const int error = lines.OpenReport(); error != 0) return ComplainOf(options, options.Report, error);
+  Say(options, options.Texts.Utf8(TText::TargetReady, {options.Out, FreeText(options)}));
+  return 0;
+}
+
+/// Whether everything selected has room on the target; complains when it has not.
+bool HasRoom(const TOptions& options, const TfrmSaveProgress& recovery) {
+  const std::int64_t free = FreeSpaceOf(options.Out);
+  if (free < 0 || recovery.RecoverySize <= free) return true;
+  Complain(options.Texts.Utf8(TText::TooLittleRoom, {SizeText(recovery.RecoverySize), SizeText(free)}));
+  return false;
+}
+
+/// Prints the files that a recovery would write.
+class TPlan final : public ITreeVisitor {
+ public:
+  TPlan(TEngine& engine, TOutput& output) : FEngine(engine), FOutput(output) {}
+  bool File(const TTreeEntry& entry) override {
+    FOutput.Write(FileFields(FEngine, entry).Text("outcome", std::string("planned")).Take());
+    return true;
+  }
+  bool EnterFolder(const TTreeEntry&) override { return true; }
+  void LeaveFolder(const TTreeEntry&) override {}
+
+ private:
+  TEngine& FEngine;
+  TOutput& FOutput;
+};
+
+/// Says what a recovery would do, and writes nothing.
+int TellPlan(TEngine& engine, const TOptions& options, const TSelection& selection, const TIntegerDynArray& drives,
+             const TfrmSaveProgress& recovery) {
+  if (options.Json) {
+    TOutput output;
+    TPlan plan(engine, output);
+    for (const int number : drives) selection.Walk(engine, number, plan);
+  }
+  Say(options, options.Texts.Utf8(TText::DryRun, {FilesText(options.Texts, recovery.RecoveryFiles),
+                                                  SizeText(recovery.RecoverySize), options.Out, FreeText(options)}));
+  return HasRoom(options, recovery) ? AllDone : DoneWithFailures;
+}
+
+/// The folder of the target for the files of one of several drives.
+TString FolderOf(TEngine& engine, int number) {
+  const TString& name = Drive(engine, number).VolumeName;
+  return NumberText(number + 1) + u" " + (name.empty() ? engine.Language()[TText::Volume] : name);
 }
 
 }  // namespace
@@ -247,6 +238,7 @@ void AddRecoverOptions(CLI::App& verb, TOptions& options) {
   choice("--candidates", options.Candidates, TText::HelpCandidates, {"first", "all"});
   choice("--streams", options.Streams, TText::HelpStreams, {"none", "files", "xattr"});
   choice("--long-paths", options.LongPaths, TText::HelpLongPaths, {"auto", "keep", "shorten"});
+  verb.add_flag("--dry-run", options.DryRun, texts.Utf8(TText::HelpDryRun));
   verb.add_flag("--recover-found", options.RecoverFound, texts.Utf8(TText::HelpRecoverFound));
   verb.add_option("--report", options.Report, texts.Utf8(TText::HelpReport))->type_name("FILE");
 }
@@ -254,8 +246,13 @@ void AddRecoverOptions(CLI::App& verb, TOptions& options) {
 int RecoverFiles(const TOptions& options) {
   TEngine engine;
   ApplyOptions(engine, options);
-  if (MountSource(engine, options.Source(), options.Map) < 0) return WrongUsage;
+  if (MountSource(engine, options, options.Source(), options.Map) < 0) return WrongUsage;
   if (const int status = CheckTarget(engine, options); status != 0) return status;
+  TOptionAnswers answers(options);
+  TRecoveryMasterLink link(engine);
+  TfrmSaveProgress recovery(engine, link, RecoveryOptions(options), &answers);
+  TOutcomeLines lines(engine, link, options);
+  if (const int status = OpenTarget(options, recovery, lines); status != 0) return status;
   TProgressLine progress(options);
   const TAnalysed analysed = Analyse(engine, options, progress);
   if (analysed.Drives.empty()) return analysed.WrongDrive ? WrongUsage : DoneWithFailures;
@@ -267,23 +264,22 @@ int RecoverFiles(const TOptions& options) {
   }
 
   const TSelection selection(options);
-  TOptionAnswers answers(options);
-  TRecoveryMasterLink link(engine);
   selection.ApplyTo(link, engine, analysed.Drives);
-  TfrmSaveProgress recovery(engine, link, RecoveryOptions(options), &answers);
   recovery.Filter = selection.Filter();
-  if (const int error = recovery.PrepareInfo(); error != 0) return ComplainOf(options, options.Out, error);
-  TOutcomeLines lines(engine, link, options);
-  if (const int error = lines.OpenReport(); error != 0) return ComplainOf(options, options.Report, error);
   for (const int number : analysed.Drives) {
     link.GetSelectedFiles = TopOf(engine, number);
     recovery.PrepareRecovery(false);
   }
+  const std::int64_t missingIds = selection.MissingIds();
+  if (missingIds > 0) Complain(options.Texts.Utf8(TText::MissingIds, {std::to_string(missingIds)}));
   const bool nothing = recovery.RecoveryFiles == 0 || CountFiles(engine, analysed.Drives) == 0;
   if (nothing && !scanStopped) {
     ComplainOfNothing(engine, options, analysed.Drives);
+    lines.WriteSummary(recovery.Summary(), 0, false);
     return DoneWithFailures;
   }
+  if (options.DryRun) return TellPlan(engine, options, selection, analysed.Drives, recovery);
+  HasRoom(options, recovery);
   progress.Begin(options.Texts.Utf8(TText::RecoveringFiles));
   const TStopKey stop(engine);
   bool isStopTold = false;
@@ -305,25 +301,22 @@ int RecoverFiles(const TOptions& options) {
   engine.Recovering = true;
   for (const int number : analysed.Drives) {
     if (!engine.Recovering) break;
-    TString subfolder;
-    if (analysed.Drives.size() > 1) {
-      const TString& name = Drive(engine, number).VolumeName;
-      subfolder = NumberText(number + 1) + u" " + (name.empty() ? engine.Language()[TText::Volume] : name);
-    }
     link.GetSelectedFiles = TopOf(engine, number);
-    recovery.Recovery(false, subfolder);
+    recovery.Recovery(false, analysed.Drives.size() > 1 ? FolderOf(engine, number) : TString());
   }
   engine.Recovering = false;
   engine.OnPump = nullptr;
   recovery.CloseInfo();
   progress.Clear();
-  const bool reported = lines.Close();
   const TRecoverySummary& summary = recovery.Summary();
   const bool stopped = scanStopped || summary.Stopped;
+  lines.WriteSummary(summary, recovery.RecoveryFiles, stopped);
+  const int reportError = lines.Close();
   PrintSummary(summary, recovery.RecoveryFiles, options, stopped);
-  if (!reported) ComplainOf(options, options.Report, EIO);
+  if (reportError != 0) ComplainOf(options, options.Report, reportError);
   if (stopped) return TStopKey::Pressed() ? TStopKey::Status() : scanStatus;
-  const bool sound = summary.FaultCount() == 0 && summary.StreamsFailed == 0 && analysed.AllReadable && reported;
+  const bool sound = summary.FaultCount() == 0 && summary.StreamsFailed == 0 && analysed.AllReadable &&
+                     reportError == 0 && missingIds == 0;
   return sound ? AllDone : DoneWithFailures;
 }
 

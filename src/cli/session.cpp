@@ -22,12 +22,12 @@ namespace brenlow::cli {
 namespace {
 
 /// Puts the source with its map in place of the source alone.
-bool InsertWithMap(TEngine& engine, const std::string& source, const std::string& map) {
+bool InsertWithMap(TEngine& engine, const TOptions& options, const std::string& source, const std::string& map) {
   TRescueMap ranges(0);
   TOpenedDevice opened = OpenSource(source);
   if (!opened.Device) return true;  // mounting tells why
   if (TRescueMap::Load(map, ranges) != 0 || ranges.Size() != opened.Device->Size()) {
-    Complain(engine.Language().Utf8(TText::ImageMapWrong, {map}));
+    Complain(options.Texts.Utf8(TText::ImageMapWrong, {map}));
     return false;
   }
   engine.Devices().Insert(SourceKey(source), WithRescueMap(std::move(opened.Device), std::move(ranges)));
@@ -35,15 +35,22 @@ bool InsertWithMap(TEngine& engine, const std::string& source, const std::string
 }
 
 /// Tells of volumes whose file system could not be read after all.
-bool IsReadable(TEngine& engine, int number) {
+bool IsReadable(TEngine& engine, const TOptions& options, int number) {
   const TDriveInfo& drive = Drive(engine, number);
   if (drive.Analysed == TAnalyseInformation::aiFull || TStopKey::Pressed()) return true;
-  Complain(engine.Language().Utf8(TText::VolumeDamaged,
-                                  {std::to_string(number + 1), SystemName(drive), SizeText(SizeOf(drive))}));
+  Complain(options.Texts.Utf8(TText::VolumeDamaged,
+                              {std::to_string(number + 1), SystemName(drive), SizeText(SizeOf(drive))}));
   return false;
 }
 
 }  // namespace
+
+bool IsSamePath(const std::string& a, const std::string& b) {
+  if (a.empty() || b.empty()) return false;
+  std::error_code error;
+  if (std::filesystem::equivalent(a, b, error)) return true;
+  return std::filesystem::weakly_canonical(a, error) == std::filesystem::weakly_canonical(b, error);
+}
 
 int ChosenDrive(TEngine& engine, const TOptions& options) {
   const int number = std::max(options.Drive - 1, 0);
@@ -62,11 +69,11 @@ int ChosenDrive(TEngine& engine, const TOptions& options) {
   return engine.Drives().CreateVirtual(number, drive.FirstSector + first, count);
 }
 
-int MountSource(TEngine& engine, const std::string& source, const std::string& map) {
+int MountSource(TEngine& engine, const TOptions& options, const std::string& source, const std::string& map) {
   TMountFailure failure;
-  if (!map.empty() && !InsertWithMap(engine, source, map)) return -1;
+  if (!map.empty() && !InsertWithMap(engine, options, source, map)) return -1;
   const int number = engine.Drives().Mount(SourceKey(source), false, &failure);
-  if (number < 0) Complain(MountComplaint(engine.Language(), source, failure));
+  if (number < 0) Complain(MountComplaint(options.Texts, source, failure));
   return number;
 }
 
@@ -75,7 +82,8 @@ std::string FilesText(const TLanguage& texts, std::int64_t count) {
 }
 
 void ApplyOptions(TEngine& engine, const TOptions& options) {
-  engine.ChangeLanguage(options.Texts);
+  // Names that the program gives are the same everywhere for whoever reads JSON.
+  if (!options.Json) engine.ChangeLanguage(options.Texts);
   TFAT& fat = engine.FAT();
   if (options.LostFolders == "never") fat.LostFolderSearch = TLostFolderSearch::Never;
   if (options.LostFolders == "always") fat.LostFolderSearch = TLostFolderSearch::Always;
@@ -191,14 +199,14 @@ class TScans {
       // Rights play no part once an image file is open: it is just empty.
       if (message.Id == TText::NothingFoundNoRights && isImage) return;
       FProgress.Clear();
-      Complain(ToUtf8(message.Text));
+      Complain(FOptions.Texts.Utf8(message.Id));
       FAnalysed.AllReadable = false;
     };
     engine.OnAnalyseProgress = [this](double position) { FPosition = position; };
     engine.OnPump = [this] {
       if (TStopKey::Pressed()) FEngine.StopScans();  // also where the signal came just before a scan
       FProgress.Show(FPosition, static_cast<std::int64_t>(FEngine.Reader().BytesRead() - FReadBefore),
-                     FilesText(FEngine.Language(), FEngine.Files().FoundCount));
+                     FilesText(FOptions.Texts, FEngine.Files().FoundCount));
     };
   }
   ~TScans() {
@@ -246,7 +254,7 @@ class TScans {
   void Begin(TText title, int number) {
     FPosition = 0;
     FReadBefore = FEngine.Reader().BytesRead();
-    FProgress.Begin(FEngine.Language().Utf8(title, {Printable(ToUtf8(Drive(FEngine, number).Caption))}));
+    FProgress.Begin(FOptions.Texts.Utf8(title, {Printable(ToUtf8(Drive(FEngine, number).Caption))}));
   }
 
   TEngine& FEngine;
@@ -273,7 +281,7 @@ TAnalysed Analyse(TEngine& engine, const TOptions& options, TProgressLine& progr
       if (TStopKey::Pressed()) break;
     }
     progress.Clear();
-    for (const int number : analysed.Drives) analysed.AllReadable &= IsReadable(engine, number);
+    for (const int number : analysed.Drives) analysed.AllReadable &= IsReadable(engine, options, number);
     if (options.Scan) {
       scans.Scan(deepDrive);
     } else if (options.Deep && !TStopKey::Pressed()) {

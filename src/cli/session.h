@@ -13,7 +13,9 @@ namespace brenlow::cli {
 
 /// Adds a source to the registry; -1 with a complaint when it cannot be read. `map`, when not empty,
 /// is the map file of an image: what was not read counts as unreadable.
-int MountSource(TEngine& engine, const std::string& source, const std::string& map = "");
+int MountSource(TEngine& engine, const TOptions& options, const std::string& source, const std::string& map = "");
+/// Whether two paths, of which either may be empty or not there yet, lead to one file.
+bool IsSamePath(const std::string& a, const std::string& b);
 /// The number of the drive that `--drive` and `--first` name, else of the source itself; -1 with a
 /// complaint when there is none.
 int ChosenDrive(TEngine& engine, const TOptions& options);

@@ -6,6 +6,7 @@
 namespace brenlow {
 
 std::string SizeText(std::int64_t bytes) {
+  if (bytes == 1) return "1 byte";
   if (bytes < 1024) return fmt::format("{} bytes", bytes);
   constexpr const char* units[] = {"KB", "MB", "GB", "TB", "PB", "EB"};
   double value = static_cast<double>(bytes) / 1024;
