@@ -44,6 +44,7 @@ class TPartitionSearch {
 
   void Begin() {
     FDrives.PartRecClearInfo(FMain);
+    FEngine.FAT().PartRecDoBeforeAnalyse();
     Drive(FMain).DeepAnalysed = TAnalyseInformation::aiPartial;
     if (FDeep) FEngine.AllFS().DoBeforeDeepAnalyse(FMain);
     if (Wants(TPartRecSystem::FAT)) FDrives.PartRecAddSubdrive(FMain, FDrives.PartRecInfo.DefaultFATSystem);
@@ -74,6 +75,8 @@ class TPartitionSearch {
       FEngine.Files().AddDeepAnalyseDir(FMain, false);
     }
     if (FEngine.Analysing) ConfirmSoundVolumes();
+    if (FEngine.Analysing && Wants(TPartRecSystem::FAT)) ConfirmVolumesOfTables();
+    FinishFATVolumes();
     if (FEngine.Analysing) TakeFromCandidates();
     PartRecDoAfterAnalyse();
     FDrives.UpdateSubDrivesCaptions(FMain);
@@ -203,6 +206,28 @@ class TPartitionSearch {
     }
   }
 
+  /// Volumes of a sound source do not overlap: a crafted one must not have the same place searched for each.
+  void FinishFATVolumes() {
+    constexpr std::int64_t mostTimes = 4;
+    std::int64_t searched = 0;
+    for (const int sub : Drive(FMain).SubDrives) {
+      if (!IsFAT(Drive(sub).FileSystem) || !Drive(sub).FATInfo.Walk) continue;
+      searched += Drive(sub).SectorsCount;
+      FEngine.FAT().PartRecFinishVolume(sub, searched <= mostTimes * FSectors);
+    }
+  }
+
+  /// FAT volumes without a boot sector of which too few folders were met to be sure.
+  void ConfirmVolumesOfTables() {
+    const auto isFree = [this](const TDriveInfo& volume) { return !IsCovered(volume); };
+    int count = FEngine.FAT().PartRecAddTableVolumes(FMain, isFree);
+    for (; count > 0; --count) {
+      const int target =
+          FDrives.PartRecDriveForFound(FMain, static_cast<int>(FDrives.PartRecInfo.FoundDrives.size()) - 1);
+      FEngine.FAT().PartRecAnalyseVolume(target, true);
+    }
+  }
+
   bool IsSound(const TDriveInfo& volume) {
     constexpr std::int64_t copyOfFAT32 = 6;  // sectors behind the start
     TByteDynArray boot(static_cast<std::size_t>(FSectorSize));
@@ -221,7 +246,7 @@ class TPartitionSearch {
     if (system == TFileSystem::fsNTFS) return ConfirmNTFS(found);
     const int target = FDrives.PartRecDriveForFound(FMain, found);
     if (target < 0) return false;
-    FEngine.FAT().PartRecWalkRoot(target);
+    FEngine.FAT().PartRecAnalyseVolume(target);
     FConfirmed.push_back(target);
     return true;
   }
@@ -231,7 +256,7 @@ class TPartitionSearch {
     const TIntegerDynArray& subs = Drive(FMain).SubDrives;
     return std::any_of(subs.begin(), subs.end(), [&](int sub) {
       const TDriveInfo& drive = Drive(sub);
-      const bool whole = drive.FirstSector == FFirst && drive.SectorsCount == FSectors;
+      const bool whole = drive.FirstSector == FFirst && drive.SectorsCount == FSectors && !drive.FATInfo.Walk;
       return !FDrives.IsEmpty(sub) && !whole && volume.FirstSector >= drive.FirstSector &&
              volume.FirstSector < drive.FirstSector + drive.SectorsCount;
     });

@@ -251,7 +251,6 @@ void TDrives::Delete(int number) {
   if (OnDeleted) OnDeleted(number);
 }
 
-/// A volume somewhere on a drive, with what does not depend on its place.
 TDriveInfo TDrives::PartOf(const TDriveInfo& parent) const {
   TDriveInfo drive;
   drive.Drive = parent.Drive;

@@ -175,6 +175,8 @@ class TDrives {
   int PartRecAddSubdrive(int parentDrive, TFileSystem fileSystem);
   /// The sub-drive that takes a found boot sector's values: the first empty one of its file system,
   /// or a new one; -1 when there is no such parent or found drive.
+  /// Whether the volume begins inside another one, known or found.
+  bool PartRecIsCovered(int number, const TDriveInfo& volume) const;
   int PartRecDriveForFound(int parentDrive, int foundDriveNumber);
   void PartRecApplyFoundDriveInfoToDrive(int driveNumber, int foundDriveNumber);
   /// Where the partition table says that a volume begins, it is tried as each format.
@@ -184,9 +186,10 @@ class TDrives {
   /// Closes sub-drives that end before the sector, or with `deleteNTFSTruncated` those of NTFS that
   /// no boot sector has confirmed; of each format one stays open.
   void PartRecCheckSubDrivesForEnd(std::int64_t sectorNumber, bool deleteNTFSTruncated);
+  /// A volume somewhere on a drive, with what does not depend on its place.
+  TDriveInfo PartOf(const TDriveInfo& parent) const;
 
  private:
-  TDriveInfo PartOf(const TDriveInfo& parent) const;
   void UpdateCaption(TDriveInfo& drive) const;
   bool HasType(int number, TDriveType type) const {
     return !IsWrongNumber(number) && List[static_cast<std::size_t>(number)].DriveTypes.Has(type);

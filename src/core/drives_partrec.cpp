@@ -57,7 +57,9 @@ int TDrives::PartRecAddSubdrive(int parentDrive, TFileSystem fileSystem) {
 int TDrives::PartRecEmptySubdrive(int parentDrive, TFileSystem fileSystem) const {
   for (const int sub : List[static_cast<std::size_t>(parentDrive)].SubDrives) {
     const TDriveInfo& drive = List[static_cast<std::size_t>(sub)];
-    if (drive.CanBeAnalysed && SameFamily(drive.FileSystem, fileSystem) && IsEmpty(sub)) return sub;
+    // A volume that was analysed is none, though it holds no file.
+    const bool isCandidate = drive.CanBeAnalysed && SameFamily(drive.FileSystem, fileSystem) && !drive.FATInfo.Walk;
+    if (isCandidate && IsEmpty(sub)) return sub;
   }
   return -1;
 }
@@ -128,6 +130,22 @@ bool TDrives::PartRecIsKnownStart(int number, std::int64_t firstSector, TFileSys
          });
 }
 
+bool TDrives::PartRecIsCovered(int number, const TDriveInfo& volume) const {
+  const TDriveInfo& main = List[static_cast<std::size_t>(number)];
+  const auto covers = [&](const TDriveInfo& drive) {
+    return drive.FirstSector < volume.FirstSector && volume.FirstSector < drive.FirstSector + drive.SectorsCount;
+  };
+  const auto isVolume = [&](int sub) {
+    // A candidate has the bounds of the whole drive, which says nothing.
+    const TDriveInfo& drive = List[static_cast<std::size_t>(sub)];
+    return drive.FATInfo.Walk ||
+           (!IsEmpty(sub) && (drive.FirstSector != main.FirstSector || drive.SectorsCount != main.SectorsCount));
+  };
+  return std::any_of(PartRecInfo.FoundDrives.begin(), PartRecInfo.FoundDrives.end(), covers) ||
+         std::any_of(main.SubDrives.begin(), main.SubDrives.end(),
+                     [&](int sub) { return isVolume(sub) && covers(List[static_cast<std::size_t>(sub)]); });
+}
+
 bool TDrives::PartRecCheckForNewPartition(int number, std::int64_t sectorNumber, std::span<const std::uint8_t> buffer) {
   if (PartRecInfo.FoundDrives.size() >= MostFoundDrives) return false;
   TFileSystem system = TFileSystem::fsUnknown;
@@ -144,7 +162,12 @@ bool TDrives::PartRecCheckForNewPartition(int number, std::int64_t sectorNumber,
     const bool oneSize = (ReadLe16(buffer, 0x13) != 0) != (ReadLe32(buffer, 0x20) != 0);
     if (!oneSize || PartRecIsKnownStart(number, volume.FirstSector - BackupOfFAT32, system)) return false;
   }
-  if (volume.SectorsCount * sectorSize <= LargestNoVolume || volume.SectorsCount > parent.SectorsCount) return false;
+  // A small volume must show more than its boot sector, and lie in no other one as an image in a file does.
+  const bool large = volume.SectorsCount * sectorSize > LargestNoVolume;
+  if (!large && (!IsFAT(system) || PartRecIsCovered(number, volume) || !FEngine.IsVolumeSound(volume, buffer))) {
+    return false;
+  }
+  if (volume.SectorsCount > parent.SectorsCount) return false;
   volume.aFreeSize = 0;  // counted when the volume is confirmed: that takes its whole table
   if (volume.FirstSector < parent.FirstSector || !FEngine.GetDriveInfo(volume, false)) return false;
   volume.aFreeSize = -1;

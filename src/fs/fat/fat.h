@@ -7,12 +7,14 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <span>
 
 #include "core/drive_records.h"
 #include "core/file_records.h"
 #include "core/types.h"
 #include "fs/fat/fat_entry.h"
+#include "fs/fat/fat_table_search.h"
 
 namespace brenlow {
 
@@ -46,8 +48,10 @@ class TFAT {
   bool IsVolumeSound(const TDriveInfo& volume, std::span<const std::uint8_t> boot);
   /// Reads the boot sector or its copy and fills `FATInfo`; `fillTable` asks for the table too.
   bool GetDriveInfo(TDriveInfo& drive, bool fillTable);
-  /// Loads table number `fatNumber` (from 0). Parts that cannot be read stay 0 (free).
-  void FillTable(const TDriveInfo& drive, TLongWordDynArray& table, int fatNumber);
+  /// Loads table number `fatNumber` (from 0); sectors that cannot be read come from the table after it.
+  /// Entries that neither gives stay 0 and are named in `unknown`.
+  void FillTable(const TDriveInfo& drive, TLongWordDynArray& table, int fatNumber,
+                 std::vector<fat::TClusterRange>* unknown = nullptr);
   bool IsClusterBad(const TDriveInfo& drive, std::uint32_t entry) const;
   bool IsClusterEOF(const TDriveInfo& drive, std::uint32_t entry) const;
 
@@ -68,16 +72,27 @@ class TFAT {
   void ChangeFileFirstCluster(TFileInfo& file);
   /// True for a deleted file whose first cluster belongs to something else by now.
   bool IsOverwritten(const TFile& file) const;
+  /// How it is known where the content lies: an estimate where the entries of an unreadable table or
+  /// the high half of a number had to be guessed.
+  TPlaceSource PlaceOf(const TFile& file) const;
 
   // ---- partition search ----
+  void PartRecDoBeforeAnalyse();
   void PartRecAnalyseSector(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
                             std::int64_t sectorNumber);
   void PartRecAnalyseForNewDrive(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
                                  std::int64_t sectorNumber);
-  /// Reads the geometry where a volume is known to begin. What the search meets there fills it.
+  /// Reads the geometry where a volume is known to begin, and the volume with it. Without a boot sector
+  /// what the search meets there fills it.
   void PartRecDriveAdded(int driveNumber);
-  /// The root of a volume that a found boot sector describes.
-  void PartRecWalkRoot(int driveNumber);
+  /// Analyses a volume whose geometry is known from its root. What the search meets later adds folders
+  /// that nothing leads to. `byTables`: it has no boot sector to read.
+  void PartRecAnalyseVolume(int driveNumber, bool byTables = false);
+  /// The pass is over. With `lostFolders` those of such a volume, as an analysis of it alone looks for them.
+  void PartRecFinishVolume(int driveNumber, bool lostFolders);
+  /// Volumes that only their tables and fewer than two folders speak for, as `FoundDrives`. `isFree`
+  /// tells whether no other volume lies there. Returns their count.
+  int PartRecAddTableVolumes(int driveNumber, const std::function<bool(const TDriveInfo&)>& isFree);
 
  private:
   bool IsTableStart(const TDriveInfo& volume, std::span<const std::uint8_t> boot, std::int64_t sector);
@@ -85,13 +100,31 @@ class TFAT {
   void ReadVolumeName(TDriveInfo& drive, std::span<const std::uint8_t> boot);
   void ReadFreeSize(TDriveInfo& drive);
   bool IsBlank(const TDriveInfo& drive, std::int64_t cluster);
-  void AddCandidates(TDriveInfo& drive, TFileInfo& file);
+  bool MayLackHighHalf(const TDriveInfo& drive, const TFileInfo& file) const;
+  bool IsStoredPlace(const TDriveInfo& drive, const TFileInfo& file) const;
+  bool IsHighPartUsed(const TDriveInfo& drive);
+  bool IsOnlyPlace(const TDriveInfo& drive, const TFileInfo& file);
+  bool AddCandidates(TDriveInfo& drive, TFileInfo& file);
+  void AddCandidatesBySignature(TDriveInfo& drive, TFileInfo& file, TStringView extension);
+  void AddCandidateBySpace(TDriveInfo& drive, TFileInfo& file);
+  void LoadTable(TDriveInfo& drive);
+  bool ReadRootLabel(TDriveInfo& drive);
+  bool IsKnownTable(int driveNumber, const fat::TTablePair& pair) const;
+  TDriveInfo VolumeOfTables(int driveNumber, const fat::TTablePair& pair, int sectorsPerCluster) const;
+  void AddFoundTables(int driveNumber, const fat::TTablePair& pair, int sectorsPerCluster, TPlaceSource source);
+  void VoteByRootFiles(int driveNumber, fat::TTablePair& pair);
+  int LargestFittingCluster(int driveNumber, const fat::TTablePair& pair) const;
+  void AnalyseSectorOfVolume(TDriveInfo& drive, int driveNumber, std::span<const std::uint8_t> bytes,
+                             std::int64_t sectorNumber);
+  void CountAgreeing(TDriveInfo& drive, int folders);
   void LearnClusterSize(TDriveInfo& drive, int driveNumber, std::span<const std::uint8_t> folder,
                         std::int64_t sectorNumber);
+  void StepOn(TDriveInfo& drive, const TFileInfo& file);
   void SeekCluster(TDriveInfo& drive, const TFileInfo& file, std::int64_t index);
 
   TEngine& FEngine;
   fat::TOemTable FOem = fat::CodePage437();
+  fat::TTableSearch FTables;
 };
 
 }  // namespace brenlow

@@ -56,6 +56,8 @@ struct TRun {
 
 std::uint32_t TFAT::GetNextRecoveryCluster(const TDriveInfo& drive, std::uint32_t cluster) {
   if (const std::uint32_t next = NextCluster(drive, cluster); next != 0) return next;
+  // Most files lie in one piece.
+  if (IsUnknown(drive, cluster) && IsInside(drive, cluster + 1)) return cluster + 1;
   FEngine.Pump();
   const auto highest = static_cast<std::uint32_t>(ClusterRoom(drive) + 2);
   const std::uint32_t start = cluster + 1 > highest || cluster + 1 < 2 ? 2 : cluster + 1;
@@ -67,17 +69,27 @@ std::uint32_t TFAT::GetNextRecoveryCluster(const TDriveInfo& drive, std::uint32_
   return std::min(NextFree(drive.FATInfo, 2), stop);
 }
 
+/// Moves the read position of the drive one cluster on. A step that no entry of the table names is a
+/// guess: in a live file always, in a deleted one where it leaves the row of free clusters.
+void TFAT::StepOn(TDriveInfo& drive, const TFileInfo& file) {
+  TFATInfo::TReadPosition& position = drive.FATInfo.ReadPosition;
+  const std::uint32_t from = position.Cluster;
+  position.Cluster = GetNextRecoveryCluster(drive, from);
+  ++position.Index;
+  if (NextCluster(drive, from) != 0 || drive.FATInfo.FATTable.empty()) return;
+  const bool follows = position.Cluster == from + 1 && !IsUnknown(drive, from) && !IsUnknown(drive, from + 1);
+  position.Estimated = position.Estimated || !file.blnDeleted || !follows;
+}
+
 /// Moves the read position of the drive to cluster `index` of the file.
 void TFAT::SeekCluster(TDriveInfo& drive, const TFileInfo& file, std::int64_t index) {
   TFATInfo::TReadPosition& position = drive.FATInfo.ReadPosition;
   const bool skipping = FEngine.Analysing || FEngine.Recovering;
-  if (position.FirstCluster != file.FirstCluster || position.Index > index || position.Skipping != skipping) {
-    position = {file.FirstCluster, 0, static_cast<std::uint32_t>(file.FirstCluster), skipping};
+  if (position.FirstCluster != file.FirstCluster || position.Index > index || position.Skipping != skipping ||
+      position.Deleted != file.blnDeleted) {
+    position = {file.FirstCluster, 0, static_cast<std::uint32_t>(file.FirstCluster), skipping, file.blnDeleted, false};
   }
-  while (position.Index < index && position.Cluster != 0) {
-    position.Cluster = GetNextRecoveryCluster(drive, position.Cluster);
-    ++position.Index;
-  }
+  while (position.Index < index && position.Cluster != 0) StepOn(drive, file);
 }
 
 void TFAT::GetFileData(TDriveInfo& drive, TByteDynArray& result, TFile& file, std::int64_t start, std::int64_t size,
@@ -112,6 +124,8 @@ void TFAT::GetFileData(TDriveInfo& drive, TByteDynArray& result, TFile& file, st
     single.resize(static_cast<std::size_t>(clusterBytes));
     if (IsInside(drive, cluster)) {
       FEngine.Reader().ReadDriveSectors(drive, single.data(), sectorOf(cluster), drive.FATInfo.SectorsPerCluster);
+    } else {
+      FEngine.Reader().NoteFailedRead();
     }
   };
   while (filled < until) {
@@ -121,11 +135,9 @@ void TFAT::GetFileData(TDriveInfo& drive, TByteDynArray& result, TFile& file, st
     if (position.Cluster == 0) break;
     TRun run{position.Cluster, 1};
     while ((index + run.Count) * clusterBytes < until) {
-      const std::uint32_t next = GetNextRecoveryCluster(drive, position.Cluster);
-      ++position.Index;
-      const bool adjacent = next == position.Cluster + 1;
-      position.Cluster = next;
-      if (!adjacent) break;
+      const std::uint32_t last = position.Cluster;
+      StepOn(drive, info);
+      if (position.Cluster != last + 1) break;
       ++run.Count;
     }
     const std::int64_t runEnd = std::min((index + run.Count) * clusterBytes, until);
@@ -157,6 +169,7 @@ void TFAT::GetFileData(TDriveInfo& drive, TByteDynArray& result, TFile& file, st
     filled = runEnd;
     FEngine.Pump();
   }
+  if (drive.FATInfo.ReadPosition.Estimated) FEngine.Reader().NoteEstimatedRead();
   const std::int64_t good = std::min(filled, end);
   if (start > from) result.erase(result.begin(), result.begin() + static_cast<std::ptrdiff_t>(start - from));
   result.resize(static_cast<std::size_t>(std::max<std::int64_t>(good - start, 0)));
@@ -210,10 +223,36 @@ bool TFAT::IsOverwritten(const TFile& file) const {
   const TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(info.aDriveNumber)];
   const bool highHalfUnknown = IsFAT32(drive) && info.FirstCluster <= 0xFFFF && ClusterRoom(drive) > 0x10000 &&
                                !info.FirstClustersChanged && !drive.FATInfo.HighHalvesKept;
-  return !highHalfUnknown && !drive.FATInfo.FATTable.empty() && !FreeOrBad(drive, info.FirstCluster);
+  return !highHalfUnknown && !drive.FATInfo.FATTable.empty() && !FreeOrBad(drive, info.FirstCluster) &&
+         !IsUnknown(drive, info.FirstCluster);
+}
+
+TPlaceSource TFAT::PlaceOf(const TFile& file) const {
+  const TFileInfo& info = file.FileInfo;
+  const TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(info.aDriveNumber)];
+  if (drive.GeometrySource == TPlaceSource::Estimated) return TPlaceSource::Estimated;
+  if (info.blnFolder || info.aSize <= 0) return info.Place;
+  // A file of one cluster needs no entry, unless that has to tell whether the place is still its own.
+  const bool needsEntry = info.blnDeleted || info.aSize > ClusterBytes(drive);
+  if (needsEntry && IsUnknown(drive, info.FirstCluster)) return TPlaceSource::Estimated;
+  const bool isFinal = info.FirstClustersChanged || !MayLackHighHalf(drive, info) || !drive.FATInfo.HighPartUsed;
+  return isFinal || IsStoredPlace(drive, info) ? info.Place : TPlaceSource::Estimated;
 }
 
 // ---- first clusters that lost their high half -----------------------------------------------
+
+/// True for a deleted file whose number of the first cluster may be the low half only.
+bool TFAT::MayLackHighHalf(const TDriveInfo& drive, const TFileInfo& file) const {
+  return IsFAT32(drive) && file.blnDeleted && !file.blnFolder && file.FirstCluster >= 0 &&
+         file.FirstCluster <= 0xFFFF && file.aSize > 0 && LastCluster(drive) > 0xFFFF;
+}
+
+/// Whoever deletes on this volume keeps the high half: the number is right as it stands where its
+/// clusters are free, whatever lies before them.
+bool TFAT::IsStoredPlace(const TDriveInfo& drive, const TFileInfo& file) const {
+  return drive.FATInfo.HighHalvesKept && file.FirstCluster >= 2 &&
+         AllFree(drive.FATInfo, file.FirstCluster, CeilDiv(file.aSize, ClusterBytes(drive)));
+}
 
 void TFAT::ChangeFileFirstCluster(TFileInfo& file) {
   if (!file.blnDeleted || file.blnFolder || file.aDeepAnalyse || file.FirstClustersChanged) return;
@@ -221,55 +260,131 @@ void TFAT::ChangeFileFirstCluster(TFileInfo& file) {
   if (FEngine.Drives().IsWrongNumber(file.aDriveNumber)) return;
   TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(file.aDriveNumber)];
   if (!IsFAT32(drive) || ClusterBytes(drive) <= 0) return;
+  const std::int64_t asFound = file.FirstCluster;
+  const bool stored = !MayLackHighHalf(drive, file) || IsStoredPlace(drive, file);
   file.FirstClusters.clear();
   file.FirstClustersChanged = true;
-  AddCandidates(drive, file);
+  const bool byContent = AddCandidates(drive, file);
   if (!file.FirstClusters.empty()) file.FirstCluster = file.FirstClusters[0];
+  const bool asStored = file.FirstCluster == asFound;
+  if (asStored && stored) return;
+  if (byContent && file.FirstClusters.size() == 1) {
+    if (!asStored) file.Place = TPlaceSource::ByContent;
+  } else if (!asStored || !IsOnlyPlace(drive, file)) {
+    file.Place = TPlaceSource::Estimated;
+  }
+}
+
+/// A few looks, close together where the high part begins: a volume is filled from its start.
+bool TFAT::IsHighPartUsed(const TDriveInfo& drive) {
+  constexpr std::int64_t highPart = 65536;
+  constexpr std::int64_t looks = 16;
+  const TLongWordDynArray& table = drive.FATInfo.FATTable;
+  const std::int64_t last = LastCluster(drive);
+  if (!IsFAT32(drive) || last < highPart) return false;
+  const auto end = std::min(static_cast<std::int64_t>(table.size()), last + 1);
+  for (std::int64_t cluster = highPart; cluster < end; ++cluster) {
+    if (table[static_cast<std::size_t>(cluster)] != 0) return true;
+  }
+  for (std::int64_t step = 1; highPart + step <= last; step *= 2) {
+    if (!IsBlank(drive, highPart + step - 1)) return true;
+  }
+  for (std::int64_t i = 0; i < looks; ++i) {
+    if (!IsBlank(drive, highPart + (last - highPart) * i / looks)) return true;
+  }
+  return false;
+}
+
+/// True when the number as found leads to free clusters and all others with this low half lead to
+/// clusters in use, or never written.
+bool TFAT::IsOnlyPlace(const TDriveInfo& drive, const TFileInfo& file) {
+  constexpr std::int64_t mostLooks = 16;
+  const std::int64_t last = LastCluster(drive);
+  const std::int64_t needed = CeilDiv(file.aSize, ClusterBytes(drive));
+  if (file.FirstCluster < 2 || last / 65536 > mostLooks || !AllFree(drive.FATInfo, file.FirstCluster, needed)) {
+    return false;
+  }
+  for (std::int64_t other = file.FirstCluster + 65536; other <= last; other += 65536) {
+    if (AllFree(drive.FATInfo, other, needed) && !IsBlank(drive, other)) return false;
+  }
+  return true;
 }
 
 /// True when the first sector of a cluster reads as zeros.
 bool TFAT::IsBlank(const TDriveInfo& drive, std::int64_t cluster) {
-  const TByteDynArray sector = GetClusterData(drive, static_cast<std::uint32_t>(cluster), drive.BytesPerSector);
-  return IsAllZero(sector);
+  if (!IsInside(drive, static_cast<std::uint32_t>(cluster))) return false;
+  TByteDynArray sector(static_cast<std::size_t>(drive.BytesPerSector));
+  const std::int64_t at = drive.FirstSector + ClusterSector(drive, static_cast<std::uint32_t>(cluster));
+  return FEngine.Reader().ReadDriveSectors(drive, sector.data(), at, 1) == sector.size() && IsAllZero(sector);
 }
 
-void TFAT::AddCandidates(TDriveInfo& drive, TFileInfo& file) {
-  const TFATInfo& info = drive.FATInfo;
-  const std::int64_t needed = CeilDiv(file.aSize, ClusterBytes(drive));
-  // Whoever deletes on this volume keeps the high half: the number is right as it stands where
-  // its clusters are free, whatever lies before them.
-  if (info.HighHalvesKept && file.FirstCluster >= 2 && AllFree(info, file.FirstCluster, needed)) {
-    file.FirstClusters.push_back(file.FirstCluster);
-    return;
-  }
+/// The result is true when the candidates begin like files of that type.
+bool TFAT::AddCandidates(TDriveInfo& drive, TFileInfo& file) {
   const TString extension = u"." + LowerCase(Trim(Extension(file.strName)));
-  const TFileSignatures& signatures = FEngine.Signatures();
   TByteDynArray sector(static_cast<std::size_t>(drive.BytesPerSector));
   bool known = false;
   bool same = false;
-  signatures.CheckSignatureByFileExt(extension, sector, 0, known, same);
+  FEngine.Signatures().CheckSignatureByFileExt(extension, sector, 0, known, same);
+  if (known) {
+    AddCandidatesBySignature(drive, file, extension);
+  } else {
+    AddCandidateBySpace(drive, file);
+  }
+  return known;
+}
 
+/// Every place that begins like a file of this type. Free ones come first: what is in use holds
+/// another file by now.
+void TFAT::AddCandidatesBySignature(TDriveInfo& drive, TFileInfo& file, TStringView extension) {
+  constexpr int mostFailures = 4;
+  const std::int64_t needed = CeilDiv(file.aSize, ClusterBytes(drive));
+  TByteDynArray sector(static_cast<std::size_t>(drive.BytesPerSector));
+  TInt64DynArray used;
+  int failures = 0;
+  for (std::int64_t k = 0; k <= MaxHighHalves && failures < mostFailures; ++k) {
+    const std::int64_t candidate = file.FirstCluster + k * 65536;
+    if (candidate > ClusterRoom(drive) + 2) break;
+    FEngine.Pump();
+    const auto cluster = static_cast<std::uint32_t>(candidate);
+    if (!IsInside(drive, cluster)) continue;
+    const std::int64_t at = drive.FirstSector + ClusterSector(drive, cluster);
+    if (FEngine.Reader().ReadDriveSectors(drive, sector.data(), at, 1) == 0) {
+      ++failures;
+      continue;
+    }
+    bool longEnough = false;
+    bool same = false;
+    FEngine.Signatures().CheckSignatureByFileExt(extension, sector, 0, longEnough, same);
+    if (!same) continue;
+    if (AllFree(drive.FATInfo, candidate, needed)) {
+      file.FirstClusters.push_back(candidate);
+    } else {
+      used.push_back(candidate);
+    }
+  }
+  for (const std::int64_t candidate : used) file.FirstClusters.push_back(candidate);
+}
+
+/// The number as found where it is believed, else the first place where a file of this size may lie:
+/// it starts after free space or after the end of a chain.
+void TFAT::AddCandidateBySpace(TDriveInfo& drive, TFileInfo& file) {
+  const TFATInfo& info = drive.FATInfo;
+  const std::int64_t needed = CeilDiv(file.aSize, ClusterBytes(drive));
+  if (IsStoredPlace(drive, file)) {
+    file.FirstClusters.push_back(file.FirstCluster);
+    return;
+  }
   for (std::int64_t k = 0; k <= MaxHighHalves; ++k) {
     const std::int64_t candidate = file.FirstCluster + k * 65536;
     if (candidate > ClusterRoom(drive) + 2) return;
     FEngine.Pump();
-    if (known) {
-      const auto cluster = static_cast<std::uint32_t>(candidate);
-      if (!IsInside(drive, cluster)) continue;
-      const std::int64_t at = drive.FirstSector + ClusterSector(drive, cluster);
-      if (FEngine.Reader().ReadDriveSectors(drive, sector.data(), at, 1) == 0) return;
-      bool longEnough = false;
-      signatures.CheckSignatureByFileExt(extension, sector, 0, longEnough, same);
-      if (same) file.FirstClusters.push_back(candidate);
-      continue;
-    }
-    // A file starts behind free space or behind the end of a chain.
     if (candidate < 2 || candidate >= static_cast<std::int64_t>(info.FATTable.size())) continue;
+    if (!IsInside(drive, static_cast<std::uint32_t>(candidate))) continue;
     const std::uint32_t entryBefore = info.FATTable[static_cast<std::size_t>(candidate - 1)];
     if ((entryBefore != 0 && entryBefore < ChainEnd32) || !AllFree(info, candidate, needed)) continue;
     // Space that was never written holds no file: then the number as found is the better guess.
-    const bool asFound = k > 0 && AllFree(info, file.FirstCluster, needed) && IsBlank(drive, candidate);
-    file.FirstClusters.push_back(asFound ? file.FirstCluster : candidate);
+    const bool blank = k > 0 && AllFree(info, file.FirstCluster, needed) && IsBlank(drive, candidate);
+    file.FirstClusters.push_back(blank ? file.FirstCluster : candidate);
     return;
   }
 }

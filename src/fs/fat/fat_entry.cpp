@@ -98,6 +98,14 @@ bool LoadCodePage(int codePage, TOemTable& table) {
   return true;
 }
 
+TTimeStamp EntryTimes(std::span<const std::uint8_t> entry) {
+  TTimeStamp times;
+  times.dtCreated = TimeOf(ReadLe16(entry, 16), ReadLe16(entry, 14), entry[13]);
+  times.dtModified = TimeOf(ReadLe16(entry, 24), ReadLe16(entry, 22), 0);
+  times.dtAccessed = DateOf(ReadLe16(entry, 18));
+  return times;
+}
+
 TEntryParser::TResult TEntryParser::Parse(std::span<const std::uint8_t> entry, bool labelMode, TFileInfo& file) {
   FAllZero = IsAllZero(entry);
   if (FAllZero || IsDotEntry(entry)) return TResult::End;
@@ -106,6 +114,7 @@ TEntryParser::TResult TEntryParser::Parse(std::span<const std::uint8_t> entry, b
     Push(entry);
     return TResult::NoFile;
   }
+  FAfterGap = false;
   if (((attributes & AttrVolume) != 0) != labelMode) {
     FPieceCount = 0;
     return TResult::NoFile;
@@ -119,16 +128,20 @@ TEntryParser::TResult TEntryParser::Parse(std::span<const std::uint8_t> entry, b
   file.blnDeleted = entry[0] == DeletedMark || entry[0] == 0;
   file.aSize = file.DefaultSize = ReadLe32(entry, 28);
   file.FirstCluster = EntryCluster(entry, 0);
-  file.TimeStamp.dtCreated = TimeOf(ReadLe16(entry, 16), ReadLe16(entry, 14), entry[13]);
-  file.TimeStamp.dtModified = TimeOf(ReadLe16(entry, 24), ReadLe16(entry, 22), 0);
-  file.TimeStamp.dtAccessed = DateOf(ReadLe16(entry, 18));
-
-  if (!JoinPieces()) ShortName(entry, labelMode);
+  file.TimeStamp = EntryTimes(entry);
+  if (!JoinPieces()) {
+    ShortName(entry, labelMode);
+  } else if (FNameCut) {
+    AddExtension(entry);
+  }
   file.strName = FName;
   return FName.empty() ? TResult::End : TResult::File;
 }
 
 void TEntryParser::Push(std::span<const std::uint8_t> entry) {
+  constexpr std::uint8_t lastPiece = 0x40;
+  if (FPieceCount == 0) FNameCut = FAfterGap && entry[0] != DeletedMark && (entry[0] & lastPiece) == 0;
+  FAfterGap = false;
   TPiece& piece = FPieces[FPieceCount++ % MaxPieces];
   piece.Length = 0;
   piece.Checksum = entry[13];
@@ -157,6 +170,11 @@ bool TEntryParser::JoinPieces() {
   FPieceCount = 0;
   FName = Trim(FJoined);
   return !FName.empty();
+}
+
+void TEntryParser::AddExtension(std::span<const std::uint8_t> entry) {
+  const TString extension = Decode(entry.subspan(8, 3), false, true);
+  if (!extension.empty() && !LowerCase(FName).ends_with(u"." + extension)) (FName += u'.') += extension;
 }
 
 TString TEntryParser::Decode(std::span<const std::uint8_t> bytes, bool lostFirst, bool lowerCase) const {

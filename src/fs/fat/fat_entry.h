@@ -18,6 +18,9 @@ TOemTable CodePage437();
 /// Another single-byte code page by its number. False when the system does not have it.
 bool LoadCodePage(int codePage, TOemTable& table);
 
+/// The times of a directory entry.
+TTimeStamp EntryTimes(std::span<const std::uint8_t> entry);
+
 class TEntryParser {
  public:
   /// `oem` must outlive the parser and its copies.
@@ -38,6 +41,12 @@ class TEntryParser {
   bool HasPieces() const { return FPieceCount > 0; }
   std::uint8_t PieceChecksum() const { return FPieces[(FPieceCount - 1) % MaxPieces].Checksum; }
   void ClearPieces() { FPieceCount = 0; }
+  /// What stood before the next entry cannot be read. Of a long name that was cut off there its first
+  /// part is left, which then gets the extension of the 8.3 name.
+  void NoteGap() {
+    FPieceCount = 0;
+    FAfterGap = true;
+  }
 
  private:
   struct TPiece {
@@ -50,6 +59,7 @@ class TEntryParser {
 
   void Push(std::span<const std::uint8_t> entry);
   bool JoinPieces();
+  void AddExtension(std::span<const std::uint8_t> entry);
   void ShortName(std::span<const std::uint8_t> entry, bool labelMode);
   TString Decode(std::span<const std::uint8_t> bytes, bool lostFirst, bool lowerCase) const;
 
@@ -59,6 +69,8 @@ class TEntryParser {
   std::array<TPiece, MaxPieces> FPieces;
   std::size_t FPieceCount = 0;
   bool FAllZero = false;
+  bool FAfterGap = false;
+  bool FNameCut = false;  // the pieces with the end of the name were lost
 };
 
 /// Strict test of an entry that no folder vouches for: true when it can only be a directory entry

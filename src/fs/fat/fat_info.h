@@ -3,11 +3,24 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "core/types.h"
 
 namespace brenlow {
+
+namespace fat {
+
+struct TWalkState;
+
+/// Clusters from `First` up to, not including, `End`.
+struct TClusterRange {
+  std::uint32_t First = 0;
+  std::uint32_t End = 0;
+};
+
+}  // namespace fat
 
 struct TFATInfo {
   int SectorsPerCluster = 0;
@@ -20,6 +33,9 @@ struct TFATInfo {
   std::uint32_t DataFirstSector = 0;      ///< sector of cluster 2, relative to the volume
   /// One entry per cluster, index = cluster number; entries 0 and 1 stay 0.
   TLongWordDynArray FATTable;
+  /// Entries that no table gave because their sectors cannot be read, in ascending order; they are 0
+  /// in `FATTable`.
+  std::vector<fat::TClusterRange> UnknownEntries;
   /// One bit per entry of `FATTable`, set where the entry is 0: lets the search for free
   /// clusters skip 64 used ones at a time.
   std::vector<std::uint64_t> FreeClusters;
@@ -30,11 +46,18 @@ struct TFATInfo {
   /// Folders in a row whose distances say one sector a cluster, all with the same start of the data.
   int OneSectorFolders = 0;
   std::int64_t OneSectorDataFirst = 0;
+  /// Folders that lie where the learned geometry has them.
+  int AgreeingFolders = 0;
   TInt64DynArray WaitingSectors;  ///< folder starts waiting for the cluster size
 
   /// A deleted entry with a first cluster above 65535 was met: whoever deletes on this volume
   /// keeps the high half of the number.
   bool HighHalvesKept = false;
+  /// Clusters above 65535 are or were in use, so a first cluster may have lost its high half.
+  bool HighPartUsed = true;
+
+  /// Partition search: what is known of the folders of a volume that was analysed as a whole.
+  std::shared_ptr<fat::TWalkState> Walk;
 
   /// Where the last read of a file's data got to, so that reading on does not walk the chain from
   /// its start again.
@@ -42,7 +65,9 @@ struct TFATInfo {
     std::int64_t FirstCluster = -1;
     std::int64_t Index = 0;  ///< clusters before `Cluster` in the file
     std::uint32_t Cluster = 0;
-    bool Skipping = false;  ///< used clusters were passed over (only while a scan or recovery runs)
+    bool Skipping = false;   ///< used clusters were passed over (only while a scan or recovery runs)
+    bool Deleted = false;    ///< of a deleted file
+    bool Estimated = false;  ///< a step on the way had to be guessed
   };
   TReadPosition ReadPosition;
 };

@@ -2,6 +2,7 @@
 // Places in the structures of a FAT volume and the arithmetic of its clusters.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <span>
 
@@ -63,10 +64,26 @@ inline std::int64_t ClusterSector(const TDriveInfo& drive, std::uint32_t cluster
   return drive.FATInfo.DataFirstSector + (std::int64_t{cluster} - 2) * drive.FATInfo.SectorsPerCluster;
 }
 
-/// True when the cluster's first sector lies inside the volume. Everything else that a table or an
-/// entry may name is never read: on a disk with several volumes it would be another's data.
+/// True when the whole cluster lies inside the volume. Everything else that a table or an entry may
+/// name is never read: on a disk with several volumes it would be another's data.
 inline bool IsInside(const TDriveInfo& drive, std::uint32_t cluster) {
-  return cluster >= 2 && ClusterSector(drive, cluster) < drive.SectorsCount;
+  return cluster >= 2 && ClusterSector(drive, cluster) + drive.FATInfo.SectorsPerCluster <= drive.SectorsCount;
+}
+
+/// The last cluster that lies inside the volume, once reserved area, tables and root are taken off;
+/// 1 when there is none.
+inline std::int64_t LastCluster(const TDriveInfo& drive) {
+  const std::int64_t sectors = drive.SectorsCount - drive.FATInfo.DataFirstSector;
+  return drive.FATInfo.SectorsPerCluster > 0 && sectors > 0 ? sectors / drive.FATInfo.SectorsPerCluster + 1 : 1;
+}
+
+/// True when the cluster's entry could not be read from any table.
+inline bool IsUnknown(const TDriveInfo& drive, std::int64_t cluster) {
+  const auto& unknown = drive.FATInfo.UnknownEntries;
+  if (unknown.empty()) return false;
+  const auto after = std::upper_bound(unknown.begin(), unknown.end(), cluster,
+                                      [](std::int64_t c, const TClusterRange& range) { return c < range.First; });
+  return after != unknown.begin() && cluster < std::prev(after)->End;
 }
 
 /// The entry of a cluster followed as a chain; 0 where it ends or cannot be followed. The bound of
@@ -88,12 +105,13 @@ inline std::uint32_t BadMark(const TDriveInfo& drive) {
                                                     : 0x0FFFFFF7;
 }
 
+/// False for a cluster whose entry is not known, too.
 inline bool FreeOrBad(const TDriveInfo& drive, std::int64_t cluster) {
   const TLongWordDynArray& table = drive.FATInfo.FATTable;
   if (table.empty()) return false;
   if (cluster < 0 || cluster >= static_cast<std::int64_t>(table.size())) return true;
   const std::uint32_t entry = table[static_cast<std::size_t>(cluster)];
-  return entry == 0 || entry == BadMark(drive);
+  return (entry == 0 && !IsUnknown(drive, cluster)) || entry == BadMark(drive);
 }
 
 /// A root folder: the first two entries have first clusters inside the volume or are pieces of a

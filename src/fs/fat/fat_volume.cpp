@@ -18,46 +18,13 @@ using namespace fat;
 
 namespace {
 
-// The table is read in pieces of this many bytes; a piece that cannot be read from the first
-// table is taken from the second.
-constexpr std::int64_t TableReadSize = 1 << 20;
-// A table larger than this is kept only as far as the volume backs it with data.
-constexpr std::int64_t LargeTable = 16'777'216;  // entries
-constexpr double SmallestFAT16 = 4085.0;         // clusters
-
-double EntryBytes(TFileSystem system) {
-  switch (system) {
-    case TFileSystem::fsFAT12:
-      return 1.5;
-    case TFileSystem::fsFAT16:
-      return 2;
-    case TFileSystem::fsFAT32:
-      return 4;
-    default:
-      return 1;
-  }
-}
+constexpr double SmallestFAT16 = 4085.0;  // clusters
 
 /// The sum that tells FAT12 from FAT16. It adds the table sectors where the published rule takes
 /// them off, so it differs from that rule for volumes of about 4085 clusters.
 TFileSystem WidthBySum(double total, double reserved, double tableSectors, double sectorsPerCluster) {
   return (total - reserved + tableSectors) / sectorsPerCluster < SmallestFAT16 ? TFileSystem::fsFAT12
                                                                                : TFileSystem::fsFAT16;
-}
-
-std::uint32_t DecodeEntry(std::span<const std::uint8_t> table, TFileSystem system, std::size_t number) {
-  switch (system) {
-    case TFileSystem::fsFAT12: {
-      const std::uint16_t pair = ReadLe16(table, number + number / 2);
-      return number % 2 == 0 ? pair & 0xFFFU : pair >> 4U;
-    }
-    case TFileSystem::fsFAT16:
-      return ReadLe16(table, number * 2);
-    case TFileSystem::fsFAT32:
-      return ReadLe32(table, number * 4);
-    default:
-      return table[number];
-  }
 }
 
 }  // namespace
@@ -191,33 +158,40 @@ bool TFAT::ReadBootSector(TDriveInfo& drive, std::int64_t sector, bool fillTable
     }
   }
   ReadVolumeName(drive, boot);
-  if (fillTable && info.FATTable.empty()) {
-    FillTable(drive, info.FATTable, 0);
-    info.FreeClusters.assign(info.FATTable.size() / 64 + 1, 0);
-    for (std::size_t i = 2; i < info.FATTable.size(); ++i) {
-      if (info.FATTable[i] == 0) info.FreeClusters[i / 64] |= std::uint64_t{1} << (i % 64);
-    }
-    info.ReadPosition = {};
-  }
+  if (fillTable && info.FATTable.empty()) LoadTable(drive);
   if (drive.aFreeSize < 0) ReadFreeSize(drive);
   return true;
 }
 
-void TFAT::ReadVolumeName(TDriveInfo& drive, std::span<const std::uint8_t> boot) {
-  if (!drive.VolumeName.empty()) return;
+void TFAT::LoadTable(TDriveInfo& drive) {
+  TFATInfo& info = drive.FATInfo;
+  FillTable(drive, info.FATTable, 0, &info.UnknownEntries);
+  info.FreeClusters.assign(info.FATTable.size() / 64 + 1, 0);
+  for (std::size_t i = 2; i < info.FATTable.size(); ++i) {
+    if (info.FATTable[i] == 0) info.FreeClusters[i / 64] |= std::uint64_t{1} << (i % 64);
+  }
+  info.ReadPosition = {};
+}
+
+/// The label among the first entries of the root.
+bool TFAT::ReadRootLabel(TDriveInfo& drive) {
   TByteDynArray sector(static_cast<std::size_t>(drive.BytesPerSector));
   const std::int64_t root = drive.FirstSector + drive.FATInfo.RootDirFirstSector;
-  if (FEngine.Reader().ReadDriveSectors(drive, sector.data(), root, 1) == sector.size()) {
-    TEntryParser parser(FOem);
-    TFileInfo label;
-    for (std::size_t at = 0; at + EntrySize <= sector.size(); at += EntrySize) {
-      const auto result = parser.Parse(std::span(sector).subspan(at, EntrySize), true, label);
-      if (parser.LastWasAllZero()) break;
-      if (result != TEntryParser::TResult::File || label.blnDeleted) continue;
-      drive.VolumeName = label.strName;
-      return;
-    }
+  if (FEngine.Reader().ReadDriveSectors(drive, sector.data(), root, 1) != sector.size()) return false;
+  TEntryParser parser(FOem);
+  TFileInfo label;
+  for (std::size_t at = 0; at + EntrySize <= sector.size(); at += EntrySize) {
+    const auto result = parser.Parse(std::span(sector).subspan(at, EntrySize), true, label);
+    if (parser.LastWasAllZero()) break;
+    if (result != TEntryParser::TResult::File || label.blnDeleted) continue;
+    drive.VolumeName = label.strName;
+    return true;
   }
+  return false;
+}
+
+void TFAT::ReadVolumeName(TDriveInfo& drive, std::span<const std::uint8_t> boot) {
+  if (!drive.VolumeName.empty() || ReadRootLabel(drive)) return;
   const std::size_t at = IsFAT32(drive) ? Label32At : Label16At;
   TString name;
   for (std::size_t i = 0; i < LabelSize; ++i) name += FOem[boot[at + i]];
@@ -227,48 +201,12 @@ void TFAT::ReadVolumeName(TDriveInfo& drive, std::span<const std::uint8_t> boot)
 
 void TFAT::ReadFreeSize(TDriveInfo& drive) {
   TLongWordDynArray loaded;
-  if (drive.FATInfo.FATTable.empty()) FillTable(drive, loaded, 0);
+  std::vector<TClusterRange> unknown = drive.FATInfo.UnknownEntries;
+  if (drive.FATInfo.FATTable.empty()) FillTable(drive, loaded, 0, &unknown);
   const TLongWordDynArray& table = drive.FATInfo.FATTable.empty() ? loaded : drive.FATInfo.FATTable;
-  drive.aFreeSize = std::count(table.begin(), table.end(), 0U) * ClusterBytes(drive);
-}
-
-void TFAT::FillTable(const TDriveInfo& drive, TLongWordDynArray& table, int fatNumber) {
-  table.clear();
-  const TFATInfo& info = drive.FATInfo;
-  if (info.SectorsPerCluster < 1 || drive.BytesPerSector < 1) return;
-  const double entryBytes = EntryBytes(drive.FileSystem);
-  const double stated = static_cast<double>(drive.BytesPerSector) * info.FATSize / entryBytes;
-  if (stated > static_cast<double>(ClusterRoom(drive)) * 64) return;
-
-  const std::int64_t entries = ClusterRoom(drive) + 2;
-  const auto needed = static_cast<std::int64_t>(static_cast<double>(entries) * entryBytes) + 2;
-  const std::int64_t sectors = std::min<std::int64_t>(info.FATSize, CeilDiv(needed, drive.BytesPerSector));
-  TByteDynArray bytes;
-  std::int64_t readable = 0;  // bytes up to the end of the last piece that could be read
-  const std::int64_t step = std::max<std::int64_t>(TableReadSize / drive.BytesPerSector, 1);
-  for (std::int64_t at = 0; at < sectors; at += step) {
-    const std::int64_t count = std::min(step, sectors - at);
-    bytes.resize(static_cast<std::size_t>((at + count) * drive.BytesPerSector));
-    std::uint8_t* place = bytes.data() + at * drive.BytesPerSector;
-    std::uint32_t got = 0;
-    for (int number = fatNumber; number < std::max(info.FATCount, fatNumber + 1) && got == 0; ++number) {
-      const std::int64_t sector = drive.FirstSector + info.FATFirstSector + std::int64_t{info.FATSize} * number + at;
-      got = FEngine.Reader().ReadDriveSectors(drive, place, sector, count);
-    }
-    if (got != 0) readable = at * drive.BytesPerSector + got;
-    FEngine.Pump();
-    // A boot sector may promise a table far beyond the end of its source.
-    if (got == 0 && entries > LargeTable && at - readable / drive.BytesPerSector > 64 * step) break;
-  }
-  const auto decodable = static_cast<std::int64_t>(static_cast<double>(bytes.size()) / entryBytes);
-  std::int64_t size = entries;
-  if (entries > LargeTable) size = static_cast<std::int64_t>(static_cast<double>(readable) / entryBytes);
-  table.assign(static_cast<std::size_t>(std::max<std::int64_t>(size, 2)), 0);
-  const std::int64_t end = std::min<std::int64_t>(decodable, static_cast<std::int64_t>(table.size()));
-  for (std::int64_t i = 2; i < end; ++i) {
-    table[static_cast<std::size_t>(i)] = DecodeEntry(bytes, drive.FileSystem, static_cast<std::size_t>(i));
-    if (i % 100 == 0) FEngine.Pump();
-  }
+  std::int64_t free = std::count(table.begin(), table.end(), 0U);
+  for (const TClusterRange& range : unknown) free -= std::int64_t{range.End} - range.First;
+  drive.aFreeSize = std::max<std::int64_t>(free, 0) * ClusterBytes(drive);
 }
 
 bool TFAT::IsClusterBad(const TDriveInfo& drive, std::uint32_t entry) const { return entry == BadMark(drive); }

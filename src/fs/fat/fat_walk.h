@@ -5,8 +5,10 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <span>
+#include <unordered_map>
 #include <vector>
 
 #include "core/drive_records.h"
@@ -22,12 +24,70 @@ namespace fat {
 /// Gets every entry found; false ends the walk.
 using TEntrySink = std::function<bool(const TFileInfo&, std::int64_t parentCluster)>;
 
+/// A set of clusters of one volume, a bit each.
+class TClusterSet {
+ public:
+  TClusterSet() = default;
+  explicit TClusterSet(std::int64_t clusters) : FBits(static_cast<std::size_t>(clusters / 64 + 1), 0) {}
+  bool Has(std::int64_t cluster) const {
+    return cluster >= 0 && static_cast<std::size_t>(cluster / 64) < FBits.size() &&
+           (FBits[static_cast<std::size_t>(cluster / 64)] >> (cluster % 64) & 1) != 0;
+  }
+  /// False when it is in the set already or lies outside the volume.
+  bool Add(std::int64_t cluster) {
+    if (cluster < 0 || static_cast<std::size_t>(cluster / 64) >= FBits.size() || Has(cluster)) return false;
+    FBits[static_cast<std::size_t>(cluster / 64)] |= std::uint64_t{1} << (cluster % 64);
+    return true;
+  }
+
+ private:
+  std::vector<std::uint64_t> FBits;
+};
+
+/// A deleted folder whose chain is gone before its end mark was met.
+struct TUnfinished {
+  std::int64_t Parent = 0;             // the number under which its entries are entered
+  std::uint32_t LastCluster = 0;       // the last cluster known to be its own
+  std::optional<TEntryParser> Pieces;  // a long name cut off at the end of that cluster
+};
+
+/// A folder that is in use and to which no entry was found to lead.
+struct TLostFolder {
+  std::uint32_t Cluster = 0;
+  std::int64_t Parent = 0;  // as its ".." says: a cluster or the root
+  TTimeStamp TimeStamp;
+};
+
+/// What is known of a volume's folders. It outlives the walk where a partition search goes on with it.
+struct TWalkState {
+  explicit TWalkState(const TDriveInfo& drive);
+
+  TClusterSet Known;      // clusters of folders queued or walked
+  TClusterSet LiveFirst;  // first clusters that live entries name
+  bool AnyLiveEntry = false;
+  bool MetBadSector = false;         // of a folder
+  std::uint32_t HighestCluster = 0;  // that any entry points to
+  std::deque<std::uint32_t> Waiting;
+  std::vector<TUnfinished> Unfinished;
+  std::vector<TLostFolder> LostFolders;
+};
+
+/// How far a search for folders that nothing leads to goes.
+struct TLostSearch {
+  bool FreeSpace = true;     ///< clusters that are free; else only those in use without an owner
+  bool WholeVolume = false;  ///< not only as far as the entries found so far point
+  bool InSlack = false;      ///< also after the ends of files, in their last clusters
+};
+
 class TFolderWalk {
  public:
-  TFolderWalk(TEngine& engine, TDriveInfo& drive, int driveNumber, const TOemTable& oem, TEntrySink sink);
+  TFolderWalk(TEngine& engine, TDriveInfo& drive, int driveNumber, const TOemTable& oem, TEntrySink sink,
+              std::shared_ptr<TWalkState> state = nullptr);
 
   /// Folders met are queued for `WalkWaiting`.
   bool CanAddWaiting = true;
+  /// A search for lost folders tells how far it is.
+  bool PublishProgress = true;
 
   void WalkRoot();
   /// Walks queued folders until none is left, publishing the progress when told to.
@@ -38,36 +98,42 @@ class TFolderWalk {
   /// The fixed root area of FAT12 and FAT16.
   void WalkRootArea();
 
-  /// Looks through free clusters for folders that no entry leads to, and for the rest of deleted
-  /// folders that were longer than one cluster. `wholeVolume`: not only as far as the entries
-  /// found so far point. `inSlack`: also behind the ends of files, in their last clusters.
-  void FindLostFolders(bool wholeVolume, bool inSlack);
-  /// Bytes that this search would read, slack included, not on the whole volume.
-  std::int64_t LostFolderSearchSize() const;
+  /// Looks for folders that no entry leads to, and for the rest of deleted folders that were longer
+  /// than one cluster. Those that are in use get their place by their ".." entries.
+  void FindLostFolders(const TLostSearch& search);
+  /// The search that an analysis makes of itself; `always`: through the whole volume.
+  void FindLostFoldersAsNeeded(bool always);
+  /// One cluster that may begin such a folder, with its bytes.
+  void ExamineFolderStart(std::uint32_t cluster, std::span<const std::uint8_t> bytes);
 
   bool Stopped() const { return FStopped; }
-  bool AnyLiveEntry() const { return FAnyLiveEntry; }
-  bool HasUnfinishedFolders() const { return !FUnfinished.empty(); }
+  bool IsKnown(std::uint32_t cluster) const { return FState->Known.Has(cluster); }
 
  private:
-  /// A deleted folder whose chain is gone before its end mark was met.
-  struct TUnfinished {
-    std::int64_t Parent = 0;             // the number under which its entries are entered
-    std::uint32_t LastCluster = 0;       // the last cluster known to be its own
-    std::optional<TEntryParser> Pieces;  // a long name cut off at the end of that cluster
-  };
   enum class TStep { GoOn, SectorDone, FolderDone, Stop };
+  /// Adjacent sectors; those that cannot be read are zeros.
+  struct TSectors {
+    TByteDynArray Bytes;
+    std::vector<bool> Bad;  // empty when all could be read
+    bool IsBad(std::size_t sector) const { return sector < Bad.size() && Bad[sector]; }
+  };
 
   TStep WalkSector(std::span<const std::uint8_t> sector, bool skipDots, std::int64_t sectorNumber);
-  TStep WalkCluster(std::span<const std::uint8_t> bytes, bool skipDots, std::int64_t firstSector);
+  TStep WalkSectors(const TSectors& sectors, bool skipDots, std::int64_t firstSector);
   void Enter(TFileInfo& info);
   void Queue(TFileInfo& info);
   bool FindDeletedFolderCluster(TFileInfo& info);
-  std::uint32_t ReadChain(std::uint32_t cluster, TByteDynArray& bytes);
+  bool ReadSectors(std::int64_t sector, std::int64_t count, std::uint8_t* place);
+  void ReadAround(std::int64_t sector, std::int64_t count, std::int64_t piece, TSectors& sectors);
+  std::uint32_t ReadChain(std::uint32_t cluster, TSectors& sectors);
+  std::uint32_t NextOfFolder(std::uint32_t last);
 
   bool MarkKnown(std::uint32_t cluster);
-  bool IsKnown(std::uint32_t cluster) const;
+  std::int64_t LostFolderSearchSize() const;
+  void FillTargets();
+  bool IsOrphan(std::int64_t cluster) const;
   void ScanRun(std::uint32_t first, std::uint32_t count, TByteDynArray& bytes);
+  void ScanBadRun(std::uint32_t first, std::uint32_t count, std::span<std::uint8_t> bytes);
   void ExamineCluster(std::uint32_t cluster, std::span<const std::uint8_t> bytes);
   bool IsContinuation(std::span<const std::uint8_t> bytes) const;
   TUnfinished* OwnerOf(std::uint32_t cluster, std::span<const std::uint8_t> bytes);
@@ -77,21 +143,25 @@ class TFolderWalk {
   bool IsLastOfChain(std::int64_t cluster) const;
   void AddUnfinished(TUnfinished folder);
   void WalkContinuation(std::uint32_t cluster, std::span<const std::uint8_t> bytes);
+  void RememberLostFolder(std::uint32_t cluster, std::span<const std::uint8_t> bytes);
+  void PlaceLostFolders(const TClusterSet& reached);
+  bool LeadsToRoot(const TLostFolder& folder, const TClusterSet& reached,
+                   std::unordered_map<std::int64_t, std::int64_t>& parents) const;
 
   TEngine& FEngine;
   TDriveInfo& FDrive;
   int FDriveNumber;
   TEntrySink FSink;
+  std::shared_ptr<TWalkState> FState;
   TEntryParser FParser;
   TFileInfo FInfo;  // one working record serves the whole walk
   std::int64_t FParent = 0;
-  bool FLost = false;  // entries come from a folder that nothing leads to
+  bool FSearching = false;  // folders come from a search, not from entries
+  bool FLost = false;       // entries come from a folder that lies in free space
   bool FStopped = false;
-  bool FAnyLiveEntry = false;
-  std::uint32_t FHighestCluster = 0;  // that any entry points to
-  std::deque<std::uint32_t> FWaitingClusters;
-  std::vector<std::uint64_t> FKnownClusters;  // of folders queued or analysed, one bit a cluster
-  std::vector<TUnfinished> FUnfinished;
+  // While a search goes on: clusters that others are linked to, and who holds each folder met in it.
+  TClusterSet FTargets;
+  std::unordered_map<std::int64_t, std::int64_t> FFolderParents;
   double FPosition = 0;
 };
 

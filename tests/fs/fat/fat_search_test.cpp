@@ -1,0 +1,208 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// FAT volumes in the thorough search: never less than their plain analysis, and without a boot sector as
+// much as their tables and folders tell.
+#include <doctest/doctest.h>
+
+#include <algorithm>
+#include <set>
+#include <sstream>
+
+#include "analysis/analysis.h"
+#include "analysis/files.h"
+#include "fs/fat/fat.h"
+#include "fs/fat/fat_layout.h"
+#include "support/fat_builder.h"
+
+using namespace brenlow;
+using namespace brenlow::test;
+
+namespace {
+
+/// What every formatter writes and the builder leaves out: the media byte, in the first entries too.
+void PutMedia(TFatBuilder& fat) {
+  fat.Image[21] = 0xF8;
+  fat.Link(0, fat.EndMark() & ~7U);
+  fat.Link(1, fat.EndMark());
+}
+
+void WipeBoot(TFatBuilder& fat) {
+  std::fill_n(fat.Image.begin(), static_cast<std::size_t>(fat.Shape.Reserved) * 512, std::uint8_t{0});
+}
+
+void Scan(TEngine& engine, int number) {
+  engine.PartRecSystems = {TPartRecSystem::FAT, TPartRecSystem::NTFS};
+  engine.PartRecRunning = true;
+  AnalyseDrive(engine, number);
+  engine.PartRecRunning = false;
+}
+
+/// The lines of all that a drive and its sub-drives hold.
+std::multiset<std::string> LinesOf(TEngine& engine, int number) {
+  std::string text = WalkText(engine, number);
+  for (const int sub : DriveOf(engine, number).SubDrives) text += WalkText(engine, sub);
+  std::multiset<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.insert(line);
+  return lines;
+}
+
+std::multiset<std::string> PlainLines(const TImage& image) {
+  TEngine engine;
+  const int number = Mount(engine, image).Number;
+  AnalyseDrive(engine, number);
+  return LinesOf(engine, number);
+}
+
+/// A source after a search, and the volume that it found.
+struct TSearched {
+  TEngine Engine;
+  int Number = -1;
+
+  explicit TSearched(TImage image) {
+    // The search leaves out a last block that is not full.
+    image.resize((image.size() + 512 * 512 - 1) / (512 * 512) * (512 * 512));
+    Number = Mount(Engine, std::move(image)).Number;
+    Scan(Engine, Number);
+  }
+  TDriveInfo& Volume() {
+    const TIntegerDynArray& subs = DriveOf(Engine, Number).SubDrives;
+    return DriveOf(Engine, subs.empty() ? Number : subs.front());
+  }
+  bool Has(const std::string& line) {
+    const auto lines = LinesOf(Engine, Number);
+    return std::any_of(lines.begin(), lines.end(), [&](const std::string& l) { return l.starts_with(line); });
+  }
+};
+
+/// A folder with a file of three clusters that do not lie in a row.
+void PutFolder(TFatBuilder& fat, std::size_t entryAt, const std::string& name, std::uint32_t cluster) {
+  fat.PutEntry(entryAt, {name + "    ", 0x10, cluster});
+  fat.Chain({cluster});
+  fat.PutDots(cluster, 0);
+  const auto size = static_cast<std::uint32_t>(3 * fat.ClusterSize());
+  fat.PutEntry(fat.ClusterAt(cluster) + 64, {"IN" + name.substr(0, 6) + "BIN", 0x20, cluster + 100, size});
+  fat.Chain({cluster + 100, cluster + 202, cluster + 104});
+  for (const std::uint32_t c : {cluster + 100, cluster + 202, cluster + 104}) {
+    fat.Fill(c, std::string(fat.ClusterSize(), static_cast<char>('a' + c % 26)));
+  }
+}
+
+}  // namespace
+
+TEST_CASE("thorough search: small volumes with a sound boot sector, their deleted folders and fragments") {
+  struct TRow {
+    TFatShape Shape;
+    TFileSystem System;
+  };
+  for (const TRow& row : {TRow{{12, 512, 1, 1, 2, 224, 2560}, TFileSystem::fsFAT12},  // a floppy
+                          TRow{{12, 512, 4, 1, 2, 512, 8192}, TFileSystem::fsFAT12},  // 4 MiB
+                          TRow{{16, 512, 1, 1, 2, 512, 16384}, TFileSystem::fsFAT16}}) {
+    CAPTURE(row.Shape.TotalSectors);
+    TFatBuilder fat(row.Shape);
+    PutMedia(fat);
+    PutFolder(fat, fat.RootAt(), "PHOTOS  ", 10);
+    // A deleted folder of three clusters.
+    fat.PutEntry(fat.RootAt() + 32, {"\xE5LDER      ", 0x10, 400});
+    fat.PutDots(400, 0);
+    const std::size_t perCluster = fat.ClusterSize() / 32;
+    for (std::size_t i = 2; i < 3 * perCluster - 3; ++i) {
+      const std::size_t at = fat.ClusterAt(400 + static_cast<std::uint32_t>(i / perCluster)) + i % perCluster * 32;
+      fat.PutEntry(at, {"\xE5" + std::to_string(100 + i) + "    TXT", 0x20, 600 + static_cast<std::uint32_t>(i), 20});
+    }
+    // Two rows with the same name and place.
+    fat.PutEntry(fat.RootAt() + 64, {"AGAIN   TXT", 0x20, 9, 3});
+    fat.PutEntry(fat.RootAt() + 96, {"AGAIN   TXT", 0x20, 9, 30});
+    fat.Chain({9});
+    TSearched t(fat.Image);
+    CHECK(t.Volume().FileSystem == row.System);
+    CHECK(t.Volume().GeometrySource == TPlaceSource::Stored);
+    const auto plain = PlainLines(fat.Image);
+    CHECK(plain.size() > 20);
+    CHECK(LinesOf(t.Engine, t.Number) == plain);
+  }
+}
+
+TEST_CASE("thorough search: the image of a floppy in a file is no volume") {
+  TFatBuilder floppy(TFatShape{12, 512, 1, 1, 2, 224, 2560});
+  PutMedia(floppy);
+  floppy.PutDots(5, 0);
+  TFatBuilder fat(TFatShape{16, 512, 4, 1, 2, 512, 40960});
+  PutMedia(fat);
+  PutFolder(fat, fat.RootAt(), "PHOTOS  ", 10);
+  fat.PutEntry(fat.RootAt() + 32, {"FLOPPY  IMG", 0x20, 500, 2560 * 512});
+  std::vector<std::uint32_t> chain;
+  for (std::uint32_t i = 0; i < 640; ++i) chain.push_back(500 + i);
+  fat.Chain(chain);
+  std::copy(floppy.Image.begin(), floppy.Image.end(),
+            fat.Image.begin() + static_cast<std::ptrdiff_t>(fat.ClusterAt(500)));
+  TSearched t(fat.Image);
+  CHECK(DriveOf(t.Engine, t.Number).SubDrives.empty());  // the one volume is the drive
+  CHECK(LinesOf(t.Engine, t.Number) == PlainLines(fat.Image));
+}
+
+TEST_CASE("thorough search: a volume without boot sectors is known by its tables") {
+  for (const int width : {16, 32}) {
+    for (const int perCluster : {1, 8}) {
+      CAPTURE(width);
+      CAPTURE(perCluster);
+      TFatBuilder fat(width == 32 ? TFatShape{32, 512, perCluster, 32, 2, 0, 70 * 512 * perCluster}
+                                  : TFatShape{16, 512, perCluster, 1, 2, 512, 40 * 512 * perCluster});
+      PutMedia(fat);
+      fat.PutEntry(fat.RootAt(), {"STICK LABEL", 0x08});
+      const std::string picture = "\x89PNG\r\n\x1A\n";
+      fat.PutEntry(fat.RootAt() + 32, {"PICTURE PNG", 0x20, 3000, 20});
+      fat.Chain({3000});
+      fat.Fill(3000, picture);
+      const auto linesOf = [](const TFatBuilder& of) { return PlainLines(of.Image); };
+      SUBCASE("two folders: certain") {
+        PutFolder(fat, fat.RootAt() + 64, "PHOTOS  ", 10);
+        PutFolder(fat, fat.RootAt() + 96, "LETTERS ", 700);
+        const auto plain = linesOf(fat);
+        WipeBoot(fat);
+        TSearched t(fat.Image);
+        CHECK(LinesOf(t.Engine, t.Number) == plain);
+        CHECK(t.Volume().GeometrySource == TPlaceSource::Stored);
+        CHECK(t.Volume().VolumeName == u"STICK LABEL");
+      }
+      SUBCASE("one folder and a picture of the root: certain") {
+        PutFolder(fat, fat.RootAt() + 64, "PHOTOS  ", 10);
+        const auto plain = linesOf(fat);
+        WipeBoot(fat);
+        TSearched t(fat.Image);
+        CHECK(LinesOf(t.Engine, t.Number) == plain);
+        CHECK(t.Volume().GeometrySource == TPlaceSource::Stored);
+      }
+      SUBCASE("one picture only: an estimate") {
+        const auto plain = linesOf(fat);
+        WipeBoot(fat);
+        TSearched t(fat.Image);
+        CHECK(LinesOf(t.Engine, t.Number) == plain);
+        CHECK(t.Volume().GeometrySource == TPlaceSource::Estimated);
+      }
+      SUBCASE("nothing but the room that it fills: an estimate") {
+        fat.PutEntry(fat.RootAt() + 32, {"TEXT    TXT", 0x20, 3000, 20});
+        const auto plain = linesOf(fat);
+        WipeBoot(fat);
+        TSearched t(fat.Image);
+        CHECK(LinesOf(t.Engine, t.Number) == plain);
+        CHECK(t.Volume().GeometrySource == TPlaceSource::Estimated);
+      }
+    }
+  }
+}
+
+TEST_CASE("thorough search: without tables, two folders are an estimate and a third one confirms it") {
+  for (const int folders : {2, 3}) {
+    CAPTURE(folders);
+    TFatBuilder fat(TFatShape{16, 512, 4, 1, 2, 512, 60000});
+    const std::uint32_t clusters[] = {10, 30, 61};
+    for (int i = 0; i < folders; ++i) {
+      PutFolder(fat, fat.RootAt() + static_cast<std::size_t>(i) * 32, "DIR" + std::to_string(i) + "    ", clusters[i]);
+    }
+    std::fill_n(fat.Image.begin(), fat.RootAt(), std::uint8_t{0});
+    TSearched t(fat.Image);
+    CHECK(t.Has("DIR0/INDIR0"));
+    CHECK(t.Volume().FATInfo.SectorsPerCluster == 4);
+    CHECK(t.Volume().GeometrySource == (folders == 2 ? TPlaceSource::Estimated : TPlaceSource::Stored));
+  }
+}
