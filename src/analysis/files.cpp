@@ -181,8 +181,10 @@ class TReachedFolders {
   /// As in `TFolderIndex`: the first live row, or the first of all.
   void Offer(std::int64_t number) {
     const auto [owner, first] = FOwners.try_emplace(Info(number).FirstCluster, number);
-    if (first || Info(number).blnDeleted) return;
-    if (Info(owner->second).blnDeleted || number < owner->second) owner->second = number;
+    if (first) return;
+    const bool isDeleted = Info(number).blnDeleted;
+    const bool otherDeleted = Info(owner->second).blnDeleted;
+    if (isDeleted == otherDeleted ? number < owner->second : otherDeleted) owner->second = number;
   }
 
   const TFiles& FFiles;

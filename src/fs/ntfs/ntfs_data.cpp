@@ -360,7 +360,8 @@ void TNTFS::ReadUnit(const TDriveInfo& drive, std::int64_t unit, std::span<std::
     return false;
   };
   const auto there = std::min<std::size_t>(bytes.size(), LargestUnit);
-  if (!SalvageLZNT1(stream, bytes.first(there), isUnreadable)) FEngine.Reader().NoteFailedRead();
+  const bool whole = SalvageLZNT1(stream, bytes.first(there), isUnreadable);
+  if (!whole || there < bytes.size()) FEngine.Reader().NoteFailedRead();
 }
 
 /// Reads a cluster, or whole sectors of its start; false, and zeros, when they cannot be read, which counts as a failed

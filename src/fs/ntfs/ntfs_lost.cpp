@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Folders that are gone: their records hold something else by now, or were not found.
 #include <algorithm>
+#include <map>
 #include <set>
 
 #include "analysis/files.h"
@@ -41,19 +42,21 @@ void TNTFS::SettleParents(TDriveInfo& drive) {
     const std::int64_t parent = ParentKey(drive, ReferenceOf(key));
     if (parent == key) continue;
     moved = true;
-    std::set<TString> known;
     // A search may have met a record both before and after its folder.
+    std::set<TString> known;
+    const auto isNew = [&](const TFileInfo& info) {
+      return !FEngine.PartRecRunning || info.FirstCluster < 0 || known.insert(KeyOf(info)).second;
+    };
     if (FEngine.PartRecRunning) {
       for (const std::int64_t number : drive.ParentClusters.Files(parent)) {
-        known.insert(KeyOf(files.List[static_cast<std::size_t>(number)].FileInfo));
+        isNew(files.List[static_cast<std::size_t>(number)].FileInfo);
       }
     }
     for (const std::int64_t number : drive.ParentClusters.Files(key)) {
       TFile& row = files.List[static_cast<std::size_t>(number)];
       const bool inItself = row.FileInfo.blnFolder && row.FileInfo.FirstCluster == parent;
       row.ParentCluster = inItself ? SpecialCluster::LostAndFound : parent;
-      const bool twice = FEngine.PartRecRunning && !known.insert(KeyOf(row.FileInfo)).second;
-      if (!inItself && !twice) continue;
+      if (!inItself && isNew(row.FileInfo)) continue;
       TDrives::DeleteParentCluster(drive, key, static_cast<std::uint32_t>(number));
       if (inItself) {
         TDrives::AddParentCluster(drive, row.ParentCluster, static_cast<std::uint32_t>(number), true);
@@ -106,7 +109,7 @@ void TNTFS::AddLostFolders(TDriveInfo& drive) {
   const int driveNumber = NumberOf(FEngine.Drives(), drive);
   if (driveNumber < 0) return;
   const auto& names = drive.NTFSInfo.LostFolderNames;
-  std::set<TString> taken;
+  std::map<TString, int> taken;  // names in upper case, and how often
   for (const std::int64_t key : TDrives::GetFoundPosParentClusters(drive)) {
     if (!IsReferenceKey(key)) continue;
     TFileInfo folder;
@@ -122,8 +125,8 @@ void TNTFS::AddLostFolders(TDriveInfo& drive) {
     const auto old = names.find(key);
     TString name =
         old != names.end() ? old->second : FEngine.Language().Format(TText::LostFolder, {NumberText(reference.Number)});
-    const TString plain = name;
-    for (int i = 2; !taken.insert(UpperCase(name)).second; ++i) name = plain + u" (" + NumberText(i) + u")";
+    const int times = ++taken[UpperCase(name)];
+    if (times > 1) name += u" (" + NumberText(times) + u")";
     folder.strName = name;
     files.Add(folder, SpecialCluster::LostAndFound, false);
     FEngine.Pump();

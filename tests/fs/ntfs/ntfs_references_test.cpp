@@ -103,6 +103,15 @@ TEST_CASE("NTFS: what was deleted with its folder does not appear in the folder 
   CHECK(again.Has("Lost and found/Folder 40 (2)/other.jpg deleted"));
 }
 
+TEST_CASE("NTFS: thousands of uses of one number cost no more than so many folders") {
+  constexpr int records = 8192;
+  TNtfsVolume volume(records, 2560, 2400);
+  for (int i = 64; i < records; ++i) volume.File({i, 2}, {40, i}, u"f" + FromUtf8(std::to_string(i)), "x", false);
+  TAnalysedNtfs t(volume);
+  CHECK(t.Engine.Files().CountUnreached(t.Number) == 0);
+  CHECK(t.Has("Lost and found/Folder 40 (8128)/f8191 deleted"));
+}
+
 TEST_CASE("NTFS: a file whose folder's record cannot be read is live in a numbered folder") {
   TNtfsVolume volume;
   volume.Folder({40, 1}, NtfsRoot, u"bad").File({41, 1}, {40, 1}, u"f.txt", "x");
