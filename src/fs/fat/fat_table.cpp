@@ -17,7 +17,8 @@ namespace {
 
 constexpr std::int64_t TableReadSize = 1 << 20;  // bytes of a table read in one request
 constexpr std::int64_t PieceSize = 4096;         // bytes tried next where such a request fails
-// So many bad pieces of one request are tried sector by sector where the other table has all of it.
+// After so many bad pieces of one request the other table is taken where it has all of it; where it has not,
+// a piece is given up with its first sector.
 constexpr int MostBadPieces = 16;
 // A table larger than this is kept only as far as the volume backs it with data.
 constexpr std::int64_t LargeTable = 16'777'216;  // entries
@@ -103,7 +104,10 @@ class TTableReader {
         continue;
       }
       if (Read(FNumber, first, end - first, At(first))) continue;
-      ++badPieces;
+      if (++badPieces > MostBadPieces && !Read(FNumber, first, 1, At(first)) && !Read(FOther, first, 1, At(first))) {
+        for (std::int64_t sector = first; sector < end; ++sector) Lose(sector);
+        continue;
+      }
       for (std::int64_t sector = first; sector < end; ++sector) {
         if (end - first > 1 && Read(FNumber, sector, 1, At(sector))) continue;
         if (otherIsWhole) {

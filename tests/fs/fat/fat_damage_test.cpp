@@ -150,6 +150,28 @@ TEST_CASE("entries of an unreadable table sector, at each width") {
   }
 }
 
+TEST_CASE("tables that cannot be read at all cost few attempts, and what lies behind them is known") {
+  TFatBuilder fat(TFatShape{32, 512, 1, 32, 2, 0, 300000});
+  fat.PutEntry(fat.RootAt(), {"LATE    BIN", 0x20, 290000, 1024});
+  fat.Chain({290000, 290500});
+  std::set<std::int64_t> bad;
+  for (int i = 0; i < 1600; ++i) bad.insert({32 + i, 32 + fat.TableSectors + i});
+  auto device = std::make_unique<TMemoryDevice>(fat.Image);
+  TMemoryDevice& source = *device;
+  device->BadSectors = bad;
+  TEngine engine;
+  engine.Devices().Insert(u"/bad.img", std::move(device));
+  TDriveInfo drive = DriveOf(engine, engine.Drives().Mount(u"/bad.img", false));
+  TLongWordDynArray table;
+  std::vector<fat::TClusterRange> unknown;
+  source.Accesses = 0;
+  engine.FAT().FillTable(drive, table, 0, &unknown);
+  CHECK(source.Accesses < 1200);
+  REQUIRE(unknown.size() == 1);
+  CHECK(unknown[0].End == 1600 * 128);
+  CHECK(table[290000] == 290500);
+}
+
 TEST_CASE("what has to be guessed is not called whole: short chains, gaps in deleted files") {
   TFatBuilder fat(TFatShape{});
   fat.PutEntry(fat.RootAt(), {"SHORT   BIN", 0x20, 5, 1024});
