@@ -6,6 +6,7 @@
 
 #include "cli/commands.h"
 #include "cli/json_line.h"
+#include "cli/rows.h"
 #include "cli/session.h"
 #include "cli/verb_options.h"
 #include "core/sizes.h"
@@ -27,39 +28,59 @@ std::string RowTypeText(const TLanguage& texts, const TDriveInfo& drive) {
   return texts.Utf8(type == "disk" ? TText::RowDisk : type == "gap" ? TText::RowGap : TText::RowVolume);
 }
 
+std::string RowJson(const TDriveInfo& drive, int number) {
+  TJsonLine line;
+  return line.Number("number", number)
+      .Text("type", RowType(drive))
+      .TextOrNull("file_system", SystemName(drive))
+      .Number("size", SizeOf(drive))
+      .Number("first_sector", drive.FirstSector)
+      .Number("sectors", drive.SectorsCount)
+      .Number("sector_size", drive.BytesPerSector)
+      .Text("source", PathFromText(drive.Drive))
+      .TextOrNull("label", ToUtf8(drive.VolumeName))
+      .TextOrNull("partition_name", ToUtf8(drive.PartitionName))
+      .TextOrNull("serial", ToUtf8(drive.Serial))
+      .Text("name", drive.Caption)
+      .Take();
+}
+
+/// The caption, the name in the partition table, and where the volume is mounted.
+std::string RowName(const TDriveInfo& drive) {
+  std::string name = ToUtf8(drive.Caption);
+  if (!drive.PartitionName.empty()) name += " [" + ToUtf8(drive.PartitionName) + "]";
+  if (!drive.DriveLetter.empty()) name += " (" + PathFromText(drive.DriveLetter) + ")";
+  return Printable(name);
+}
+
+/// The rows of each source, numbered as `--drive` takes them. With one source that everybody knows,
+/// else each row says what other verbs take.
 void PrintDriveRows(TEngine& engine, const TOptions& options) {
   const TLanguage& texts = options.Texts;
+  const bool tellSource = options.Sources.size() != 1;
   TOutput output;
   if (!options.Json) {
+    const std::string name = texts.Utf8(TText::HeadName);
     output.Write(fmt::format("{:>3}  {:6}  {:8}  {:>10}  {:>14}  {}\n", texts.Utf8(TText::HeadNumber),
                              texts.Utf8(TText::HeadType), texts.Utf8(TText::HeadSystem), texts.Utf8(TText::HeadSize),
-                             texts.Utf8(TText::HeadFirstSector), texts.Utf8(TText::HeadName)));
+                             texts.Utf8(TText::HeadFirstSector),
+                             tellSource ? fmt::format("{:32}  {}", name, texts.Utf8(TText::InfoSource)) : name));
   }
+  int number = 0;
   for (int i = 0; i < static_cast<int>(engine.Drives().List.size()); ++i) {
     const TDriveInfo& drive = Drive(engine, i);
+    number = i > 0 && Drive(engine, i - 1).Drive == drive.Drive ? number + 1 : 1;
     if (options.Json) {
-      TJsonLine line;
-      output.Write(line.Number("number", i + 1)
-                       .Text("type", RowType(drive))
-                       .TextOrNull("file_system", SystemName(drive))
-                       .Number("size", SizeOf(drive))
-                       .Number("first_sector", drive.FirstSector)
-                       .Number("sectors", drive.SectorsCount)
-                       .Number("sector_size", drive.BytesPerSector)
-                       .Text("source", PathFromText(drive.Drive))
-                       .TextOrNull("label", ToUtf8(drive.VolumeName))
-                       .TextOrNull("serial", ToUtf8(drive.Serial))
-                       .Text("name", drive.Caption)
-                       .Take());
-    } else {
-      const std::string where =
-          drive.DriveTypes.Has(TDriveType::dtPhysical) && !drive.DriveTypes.Has(TDriveType::dtMounted)
-              ? "  " + Printable(PathFromText(drive.Drive))
-              : "";
-      output.Write(fmt::format("{:>3}  {:6}  {:8}  {:>10}  {:>14}  {}{}\n", i + 1, RowTypeText(texts, drive),
-                               SystemName(drive), SizeText(SizeOf(drive)), drive.FirstSector,
-                               Printable(ToUtf8(drive.Caption)), where));
+      output.Write(RowJson(drive, number));
+      continue;
     }
+    std::string name = RowName(drive);
+    if (tellSource) {
+      name = fmt::format("{:32}  {}", name, Printable(PathFromText(drive.Drive)));
+      if (number > 1) name += fmt::format(" --drive {}", number);
+    }
+    output.Write(fmt::format("{:>3}  {:6}  {:8}  {:>10}  {:>14}  {}\n", number, RowTypeText(texts, drive),
+                             SystemName(drive), SizeText(SizeOf(drive)), drive.FirstSector, name));
   }
 }
 
@@ -89,6 +110,7 @@ std::string InfoLine(const TDriveInfo& drive, int number, const std::string& sty
   line.Number("first_sector", drive.FirstSector).Number("sectors", drive.SectorsCount);
   if (!style.empty()) line.Text("partition_table", style);
   line.TextOrNull("partition_type", role);
+  line.TextOrNull("partition_name", ToUtf8(drive.PartitionName));
   line.TextOrNull("file_system", SystemName(drive));
   if (drive.FileSystem != TFileSystem::fsUnknown) {
     line.TextOrNull("label", ToUtf8(drive.VolumeName)).Number("cluster_size", ClusterSize(drive));
@@ -116,6 +138,7 @@ std::string InfoText(const TLanguage& texts, const TDriveInfo& drive, int number
   if (!style.empty()) return text + row(TText::InfoTable, style == "none" ? texts.Utf8(TText::InfoNoTable) : style);
   text += row(TText::InfoFirstSector, std::to_string(drive.FirstSector));
   if (!role.empty()) text += row(TText::InfoPartition, role);
+  if (!drive.PartitionName.empty()) text += row(TText::InfoPartitionName, Printable(ToUtf8(drive.PartitionName)));
   if (drive.FileSystem == TFileSystem::fsUnknown) {
     return text + row(TText::InfoFileSystem, texts.Utf8(TText::InfoUnknownSystem));
   }
@@ -134,6 +157,7 @@ std::string InfoText(const TLanguage& texts, const TDriveInfo& drive, int number
 
 void AddDrivesOptions(CLI::App& verb, TOptions& options) {
   verb.add_option("SOURCE", options.Sources, options.Texts.Utf8(TText::HelpDrivesSource));
+  verb.add_flag("--all", options.All, options.Texts.Utf8(TText::HelpAll));
   verb.add_flag("--json", options.Json, options.Texts.Utf8(TText::HelpJson));
 }
 
@@ -141,14 +165,19 @@ int ListDrives(const TOptions& options) {
   TEngine engine;
   ApplyOptions(engine, options);
   if (options.Sources.empty()) {
-    engine.Drives().Fill();
-    if (engine.Drives().List.empty() && !options.Json) {
-      Complain(options.Texts.Utf8(TText::NoDisks));
-    }
+    MountMachine(engine, options.All);
+    if (engine.Drives().List.empty() && !options.Json) Complain(options.Texts.Utf8(TText::NoDisks));
   }
   int status = AllDone;
   for (const std::string& source : options.Sources) {
-    if (MountSource(engine, options, source) < 0) status = WrongUsage;
+    const int number = MountSource(engine, options, source);
+    if (number < 0) {
+      status = WrongUsage;
+    } else if (options.All) {
+      AddSmallRows(engine, number);
+    } else {
+      ComplainOfSmallVolumes(engine, options, source, number);
+    }
   }
   if (status != AllDone && engine.Drives().List.empty()) return status;
   PrintDriveRows(engine, options);
@@ -161,6 +190,7 @@ int ShowInfo(const TOptions& options) {
   TEngine engine;
   ApplyOptions(engine, options);
   if (MountSource(engine, options, options.Source()) < 0) return WrongUsage;
+  if (engine.Drives().IsWrongNumber(options.Drive - 1)) AddSmallRows(engine, 0);
   if (options.Drive != 0 && engine.Drives().IsWrongNumber(options.Drive - 1)) {
     Complain(NoSuchDrive(options));
     return WrongUsage;

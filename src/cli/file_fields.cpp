@@ -3,6 +3,7 @@
 
 #include "analysis/analysis.h"
 #include "cli/file_id.h"
+#include "cli/rows.h"
 #include "core/datetime.h"
 #include "core/drives.h"
 #include "core/engine.h"
@@ -67,7 +68,7 @@ TJsonLine FileFields(TEngine& engine, const TTreeEntry& entry) {
       .Flag("deep", info.aDeepAnalyse)
       .Flag("compressed", info.Atributes.blnCompressed)
       .Flag("encrypted", info.Atributes.blnEncrypted)
-      .Number("drive", info.aDriveNumber + 1)
+      .Number("drive", RowOf(engine, info.aDriveNumber).Number)
       .TextOrNull("created", TimeField(isFAT, times.dtCreated))
       .TextOrNull("modified", TimeField(isFAT, times.dtModified))
       .TextOrNull("accessed", TimeField(isFAT, times.dtAccessed, true))

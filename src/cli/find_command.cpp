@@ -6,6 +6,7 @@
 
 #include "cli/commands.h"
 #include "cli/json_line.h"
+#include "cli/rows.h"
 #include "cli/session.h"
 #include "cli/verb_options.h"
 #include "core/sector_reader.h"
@@ -33,6 +34,28 @@ TIntegerDynArray Scan(TEngine& engine, const TOptions& options, int number) {
   TIntegerDynArray found = Drive(engine, number).SubDrives;
   if (found.empty() && Drive(engine, number).FileSystem != TFileSystem::fsUnknown) found = {number};
   return found;
+}
+
+/// Volumes that `drives` names in the range that was searched, and the search did not meet: their boot
+/// sector is lost, and a copy tells of them.
+void AddKnownRows(TEngine& engine, const TOptions& options, int number, TIntegerDynArray& found) {
+  const TDriveInfo& searched = Drive(engine, number);
+  const std::int64_t first = searched.FirstSector + (options.Scan ? 0 : std::max<std::int64_t>(options.First, 0));
+  const std::int64_t end =
+      options.Scan || options.Count < 0 ? searched.FirstSector + searched.SectorsCount : first + options.Count;
+  const TFileSystems systems = ChosenSystems(options);
+  for (int i = 0; i < static_cast<int>(engine.Drives().List.size()); ++i) {
+    const TDriveInfo& row = Drive(engine, i);
+    if (!IsRow(row) || row.Drive != searched.Drive || row.FirstSector < first || row.FirstSector >= end) continue;
+    if (!systems.Empty() && !systems.Has(row.FileSystem)) continue;
+    TDriveInfo copy = row;
+    // What only a partition type promises is no find.
+    if (row.FileSystem == TFileSystem::fsUnknown || !engine.Drives().GetInfo(copy, false, true, false)) continue;
+    const bool isFound = std::any_of(found.begin(), found.end(), [&](int other) {
+      return Drive(engine, other).FirstSector == row.FirstSector && Drive(engine, other).FileSystem == row.FileSystem;
+    });
+    if (!isFound) found.push_back(i);
+  }
 }
 
 void Print(TEngine& engine, const TOptions& options, const TIntegerDynArray& found) {
@@ -90,6 +113,7 @@ int FindPartitions(const TOptions& options) {
   TIntegerDynArray found = options.Scan ? Scan(engine, options, number) : QuickSearch(engine, options, number);
   engine.OnPump = nullptr;
   progress.Clear();
+  AddKnownRows(engine, options, number, found);
   std::stable_sort(found.begin(), found.end(),
                    [&](int a, int b) { return Drive(engine, a).FirstSector < Drive(engine, b).FirstSector; });
   if (!found.empty()) Print(engine, options, found);
@@ -97,7 +121,7 @@ int FindPartitions(const TOptions& options) {
     Complain(options.Texts.Utf8(TText::FindStopped));
     return TStopKey::Status();
   }
-  if (found.empty()) Complain(options.Texts.Utf8(TText::FindNothing));
+  if (found.empty()) Complain(options.Texts.Utf8(options.Scan ? TText::ScanFoundNothing : TText::FindNothing));
   return found.empty() ? DoneWithFailures : AllDone;
 }
 

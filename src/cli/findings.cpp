@@ -2,6 +2,7 @@
 #include "cli/findings.h"
 
 #include "analysis/tree_walk.h"
+#include "cli/rows.h"
 #include "cli/session.h"
 
 namespace brenlow::cli {
@@ -46,7 +47,7 @@ void ComplainOfNothing(TEngine& engine, const TOptions& options, const TIntegerD
   for (const int number : drives) {
     const TDriveInfo& drive = Drive(engine, number);
     if (drive.GeometrySource != TPlaceSource::FromCopy) continue;
-    Complain(texts.Utf8(TText::KnownByCopy, {std::to_string(number + 1), SystemName(drive)}));
+    Complain(texts.Utf8(TText::KnownByCopy, {RowText(engine, number), SystemName(drive)}));
   }
   const bool searched = options.Scan || options.FastOff;
   Complain(texts.Utf8(!searched && !options.Deep ? TText::NothingFoundScan

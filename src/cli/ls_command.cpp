@@ -8,6 +8,7 @@
 #include "cli/commands.h"
 #include "cli/file_fields.h"
 #include "cli/findings.h"
+#include "cli/rows.h"
 #include "cli/selection.h"
 #include "cli/session.h"
 #include "cli/verb_options.h"
@@ -134,15 +135,16 @@ class TListing final : public ITreeVisitor {
   std::string FCompressed;
 };
 
-std::string VolumeTitle(const TLanguage& texts, const TDriveInfo& drive, int number) {
+std::string VolumeTitle(TEngine& engine, const TLanguage& texts, int number) {
+  const TDriveInfo& drive = Drive(engine, number);
   const std::string size = SizeText(SizeOf(drive));
   if (drive.FileSystem == TFileSystem::fsUnknown) {
     return texts.Utf8(TText::ListTitle,
-                      {std::to_string(number + 1), texts.Utf8(TText::RowDisk), Printable(ToUtf8(drive.Caption)), size});
+                      {RowText(engine, number), texts.Utf8(TText::RowDisk), Printable(ToUtf8(drive.Caption)), size});
   }
   const std::string label =
       drive.VolumeName.empty() ? texts.Utf8(TText::NoLabel) : "\"" + Printable(ToUtf8(drive.VolumeName)) + "\"";
-  return texts.Utf8(TText::ListTitle, {std::to_string(number + 1), SystemName(drive), label, size});
+  return texts.Utf8(TText::ListTitle, {RowText(engine, number), SystemName(drive), label, size});
 }
 
 std::string SumText(const TLanguage& texts, const TListing& listing) {
@@ -175,7 +177,7 @@ int ListFiles(const TOptions& options) {
   std::int64_t listed = 0;
   for (const int number : analysed.Drives) {
     TListing listing(engine, options, output);
-    if (!options.Json) output.Write(VolumeTitle(options.Texts, Drive(engine, number), number) + "\n");
+    if (!options.Json) output.Write(VolumeTitle(engine, options.Texts, number) + "\n");
     selection.Walk(engine, number, listing);
     listed += listing.Files + listing.Folders;
     if (!options.Json) {

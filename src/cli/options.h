@@ -57,6 +57,7 @@ struct TOptions {
   std::string Map;
   bool Compressed = false;
   bool Overwrite = false;
+  bool All = false;            ///< of `drives`: partitions that have no row otherwise, too
   bool Quiet = false;          ///< no progress
   bool ProgressLines = false;  ///< progress as lines, also on a terminal
   TLanguage Texts = TLanguage::English();

@@ -9,6 +9,7 @@
 #include "cli/file_fields.h"
 #include "cli/findings.h"
 #include "cli/outcome_lines.h"
+#include "cli/rows.h"
 #include "cli/selection.h"
 #include "cli/session.h"
 #include "cli/verb_options.h"
@@ -208,12 +209,6 @@ int TellPlan(TEngine& engine, const TOptions& options, const TSelection& selecti
   return HasRoom(options, recovery) ? AllDone : DoneWithFailures;
 }
 
-/// The folder of the target for the files of one of several drives.
-TString FolderOf(TEngine& engine, int number) {
-  const TString& name = Drive(engine, number).VolumeName;
-  return NumberText(number + 1) + u" " + (name.empty() ? engine.Language()[TText::Volume] : name);
-}
-
 }  // namespace
 
 void AddRecoverOptions(CLI::App& verb, TOptions& options) {
@@ -302,7 +297,7 @@ int RecoverFiles(const TOptions& options) {
   for (const int number : analysed.Drives) {
     if (!engine.Recovering) break;
     link.GetSelectedFiles = TopOf(engine, number);
-    recovery.Recovery(false, analysed.Drives.size() > 1 ? FolderOf(engine, number) : TString());
+    recovery.Recovery(false, analysed.Drives.size() > 1 ? RowFolder(engine, number) : TString());
   }
   engine.Recovering = false;
   engine.OnPump = nullptr;

@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "cli/session.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <filesystem>
 
 #include "analysis/analysis.h"
 #include "analysis/deep/all_fs.h"
 #include "analysis/files.h"
+#include "cli/rows.h"
 #include "cli/selection.h"
 #include "core/images/image_file.h"
 #include "core/images/rescue_map.h"
@@ -38,8 +37,8 @@ bool InsertWithMap(TEngine& engine, const TOptions& options, const std::string& 
 bool IsReadable(TEngine& engine, const TOptions& options, int number) {
   const TDriveInfo& drive = Drive(engine, number);
   if (drive.Analysed == TAnalyseInformation::aiFull || TStopKey::Pressed()) return true;
-  Complain(options.Texts.Utf8(TText::VolumeDamaged,
-                              {std::to_string(number + 1), SystemName(drive), SizeText(SizeOf(drive))}));
+  Complain(
+      options.Texts.Utf8(TText::VolumeDamaged, {RowText(engine, number), SystemName(drive), SizeText(SizeOf(drive))}));
   return false;
 }
 
@@ -54,6 +53,7 @@ bool IsSamePath(const std::string& a, const std::string& b) {
 
 int ChosenDrive(TEngine& engine, const TOptions& options) {
   const int number = std::max(options.Drive - 1, 0);
+  if (engine.Drives().IsWrongNumber(number)) AddSmallRows(engine, 0);
   if (engine.Drives().IsWrongNumber(number)) {
     Complain(NoSuchDrive(options));
     return -1;
@@ -122,33 +122,11 @@ void ScanForPartitions(TEngine& engine, const TOptions& options, int number) {
   engine.AllFS().OnCanFileBeAdded = nullptr;
 }
 
-namespace {
-
-/// Whether a drive is a row of `drives`, which a search or an analysis has not added.
-bool IsRow(const TDriveInfo& drive) {
-  return !drive.IsSubDrive && !drive.DriveTypes.Has(TDriveType::dtFound) &&
-         !drive.DriveTypes.Has(TDriveType::dtVirtual);
-}
-
-}  // namespace
-
-TReach ReachOf(TEngine& engine, int number) {
-  const TDriveInfo& drive = Drive(engine, number);
-  int row = -1;
-  for (int i = 0; i < static_cast<int>(engine.Drives().List.size()); ++i) {
-    const TDriveInfo& other = Drive(engine, i);
-    if (!IsRow(other) || other.Drive != drive.Drive) continue;
-    const bool isSame = !engine.Drives().IsPhysical(i) && other.FirstSector == drive.FirstSector &&
-                        other.SectorsCount == drive.SectorsCount;
-    const bool holds = other.FirstSector <= drive.FirstSector &&
-                       drive.FirstSector + drive.SectorsCount <= other.FirstSector + other.SectorsCount;
-    if (i == number || isSame) return {i + 1, true, fmt::format("--drive {}", i + 1)};
-    // The innermost row that holds it.
-    if (holds && (row < 0 || other.SectorsCount < Drive(engine, row).SectorsCount)) row = i;
-  }
-  if (row < 0) row = 0;
-  const std::int64_t first = drive.FirstSector - Drive(engine, row).FirstSector;
-  return {row + 1, false, fmt::format("--drive {} --first {} --count {}", row + 1, first, drive.SectorsCount)};
+void ComplainOfSmallVolumes(TEngine& engine, const TOptions& options, const std::string& source, int disk) {
+  const int count = CountSmallVolumes(engine, disk);
+  if (count == 0) return;
+  Complain(options.Texts.Utf8(count == 1 ? TText::SmallVolumesOne : TText::SmallVolumesMany,
+                              {std::to_string(count), source}));
 }
 
 void ComplainOfStoppedScan(TEngine& engine, const TOptions& options, const TAnalysed& analysed) {
@@ -157,7 +135,7 @@ void ComplainOfStoppedScan(TEngine& engine, const TOptions& options, const TAnal
     const TDriveInfo& drive = Drive(engine, number);
     if (drive.FileSystem == TFileSystem::fsUnknown || engine.Drives().IsEmpty(number)) continue;
     Complain(options.Texts.Utf8(TText::ScanStoppedReach, {SystemName(drive), SizeText(SizeOf(drive)), options.Source(),
-                                                          ReachOf(engine, number).Options}));
+                                                          ReachText(engine, number)}));
   }
   Complain(options.Texts.Utf8(TText::ScanStoppedHint));
 }
@@ -180,6 +158,7 @@ TIntegerDynArray ChooseDrives(TEngine& engine, const TOptions& options, int& dee
   deepDrive = ChosenDrive(engine, options);
   if (deepDrive < 0 || options.FastOff || options.Scan) return {};
   if (oneOnly) return {deepDrive};
+  ComplainOfSmallVolumes(engine, options, options.Source(), 0);
   TIntegerDynArray chosen;
   for (int i = 0; i < static_cast<int>(drives.List.size()); ++i) {
     if (drives.CanBeAnalysed(i)) chosen.push_back(i);

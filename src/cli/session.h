@@ -40,13 +40,8 @@ TPartRecSystems ChosenSearch(const TOptions& options);
 /// One drive through the thorough search; the sub-drives that it found are below it.
 void ScanForPartitions(TEngine& engine, const TOptions& options, int number);
 
-/// How other verbs reach a drive of the registry: a row of `drives`, or a range of sectors of one.
-struct TReach {
-  int Row;              ///< from 1
-  bool IsRow;           ///< the drive is that row, else a part of it
-  std::string Options;  ///< "--drive 2", or "--drive 2 --first 63 --count 2048"
-};
-TReach ReachOf(TEngine& engine, int number);
+/// Tells of volumes that a partition table names and that are too small for a row.
+void ComplainOfSmallVolumes(TEngine& engine, const TOptions& options, const std::string& source, int disk);
 
 /// Says that a stop during the scan has left the target as it was, and how to get at what was found.
 void ComplainOfStoppedScan(TEngine& engine, const TOptions& options, const TAnalysed& analysed);

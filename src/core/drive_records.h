@@ -44,6 +44,8 @@ struct TDriveInfo {
   /// four characters. A volume has the same text as the physical drive under it.
   TString Drive;
   TString DriveLetter;  ///< mount point, or empty
+  /// What the partition table calls it; empty where the table (anything but a GPT) keeps no names.
+  TString PartitionName;
   TString Serial;
   TDriveTypes DriveTypes;
   TPartitionTypes PartitionType;

@@ -94,6 +94,12 @@ void TDrives::AddSystemVolumes(const TPhysicalDrives& disks, bool all) {
     drive.ReceivedType = TReceivedType::rtBySystem;
     drive.DriveTypes = {TDriveType::dtVolume};
     if (mounted.Removable) drive.DriveTypes.Add(TDriveType::dtRemovable);
+    if (known != disks.end()) {
+      const auto entry = std::find_if(known->Volumes.begin(), known->Volumes.end(), [&](const TVolume& volume) {
+        return volume.StartingSector == static_cast<std::uint64_t>(drive.FirstSector);
+      });
+      if (entry != known->Volumes.end()) drive.PartitionName = PartitionName(entry->GPTRecord);
+    }
     drive.FileSystem = GetSystem(drive);
     GetInfo(drive, false, true, false);
     SetDefaultInfo(drive);
@@ -161,6 +167,7 @@ int TDrives::AddTableVolume(const TPhysicalDrive& disk, const TVolume& volume, b
   TDriveInfo drive = like;
   drive.Drive = disk.Drive;
   drive.PartitionType = volume.PartitionType;
+  drive.PartitionName = PartitionName(volume.GPTRecord);
   drive.ReceivedType = unallocated ? TReceivedType::rtByUnallocatedSpace : TReceivedType::rtByMBR;
   drive.DriveTypes.Add(TDriveType::dtVolume);
   drive.DriveTypes.Remove(TDriveType::dtPhysical);

@@ -366,6 +366,11 @@ TPhysicalDrives TPartitionsInfo::GetPhysicalDrives() {
   return drives;
 }
 
+TString PartitionName(const TGPTRecord& record) {
+  const auto end = std::find(record.Name.begin(), record.Name.end(), u'\0');
+  return TString(Trim(TStringView(record.Name.data(), static_cast<std::size_t>(end - record.Name.begin()))));
+}
+
 TFileSystem FileSystemOfIndicator(std::uint8_t indicator) {
   switch (indicator) {
     case 1:

@@ -104,6 +104,9 @@ class TPartitionsInfo {
   TEngine& FEngine;
 };
 
+/// The name in an entry of a GPT: up to the first 0 unit, without blanks at its ends.
+TString PartitionName(const TGPTRecord& record);
+
 /// The file system that the type byte of an MBR entry promises; `fsUnknown` for all others.
 TFileSystem FileSystemOfIndicator(std::uint8_t indicator);
 
