@@ -10,10 +10,12 @@
 #include "core/device/device.h"
 #include "core/drives.h"
 #include "core/language.h"
+#include "core/named_systems.h"
 #include "core/partitions.h"
 #include "core/sector_reader.h"
 #include "fs/dispatch.h"
 #include "fs/fat/fat.h"
+#include "fs/fat/fat_layout.h"
 #include "fs/ntfs/ntfs.h"
 
 namespace brenlow {
@@ -61,6 +63,12 @@ void TEngine::ShowMessage(TText text) {
   if (OnMessage) OnMessage({text, (*FLanguage)[text]});
 }
 
+void TEngine::ShowNoDriver(const TDriveInfo& drive) {
+  const TString system(TDrives::GetSystemNameBySystem(drive.FileSystem));
+  if (OnMessage)
+    OnMessage({TText::SystemWithoutDriver, FLanguage->Format(TText::SystemWithoutDriver, {drive.Caption, system})});
+}
+
 void TEngine::ChangeLanguage(TLanguage language) {
   *FLanguage = std::move(language);
   FDrives->UpdateLanguage();
@@ -69,15 +77,39 @@ void TEngine::ChangeLanguage(TLanguage language) {
 }
 
 TFileSystem TEngine::RecogniseFileSystem(std::span<const std::uint8_t> buffer, std::size_t start,
-                                         [[maybe_unused]] bool addSuperblockOffset,
-                                         [[maybe_unused]] int bytesPerSector) {
+                                         bool addSuperblockOffset, [[maybe_unused]] int bytesPerSector) {
+  const bool canBeNamed = addSuperblockOffset && start < buffer.size();
+  if (canBeNamed) {
+    const TFileSystem named = NameByFirstSector(buffer.subspan(start));
+    if (named != TFileSystem::fsUnknown) return named;
+  }
   if (FNTFS->IsPartition(buffer, start)) return TFileSystem::fsNTFS;
-  return FFAT->IsPartition(buffer, start) ? FFAT->GetFileSystem(buffer, start) : TFileSystem::fsUnknown;
+  if (FFAT->IsPartition(buffer, start)) return FFAT->GetFileSystem(buffer, start);
+  return canBeNamed ? NameBySuperblock(buffer.subspan(start)) : TFileSystem::fsUnknown;
 }
 
-TFileSystem TEngine::RecogniseByCopy(const TDriveInfo& drive, std::span<const std::uint8_t> head, int bytesPerSector) {
-  if (FFAT->IsBackupBootSector(head, bytesPerSector)) return TFileSystem::fsFAT32;
-  return FNTFS->IsBackupAtEnd(drive) ? TFileSystem::fsNTFS : TFileSystem::fsUnknown;
+TCopyFound TEngine::RecogniseByCopy(const TDriveInfo& drive, std::span<const std::uint8_t> head, int bytesPerSector,
+                                    TFileSystem known) {
+  if (!IsFAT(known) && FFAT->IsBackupBootSector(head, bytesPerSector)) {
+    const auto copy = head.subspan(static_cast<std::size_t>(fat::BackupBootSector * bytesPerSector));
+    return {TFileSystem::fsFAT32, FFAT->IsVolumeSound(drive, copy)};
+  }
+  if (known != TFileSystem::fsNTFS && FNTFS->IsBackupAtEnd(drive)) {
+    TByteDynArray copy(static_cast<std::size_t>(bytesPerSector));
+    FReader->ReadDriveSectors(drive, copy.data(), drive.FirstSector + drive.SectorsCount - 1, 1);
+    return {TFileSystem::fsNTFS, FNTFS->IsVolumeSound(drive, copy)};
+  }
+  return {known == TFileSystem::fsUnknown ? NameByCopy(head, bytesPerSector) : TFileSystem::fsUnknown, false};
+}
+
+bool TEngine::HasDriver(TFileSystem system) {
+  return WithDriver(
+      *this, system, [](auto&) { return true; }, false);
+}
+
+bool TEngine::HoldsFolders(const TDriveInfo& volume) {
+  if (volume.FileSystem == TFileSystem::fsNTFS) return volume.NTFSInfo.MFTRecordCount > 0;
+  return IsFAT(volume.FileSystem) && FFAT->HasSoundRoot(volume);
 }
 
 bool TEngine::GetDriveInfo(TDriveInfo& drive, bool fillTable) {

@@ -44,7 +44,12 @@ void AnalyseDrive(TEngine& engine, int driveNumber) {
     // Without its disk a floppy gives nothing: straight to the end.
   } else if (!physical && !engine.PartRecRunning && !drives.CanBeAnalysed(driveNumber)) {
     Drive(engine, driveNumber).Analysed = TAnalyseInformation::aiFull;
-    engine.ShowMessage(TText::NothingToAnalyse);
+    const TDriveInfo& drive = Drive(engine, driveNumber);
+    if (drive.FileSystem == TFileSystem::fsUnknown) {
+      engine.ShowMessage(TText::NothingToAnalyse);
+    } else {
+      engine.ShowNoDriver(drive);
+    }
   } else {
     drives.DeleteSubdrives(driveNumber);
     engine.Files().Clear(driveNumber, false);

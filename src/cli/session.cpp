@@ -160,10 +160,18 @@ TIntegerDynArray ChooseDrives(TEngine& engine, const TOptions& options, int& dee
   if (oneOnly) return {deepDrive};
   ComplainOfSmallVolumes(engine, options, options.Source(), 0);
   TIntegerDynArray chosen;
+  bool named = false;
   for (int i = 0; i < static_cast<int>(drives.List.size()); ++i) {
-    if (drives.CanBeAnalysed(i)) chosen.push_back(i);
+    const TDriveInfo& drive = Drive(engine, i);
+    if (drives.CanBeAnalysed(i)) {
+      chosen.push_back(i);
+    } else if (drive.FileSystem != TFileSystem::fsUnknown) {
+      Complain(options.Texts.Utf8(TText::SystemWithoutDriver, {Printable(ToUtf8(drive.Caption)), SystemName(drive)}));
+      named = true;
+    }
   }
-  if (chosen.empty() && !options.Deep) Complain(options.Texts.Utf8(TText::NothingRecognised, {options.Source()}));
+  const bool nothing = chosen.empty() && !named && !options.Deep;
+  if (nothing) Complain(options.Texts.Utf8(TText::NothingRecognised, {options.Source()}));
   return chosen;
 }
 

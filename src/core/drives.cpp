@@ -72,7 +72,11 @@ void TDrives::AddSystemDisks(const TPhysicalDrives& disks, bool all) {
   for (const TPhysicalDrive& disk : disks) {
     TDriveInfo like;
     if (disk.DiskGeometry.MediaType == RemovableMedia) like.DriveTypes.Add(TDriveType::dtRemovable);
-    AddTableVolumes(disk, like);
+    TPhysicalDrive shown = disk;
+    const TDriveInfo drive = DriveOfDisk(disk);
+    std::vector<TDriveInfo> wholes = WholeVolumes(drive, Recognise(drive), drive.BytesPerSector, shown);
+    AddTableVolumes(shown, like);
+    AddWholeVolumes(std::move(wholes));
   }
   for (const TPhysicalDrive& disk : disks) AddPhysicalDrive(disk);
   if (!OnAdded) return;
@@ -100,13 +104,42 @@ void TDrives::AddSystemVolumes(const TPhysicalDrives& disks, bool all) {
       });
       if (entry != known->Volumes.end()) drive.PartitionName = PartitionName(entry->GPTRecord);
     }
-    drive.FileSystem = GetSystem(drive);
-    GetInfo(drive, false, true, false);
-    SetDefaultInfo(drive);
     drive.CaptionKind = TCaptionKind::SystemVolume;
-    drive.CanBeAnalysed = true;
-    Add(drive, false);
+    AddVolume(std::move(drive), TFileSystem::fsUnknown);
   }
+}
+
+/// Adds a volume of known bounds with the file system that lies there, else the `promised` one, and once
+/// more with what another system has left there. The result is the new numbers.
+TIntegerDynArray TDrives::AddVolume(TDriveInfo drive, TFileSystem promised) {
+  const TDriveInfo bounds = drive;
+  const TRecognised found = Recognise(drive);
+  const bool known = found.System != TFileSystem::fsUnknown;
+  drive.FileSystem = known ? found.System : promised;
+  drive.GeometrySource = found.Source;
+  drive.CanBeAnalysed = true;
+  GetInfo(drive, false, true, false);
+  SetDefaultInfo(drive);
+  TIntegerDynArray added{Add(drive, false)};
+  const int leftover = AddLeftover(bounds, found.Leftover);
+  if (leftover >= 0) added.push_back(leftover);
+  return added;
+}
+
+/// The volume that was there before another system formatted it; -1 when nothing of it is left.
+int TDrives::AddLeftover(const TDriveInfo& bounds, TFileSystem system) {
+  if (system == TFileSystem::fsUnknown) return -1;
+  TDriveInfo drive = bounds;
+  drive.FileSystem = system;
+  drive.GeometrySource = TPlaceSource::FromCopy;
+  drive.ReceivedType = TReceivedType::rtAutodetected;
+  drive.DriveTypes.Add(TDriveType::dtFound);
+  drive.DriveLetter.clear();
+  drive.CaptionKind = TCaptionKind::TableVolume;
+  drive.CanBeAnalysed = true;
+  if (!GetInfo(drive, false, true, false) || !FEngine.HoldsFolders(drive)) return -1;
+  SetDefaultInfo(drive);
+  return Add(drive, false);
 }
 
 /// Adds a row for every partition of a disk and every gap between them that is large enough and
@@ -116,12 +149,31 @@ TIntegerDynArray TDrives::AddTableVolumes(const TPhysicalDrive& disk, const TDri
   TVolumes gaps;
   AddUnallocatedSpaces(disk, gaps);
   for (const TVolume& volume : disk.Volumes) {
-    const int number = AddTableVolume(disk, volume, false, like);
-    if (number >= 0) added.push_back(number);
+    const TIntegerDynArray numbers = AddTableVolume(disk, volume, false, like);
+    added.insert(added.end(), numbers.begin(), numbers.end());
   }
   for (const TVolume& gap : gaps) {
-    const int number = AddTableVolume(disk, gap, true, like);
-    if (number >= 0) added.push_back(number);
+    const TIntegerDynArray numbers = AddTableVolume(disk, gap, true, like);
+    added.insert(added.end(), numbers.begin(), numbers.end());
+  }
+  return added;
+}
+
+/// Volumes that fill a disk without a table, or lie beside its table. The result is the new numbers.
+TIntegerDynArray TDrives::AddWholeVolumes(std::vector<TDriveInfo> wholes) {
+  TIntegerDynArray added;
+  for (TDriveInfo& whole : wholes) {
+    const bool listed = std::any_of(List.begin(), List.end(), [&](const TDriveInfo& d) {
+      return d.Drive == whole.Drive && d.FirstSector == 0 && !d.DriveTypes.Has(TDriveType::dtPhysical) &&
+             d.FileSystem == whole.FileSystem;
+    });
+    if (listed) continue;
+    whole.DriveTypes.Remove(TDriveType::dtPhysical);
+    whole.DriveTypes.Add(TDriveType::dtVolume);
+    whole.ReceivedType = TReceivedType::rtAutodetected;
+    whole.CaptionKind = TCaptionKind::TableVolume;
+    SetDefaultInfo(whole);
+    added.push_back(Add(whole, false));
   }
   return added;
 }
@@ -147,22 +199,22 @@ void TDrives::AddUnallocatedSpaces(const TPhysicalDrive& disk, TVolumes& volumes
   addGap(end);
 }
 
-int TDrives::AddTableVolume(const TPhysicalDrive& disk, const TVolume& volume, bool unallocated,
-                            const TDriveInfo& like) {
+TIntegerDynArray TDrives::AddTableVolume(const TPhysicalDrive& disk, const TVolume& volume, bool unallocated,
+                                         const TDriveInfo& like) {
   const auto bytesPerSector = static_cast<int>(disk.DiskGeometry.BytesPerSector);
-  if (volume.SectorCount < static_cast<std::uint64_t>(SmallestVolume / bytesPerSector)) return -1;
+  if (volume.SectorCount < static_cast<std::uint64_t>(SmallestVolume / bytesPerSector)) return {};
   // Beyond this no byte has an address: garbage.
   const auto mostSectors = static_cast<std::uint64_t>(INT64_MAX / bytesPerSector);
-  if (volume.StartingSector > mostSectors || volume.SectorCount > mostSectors - volume.StartingSector) return -1;
+  if (volume.StartingSector > mostSectors || volume.SectorCount > mostSectors - volume.StartingSector) return {};
   // A volume of which the source holds nothing: a table of garbage, or the head of an image.
   if (disk.DiskSize > 0 && volume.StartingSector >= static_cast<std::uint64_t>(disk.DiskSize / bytesPerSector))
-    return -1;
-  if (volume.PartitionType.Has(TPartitionType::ptReserved)) return -1;
+    return {};
+  if (volume.PartitionType.Has(TPartitionType::ptReserved)) return {};
   const auto start = static_cast<std::int64_t>(volume.StartingSector);
   const bool listed = std::any_of(List.begin(), List.end(), [&](const TDriveInfo& d) {
     return d.Drive == disk.Drive && d.FirstSector == start && !d.DriveTypes.Has(TDriveType::dtPhysical);
   });
-  if (listed) return -1;
+  if (listed) return {};
 
   TDriveInfo drive = like;
   drive.Drive = disk.Drive;
@@ -175,37 +227,42 @@ int TDrives::AddTableVolume(const TPhysicalDrive& disk, const TVolume& volume, b
   drive.SectorsCount = static_cast<std::int64_t>(volume.SectorCount);
   drive.BytesPerSector = bytesPerSector;
   if (!unallocated) {
-    drive.FileSystem = GetSystem(drive);
-    if (drive.FileSystem == TFileSystem::fsUnknown && disk.PartitionStyle == PARTITION_STYLE::PARTITION_STYLE_MBR) {
-      drive.FileSystem = FileSystemOfIndicator(volume.MBRRecord.Structure.SystemIndicator);
-    }
-    GetInfo(drive, false, true, false);
+    drive.CaptionKind = TCaptionKind::TableVolume;
+    const bool isMBR = disk.PartitionStyle == PARTITION_STYLE::PARTITION_STYLE_MBR;
+    const std::uint8_t indicator = volume.MBRRecord.Structure.SystemIndicator;
+    return AddVolume(std::move(drive), isMBR ? FileSystemOfIndicator(indicator) : TFileSystem::fsUnknown);
   }
   SetDefaultInfo(drive);
-  drive.CaptionKind = unallocated ? TCaptionKind::UnallocatedSpace : TCaptionKind::TableVolume;
-  if (unallocated) drive.CaptionNumber = ++FUnallocatedCount;
+  drive.CaptionKind = TCaptionKind::UnallocatedSpace;
+  drive.CaptionNumber = ++FUnallocatedCount;
   drive.CanBeAnalysed = true;
-  return Add(drive, false);
+  return {Add(drive, false)};
 }
 
-void TDrives::AddPhysicalDrive(const TPhysicalDrive& disk) {
+/// A disk of the system as a drive.
+TDriveInfo TDrives::DriveOfDisk(const TPhysicalDrive& disk) {
   TDriveInfo drive;
   drive.Drive = disk.Drive;
   drive.Serial = disk.Serial;
   drive.DiskGeometry = disk.DiskGeometry;
   drive.BytesPerSector = static_cast<int>(disk.DiskGeometry.BytesPerSector);
   if (drive.BytesPerSector > 0 && disk.DiskSize > 0) drive.SectorsCount = disk.DiskSize / drive.BytesPerSector;
+  drive.DriveTypes = {TDriveType::dtPhysical};
+  if (disk.DiskGeometry.MediaType == RemovableMedia) drive.DriveTypes.Add(TDriveType::dtRemovable);
+  drive.CanBeAnalysed = true;
+  return drive;
+}
+
+void TDrives::AddPhysicalDrive(const TPhysicalDrive& disk) {
+  TDriveInfo drive = DriveOfDisk(disk);
   drive.Caption = disk.Model;
   if (disk.Model.empty()) {
     drive.CaptionKind = TCaptionKind::PhysicalDrive;
     drive.CaptionNumber = ++FUnnamedCount;
   }
-  drive.DriveTypes = {TDriveType::dtPhysical};
-  if (disk.DiskGeometry.MediaType == RemovableMedia) drive.DriveTypes.Add(TDriveType::dtRemovable);
   for (int i = 0; i < static_cast<int>(List.size()); ++i) {
     if (List[static_cast<std::size_t>(i)].Drive == disk.Drive && !IsPhysical(i)) drive.Volumes.push_back(i);
   }
-  drive.CanBeAnalysed = true;
   SetDefaultInfo(drive);
   Add(drive, false);
 }
@@ -388,25 +445,60 @@ void TDrives::ResetDefaultInfo(int number) {
   drive.NTFSInfo = TNTFSInfo();
   drive.VolumeName.clear();
   drive.aFreeSize = -1;
-  drive.FileSystem = GetSystem(drive);
+  const TRecognised found = Recognise(drive);
+  drive.FileSystem = found.System;
+  drive.GeometrySource = found.Source;
   GetInfo(drive, false, true, false);
   SetDefaultInfo(drive);
 }
 
 // ---- mounting -------------------------------------------------------------------------------
 
-/// True when the whole source is one volume; the volume then says how long it is and, where the
-/// source does not, how large its sectors are.
-bool TDrives::IsWholeVolume(TDriveInfo& drive, int statedSectorSize) {
-  const TFileSystem system = GetSystem(drive);
-  if (system == TFileSystem::fsUnknown) return false;
+/// Makes the drive the volume that fills it; the volume then says how long it is and, where the source
+/// does not, how large its sectors are. False when it cannot be read as that.
+bool TDrives::WholeVolume(TDriveInfo& drive, TFileSystem system, TPlaceSource source, int statedSectorSize) {
   TDriveInfo volume = drive;
   volume.FileSystem = system;
-  if (statedSectorSize == 0) volume.BytesPerSector = 0;
+  volume.GeometrySource = source;
+  if (!FEngine.HasDriver(system)) {
+    drive = std::move(volume);
+    return true;
+  }
   volume.SectorsCount = 0;
-  if (!GetInfo(volume, false, true, false) || volume.SectorsCount <= 0) return false;
-  drive = std::move(volume);
-  return true;
+  // A copy lies where sectors of the right size are counted: those of the drive are tried then.
+  for (const int bytesPerSector : {statedSectorSize, drive.BytesPerSector}) {
+    TDriveInfo attempt = volume;
+    attempt.BytesPerSector = bytesPerSector;
+    if (!GetInfo(attempt, false, true, false) || attempt.SectorsCount <= 0) continue;
+    drive = std::move(attempt);
+    return true;
+  }
+  return false;
+}
+
+/// The volumes that fill a drive: what its boot area says first, then its table, then copies of lost boot
+/// sectors. Where two of them are sound both stand; what is not believed is taken out of `disk`.
+std::vector<TDriveInfo> TDrives::WholeVolumes(const TDriveInfo& drive, const TRecognised& found, int statedSectorSize,
+                                              TPhysicalDrive& disk) {
+  std::vector<TDriveInfo> wholes;
+  const auto offer = [&](TFileSystem system, TPlaceSource source, bool mustHoldFolders) {
+    TDriveInfo volume = drive;
+    if (system == TFileSystem::fsUnknown || !WholeVolume(volume, system, source, statedSectorSize)) return;
+    if (!mustHoldFolders || FEngine.HoldsFolders(volume)) wholes.push_back(std::move(volume));
+  };
+  const bool inBootArea = found.System != TFileSystem::fsUnknown && found.Source == TPlaceSource::Stored;
+  bool hasTable = disk.TableIsSound && !disk.Volumes.empty();
+  if (inBootArea) {
+    // Boot code may look like a table. One beside the boot sector of a volume must lead to volumes.
+    const bool served = FEngine.HasDriver(found.System);
+    hasTable = hasTable && (!served || CountKnownSystems(drive, disk.Volumes) > 0);
+    if (served || !hasTable) offer(found.System, found.Source, false);
+  } else if (!hasTable || found.SoundCopy) {
+    offer(found.System, found.Source, hasTable);
+  }
+  offer(found.Leftover, TPlaceSource::FromCopy, true);
+  if (!wholes.empty() && !hasTable) disk.Volumes.clear();
+  return wholes;
 }
 
 /// How many volumes of a disk have a known file system where the table says that they begin.
@@ -414,7 +506,7 @@ int TDrives::CountKnownSystems(const TDriveInfo& drive, const TVolumes& volumes)
   int known = 0;
   TDriveInfo volume = drive;
   for (const TVolume& entry : volumes) {
-    if (entry.StartingSector >= static_cast<std::uint64_t>(drive.SectorsCount)) continue;
+    if (entry.StartingSector == 0 || entry.StartingSector >= static_cast<std::uint64_t>(drive.SectorsCount)) continue;
     volume.FirstSector = static_cast<std::int64_t>(entry.StartingSector);
     if (GetSystem(volume) != TFileSystem::fsUnknown) ++known;
   }
@@ -432,31 +524,35 @@ bool TDrives::HasNative4KTable(const TDriveInfo& drive) {
   return isAt(4096) && !isAt(512);
 }
 
-/// Looks for a file system on the whole source, then for partitions. A source without a sector
-/// size of its own is read with 512 bytes, and with 4096 where that shows more (disks with native
-/// 4 KiB sectors keep their tables in those units). True when it is one volume.
-bool TDrives::DetectWholeSource(TDriveInfo& drive, TPhysicalDrive& disk) {
+/// Looks for volumes that fill the source, which are the result, and for partitions. A source without a
+/// sector size of its own is read with 512 bytes, and with 4096 where that shows more (disks with native
+/// 4 KiB sectors keep their tables in those units).
+std::vector<TDriveInfo> TDrives::DetectWholeSource(TDriveInfo& drive, TPhysicalDrive& disk) {
   const int stated = drive.BytesPerSector;
   const std::int64_t size = drive.SectorsCount * GetBytesPerSector(drive);
   int most = -1;
   int chosen = stated > 0 ? stated : HasNative4KTable(drive) ? 4096 : 512;
+  std::vector<TDriveInfo> wholes;
   for (const int bytesPerSector : {chosen, 4096}) {
     drive.BytesPerSector = bytesPerSector;
     drive.SectorsCount = size / bytesPerSector;
-    if (IsWholeVolume(drive, stated)) return true;
+    const TRecognised recognised = Recognise(drive);
+    const bool inBootArea = recognised.System != TFileSystem::fsUnknown && recognised.Source == TPlaceSource::Stored;
     TPhysicalDrive found;
-    FEngine.Partitions().GetPhysicalDrive(drive, found);
+    // A volume's boot sector that holds no table spares the hunt for one.
+    if (!inBootArea || FEngine.Partitions().HasTableSector(drive)) FEngine.Partitions().GetPhysicalDrive(drive, found);
+    wholes = WholeVolumes(drive, recognised, stated, found);
     const int known = stated > 0 ? 0 : CountKnownSystems(drive, found.Volumes);
-    if (known > most || (disk.Volumes.empty() && !found.Volumes.empty())) {
+    if (!wholes.empty() || known > most || (disk.Volumes.empty() && !found.Volumes.empty())) {
       most = known;
       chosen = bytesPerSector;
       disk = std::move(found);
     }
-    if (known > 0 || stated > 0 || bytesPerSector == 4096) break;
+    if (!wholes.empty() || known > 0 || stated > 0 || bytesPerSector == 4096) break;
   }
   drive.BytesPerSector = chosen;
   drive.SectorsCount = size / chosen;
-  return false;
+  return wholes;
 }
 
 TMountFailure LastFailure(const TDeviceTable& devices) {
@@ -492,7 +588,9 @@ int TDrives::Mount(TStringView fileName, bool canAddToTreeView, TMountFailure* f
   drive.CanBeAnalysed = true;
 
   TPhysicalDrive disk;
-  const bool isVolume = DetectWholeSource(drive, disk);
+  std::vector<TDriveInfo> wholes = DetectWholeSource(drive, disk);
+  const bool isVolume = wholes.size() == 1 && disk.Volumes.empty();
+  if (isVolume) drive = std::move(wholes.front());
   drive.DriveTypes.Add(isVolume ? TDriveType::dtVolume : TDriveType::dtPhysical);
   if (!isVolume) drive.DiskGeometry.BytesPerSector = static_cast<std::uint32_t>(drive.BytesPerSector);
   SetDefaultInfo(drive);
@@ -500,7 +598,11 @@ int TDrives::Mount(TStringView fileName, bool canAddToTreeView, TMountFailure* f
   if (!isVolume) {
     TDriveInfo like;
     like.DriveTypes = {TDriveType::dtMounted};
-    List[static_cast<std::size_t>(number)].Volumes = AddTableVolumes(disk, like);
+    TIntegerDynArray volumes = AddTableVolumes(disk, like);
+    for (TDriveInfo& whole : wholes) whole.DriveTypes = like.DriveTypes;
+    const TIntegerDynArray others = AddWholeVolumes(std::move(wholes));
+    volumes.insert(volumes.end(), others.begin(), others.end());
+    List[static_cast<std::size_t>(number)].Volumes = std::move(volumes);
   }
   if (canAddToTreeView && OnAdded) {
     for (int i = number; i < static_cast<int>(List.size()); ++i) OnAdded(i);
@@ -551,7 +653,7 @@ void TDrives::CloseDisks(TIntegerDynArray numbers) {
 }
 
 bool TDrives::CanBeAnalysed(int number) const {
-  return !IsWrongNumber(number) && List[static_cast<std::size_t>(number)].FileSystem != TFileSystem::fsUnknown;
+  return !IsWrongNumber(number) && FEngine.HasDriver(List[static_cast<std::size_t>(number)].FileSystem);
 }
 
 bool TDrives::Same(const TDriveInfo& drive1, const TDriveInfo& drive2) {
@@ -584,11 +686,8 @@ int TDrives::GetBytesPerSector(int number) const {
 bool TDrives::GetInfo(TDriveInfo& drive, bool canGetFloppy, bool canGetIfAnalyzed, bool canFillClustersUsage) {
   if (IsFloppy(drive) && !canGetFloppy) return false;
   if (!canGetIfAnalyzed && drive.BytesPerSector > 0) return true;
-  TByteDynArray sector(static_cast<std::size_t>(GetBytesPerSector(drive)));
-  bool result = false;
-  if (FEngine.Reader().ReadDriveSectors(drive, sector.data(), drive.FirstSector, 1) != 0) {
-    result = FEngine.GetDriveInfo(drive, canFillClustersUsage);
-  }
+  // Drivers know where the copies of their boot sectors are: the first sector may be unreadable.
+  const bool result = FEngine.GetDriveInfo(drive, canFillClustersUsage);
   if (drive.BytesPerSector <= 0 && drive.SectorsCount > 0) drive.BytesPerSector = GetBytesPerSector(drive);
   return result;
 }
@@ -600,7 +699,9 @@ std::int64_t TDrives::GetSize(TDriveInfo& drive, bool canGetFloppy) {
   return drive.SectorsCount * drive.BytesPerSector;
 }
 
-TFileSystem TDrives::GetSystem(const TDriveInfo& drive) {
+TFileSystem TDrives::GetSystem(const TDriveInfo& drive) { return Recognise(drive).System; }
+
+TDrives::TRecognised TDrives::Recognise(const TDriveInfo& drive) {
   const int bytesPerSector = GetBytesPerSector(drive);
   std::int64_t sectors = SuperblockSectors;
   if (drive.SectorsCount > 0) sectors = std::min(sectors, drive.SectorsCount);
@@ -619,9 +720,17 @@ TFileSystem TDrives::GetSystem(const TDriveInfo& drive) {
     }
   }
   head.resize(got);
-  TFileSystem system = TFileSystem::fsUnknown;
-  if (IsPartition(head, 0, true, system, bytesPerSector)) return system;
-  return FEngine.RecogniseByCopy(drive, head, bytesPerSector);
+  TRecognised found;
+  IsPartition(head, 0, true, found.System, bytesPerSector);
+  const TCopyFound copy = FEngine.RecogniseByCopy(drive, head, bytesPerSector, found.System);
+  found.SoundCopy = copy.Sound;
+  if (found.System != TFileSystem::fsUnknown) {
+    if (copy.Sound) found.Leftover = copy.System;
+  } else if (copy.System != TFileSystem::fsUnknown) {
+    found.System = copy.System;
+    found.Source = TPlaceSource::FromCopy;
+  }
+  return found;
 }
 
 bool TDrives::IsPartition(std::span<const std::uint8_t> buffer, std::size_t start, bool addSuperblockOffset,
@@ -631,9 +740,10 @@ bool TDrives::IsPartition(std::span<const std::uint8_t> buffer, std::size_t star
 }
 
 TStringView TDrives::GetSystemNameBySystem(TFileSystem system) {
-  constexpr TStringView names[] = {u"",     u"FAT12", u"FAT16",    u"FAT32", u"exFAT", u"NTFS",
-                                   u"ReFS", u"APFS",  u"HFS+",     u"Ext2",  u"Ext3",  u"Ext4",
-                                   u"XFS",  u"Btrfs", u"ReiserFS", u"UFS1",  u"UFS2",  u"HikvisionFS"};
+  constexpr TStringView names[] = {
+      u"",          u"FAT12", u"FAT16", u"FAT32",      u"exFAT",      u"NTFS",     u"ReFS", u"APFS", u"HFS+",
+      u"Ext2",      u"Ext3",  u"Ext4",  u"XFS",        u"Btrfs",      u"ReiserFS", u"UFS1", u"UFS2", u"HikvisionFS",
+      u"BitLocker", u"LUKS",  u"LVM2",  u"Linux RAID", u"Linux swap", u"ISO 9660", u"UDF",  u"F2FS"};
   const auto index = static_cast<std::size_t>(system);
   return index < std::size(names) ? names[index] : TStringView();
 }

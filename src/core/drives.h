@@ -99,6 +99,7 @@ class TDrives {
   bool IsEmpty(int number) const;
   /// The same for one parent reference.
   bool IsEmpty(int number, std::int64_t parent) const;
+  /// True for a volume whose file system is known and has a driver.
   bool CanBeAnalysed(int number) const;
   /// True for what was added to the list: mounted images, found and virtual volumes, RAIDs.
   bool CanCloseDisk(int number) const;
@@ -197,14 +198,31 @@ class TDrives {
   void AddSystemDisks(const TPhysicalDrives& disks, bool all);
   void AddSystemVolumes(const TPhysicalDrives& disks, bool all);
   void DeleteUnanalysed(const TString& device);
+  /// What the first sectors of a drive or volume tell, else a copy of a lost boot sector.
+  struct TRecognised {
+    TFileSystem System = TFileSystem::fsUnknown;
+    TPlaceSource Source = TPlaceSource::Stored;
+    bool SoundCopy = false;
+    /// Another system's copy beside it, whose own structures are still there: that of a volume before
+    /// it was formatted anew.
+    TFileSystem Leftover = TFileSystem::fsUnknown;
+  };
+  TRecognised Recognise(const TDriveInfo& drive);
+  TIntegerDynArray AddVolume(TDriveInfo drive, TFileSystem promised);
+  int AddLeftover(const TDriveInfo& bounds, TFileSystem system);
   TIntegerDynArray AddTableVolumes(const TPhysicalDrive& disk, const TDriveInfo& like);
   void AddUnallocatedSpaces(const TPhysicalDrive& disk, TVolumes& volumes) const;
-  int AddTableVolume(const TPhysicalDrive& disk, const TVolume& volume, bool unallocated, const TDriveInfo& like);
+  TIntegerDynArray AddTableVolume(const TPhysicalDrive& disk, const TVolume& volume, bool unallocated,
+                                  const TDriveInfo& like);
+  TIntegerDynArray AddWholeVolumes(std::vector<TDriveInfo> wholes);
+  static TDriveInfo DriveOfDisk(const TPhysicalDrive& disk);
   void AddPhysicalDrive(const TPhysicalDrive& disk);
-  bool IsWholeVolume(TDriveInfo& drive, int statedSectorSize);
+  bool WholeVolume(TDriveInfo& drive, TFileSystem system, TPlaceSource source, int statedSectorSize);
+  std::vector<TDriveInfo> WholeVolumes(const TDriveInfo& drive, const TRecognised& found, int statedSectorSize,
+                                       TPhysicalDrive& disk);
   int CountKnownSystems(const TDriveInfo& drive, const TVolumes& volumes);
   bool HasNative4KTable(const TDriveInfo& drive);
-  bool DetectWholeSource(TDriveInfo& drive, TPhysicalDrive& disk);
+  std::vector<TDriveInfo> DetectWholeSource(TDriveInfo& drive, TPhysicalDrive& disk);
 
   struct TFindRange {
     int Drive;

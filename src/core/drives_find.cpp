@@ -135,6 +135,7 @@ int TDrives::AddFoundPartition(const TFindRange& range, std::span<const std::uin
   volume.ReceivedType = TReceivedType::rtAutodetected;
   volume.CaptionKind = TCaptionKind::TableVolume;
   volume.IsSubDrive = true;
+  if (volume.FirstSector != parent.FirstSector + sector) volume.GeometrySource = TPlaceSource::FromCopy;
   SetDefaultInfo(volume);
   const int added = Add(volume, true);
   List[static_cast<std::size_t>(range.Drive)].SubDrives.push_back(added);

@@ -32,6 +32,12 @@ struct TEngineMessage {
   TString Text;
 };
 
+/// A file system known by a copy of its boot sector.
+struct TCopyFound {
+  TFileSystem System = TFileSystem::fsUnknown;
+  bool Sound = false;  ///< more than the copy speaks for it: its table is where it says
+};
+
 /// Exactly one thread at a time runs engine code. Only the go-on flags may be cleared from
 /// elsewhere (another thread, a signal handler).
 class TEngine {
@@ -64,6 +70,8 @@ class TEngine {
   /// Publishes the position of one volume's scan, mapped onto its share of the whole.
   void AnalyseProgress(double position);
   void ShowMessage(TText text);
+  /// Says of a drive that what lies on it has no driver.
+  void ShowNoDriver(const TDriveInfo& drive);
 
   /// Lets waiting events run. Scans call it for every unit of work, so it costs next to nothing
   /// unless some time has passed.
@@ -80,8 +88,14 @@ class TEngine {
   TFileSystem RecogniseFileSystem(std::span<const std::uint8_t> buffer, std::size_t start, bool addSuperblockOffset,
                                   int bytesPerSector);
   /// Looks for the copies of a boot sector, near the start of a volume (`head` begins there) and at
-  /// its end.
-  TFileSystem RecogniseByCopy(const TDriveInfo& drive, std::span<const std::uint8_t> head, int bytesPerSector);
+  /// its end. Copies of the file system `known` are left out.
+  TCopyFound RecogniseByCopy(const TDriveInfo& drive, std::span<const std::uint8_t> head, int bytesPerSector,
+                             TFileSystem known);
+  /// False for what is known by name only.
+  bool HasDriver(TFileSystem system);
+  /// For a volume that only a leftover copy tells of: true when its root folder or its table of records
+  /// is still there. The record is filled.
+  bool HoldsFolders(const TDriveInfo& volume);
   /// Lets the driver of the drive's file system fill the record; false when it cannot.
   bool GetDriveInfo(TDriveInfo& drive, bool fillTable);
   /// Sets the bounds of a volume whose boot sector was met at its `FirstSector`, going back to the

@@ -114,6 +114,11 @@ void AddVolume(TVolumes& volumes, const TVolume& volume) {
   if (!known && volumes.size() < MaxVolumes) volumes.push_back(volume);
 }
 
+bool HasGPTSignature(std::span<const std::uint8_t> header) {
+  constexpr std::string_view signature = "EFI PART";
+  return header.size() >= signature.size() && std::equal(signature.begin(), signature.end(), header.begin());
+}
+
 bool IsAppleEntry(std::span<const std::uint8_t> map, std::size_t at) {
   constexpr std::string_view apple = "Apple";
   if (ReadBe16(map, at) == 0x504D) return true;  // "PM"
@@ -248,15 +253,14 @@ void TPartitionsInfo::AddHybridGPT(const TDriveInfo& drive, TVolumes& volumes) {
   constexpr std::uint8_t protective = 0xEE;
   const auto isProtective = [](const TVolume& v) { return v.MBRRecord.Structure.SystemIndicator == protective; };
   if (std::none_of(volumes.begin(), volumes.end(), isProtective)) return;
-  constexpr std::string_view signature = "EFI PART";
-  const TByteDynArray header = ReadSectors(drive, 1, 1);
-  if (header.size() < signature.size() || !std::equal(signature.begin(), signature.end(), header.begin())) return;
+  if (!HasGPTSignature(ReadSectors(drive, 1, 1))) return;
   if (ReadGPT(drive, 1, volumes)) std::erase_if(volumes, isProtective);
 }
 
 bool TPartitionsInfo::ReadGPT(const TDriveInfo& drive, std::uint64_t headerSector, TVolumes& volumes) {
   const TByteDynArray header = ReadSectors(drive, headerSector, 1);
   if (header.size() < 92) return false;
+  FSignedGPT = HasGPTSignature(header);
   const std::uint32_t headerSize = ReadLe32(header, 12);
   const std::uint64_t entryLBA = ReadLe64(header, 72);
   const std::uint32_t count = ReadLe32(header, 80);
@@ -321,12 +325,30 @@ void TPartitionsInfo::WalkAPM(const TDriveInfo& drive, const TDetected& detected
   }
 }
 
+bool TPartitionsInfo::HasTableSector(const TDriveInfo& drive) { return LooksLikeTable(ReadSectors(drive, 0, 1)); }
+
+bool TPartitionsInfo::IsSound(const TDriveInfo& drive, const TPhysicalDrive& disk) {
+  const auto isWithin = [&](const TVolume& v) {
+    return v.StartingSector > 0 && v.StartingSector < static_cast<std::uint64_t>(drive.SectorsCount);
+  };
+  if (std::none_of(disk.Volumes.begin(), disk.Volumes.end(), isWithin)) return false;
+  switch (disk.PartitionStyle) {
+    case PARTITION_STYLE::PARTITION_STYLE_MBR:
+      return HasTableSector(drive);
+    case PARTITION_STYLE::PARTITION_STYLE_APM:
+      return true;
+    default:
+      return FSignedGPT;
+  }
+}
+
 void TPartitionsInfo::FillDisk(TDriveInfo& drive, TPhysicalDrive& result) {
   result.DiskGeometry = drive.DiskGeometry;
   result.Volumes = GetVolumes(drive, &result.PartitionStyle);
   if (result.PartitionStyle == PARTITION_STYLE::PARTITION_STYLE_RAW && !result.Volumes.empty()) {
     result.PartitionStyle = PARTITION_STYLE::PARTITION_STYLE_GPT;
   }
+  result.TableIsSound = IsSound(drive, result);
 }
 
 bool TPartitionsInfo::GetPhysicalDrive(const TDriveInfo& drive, TPhysicalDrive& result) {

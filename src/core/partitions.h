@@ -69,6 +69,8 @@ struct TPhysicalDrive {
   std::int64_t DiskSize = 0;  ///< bytes
   PARTITION_STYLE PartitionStyle = PARTITION_STYLE::PARTITION_STYLE_RAW;
   TVolumes Volumes;
+  /// The table is as tools write it, which the lenient rules for damaged ones do not ask for.
+  bool TableIsSound = false;
 };
 using TPhysicalDrives = std::vector<TPhysicalDrive>;
 
@@ -80,6 +82,8 @@ class TPartitionsInfo {
   TPhysicalDrives GetPhysicalDrives();
   /// Treats any drive as a disk of its own; its geometry comes from the record.
   bool GetPhysicalDrive(const TDriveInfo& drive, TPhysicalDrive& result);
+  /// True when the first sector of a drive could be the table that tools write.
+  bool HasTableSector(const TDriveInfo& drive);
   /// The table of one drive, read from its sector 0 on.
   TVolumes GetVolumes(const TDriveInfo& drive, PARTITION_STYLE* style = nullptr);
 
@@ -100,8 +104,10 @@ class TPartitionsInfo {
                               std::uint32_t link);
   TByteDynArray ReadSectors(const TDriveInfo& drive, std::uint64_t sector, std::int64_t count);
   void FillDisk(TDriveInfo& drive, TPhysicalDrive& result);
+  bool IsSound(const TDriveInfo& drive, const TPhysicalDrive& disk);
 
   TEngine& FEngine;
+  bool FSignedGPT = false;  // the header that the volumes of the last walk came from has its signature
 };
 
 /// The name in an entry of a GPT: up to the first 0 unit, without blanks at its ends.

@@ -57,6 +57,15 @@ enum class TFileSystem : std::uint8_t {
   fsUFS1,
   fsUFS2,
   fsHikvisionFS,
+  // What lies on volumes and is no file system to read from, or one that is only known by name.
+  fsBitLocker,
+  fsLUKS,
+  fsLVM,
+  fsLinuxRaid,
+  fsLinuxSwap,
+  fsISO9660,
+  fsUDF,
+  fsF2FS,
 };
 
 /// FAT12, FAT16 or FAT32.

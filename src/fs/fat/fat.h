@@ -46,6 +46,8 @@ class TFAT {
   bool SetVolumeBounds(TDriveInfo& volume, std::span<const std::uint8_t> boot);
   /// True when one of the allocation tables begins as the boot sector says.
   bool IsVolumeSound(const TDriveInfo& volume, std::span<const std::uint8_t> boot);
+  /// True when the root folder begins with entries as they must be, at least one, and nothing else.
+  bool HasSoundRoot(const TDriveInfo& volume);
   /// Reads the boot sector or its copy and fills `FATInfo`; `fillTable` asks for the table too.
   bool GetDriveInfo(TDriveInfo& drive, bool fillTable);
   /// Loads table number `fatNumber` (from 0); sectors that cannot be read come from the table after it.

@@ -105,6 +105,23 @@ bool TFAT::IsVolumeSound(const TDriveInfo& volume, std::span<const std::uint8_t>
   return IsTableStart(volume, boot, table) || IsTableStart(volume, boot, table + size);
 }
 
+bool TFAT::HasSoundRoot(const TDriveInfo& volume) {
+  constexpr std::uint8_t undefinedAttributes = 0xC0;
+  TByteDynArray sector(static_cast<std::size_t>(FEngine.Drives().GetBytesPerSector(volume)));
+  const std::int64_t root = volume.FirstSector + volume.FATInfo.RootDirFirstSector;
+  if (FEngine.Reader().ReadDriveSectors(volume, sector.data(), root, 1) != sector.size()) return false;
+  for (std::size_t at = 0; at + EntrySize <= sector.size(); at += EntrySize) {
+    const auto entry = std::span(sector).subspan(at, EntrySize);
+    if (entry[0] == 0) return at > 0 && IsAllZero(entry);
+    if ((entry[11] & undefinedAttributes) != 0) return false;
+    if (entry[11] == AttrLongName) continue;
+    const auto isText = [](std::uint8_t c) { return c >= 0x20 || c == 0x05; };
+    if (!std::all_of(&entry[0], &entry[11], isText)) return false;
+    if (EntryCluster(entry, 0) > ClusterRoom(volume) + 2) return false;
+  }
+  return true;
+}
+
 bool TFAT::GetDriveInfo(TDriveInfo& drive, bool fillTable) {
   return ReadBootSector(drive, drive.FirstSector, fillTable) ||
          ReadBootSector(drive, drive.FirstSector + BackupBootSector, fillTable);

@@ -1,0 +1,116 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "core/named_systems.h"
+
+#include <algorithm>
+#include <string_view>
+
+#include "core/numbers.h"
+
+namespace brenlow {
+namespace {
+
+using TBytes = std::span<const std::uint8_t>;
+using namespace std::literals;
+
+bool HasText(TBytes bytes, std::size_t at, std::string_view text) {
+  return at <= bytes.size() && bytes.size() - at >= text.size() &&
+         std::equal(text.begin(), text.end(), bytes.begin() + static_cast<std::ptrdiff_t>(at),
+                    [](char c, std::uint8_t byte) { return static_cast<std::uint8_t>(c) == byte; });
+}
+
+struct TSignature {
+  std::size_t At;  // bytes from the volume's start
+  std::string_view Text;
+  TFileSystem System;
+};
+
+constexpr TSignature FirstSectorSignatures[] = {
+    {3, "ReFS\0\0\0\0"sv, TFileSystem::fsReFS},
+    {3, "-FVE-FS-"sv, TFileSystem::fsBitLocker},
+    // A drive "to go" has the boot sector of a FAT32 volume, and this GUID in it.
+    {0x1A8, "\x3B\xD6\x67\x49\x29\x2E\xD8\x4A\x83\x99\xF6\xA3\x39\xE3\xD0\x01"sv, TFileSystem::fsBitLocker},
+    {0, "XFSB"sv, TFileSystem::fsXFS},
+    {32, "NXSB"sv, TFileSystem::fsAPFS},
+    {0, "LUKS\xBA\xBE"sv, TFileSystem::fsLUKS},
+};
+
+constexpr TSignature SuperblockSignatures[] = {
+    {512 + 16, "HIKVISION@HANGZHOU"sv, TFileSystem::fsHikvisionFS},
+    {1024, "H+\0\4"sv, TFileSystem::fsHFS},
+    {1024, "HX\0\5"sv, TFileSystem::fsHFS},
+    {1024, "\x10\x20\xF5\xF2"sv, TFileSystem::fsF2FS},
+    {4096, "\xFC\x4E\x2B\xA9"sv, TFileSystem::fsLinuxRaid},  // metadata 1.2; 1.1 has it at 0
+    {0, "\xFC\x4E\x2B\xA9"sv, TFileSystem::fsLinuxRaid},
+    {4096 - 10, "SWAPSPACE2"sv, TFileSystem::fsLinuxSwap},
+    {8192 + 1372, "\x54\x19\x01\x00"sv, TFileSystem::fsUFS1},
+    {8192 + 1372, "\x00\x01\x19\x54"sv, TFileSystem::fsUFS1},
+    {65536 + 1372, "\x19\x01\x54\x19"sv, TFileSystem::fsUFS2},
+    {65536 + 1372, "\x19\x54\x01\x19"sv, TFileSystem::fsUFS2},
+    {65536 + 64, "_BHRfS_M"sv, TFileSystem::fsBtrfs},
+    {65536 + 52, "ReIsErFs"sv, TFileSystem::fsReiserFS},
+    {65536 + 52, "ReIsEr2Fs"sv, TFileSystem::fsReiserFS},
+    {65536 + 52, "ReIsEr3Fs"sv, TFileSystem::fsReiserFS},
+    {8192 + 52, "ReIsErFs"sv, TFileSystem::fsReiserFS},
+    {32768, "\1CD001"sv, TFileSystem::fsISO9660},
+    {32768, "\0BEA01"sv, TFileSystem::fsUDF},
+};
+
+template <std::size_t Count>
+TFileSystem FirstMatch(TBytes head, const TSignature (&signatures)[Count]) {
+  for (const TSignature& signature : signatures) {
+    if (HasText(head, signature.At, signature.Text)) return signature.System;
+  }
+  return TFileSystem::fsUnknown;
+}
+
+/// Microsoft, "exFAT file system specification", 3.1: the name, and zeros where FAT has its fields.
+bool IsExFAT(TBytes boot) {
+  if (!HasText(boot, 3, "EXFAT   ") || boot.size() < 512) return false;
+  return boot[510] == 0x55 && boot[511] == 0xAA &&
+         std::all_of(&boot[11], &boot[64], [](std::uint8_t c) { return c == 0; });
+}
+
+/// Superblock at byte 1024 (kernel documentation, "ext4 Data Structures and Algorithms"). What only the
+/// fourth version can read makes it one; a journal the third.
+TFileSystem ExtVersion(TBytes head) {
+  constexpr std::size_t super = 1024;
+  constexpr std::uint32_t journal = 0x4;           // compatible features
+  constexpr std::uint32_t fourth = 0x2C0;          // incompatible ones: extents, 64-bit, flexible groups
+  constexpr std::uint32_t fourthReadOnly = 0x478;  // huge files, group sums, many links, large inodes, sums
+  if (ReadLe16(head, super + 56) != 0xEF53) return TFileSystem::fsUnknown;
+  // Inodes, blocks, and the block size as a power of two above 1 KiB.
+  if (ReadLe32(head, super) == 0 || ReadLe32(head, super + 4) == 0 || ReadLe32(head, super + 24) > 6) {
+    return TFileSystem::fsUnknown;
+  }
+  if ((ReadLe32(head, super + 96) & fourth) != 0 || (ReadLe32(head, super + 100) & fourthReadOnly) != 0) {
+    return TFileSystem::fsExt4;
+  }
+  return (ReadLe32(head, super + 92) & journal) != 0 ? TFileSystem::fsExt3 : TFileSystem::fsExt2;
+}
+
+/// The label of a physical volume lies in one of its first four sectors of 512 bytes.
+bool IsLVM(TBytes head) {
+  for (std::size_t at = 0; at < 4 * 512; at += 512) {
+    if (HasText(head, at, "LABELONE") && HasText(head, at + 24, "LVM2 001")) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+TFileSystem NameByFirstSector(std::span<const std::uint8_t> head) {
+  return IsExFAT(head) ? TFileSystem::fsExFAT : FirstMatch(head, FirstSectorSignatures);
+}
+
+TFileSystem NameBySuperblock(std::span<const std::uint8_t> head) {
+  if (IsLVM(head)) return TFileSystem::fsLVM;
+  if (const TFileSystem ext = ExtVersion(head); ext != TFileSystem::fsUnknown) return ext;
+  return FirstMatch(head, SuperblockSignatures);
+}
+
+TFileSystem NameByCopy(std::span<const std::uint8_t> head, int bytesPerSector) {
+  const std::size_t at = 12 * static_cast<std::size_t>(bytesPerSector);
+  return at < head.size() && IsExFAT(head.subspan(at)) ? TFileSystem::fsExFAT : TFileSystem::fsUnknown;
+}
+
+}  // namespace brenlow

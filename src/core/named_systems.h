@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Contents of volumes that no driver serves, told by their published signatures, so that a volume is
+// called what it is and not by the promise of its partition type.
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+#include "core/types.h"
+
+namespace brenlow {
+
+/// What the first sector says beyond doubt: its signature leaves no room for another boot sector.
+/// `head` begins at the volume's start; `fsUnknown` when nothing is known there.
+TFileSystem NameByFirstSector(std::span<const std::uint8_t> head);
+
+/// What a superblock behind the boot area says. A volume that was formatted anew may still hold one, so
+/// boot sectors are to be asked first.
+TFileSystem NameBySuperblock(std::span<const std::uint8_t> head);
+
+/// exFAT by the copy of its boot region, 12 sectors behind the first.
+TFileSystem NameByCopy(std::span<const std::uint8_t> head, int bytesPerSector);
+
+}  // namespace brenlow
