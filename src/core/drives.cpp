@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 #include "core/device/device.h"
 #include "core/device/system_disks.h"
@@ -36,31 +37,84 @@ void TDrives::Fill() {
 }
 
 void TDrives::DeviceInserted() {
+  CloseChanged();
   TPhysicalDrives disks = FEngine.Partitions().GetPhysicalDrives();
-  const auto knows = [](const TPhysicalDrives& list, const TPhysicalDrive& disk) {
+  const auto has = [](const TPhysicalDrives& list, const TPhysicalDrive& disk) {
     return std::any_of(list.begin(), list.end(), [&](const TPhysicalDrive& d) {
-      return d.Drive == disk.Drive && d.DiskSize == disk.DiskSize && d.Serial == disk.Serial;
+      return d.Drive == disk.Drive && d.DiskSize == disk.DiskSize && d.Serial == disk.Serial &&
+             (d.Sequence == disk.Sequence || d.Sequence == 0 || disk.Sequence == 0);
     });
   };
-  for (const TPhysicalDrive& disk : FPhysicalDrives) {
-    if (!knows(disks, disk)) DeleteUnanalysed(disk.Drive);
+  const TPhysicalDrives before = std::exchange(FPhysicalDrives, std::move(disks));
+  for (const TPhysicalDrive& disk : before) {
+    if (has(FPhysicalDrives, disk)) continue;
+    FEngine.Devices().Close(disk.Drive);
+    if (!DeleteUnanalysed(disk.Drive)) FGone.push_back(disk);
   }
   TPhysicalDrives added;
-  std::copy_if(disks.begin(), disks.end(), std::back_inserter(added),
-               [&](const TPhysicalDrive& disk) { return !knows(FPhysicalDrives, disk); });
-  FPhysicalDrives = std::move(disks);
+  for (const TPhysicalDrive& disk : FPhysicalDrives) {
+    if (has(before, disk) || TakeReturned(disk)) continue;
+    // Rows of another device that had this name must not read from this one.
+    for (TPhysicalDrive& gone : FGone) {
+      if (gone.Drive != disk.Drive) continue;
+      const TString nowhere = gone.Drive + u"~" + NumberText(++FGoneCount);
+      Rekey(gone.Drive, nowhere);
+      gone.Drive = nowhere;
+    }
+    added.push_back(disk);
+  }
   AddSystemDisks(added, false);
 }
 
-/// A device that is gone takes its rows along, unless something was found on it.
-void TDrives::DeleteUnanalysed(const TString& device) {
+/// Closes what another device, or the same one put in again, has taken the name of: its table is to be
+/// read anew.
+void TDrives::CloseChanged() {
+  for (const TSystemDisk& disk : FEngine.Partitions().SystemLists.Disks()) {
+    const TString key = TextFromPath(disk.Path);
+    const bool unchanged = std::any_of(FPhysicalDrives.begin(), FPhysicalDrives.end(), [&](const TPhysicalDrive& d) {
+      return d.Drive == key && d.Sequence == disk.Sequence && d.DiskSize == disk.Size;
+    });
+    if (!unchanged) FEngine.Devices().Close(key);
+  }
+}
+
+/// Gives a device that was gone its rows back. False when it is a new one.
+bool TDrives::TakeReturned(const TPhysicalDrive& disk) {
+  const auto isSame = [&](const TPhysicalDrive& gone) {
+    if (gone.DiskSize != disk.DiskSize || gone.Model != disk.Model || gone.Serial != disk.Serial) return false;
+    // Without a serial number, the name and the table must do.
+    return !disk.Serial.empty() ||
+           (gone.Drive == disk.Drive && std::equal(gone.Volumes.begin(), gone.Volumes.end(), disk.Volumes.begin(),
+                                                   disk.Volumes.end(), [](const TVolume& a, const TVolume& b) {
+                                                     return a.StartingSector == b.StartingSector &&
+                                                            a.SectorCount == b.SectorCount;
+                                                   }));
+  };
+  const auto gone = std::find_if(FGone.begin(), FGone.end(), isSame);
+  if (gone == FGone.end()) return false;
+  Rekey(gone->Drive, disk.Drive);
+  FGone.erase(gone);
+  return true;
+}
+
+/// Lets the rows of one device lead to another key.
+void TDrives::Rekey(const TString& from, const TString& to) {
+  FEngine.Devices().Close(from);
+  for (TDriveInfo& drive : List) {
+    if (drive.Drive == from) drive.Drive = to;
+  }
+  FEngine.DriveListChanged();
+}
+
+/// A device that is gone takes its rows along, unless something was found on it. False when they stay.
+bool TDrives::DeleteUnanalysed(const TString& device) {
   const auto isOf = [&](const TDriveInfo& drive) { return drive.Drive == device; };
   const bool analysed =
       std::any_of(List.begin(), List.end(), [&](const TDriveInfo& drive) { return isOf(drive) && HasResults(drive); });
-  if (analysed) return;
+  if (analysed) return false;
   while (true) {
     const auto found = std::find_if(List.begin(), List.end(), isOf);
-    if (found == List.end()) return;
+    if (found == List.end()) return true;
     Delete(static_cast<int>(found - List.begin()));
   }
 }
@@ -84,7 +138,7 @@ void TDrives::AddSystemDisks(const TPhysicalDrives& disks, bool all) {
 }
 
 void TDrives::AddSystemVolumes(const TPhysicalDrives& disks, bool all) {
-  for (const TMountedVolume& mounted : ListMountedVolumes()) {
+  for (const TMountedVolume& mounted : FEngine.Partitions().SystemLists.MountedVolumes()) {
     const TString disk = TextFromPath(mounted.DiskPath);
     const auto known =
         std::find_if(disks.begin(), disks.end(), [&](const TPhysicalDrive& d) { return d.Drive == disk; });
@@ -270,6 +324,7 @@ void TDrives::AddPhysicalDrive(const TPhysicalDrive& disk) {
 void TDrives::Clear() {
   List.clear();
   FPhysicalDrives.clear();
+  FGone.clear();
   Current = -1;
   FUnallocatedCount = 0;
   FEngine.Devices().CloseAll();

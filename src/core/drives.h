@@ -57,8 +57,10 @@ class TDrives {
   // ---- building the list ----
   /// Lists the machine's volumes, then its disks.
   void Fill();
-  /// Devices came or went: lists the new ones and takes those off that are gone. What was analysed
-  /// stays, and so do images. Not while a scan runs.
+  /// Devices came or went: lists the new ones and takes those off that are gone, and closes those.
+  /// What was analysed stays, and so do images. The rows of a device that returns are its own again,
+  /// also under another name; where another device has its name meanwhile, they lead to none. Not
+  /// while a scan runs.
   void DeviceInserted();
   /// Removes all drives and closes their devices.
   void Clear();
@@ -197,7 +199,10 @@ class TDrives {
   }
   void AddSystemDisks(const TPhysicalDrives& disks, bool all);
   void AddSystemVolumes(const TPhysicalDrives& disks, bool all);
-  void DeleteUnanalysed(const TString& device);
+  void CloseChanged();
+  bool DeleteUnanalysed(const TString& device);
+  void Rekey(const TString& from, const TString& to);
+  bool TakeReturned(const TPhysicalDrive& disk);
   /// What the first sectors of a drive or volume tell, else a copy of a lost boot sector.
   struct TRecognised {
     TFileSystem System = TFileSystem::fsUnknown;
@@ -242,6 +247,8 @@ class TDrives {
 
   TEngine& FEngine;
   TPhysicalDrives FPhysicalDrives;
+  TPhysicalDrives FGone;  // not there any more, but analysed: their rows are kept under `Drive`
+  int FGoneCount = 0;
   int FUnallocatedCount = 0;
   int FUnnamedCount = 0;
   int VirtualPartitionsCount = 0;

@@ -7,7 +7,6 @@
 #include <string_view>
 #include <unordered_set>
 
-#include "core/device/system_disks.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/numbers.h"
@@ -366,7 +365,7 @@ bool TPartitionsInfo::GetPhysicalDrive(const TDriveInfo& drive, TPhysicalDrive& 
 
 TPhysicalDrives TPartitionsInfo::GetPhysicalDrives() {
   TPhysicalDrives drives;
-  for (const TSystemDisk& disk : ListSystemDisks()) {
+  for (const TSystemDisk& disk : SystemLists.Disks()) {
     FEngine.Pump();
     TDriveInfo info;
     info.Drive = TextFromPath(disk.Path);
@@ -382,6 +381,7 @@ TPhysicalDrives TPartitionsInfo::GetPhysicalDrives() {
     physical.Model = FromUtf8(disk.Model);
     physical.Serial = FromUtf8(disk.Serial);
     physical.DiskSize = disk.Size;
+    physical.Sequence = disk.Sequence;
     FillDisk(info, physical);
     drives.push_back(std::move(physical));
   }

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "core/device/system_disks.h"
 #include "core/drive_records.h"
 #include "core/types.h"
 
@@ -66,7 +67,8 @@ struct TPhysicalDrive {
   TString Model;
   TString Serial;
   TDiskGeometry DiskGeometry;
-  std::int64_t DiskSize = 0;  ///< bytes
+  std::int64_t DiskSize = 0;   ///< bytes
+  std::uint64_t Sequence = 0;  ///< as in `TSystemDisk`
   PARTITION_STYLE PartitionStyle = PARTITION_STYLE::PARTITION_STYLE_RAW;
   TVolumes Volumes;
   /// The table is as tools write it, which the lenient rules for damaged ones do not ask for.
@@ -77,6 +79,8 @@ using TPhysicalDrives = std::vector<TPhysicalDrive>;
 class TPartitionsInfo {
  public:
   explicit TPartitionsInfo(TEngine& engine) : FEngine(engine) {}
+
+  TSystemLists SystemLists;
 
   /// The disks of the machine with their tables.
   TPhysicalDrives GetPhysicalDrives();

@@ -36,6 +36,7 @@ std::vector<TSystemDisk> ListSystemDisks() {
     const auto sectorSize = ReadInteger(entry.path() / "queue/logical_block_size");
     disk.SectorSize = sectorSize > 0 ? static_cast<int>(sectorSize) : 512;
     disk.Removable = ReadInteger(entry.path() / "removable") != 0;
+    disk.Sequence = static_cast<std::uint64_t>(ReadInteger(entry.path() / "diskseq"));  // Linux 5.15 and later
     disks.push_back(std::move(disk));
   }
   std::sort(disks.begin(), disks.end(), [](const TSystemDisk& a, const TSystemDisk& b) { return a.Path < b.Path; });

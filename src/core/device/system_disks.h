@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,7 @@ struct TSystemDisk {
   std::int64_t Size = 0;  ///< bytes
   int SectorSize = 512;   ///< logical, bytes
   bool Removable = false;
+  std::uint64_t Sequence = 0;  ///< differs after the device was gone in between; 0 when not known
 };
 
 /// Whole disks of the machine, by name; loop, RAM and empty devices are left out.
@@ -31,5 +33,11 @@ struct TMountedVolume {
 
 /// Mounted file systems that lie on block devices, each device once.
 std::vector<TMountedVolume> ListMountedVolumes();
+
+/// Where the registry of drives learns of the system's devices. Tests put lists of their own in.
+struct TSystemLists {
+  std::function<std::vector<TSystemDisk>()> Disks = ListSystemDisks;
+  std::function<std::vector<TMountedVolume>()> MountedVolumes = ListMountedVolumes;
+};
 
 }  // namespace brenlow
