@@ -544,9 +544,11 @@ std::vector<TDriveInfo> TDrives::WholeVolumes(const TDriveInfo& drive, const TRe
   const bool inBootArea = found.System != TFileSystem::fsUnknown && found.Source == TPlaceSource::Stored;
   bool hasTable = disk.TableIsSound && !disk.Volumes.empty();
   if (inBootArea) {
-    // Boot code may look like a table. One beside the boot sector of a volume must lead to volumes.
+    // Boot code may look like a table: one beside the boot sector of a volume must be sound and lead to
+    // volumes. Beside what is known by name only, which formatting may have left behind, either will do.
     const bool served = FEngine.HasDriver(found.System);
-    hasTable = hasTable && (!served || CountKnownSystems(drive, disk.Volumes) > 0);
+    const bool leads = CountKnownSystems(drive, disk.Volumes) > 0;
+    hasTable = served ? hasTable && leads : hasTable || leads;
     if (served || !hasTable) offer(found.System, found.Source, false);
   } else if (!hasTable || found.SoundCopy) {
     offer(found.System, found.Source, hasTable);
@@ -592,10 +594,10 @@ std::vector<TDriveInfo> TDrives::DetectWholeSource(TDriveInfo& drive, TPhysicalD
     drive.BytesPerSector = bytesPerSector;
     drive.SectorsCount = size / bytesPerSector;
     const TRecognised recognised = Recognise(drive);
-    const bool inBootArea = recognised.System != TFileSystem::fsUnknown && recognised.Source == TPlaceSource::Stored;
+    const bool isVolume = FEngine.HasDriver(recognised.System) && recognised.Source == TPlaceSource::Stored;
     TPhysicalDrive found;
     // A volume's boot sector that holds no table spares the hunt for one.
-    if (!inBootArea || FEngine.Partitions().HasTableSector(drive)) FEngine.Partitions().GetPhysicalDrive(drive, found);
+    if (!isVolume || FEngine.Partitions().HasTableSector(drive)) FEngine.Partitions().GetPhysicalDrive(drive, found);
     wholes = WholeVolumes(drive, recognised, stated, found);
     const int known = stated > 0 ? 0 : CountKnownSystems(drive, found.Volumes);
     if (!wholes.empty() || known > most || (disk.Volumes.empty() && !found.Volumes.empty())) {

@@ -220,8 +220,10 @@ TEST_CASE("a superblock that formatting has left does not hide the live volume")
   TImage image = SmallVolume();
   Put(image, 65536 + 64, "_BHRfS_M");
   CHECK(VolumesOf(image) == "FAT16 0\n");
-  // Nor does it hide a table.
+  // Nor does it hide a table, even one without its end mark.
   TImage disk = DiskOfType7(Ntfs());
   Put(disk, 65536 + 64, "_BHRfS_M");
+  CHECK(VolumesOf(disk) == "NTFS 2048\n");
+  disk[510] = 0;
   CHECK(VolumesOf(disk) == "NTFS 2048\n");
 }
