@@ -47,6 +47,7 @@ struct TOptions {
   std::string Conflict = "rename";
   std::string ReplaceSymbols = "_";
   bool Flat = false;
+  bool AllowExpand = false;
   std::string Candidates = "first";
   std::string Streams = "none";
   std::string LongPaths = "auto";

@@ -37,6 +37,7 @@ class TOptionAnswers final : public IRecoveryQuestions {
   TCandidateAnswer ChooseFirstCluster(const TFile&) override { return {FOptions.Candidates == "all", 0}; }
   bool SaveToSameDrive() override { return false; }
   bool LargerThanFAT() override { return true; }
+  bool MuchLargerThanSource(std::int64_t, std::int64_t) override { return FOptions.AllowExpand; }
   bool CancelRecovery() override { return true; }
 
  private:
@@ -230,6 +231,7 @@ void AddRecoverOptions(CLI::App& verb, TOptions& options) {
       ->type_name("C")
       ->capture_default_str();
   verb.add_flag("--flat", options.Flat, texts.Utf8(TText::HelpFlat));
+  verb.add_flag("--allow-expand", options.AllowExpand, texts.Utf8(TText::HelpAllowExpand));
   choice("--candidates", options.Candidates, TText::HelpCandidates, {"first", "all"});
   choice("--streams", options.Streams, TText::HelpStreams, {"none", "files", "xattr"});
   choice("--long-paths", options.LongPaths, TText::HelpLongPaths, {"auto", "keep", "shorten"});
@@ -274,6 +276,10 @@ int RecoverFiles(const TOptions& options) {
     return DoneWithFailures;
   }
   if (options.DryRun) return TellPlan(engine, options, selection, analysed.Drives, recovery);
+  if (!recovery.MayBeWritten()) {
+    Complain(options.Texts.Utf8(TText::MuchLarger, {SizeText(recovery.ListedSize), SizeText(recovery.SourceSize())}));
+    return WrongUsage;
+  }
   HasRoom(options, recovery);
   progress.Begin(options.Texts.Utf8(TText::RecoveringFiles));
   const TStopKey stop(engine);

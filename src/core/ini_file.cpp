@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 
@@ -97,10 +98,9 @@ bool TIniFile::Load(const std::string& path) {
 
 bool TIniFile::Save(const std::string& path) const {
   const std::string text = Text();
-  const std::string beside = path + ".new";
-  ::unlink(beside.c_str());
-  // It may hold passwords: for its owner only.
-  const int handle = ::open(beside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  // A name that nothing has: what is there already may be a source. For its owner only, as it may hold passwords.
+  std::string beside = path + ".new-XXXXXX";
+  const int handle = ::mkostemp(beside.data(), O_CLOEXEC);
   if (handle < 0) return false;
   bool written = ::write(handle, text.data(), text.size()) == static_cast<ssize_t>(text.size());
   written = ::fsync(handle) == 0 && written;

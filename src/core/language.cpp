@@ -162,6 +162,8 @@ std::string SystemErrorText(const TLanguage& language, int error) {
       return language.Utf8(TText::SystemFull);
     case ETXTBSY:  // what the guard of the sources answers
       return language.Utf8(TText::SystemIsSource);
+    case EWOULDBLOCK:  // a lock of another run
+      return language.Utf8(TText::SystemTargetBusy);
     case EDQUOT:
       return language.Utf8(TText::SystemQuota);
     case EFBIG:

@@ -23,6 +23,7 @@ namespace {
 constexpr std::int64_t ChunkSize = 0x20000;  // bytes; bounds the memory whatever the file's size
 // From this size on reading and writing overlap; below, the hand-over costs more than it saves.
 constexpr std::int64_t LargeFile = 1 << 20;       // bytes
+constexpr int MostStreamNames = 1000;             // tried for one stream
 constexpr std::int64_t LargestAttribute = 65536;  // bytes; XATTR_SIZE_MAX of Linux
 
 /// Puts the first cluster of a row back when it goes.
@@ -105,7 +106,8 @@ TFileOutcome TFileWriter::WriteFile(int fileNumber, const TTargetFile& target) {
 /// Gives the file just written its name, or another one where someone was faster.
 int TFileWriter::Finish(std::string& name, bool replace) {
   int error = FTarget.Finish(name, replace);
-  if (error == EEXIST) {
+  // A folder, or a source, cannot be replaced.
+  if (error == EEXIST || error == EISDIR) {
     name = FTarget.FreeName(name);
     error = FTarget.Finish(name, false);
   }
@@ -175,8 +177,6 @@ void TFileWriter::RecoveryAllADS(int fileNumber, const TTargetFile& target) {
 }
 
 bool TFileWriter::WriteStreamFile(int fileNumber, int adsNumber, const TADS& stream, const TTargetFile& target) {
-  std::string name = FTarget.Claim(WithSuffix(target.Name, ":" + SafeName(stream.Name)));
-  if (!target.Replace && FTarget.Exists(name)) name = FTarget.FreeName(name);
   THandle handle;
   if (FTarget.CreatePartial(handle) != 0) return false;
   TFileSink sink(handle.Get(), false);
@@ -191,9 +191,21 @@ bool TFileWriter::WriteStreamFile(int fileNumber, int adsNumber, const TADS& str
   }
   if (error == 0) error = sink.Finish();
   handle.Close();
-  if (error == 0 && written == stream.aSize) return FTarget.Finish(name, target.Replace) == 0;
-  FTarget.KeepPartial(name);
+  const std::string name = SafeName(stream.Name);
+  if (error == 0 && written == stream.aSize && FinishStream(name, target) == 0) return true;
+  FTarget.KeepPartial(StreamFileName(target.Name, name, 1));
   return false;
+}
+
+/// Gives the stream just written a name of its own, with the first number that is free. 0, or the errno.
+int TFileWriter::FinishStream(const std::string& stream, const TTargetFile& target) {
+  int error = EEXIST;
+  for (int number = 1; number <= MostStreamNames && (error == EEXIST || error == EISDIR); ++number) {
+    const std::string name = StreamFileName(target.Name, stream, number);
+    // Streams of this run never take each other's place.
+    if (FTarget.ClaimExactly(name)) error = FTarget.Finish(name, target.Replace);
+  }
+  return error;
 }
 
 /// On NTFS mounted by ntfs-3g such an attribute is the stream itself.
@@ -207,8 +219,12 @@ bool TFileWriter::WriteStreamAttribute(int fileNumber, int adsNumber, const TADS
     bytes.insert(bytes.end(), FChunk.begin(), FChunk.end());
   }
   const THandle handle = FTarget.OpenFile(target.Name);
-  const std::string name = "user." + SafeName(stream.Name);
-  return handle.Valid() && ::fsetxattr(handle.Get(), name.c_str(), bytes.data(), bytes.size(), 0) == 0;
+  for (int number = 1; handle.Valid() && number <= MostStreamNames; ++number) {
+    const std::string name = StreamAttributeName(SafeName(stream.Name), number);
+    if (::fsetxattr(handle.Get(), name.c_str(), bytes.data(), bytes.size(), XATTR_CREATE) == 0) return true;
+    if (errno != EEXIST) return false;
+  }
+  return false;
 }
 
 }  // namespace brenlow

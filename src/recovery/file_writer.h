@@ -48,6 +48,7 @@ class TFileWriter {
   TFileOutcome WriteFile(int fileNumber, const TTargetFile& target);
   int Finish(std::string& name, bool replace);
   void WriteData(int fileNumber, TFileOutcome& outcome, int handle);
+  int FinishStream(const std::string& stream, const TTargetFile& target);
   bool WriteStreamFile(int fileNumber, int adsNumber, const TADS& stream, const TTargetFile& target);
   bool WriteStreamAttribute(int fileNumber, int adsNumber, const TADS& stream, const TTargetFile& target);
 

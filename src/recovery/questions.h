@@ -51,6 +51,9 @@ class IRecoveryQuestions {
   virtual bool SaveToSameDrive() = 0;
   /// Some files are larger than FAT32 holds. True to go on.
   virtual bool LargerThanFAT() = 0;
+  /// The files are listed with more than `TfrmSaveProgress::MostExpansion` times the size of their source.
+  /// Both in bytes. True to go on.
+  virtual bool MuchLargerThanSource(std::int64_t listed, std::int64_t source) = 0;
   /// Stop the running recovery?
   virtual bool CancelRecovery() = 0;
 };

@@ -162,9 +162,14 @@ void TfRecoveryMaster::LeaveSaveOptions() {
   options.MayLieOnSource = isOnSource;
   FProgress = std::make_unique<TfrmSaveProgress>(FEngine, Link, options, &FQuestions);
   FProgress->Filter = Filter;
+  FProgress->PrepareRecovery(IsMasterResults);
+  if (!FProgress->MayBeWritten()) return;
   FTargetError = FProgress->PrepareInfo();
   if (FTargetError != 0) return;
-  if (FLargerThanFAT && FProgress->Target().IsFAT32() && !FQuestions.LargerThanFAT()) return;
+  if (FLargerThanFAT && FProgress->Target().IsFAT32() && !FQuestions.LargerThanFAT()) {
+    FProgress.reset();
+    return;
+  }
   FProgress->PrepareRecovery(IsMasterResults);
   ShowPage(SaveProgress);
   if (OnBeforeRecovery) OnBeforeRecovery(*FProgress);

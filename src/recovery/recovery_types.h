@@ -82,18 +82,22 @@ struct TRecoverySummary {
   std::int64_t Doubtful = 0;
   std::int64_t Failed = 0;
   std::int64_t Skipped = 0;
-  std::int64_t DeletedFiles = 0;  ///< of the files written
+  std::int64_t SkippedForNames = 0;  ///< of these: a name was refused, of the file or of a folder above it
+  std::int64_t DeletedFiles = 0;     ///< of the files written
   /// Deleted files whose place belongs to another file by now: written, but hardly their content.
   std::int64_t Overwritten = 0;
   std::int64_t StreamsWritten = 0;
-  std::int64_t StreamsLeft = 0;      ///< not wanted on this target
-  std::int64_t StreamsFailed = 0;    ///< wanted, but the target refused them
-  std::vector<TFileOutcome> Faults;  ///< the first `MostFaults` files that are neither whole nor skipped
+  std::int64_t StreamsLeft = 0;    ///< not wanted on this target
+  std::int64_t StreamsFailed = 0;  ///< wanted, but the target refused them
+  /// The first `MostFaults` files that are neither whole nor skipped by an answer about a taken name.
+  std::vector<TFileOutcome> Faults;
   bool TargetFull = false;
   bool Stopped = false;
 
   static constexpr std::size_t MostFaults = 1000;
   std::int64_t FaultCount() const { return Short + Unreadable + Doubtful + Failed; }
+  /// Nothing went wrong and nothing stayed behind that the user may not know of.
+  bool IsAllWell() const { return FaultCount() == 0 && SkippedForNames == 0 && !Stopped; }
 };
 
 }  // namespace brenlow

@@ -5,11 +5,13 @@
 
 #include "analysis/files.h"
 #include "core/text.h"
+#include "recovery/target_tree.h"
 
 namespace brenlow {
 namespace {
 
 constexpr std::size_t LongestName = 255;      // bytes; NAME_MAX of Linux file systems
+constexpr std::size_t LongestStream = 127;    // bytes; leaves half of a name to the file
 constexpr std::size_t LongestExtension = 32;  // bytes; a longer tail is no extension worth keeping
 
 struct TSplit {
@@ -30,10 +32,14 @@ void CutUtf8(std::string& text, std::size_t length) {
   text.resize(length);
 }
 
-std::string Fit(const TSplit& parts, const std::string& middle) {
+std::string Fit(const TSplit& parts, const std::string& middle, std::size_t longest = LongestName) {
   std::string stem = parts.Stem;
-  CutUtf8(stem, LongestName - middle.size() - parts.Extension.size());
+  CutUtf8(stem, longest - middle.size() - parts.Extension.size());
   return stem + middle + parts.Extension;
+}
+
+std::string Numbered(const std::string& name, int number, std::size_t longest) {
+  return Fit(Split(name), number < 2 ? "" : " (" + std::to_string(number) + ")", longest);
 }
 
 }  // namespace
@@ -44,8 +50,8 @@ std::string SafeName(TStringView name, char16_t replacement) {
     const bool control = c < u' ' || (c >= 0x7F && c <= 0x9F);
     if (control || TFiles::RefusedCharacters.find(c) != TStringView::npos) c = replacement;
   }
-  // The name that the target keeps for the file being written.
-  if (safe == u".brenlow-partial") safe.insert(safe.begin(), replacement);
+  // Names that a run keeps for itself; some file systems do not tell upper from lower case.
+  if (LowerCase(safe).starts_with(FromUtf8(TTargetTree::OwnPrefix))) safe.insert(safe.begin(), replacement);
   if (std::all_of(safe.begin(), safe.end(), [](char16_t c) { return c == u'.'; })) {
     safe.insert(safe.begin(), replacement);
   }
@@ -56,6 +62,15 @@ std::string WithSuffix(const std::string& name, const std::string& suffix) { ret
 
 std::string NumberedName(const std::string& name, int number) {
   return Fit(Split(name), " (" + std::to_string(number) + ")");
+}
+
+std::string StreamFileName(const std::string& file, const std::string& stream, int number) {
+  return WithSuffix(file, ":" + Numbered(stream, number, LongestStream));
+}
+
+std::string StreamAttributeName(const std::string& stream, int number) {
+  const std::string prefix = "user.";
+  return prefix + Numbered(stream, number, LongestName - prefix.size());
 }
 
 }  // namespace brenlow

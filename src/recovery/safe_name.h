@@ -19,4 +19,11 @@ std::string NumberedName(const std::string& name, int number);
 /// Puts a suffix behind a name that is safe already, cutting the name so that it still fits.
 std::string WithSuffix(const std::string& name, const std::string& suffix);
 
+/// The name of a file that holds an alternate data stream of a file: "NAME:STREAM", both safe already, with a
+/// number from 2 on in the stream's part where names meet.
+std::string StreamFileName(const std::string& file, const std::string& stream, int number);
+
+/// The same for an extended attribute: "user.STREAM".
+std::string StreamAttributeName(const std::string& stream, int number);
+
 }  // namespace brenlow

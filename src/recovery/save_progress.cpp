@@ -6,6 +6,7 @@
 
 #include "analysis/analysis.h"
 #include "analysis/files.h"
+#include "core/device/device.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/text.h"
@@ -37,7 +38,8 @@ TfrmSaveProgress::TfrmSaveProgress(TEngine& engine, const TRecoveryMasterLink& l
 int TfrmSaveProgress::PrepareInfo() {
   FRenameResult = TRenameResult::rrSkip;
   CurrentRecoveringFile = -1;
-  RecoveredSize = RecoverySize = RecoveryFiles = 0;
+  RecoveredSize = RecoverySize = RecoveryFiles = ListedSize = 0;
+  FMeasuredDrives.clear();
   FShownRatio = 0;
   FSummary = TRecoverySummary();
   FPlaces.clear();
@@ -55,7 +57,10 @@ void TfrmSaveProgress::Recovery(bool isMasterResults, TStringView subfolder) {
   FSummary.StreamsFailed = FWriter.StreamsFailed;
 }
 
-void TfrmSaveProgress::CloseInfo() { FTarget.SetFolderTimes(); }
+void TfrmSaveProgress::CloseInfo() {
+  FTarget.SetFolderTimes();
+  FTarget.Close();
+}
 
 // ---- progress -------------------------------------------------------------------------------
 
@@ -79,6 +84,7 @@ bool TfrmSaveProgress::GoOn() {
 void TfrmSaveProgress::Walk(bool measure, bool isMasterResults, TPlace start) {
   FSkipAllNames = false;
   FEntered.clear();
+  FSkipped.clear();
   TSelectedFiles selected;
   FLink.GetSelectedFiles(selected, Filter);
   // Folders whose content shows under another entry come last: it may have been written by then.
@@ -123,17 +129,19 @@ TfrmSaveProgress::TPlace TfrmSaveProgress::PlaceOf(const std::vector<TString>& f
 void TfrmSaveProgress::FolderStep(int folderNumber, TPlace place, bool parentDeleted, bool measure) {
   const bool restore = !measure && FOptions.RestoreFolders;
   TPlace start = place;
+  bool skipped = false;
   if (restore) {
     TString name(FLink.GetFileName(folderNumber));
-    if (!RenameStep(name, true)) return;
+    skipped = !RenameStep(name, true);
     start = FTarget.Folder(place, name, FLink.GetFileTimes(folderNumber));
   }
-  const bool isNew = EnterFirst(FLink.GetFileFirstCluster(folderNumber), FLink.GetFileDriveNumber(folderNumber));
-  std::deque<TWaiting> waiting{{folderNumber, start, parentDeleted, isNew}};
+  const bool isNew = EnterFirst(folderNumber, skipped);
+  std::deque<TWaiting> waiting{{folderNumber, start, parentDeleted, isNew, skipped}};
   while (!waiting.empty()) {
     const TWaiting folder = waiting.front();
     waiting.pop_front();
-    if (restore && FLink.IsFiltered(folder.FolderNumber, folder.ParentDeleted, Filter)) FTarget.Enter(folder.Place);
+    const bool make = restore && !folder.Skipped;
+    if (make && FLink.IsFiltered(folder.FolderNumber, folder.ParentDeleted, Filter)) FTarget.Enter(folder.Place);
     if (folder.HasContent) FolderContent(folder, place, measure, waiting);
     if (!FEngine.Recovering && !measure) return;
   }
@@ -141,9 +149,10 @@ void TfrmSaveProgress::FolderStep(int folderNumber, TPlace place, bool parentDel
 
 /// Notes that a folder's content is walked; false when it was before. Damaged folders may lie
 /// within each other.
-bool TfrmSaveProgress::EnterFirst(std::int64_t firstCluster, int driveNumber) {
-  const auto key = static_cast<std::int64_t>(static_cast<std::uint64_t>(firstCluster) * 4096U) + driveNumber;
-  return FEntered.insert(key).second;
+bool TfrmSaveProgress::EnterFirst(int folderNumber, bool skipped) {
+  const auto firstCluster = static_cast<std::uint64_t>(FLink.GetFileFirstCluster(folderNumber));
+  const auto key = static_cast<std::int64_t>(firstCluster * 4096U) + FLink.GetFileDriveNumber(folderNumber);
+  return (skipped ? FSkipped : FEntered).insert(key).second;
 }
 
 /// Writes the files of a folder and queues its folders. `flat`: where files go without folders.
@@ -159,18 +168,22 @@ void TfrmSaveProgress::FolderContent(const TWaiting& folder, TPlace flat, bool m
     const auto number = static_cast<int>(child);
     if (FLink.IsFileWrongNumber(number)) continue;
     if (!FLink.GetFileIsFolder(number)) {
-      if (FLink.IsFiltered(number, deleted, Filter)) {
+      if (!FLink.IsFiltered(number, deleted, Filter)) continue;
+      if (folder.Skipped) {
+        SkipFile(number, TString(FLink.GetFileName(number)), folder.Place, deleted);
+      } else {
         FileStep(number, restore ? folder.Place : flat, deleted, measure);
       }
     } else {
       TPlace place = folder.Place;
+      bool skipped = folder.Skipped;
       if (restore) {
         TString name(FLink.GetFileName(number));
-        if (!RenameStep(name, true)) continue;
+        skipped = skipped || !RenameStep(name, true);
         place = FTarget.Folder(folder.Place, name, FLink.GetFileTimes(number));
       }
-      const bool isNew = FLink.OwnsContent(number) && EnterFirst(FLink.GetFileFirstCluster(number), drive);
-      if (isNew || restore) waiting.push_back({number, place, deleted, isNew});
+      const bool isNew = FLink.OwnsContent(number) && EnterFirst(number, skipped);
+      if (isNew || (restore && !skipped)) waiting.push_back({number, place, deleted, isNew, skipped});
     }
     if (!GoOn() && !measure) {
       FSummary.Stopped = true;
@@ -183,24 +196,76 @@ void TfrmSaveProgress::FolderContent(const TWaiting& folder, TPlace flat, bool m
 
 void TfrmSaveProgress::FileStep(int fileNumber, TPlace place, bool parentDeleted, bool measure) {
   if (measure) {
-    RecoverySize += FLink.GetFileSize(fileNumber);
-    ++RecoveryFiles;
+    MeasureFile(fileNumber);
     return;
   }
   CurrentRecoveringFile = fileNumber;
-  ++FSummary.Files;
   TString name(FLink.GetFileName(fileNumber));
-  if (RenameStep(name, false)) {
-    SaveStep(fileNumber, name, place, parentDeleted);
+  if (!RenameStep(name, false)) {
+    SkipFile(fileNumber, name, place, parentDeleted);
     return;
   }
+  ++FSummary.Files;
+  SaveStep(fileNumber, name, place, parentDeleted);
+}
+
+/// A file that stays behind because its name, or that of a folder above it, was refused.
+void TfrmSaveProgress::SkipFile(int fileNumber, const TString& name, TPlace place, bool parentDeleted) {
+  ++FSummary.Files;
+  ++FSummary.SkippedForNames;
   TFileOutcome outcome;
   outcome.FileNumber = fileNumber;
   outcome.Outcome = TOutcome::Skipped;
   outcome.Path = FTarget.PathOf(place) + SafeName(name);
   outcome.Listed = FLink.GetFileSize(fileNumber);
+  if (FSummary.Faults.size() < TRecoverySummary::MostFaults) FSummary.Faults.push_back(outcome);
   Record(std::move(outcome), parentDeleted);
 }
+
+// ---- measuring ------------------------------------------------------------------------------
+
+void TfrmSaveProgress::MeasureFile(int fileNumber) {
+  const std::int64_t size = FLink.GetFileSize(fileNumber);
+  RecoverySize += std::clamp<std::int64_t>(size, 0, INT64_MAX - RecoverySize);
+  ++RecoveryFiles;
+  const int number = FLink.GetFileDriveNumber(fileNumber);
+  if (FEngine.Drives().IsWrongNumber(number)) return;
+  TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(number)];
+  const auto [known, isNew] = FMeasuredDrives.try_emplace(number, 0);
+  if (isNew) known->second = FEngine.Drives().GetSize(drive, false);
+  // Compression, holes and shared places: only NTFS stores a file in less than it lists.
+  const bool canExpand = drive.FileSystem == TFileSystem::fsNTFS;
+  const auto add = [&](std::int64_t bytes) {
+    bytes = canExpand ? bytes : std::min(bytes, known->second);
+    ListedSize += std::clamp<std::int64_t>(bytes, 0, INT64_MAX - ListedSize);
+  };
+  add(size);
+  if (FOptions.Streams != TStreamMode::Files) return;
+  for (const TADS& stream : FLink.GetStreams(fileNumber)) {
+    if (!stream.IsSystem) add(stream.aSize);
+  }
+}
+
+std::int64_t TfrmSaveProgress::SourceSize() const {
+  std::map<TString, std::int64_t> devices;  // several drives may lie on one
+  for (const auto& [number, size] : FMeasuredDrives) {
+    const TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(number)];
+    const IDevice* device = FEngine.Devices().Get(drive.Drive);
+    std::int64_t& known = devices[drive.Drive];
+    known = std::max(known, device != nullptr ? device->Size() : size);
+  }
+  std::int64_t sum = 0;
+  for (const auto& [key, size] : devices) sum += size;
+  return sum;
+}
+
+bool TfrmSaveProgress::MayBeWritten() const {
+  const std::int64_t source = SourceSize();
+  if (source <= 0 || ListedSize / MostExpansion <= source) return true;
+  return FQuestions != nullptr && FQuestions->MuchLargerThanSource(ListedSize, source);
+}
+
+// ---- names ----------------------------------------------------------------------------------
 
 /// Deals with characters that a target may refuse. False skips the file or folder.
 bool TfrmSaveProgress::RenameStep(TString& name, bool isFolder) {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -40,6 +41,9 @@ class TfrmSaveProgress {
   std::int64_t RecoveredSize = 0;                       ///< bytes
   std::int64_t RecoverySize = 0;                        ///< bytes, as measured
   std::int64_t RecoveryFiles = 0;                       ///< files, as measured
+  /// Bytes that would be written, as measured: streams that become files count too, and no file counts for
+  /// more than its drive holds unless its file system can store it in less.
+  std::int64_t ListedSize = 0;
 
   /// Opens the target and takes the state back to its start. 0, or the errno.
   int PrepareInfo();
@@ -47,6 +51,13 @@ class TfrmSaveProgress {
   const TTargetTree& Target() const { return FTarget; }
   /// Adds up what `Recovery` would write.
   void PrepareRecovery(bool isMasterResults);
+  /// Bytes of all devices that the measured files lie on.
+  std::int64_t SourceSize() const;
+  /// Damaged or hostile sources list more than they can hold: above this many times its size a source is
+  /// not recovered without a question.
+  static constexpr std::int64_t MostExpansion = 10;
+  /// False when what was measured is beyond that, and the answer to the question was no.
+  bool MayBeWritten() const;
   /// Writes the selection. With `isMasterResults` each selected file goes below the folders that it
   /// has on its drive. `subfolder`, when not empty, is a folder of the target to write into.
   void Recovery(bool isMasterResults, TStringView subfolder = {});
@@ -67,12 +78,15 @@ class TfrmSaveProgress {
     TPlace Place;
     bool ParentDeleted;
     bool HasContent;  // false when its content is walked under another entry
+    bool Skipped;     // its name, or that of a folder above it, was refused: so is all of its content
   };
 
   void Walk(bool measure, bool isMasterResults, TPlace start);
   void FolderStep(int folderNumber, TPlace place, bool parentDeleted, bool measure);
   void FolderContent(const TWaiting& folder, TPlace flat, bool measure, std::deque<TWaiting>& waiting);
-  bool EnterFirst(std::int64_t firstCluster, int driveNumber);
+  bool EnterFirst(int folderNumber, bool skipped);
+  void MeasureFile(int fileNumber);
+  void SkipFile(int fileNumber, const TString& name, TPlace place, bool parentDeleted);
   void FileStep(int fileNumber, TPlace place, bool parentDeleted, bool measure);
   bool RenameStep(TString& name, bool isFolder);
   void SaveStep(int fileNumber, const TString& name, TPlace place, bool parentDeleted);
@@ -93,6 +107,8 @@ class TfrmSaveProgress {
   bool FSkipAllNames = false;                          // the answer to a bad name was Skip All
   std::unordered_map<std::u16string, TPlace> FPlaces;  // by start and path
   std::unordered_set<std::int64_t> FEntered;           // folders walked so far
+  std::unordered_set<std::int64_t> FSkipped;           // folders passed over, which may still be met elsewhere
+  std::map<int, std::int64_t> FMeasuredDrives;         // sizes of the drives of the files measured, in bytes
 };
 
 /// `name` with every refused character replaced, from the last to the first.

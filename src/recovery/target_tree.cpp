@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "recovery/target_tree.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/xattr.h>
@@ -11,6 +13,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <random>
 #include <utility>
 
 #include "core/text.h"
@@ -20,6 +23,7 @@ namespace brenlow {
 namespace {
 
 constexpr int MostNumbers = 1'000'000;  // of one name in one folder
+constexpr int MostAttempts = 100;       // at names that others may take or remove meanwhile
 
 // File system types as statfs tells them (linux/magic.h; exFAT and ntfs3 from their drivers).
 constexpr long FatType = 0x4D44;
@@ -40,6 +44,43 @@ std::timespec SystemTime(TDateTime time) {
 bool IsThere(int folder, const std::string& name) {
   struct stat status {};
   return ::fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+std::string UniqueName() {
+  static std::random_device random;
+  char number[32];
+  std::snprintf(number, sizeof number, "-%d-%08x", static_cast<int>(::getpid()), static_cast<unsigned>(random()));
+  return TTargetTree::PartialPrefix + std::string(number);
+}
+
+/// The path that a file without a name can be linked from.
+std::string LinkPath(const THandle& file) { return "/proc/self/fd/" + std::to_string(file.Get()); }
+
+/// True when the name in the folder still means the open file.
+bool HasName(int folder, const std::string& name, const THandle& file) {
+  struct stat named {
+  }, open{};
+  return ::fstatat(folder, name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 && ::fstat(file.Get(), &open) == 0 &&
+         named.st_dev == open.st_dev && named.st_ino == open.st_ino;
+}
+
+/// Removes what killed runs have left in a folder: files of our names that no living run has locked.
+void RemoveLeftovers(int folder, const TSourceGuard& guard) {
+  const int again = OpenFolder(folder, ".");
+  DIR* entries = again < 0 ? nullptr : ::fdopendir(again);
+  if (entries == nullptr) {
+    if (again >= 0) ::close(again);
+    return;
+  }
+  while (const dirent* entry = ::readdir(entries)) {
+    const std::string name = entry->d_name;
+    if (!name.starts_with(TTargetTree::PartialPrefix) || guard.IsSource(folder, name)) continue;
+    const THandle file(::openat(folder, name.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    const bool isFile = file.Valid() && ::fstat(file.Get(), &status) == 0 && S_ISREG(status.st_mode);
+    if (isFile && ::flock(file.Get(), LOCK_EX | LOCK_NB) == 0) ::unlinkat(folder, name.c_str(), 0);
+  }
+  ::closedir(entries);
 }
 
 /// Renames within a folder without replacing anything. 0, or the errno.
@@ -75,6 +116,7 @@ void SetTimes(int handle, const TTimeStamp& times) {
 
 int TTargetTree::Open(const std::string& path, TSourceGuard guard, bool mayLieOnSource) {
   std::error_code error;
+  Close();
   FGuard = std::move(guard);
   FMayLieOnSource = mayLieOnSource;
   if (!mayLieOnSource && FGuard.LiesOnSource(path)) return TSourceGuard::Refused;
@@ -87,8 +129,8 @@ int TTargetTree::Open(const std::string& path, TSourceGuard guard, bool mayLieOn
   const std::filesystem::path full = std::filesystem::canonical(path, error);
   FPath = error ? path : full.string();
   FRoot = std::move(handle);
-  FCurrent = TOpenFolder();
-  FAbove = TOpenFolder();
+  if (const int busy = TakeLock(); busy != 0) return busy;
+  RemoveLeftovers(FRoot.Get(), FGuard);
   FFolders.assign(1, TFolder());
   FFolders[Root].ComesAgain = true;
   FClaimed.clear();
@@ -99,7 +141,37 @@ int TTargetTree::Open(const std::string& path, TSourceGuard guard, bool mayLieOn
   return 0;
 }
 
+/// 0, also where the file system has no locks; EWOULDBLOCK when another run has it.
+int TTargetTree::TakeLock() {
+  if (FGuard.IsSource(FRoot.Get(), LockName)) return 0;
+  for (int attempt = 0; attempt < MostAttempts; ++attempt) {
+    constexpr int flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    THandle lock(::openat(FRoot.Get(), LockName, flags | O_CREAT, 0666));
+    if (!lock.Valid()) return 0;
+    if (::flock(lock.Get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) return EWOULDBLOCK;
+    // A run that just ended has taken its lock file with it: then this is no longer the one that counts.
+    if (!HasName(FRoot.Get(), LockName, lock)) continue;
+    FLock = std::move(lock);
+    return 0;
+  }
+  return 0;  // the file system tells nothing of use
+}
+
+void TTargetTree::Close() {
+  DropPartial();
+  struct stat status {};
+  const bool isOurs = FLock.Valid() && ::fstat(FLock.Get(), &status) == 0 && S_ISREG(status.st_mode) &&
+                      status.st_size == 0 && HasName(FRoot.Get(), LockName, FLock);
+  if (isOurs) ::unlinkat(FRoot.Get(), LockName, 0);
+  FLock.Close();
+  FCurrent = TOpenFolder();
+  FAbove = TOpenFolder();
+  FRoot.Close();
+}
+
 void TTargetTree::LookAtFileSystem() {
+  const THandle file(::openat(FRoot.Get(), ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
+  FHasUnnamedFiles = file.Valid() && ::access(LinkPath(file).c_str(), F_OK) == 0;
   struct statfs status {};
   const auto type = ::fstatfs(FRoot.Get(), &status) == 0 ? static_cast<long>(status.f_type) : 0L;
   // Both NTFS drivers show the attributes of Windows under this name; ntfs-3g is one of many
@@ -150,6 +222,7 @@ int TTargetTree::OpenBelow(int above, TFolder& folder, THandle& handle) {
     const bool isOther = forbidden || error == ENOTDIR || error == ELOOP;
     if (folder.Entered || !isOther || number >= MostNumbers) return error;
   }
+  if (!folder.Entered && !folder.IsNew) RemoveLeftovers(handle.Get(), FGuard);
   folder.Entered = true;
   return 0;
 }
@@ -163,6 +236,7 @@ bool TTargetTree::IsForbidden(const THandle& folder) const {
 }
 
 void TTargetTree::Leave() {
+  DropPartial();
   if (FFolders[FCurrent.Place].ComesAgain) {
     FKeptClaims[FCurrent.Place] = std::move(FClaimed);
   }
@@ -249,38 +323,97 @@ std::string TTargetTree::Claim(const std::string& name) {
   }
 }
 
+/// What was begun and never got a name.
+void TTargetTree::DropPartial() {
+  if (!FPartial.Name.empty()) ::unlinkat(Here(), FPartial.Name.c_str(), 0);
+  FPartial = TPartial();
+}
+
 int TTargetTree::CreatePartial(THandle& handle) {
-  for (int attempt = 0;; ++attempt) {
-    handle = THandle(::openat(Here(), PartialName, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
-    if (handle.Valid()) return 0;
-    if (errno != EEXIST || attempt > 0) return errno;
-    // Left behind by a run that was killed.
-    if (::unlinkat(Here(), PartialName, 0) != 0) return errno;
+  DropPartial();
+  if (FHasUnnamedFiles) {
+    FPartial.Handle = THandle(::openat(Here(), ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666));
   }
+  // Folders below the target may be other file systems.
+  if (!FPartial.Handle.Valid()) {
+    if (const int error = CreateNamed(); error != 0) return error;
+  }
+  // The caller closes its own, as some file systems tell only then that they are full.
+  handle = THandle(::fcntl(FPartial.Handle.Get(), F_DUPFD_CLOEXEC, 0));
+  return handle.Valid() ? 0 : errno;
+}
+
+int TTargetTree::CreateNamed() {
+  for (int attempt = 0; attempt < MostAttempts; ++attempt) {
+    const std::string name = UniqueName();
+    THandle file(::openat(Here(), name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+    if (!file.Valid() && errno == EEXIST) continue;
+    if (!file.Valid()) return errno;
+    // Whoever cleans up leaves it alone from now on, and may have been there before.
+    ::flock(file.Get(), LOCK_EX | LOCK_NB);
+    if (!IsThere(Here(), name)) continue;
+    FPartial = {std::move(file), name};
+    return 0;
+  }
+  return EEXIST;
+}
+
+/// Puts the file that has no name yet under a unique one. 0, or the errno.
+int TTargetTree::LinkBeside() {
+  ::flock(FPartial.Handle.Get(), LOCK_EX | LOCK_NB);
+  for (int attempt = 0; attempt < MostAttempts; ++attempt) {
+    const std::string name = UniqueName();
+    const std::string path = LinkPath(FPartial.Handle);
+    if (::linkat(AT_FDCWD, path.c_str(), Here(), name.c_str(), AT_SYMLINK_FOLLOW) == 0) {
+      FPartial.Name = name;
+      return 0;
+    }
+    if (errno != EEXIST) return errno;
+  }
+  return EEXIST;
+}
+
+/// Gives the file being written a name that nothing has. 0, or the errno.
+int TTargetTree::GiveName(const std::string& name) {
+  int error = 0;
+  if (!FPartial.Name.empty()) {
+    error = MoveToFreeName(Here(), FPartial.Name.c_str(), name.c_str());
+  } else if (::linkat(AT_FDCWD, LinkPath(FPartial.Handle).c_str(), Here(), name.c_str(), AT_SYMLINK_FOLLOW) != 0) {
+    error = errno;
+  }
+  if (error == 0) FPartial = TPartial();
+  return error;
 }
 
 int TTargetTree::Finish(const std::string& name, bool replace) {
-  if (!replace) return MoveToFreeName(Here(), PartialName, name.c_str());
+  if (!replace) return GiveName(name);
   if (IsSource(name)) return EEXIST;
-  return ::renameat(Here(), PartialName, Here(), name.c_str()) == 0 ? 0 : errno;
+  // A link cannot take the place of what is there, a renaming can.
+  if (FPartial.Name.empty()) {
+    if (const int error = LinkBeside(); error != 0) return error;
+  }
+  if (::renameat(Here(), FPartial.Name.c_str(), Here(), name.c_str()) != 0) return errno;
+  FPartial = TPartial();
+  return 0;
 }
 
 std::string TTargetTree::KeepPartial(const std::string& name) {
   struct stat status {};
-  const bool empty = ::fstatat(Here(), PartialName, &status, AT_SYMLINK_NOFOLLOW) == 0 && status.st_size == 0;
-  if (empty) {
-    ::unlinkat(Here(), PartialName, 0);
+  if (::fstat(FPartial.Handle.Get(), &status) == 0 && status.st_size == 0) {
+    DropPartial();
     return name;
   }
   const std::string wanted = WithSuffix(name, ".partial");
   std::string given = wanted;
   for (int number = 2; number < MostNumbers; ++number) {
-    const int error = MoveToFreeName(Here(), PartialName, given.c_str());
+    const int error = GiveName(given);
     if (error == 0) return given;
     if (error != EEXIST) break;
     given = NumberedName(wanted, number);
   }
-  return PartialName;
+  const std::string own = FPartial.Name;
+  FPartial = TPartial();
+  return own;
 }
 
 THandle TTargetTree::OpenFile(const std::string& name) const {

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The folder that a recovery writes into. Files and folders are created relative to open folders
-// and never through a symbolic link. A file is written under a name of its own and moved to its
-// real name when it is done, so that a real name always stands for a finished file.
+// and never through a symbolic link. A file is written without a name, or where the file system cannot
+// do that under one that nobody else has, and gets its real name when it is done, so that a real name always
+// stands for a finished file. One run at a time writes into a folder.
 #pragma once
 
 #include <cstdint>
@@ -33,15 +34,30 @@ class THandle {
 
 class TTargetTree {
  public:
+  TTargetTree() = default;
+  TTargetTree(const TTargetTree&) = delete;
+  TTargetTree& operator=(const TTargetTree&) = delete;
+  ~TTargetTree() { Close(); }
+
   /// A folder below the target, made on disk when it is entered.
   using TPlace = std::uint32_t;
   static constexpr TPlace Root = 0;
-  /// Name of a file while it is written.
-  static constexpr const char* PartialName = ".brenlow-partial";
+  /// How the names begin that a run uses for itself; no file from a source gets such a name.
+  static constexpr const char* OwnPrefix = ".brenlow-";
+  /// A file while it is written, with a process number and a random one after it.
+  static constexpr const char* PartialPrefix = ".brenlow-partial";
+  /// Locked by the run that writes into the folder; it goes with the run.
+  static constexpr const char* LockName = ".brenlow-lock";
 
   /// Opens the folder, creating it and its parents where missing. 0, or the errno of the failure;
-  /// `TSourceGuard::Refused` when it lies on a source, unless the user agreed to that.
+  /// `TSourceGuard::Refused` when it lies on a source, unless the user agreed to that; EWOULDBLOCK when
+  /// another run is writing into it.
   int Open(const std::string& path, TSourceGuard guard, bool mayLieOnSource = false);
+
+  /// The run is over: others may write there.
+  void Close();
+  /// For tests: as if the file system could not make files without a name.
+  void UseNamedFiles() { FHasUnnamedFiles = false; }
 
   // ---- folders ----
   /// The place of a folder named on the source. Folders of one parent that are asked for one after
@@ -68,6 +84,8 @@ class TTargetTree {
   /// Notes a name for a file of this run; the result is the name, or where it was noted before, a
   /// numbered one.
   std::string Claim(const std::string& name);
+  /// The same for this name alone; false when a file of this run has it.
+  bool ClaimExactly(const std::string& name) { return FClaimed.try_emplace(Key(name), 1).second; }
   /// Starts a file. 0, or the errno.
   int CreatePartial(THandle& handle);
   /// True when what has that name must never be replaced, as a source is read from it.
@@ -109,6 +127,17 @@ class TTargetTree {
   // Descriptors are a limited resource: content deeper than this stays in the folder at this depth.
   static constexpr std::uint32_t MaxDepth = 200;
 
+  /// The file that is being written.
+  struct TPartial {
+    THandle Handle;
+    std::string Name;  // empty while it has none
+  };
+
+  int TakeLock();
+  void DropPartial();
+  int CreateNamed();
+  int GiveName(const std::string& name);
+  int LinkBeside();
   int Here() const { return FCurrent.Handle.Valid() ? FCurrent.Handle.Get() : FRoot.Get(); }
   int OpenBelow(int above, TFolder& folder, THandle& handle);
   void LookAtFileSystem();
@@ -119,6 +148,9 @@ class TTargetTree {
 
   std::string FPath;
   THandle FRoot;
+  THandle FLock;
+  TPartial FPartial;
+  bool FHasUnnamedFiles = false;  // the file system makes files without a name
   TSourceGuard FGuard;
   bool FMayLieOnSource = false;
   std::vector<TFolder> FFolders;

@@ -9,6 +9,7 @@
 #include "core/datetime.h"
 #include "core/drives.h"
 #include "core/sector_reader.h"
+#include "core/sizes.h"
 #include "core/text.h"
 #include "shell/entries.h"
 
@@ -53,6 +54,9 @@ class TDesk::TQuestions final : public IShellQuestions, public IRecoveryQuestion
     return YesNo(language.Utf8(TText::SaveSameDrive) + "\n\n" + language.Utf8(TText::SaveSameDriveQuestion));
   }
   bool LargerThanFAT() override { return YesNo(FDesk.FEngine.Language().Utf8(TText::SaveLargerThanFAT)); }
+  bool MuchLargerThanSource(std::int64_t listed, std::int64_t source) override {
+    return YesNo(FDesk.FEngine.Language().Utf8(TText::SaveMuchLarger, {SizeText(listed), SizeText(source)}));
+  }
   // The window stops a recovery at once, see `StopRecovery`.
   bool CancelRecovery() override { return true; }
 

@@ -22,6 +22,7 @@ struct TNoQuestions final : IRecoveryQuestions {
   TCandidateAnswer ChooseFirstCluster(const TFile&) override { return {}; }
   bool SaveToSameDrive() override { return true; }
   bool LargerThanFAT() override { return true; }
+  bool MuchLargerThanSource(std::int64_t, std::int64_t) override { return true; }
   bool CancelRecovery() override { return true; }
 };
 

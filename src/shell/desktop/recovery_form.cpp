@@ -203,8 +203,7 @@ void TRecoveryMasterForm::Show(const TRecoveryPage& page) {
   }
   UpdateButtons();
   if (page.Page == TfRecoveryMaster::Finish) FNext->setFocus();
-  if (page.Page == TfRecoveryMaster::Finish && FSettings.Master.AutoClose && page.Summary.FaultCount() == 0 &&
-      !page.Summary.Stopped) {
+  if (page.Page == TfRecoveryMaster::Finish && FSettings.Master.AutoClose && page.Summary.IsAllWell()) {
     reject();
   }
 }
@@ -255,6 +254,9 @@ void TRecoveryMasterForm::ShowSummary(const TRecoverySummary& summary) {
         break;
       case TOutcome::Doubtful:
         reason = Caption(TText::FaultPlaceEstimated);
+        break;
+      case TOutcome::Skipped:
+        reason = Caption(TText::FaultNameRefused);
         break;
       default:
         reason = ToQt(SystemErrorText(Texts(), fault.SystemError));

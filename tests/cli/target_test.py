@@ -1,0 +1,63 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: GPL-3.0-or-later
+"""The target of a recovery: one run at a time, nothing left behind, no more written than a source can hold."""
+import re
+import struct
+
+from fat_image import fat16
+from support import Held, TestCase, main, run
+
+
+class TargetTest(TestCase):
+    def image(self, files):
+        path = self.target() / "made.img"
+        path.write_bytes(fat16(files))
+        return path
+
+    def content(self, folder):
+        return {str(p.relative_to(folder)): p.read_bytes() for p in folder.rglob("*") if p.is_file()}
+
+    def test_two_runs_into_one_folder(self):
+        files = [("f%02d.bin" % i, bytes([i]) * (500 + 99 * i), False) for i in range(40)]
+        image, out = self.image(files), self.target()
+        expected = {name: content for name, content, _ in files}
+        first = Held("recover", image, "--path", "f*[13579].bin", "--out", out, HOLD_AT_NAME=7)
+        for report in ([], ["--json"]):
+            second = run("recover", image, "--path", "f*[02468].bin", "--out", out, *report)
+            self.assertEqual((second.returncode, second.stdout), (2, ""))
+            self.assertIn("Another recovery is writing there", second.stderr)
+            self.assertEqual(len([name for name in self.content(out) if not name.startswith(".brenlow")]), 6)
+        status, _, error = first.go_on()
+        self.assertEqual(status, 0, error)
+        self.assertEqual(self.content(out), {n: c for n, c in expected.items() if int(n[1:3]) % 2})
+        self.assertEqual(run("recover", image, "--path", "f*[02468].bin", "--out", out).returncode, 0)
+        self.assertEqual(self.content(out), expected)
+
+    def test_nothing_is_left_of_killed_runs(self):
+        files = [("sub", [("f%02d.bin" % i, bytes([i]) * 3000, False) for i in range(20)], False)]
+        image, out = self.image(files), self.target()
+        for named in (3, 9):
+            Held("recover", image, "--out", out, "--conflict", "skip", HOLD_AT_NAME=named).kill()
+        (out / "sub" / ".brenlow-partial-1-12345678").write_bytes(b"of a run that is gone")
+        self.assertEqual(run("recover", image, "--out", out, "--conflict", "skip").returncode, 0)
+        self.assertEqual(self.content(out), {"sub/" + n: c for n, c, _ in files[0][1]})
+
+    def test_sizes_beyond_all_measure(self):
+        image = self.image([("small%02d.bin" % i, b"x" * 100, False) for i in range(12)])
+        data = bytearray(image.read_bytes())
+        for entry in re.finditer(rb"F\d{7}   \x20", bytes(data)):
+            data[entry.start() + 28:entry.start() + 32] = struct.pack("<I", 0x7FFFFFFF)
+        image.write_bytes(data)
+        out = self.target() / "out"
+        r = run("recover", image, "--out", out)
+        self.assertEqual(r.returncode, 2)
+        self.assertIn("--allow-expand", r.stderr)
+        self.assertEqual(self.content(out) if out.exists() else {}, {})
+        self.assertEqual(run("recover", image, "--out", out, "--path", "small0[12].bin").returncode, 1)
+        self.assertEqual(sorted(self.content(out)), ["small01.bin", "small02.bin"])
+        self.assertEqual(run("recover", image, "--out", out, "--allow-expand").returncode, 1)
+        self.assertEqual(len(self.content(out)), 14)
+
+
+if __name__ == "__main__":
+    main()
