@@ -18,11 +18,12 @@ constexpr std::int64_t PieceBytes = 4096;            // what disks and systems r
 
 std::uint32_t TSectorReader::ReadDriveSectors(const TDriveInfo& drive, void* buffer, std::int64_t startingSector,
                                               std::int64_t sectorCount) {
-  if (drive.SectorsCount > 0) {
-    const std::int64_t lastSector = drive.FirstSector + drive.SectorsCount - 1;
-    const bool outside = startingSector < 0 || startingSector > lastSector;
-    if (outside && FLastFailedDrive == &drive && startingSector >= FLastFailedSector) return 0;
-  }
+  // A read that fails inside of the drive says nothing of what lies behind its end, where the copy of
+  // a boot sector may be.
+  const std::int64_t lastSector = drive.FirstSector + drive.SectorsCount - 1;
+  const bool outside = drive.SectorsCount > 0 && (startingSector < 0 || startingSector > lastSector);
+  const bool failedThere = FLastFailedDrive == drive.Drive && FLastFailedStart == drive.FirstSector;
+  if (outside && failedThere && startingSector >= FLastFailedSector) return 0;
   const int bytesPerSector = FEngine.Drives().GetBytesPerSector(drive);
   const std::uint32_t got = ReadDeviceSectors(drive.Drive, buffer, bytesPerSector, startingSector, sectorCount);
   if (got <
@@ -30,8 +31,9 @@ std::uint32_t TSectorReader::ReadDriveSectors(const TDriveInfo& drive, void* buf
     ++FFailedReads;
   }
   FBytesRead += got;
-  if (got == 0) {
-    FLastFailedDrive = &drive;
+  if (got == 0 && outside) {
+    FLastFailedDrive = drive.Drive;
+    FLastFailedStart = drive.FirstSector;
     FLastFailedSector = startingSector;
   }
   return got;

@@ -19,7 +19,7 @@ class TSectorReader {
   /// Reads `SectorCount` sectors from the absolute sector `StartingSector` of the device that
   /// the drive lies on (the caller adds `TDriveInfo::FirstSector`). Returns bytes read, which may
   /// be short, or 0 on any failure; what was not read of the buffer stays untouched. A start
-  /// beyond the end of a drive that has failed there already returns 0 without a device access.
+  /// beyond the end of a drive that has failed beyond it already returns 0 without a device access.
   std::uint32_t ReadDriveSectors(const TDriveInfo& drive, void* buffer, std::int64_t startingSector,
                                  std::int64_t sectorCount);
 
@@ -57,7 +57,9 @@ class TSectorReader {
 
  private:
   TEngine& FEngine;
-  const void* FLastFailedDrive = nullptr;  // identity of the record, never followed
+  // The last read beyond a drive's end that failed: key and first sector of that drive, and the place.
+  TString FLastFailedDrive;
+  std::int64_t FLastFailedStart = 0;
   std::int64_t FLastFailedSector = 0;
   std::uint64_t FFailedReads = 0;
   std::uint64_t FEstimatedReads = 0;
