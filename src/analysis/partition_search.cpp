@@ -8,6 +8,7 @@
 
 #include "analysis/deep/all_fs.h"
 #include "analysis/files.h"
+#include "analysis/lost_ntfs.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/sector_reader.h"
@@ -30,7 +31,8 @@ class TPartitionSearch {
         FSectorSize(engine.Drives().GetBytesPerSector(driveNumber)),
         FFirst(Drive(driveNumber).FirstSector),
         FSectors(Drive(driveNumber).SectorsCount),
-        FDeep(engine.PartRecSystems.Has(TPartRecSystem::DeepAnalysis)) {
+        FDeep(engine.PartRecSystems.Has(TPartRecSystem::DeepAnalysis)),
+        FLostNTFS(engine, driveNumber) {
     engine.NTFS().OnPartRecConfirmed = [this](std::int64_t sector) {
       FDrives.PartRecCheckSubDrivesForEnd(sector, true);
     };
@@ -77,7 +79,7 @@ class TPartitionSearch {
     if (FEngine.Analysing) ConfirmSoundVolumes();
     if (FEngine.Analysing && Wants(TPartRecSystem::FAT)) ConfirmVolumesOfTables();
     FinishFATVolumes();
-    if (FEngine.Analysing) TakeFromCandidates();
+    PlaceNTFS();
     PartRecDoAfterAnalyse();
     FDrives.UpdateSubDrivesCaptions(FMain);
   }
@@ -103,6 +105,7 @@ class TPartitionSearch {
       FLastSector = first + i;
       if (Wants(TPartRecSystem::FAT) || Wants(TPartRecSystem::NTFS)) {
         FDrives.PartRecCheckForExistPartition(FMain, first + i);
+        if (Wants(TPartRecSystem::NTFS)) FLostNTFS.NoteSector(buffer.subspan(start), first + i);
         CheckForNewPartition(buffer.subspan(start), first + i);
         FDrives.PartRecCheckSubDrivesForEnd(first + i, false);
       }
@@ -135,30 +138,14 @@ class TPartitionSearch {
     return true;
   }
 
-  /// Records of a volume that went by before it was confirmed: a candidate has them too.
-  void TakeFromCandidates() {
-    const TIntegerDynArray subs = Drive(FMain).SubDrives;
-    for (const int volume : subs) {
-      if (Drive(volume).FileSystem != TFileSystem::fsNTFS || Drive(volume).NTFSInfo.CanBeTruncated) continue;
-      for (const int sub : subs) {
-        const bool candidate = Drive(sub).FileSystem == TFileSystem::fsNTFS && Drive(sub).NTFSInfo.CanBeTruncated;
-        if (candidate) TakeFromCandidate(sub, Drive(volume));
-      }
+  /// Records that went by before their volume was known, or whose volume has no boot sector.
+  void PlaceNTFS() {
+    if (!Wants(TPartRecSystem::NTFS)) return;
+    if (!FEngine.Analysing) {
+      FLostNTFS.PlaceCandidates();
+      return;
     }
-  }
-
-  void TakeFromCandidate(int sub, const TDriveInfo& volume) {
-    TNTFSInfo& info = Drive(sub).NTFSInfo;
-    const std::int64_t shift = Drive(sub).FirstSector - volume.FirstSector;
-    const auto within = [&](std::int64_t sector) { return FEngine.NTFS().IsInTable(volume, sector + shift); };
-    std::erase_if(info.UnknownFirstClusterFiles, [&](const auto& file) { return within(file.FirstSector); });
-    std::erase_if(info.PartRecMFTStructure, [&](const TPartRecMFT& anchor) { return within(anchor.SectorNumber); });
-    info.LastMFTNumber = -1;
-    TFiles& files = FEngine.Files();
-    files.EraseRows([&](const TFileInfo& file) { return file.aDriveNumber == sub && within(file.FirstSector); });
-    if (HoldsFiles(sub)) return;
-    files.EraseRows([&](const TFileInfo& file) { return file.aDriveNumber == sub; });
-    info.SystemDataFolderAdded = false;
+    FLostNTFS.PlaceVolumes();
   }
 
   /// False for a sub-drive that has nothing but the file system's own files.
@@ -267,7 +254,7 @@ class TPartitionSearch {
     for (auto sub = subs.rbegin(); sub != subs.rend(); ++sub) {
       const bool confirmed = std::find(FConfirmed.begin(), FConfirmed.end(), *sub) != FConfirmed.end();
       // Of a candidate for NTFS, the system's files alone (a mirror left behind) make no volume.
-      const bool candidate = Drive(*sub).FileSystem == TFileSystem::fsNTFS && Drive(*sub).NTFSInfo.CanBeTruncated;
+      const bool candidate = TLostNTFS::IsCandidate(Drive(*sub));
       const bool empty = candidate ? !HoldsFiles(*sub) : FDrives.IsEmpty(*sub);
       if (empty && !confirmed) FDrives.Delete(*sub);
     }
@@ -315,6 +302,7 @@ class TPartitionSearch {
   std::int64_t FFirst;
   std::int64_t FSectors;
   bool FDeep;
+  TLostNTFS FLostNTFS;
   std::int64_t FLastSector = 0;
   TIntegerDynArray FConfirmed;  // by more than records and folders: they stay though they are empty
 };

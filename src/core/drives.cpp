@@ -686,7 +686,9 @@ bool TDrives::IsDiskIn(int number, bool canShowMessages) {
 }
 
 bool TDrives::IsEmpty(int number) const {
-  return IsWrongNumber(number) || List[static_cast<std::size_t>(number)].ParentClusters.Empty();
+  if (IsWrongNumber(number)) return true;
+  const TDriveInfo& drive = List[static_cast<std::size_t>(number)];
+  return drive.ParentClusters.Empty() && drive.NTFSInfo.UnknownFirstClusterFiles.empty();
 }
 
 bool TDrives::IsEmpty(int number, std::int64_t parent) const {

@@ -97,7 +97,8 @@ class TDrives {
   /// (`TEngine::OnAskRetry`) and may put one in.
   bool IsDiskIn(int number, bool canShowMessages);
   bool IsVMware(int number) const { return HasType(number, TDriveType::dtVMWare); }
-  /// True for a wrong number and for a drive without any entry in its parent index.
+  /// True for a wrong number and for a drive without any entry in its parent index, and without files
+  /// that wait for a number to be entered there.
   bool IsEmpty(int number) const;
   /// The same for one parent reference.
   bool IsEmpty(int number, std::int64_t parent) const;

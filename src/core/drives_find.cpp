@@ -147,7 +147,6 @@ int TDrives::AddFoundPartition(const TFindRange& range, std::span<const std::uin
 TDrives::TFoundState TDrives::IsNewFoundPartition(const TDriveInfo& volume, std::span<const std::uint8_t> boot,
                                                   int& known) {
   constexpr std::int64_t copiesOfFAT = 31;  // sectors before and behind
-  const bool isNTFS = volume.FileSystem == TFileSystem::fsNTFS;
   bool clashes = false;
   for (int i = 0; i < static_cast<int>(List.size()); ++i) {
     const TDriveInfo& other = List[static_cast<std::size_t>(i)];
@@ -158,9 +157,8 @@ TDrives::TFoundState TDrives::IsNewFoundPartition(const TDriveInfo& volume, std:
     }
     const std::int64_t distance = volume.FirstSector - other.FirstSector;
     if (IsFAT(volume.FileSystem) && std::abs(distance) <= copiesOfFAT) return TFoundState::Refused;
-    // A partition is a sector longer than its NTFS volume: the copy of the boot sector is its last.
-    const std::int64_t end = other.FirstSector + other.SectorsCount;
-    if (isNTFS && (volume.FirstSector == end || volume.FirstSector == end - 1)) return TFoundState::Refused;
+    // The copy of a boot sector, at the end of a known NTFS volume, has led back to that volume's start:
+    // what begins there in its own right is a volume.
     clashes = clashes || Overlaps(volume, other);
   }
   // Two volumes in one place: the later one must show more than its boot sector.

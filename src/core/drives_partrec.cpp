@@ -97,6 +97,7 @@ void TDrives::PartRecCheckForExistPartition(int number, std::int64_t sectorNumbe
   });
   if (volume == PartRecInfo.Volumes.end()) return;
   const std::int64_t sectors = List[static_cast<std::size_t>(*volume)].SectorsCount;
+  const bool isGap = List[static_cast<std::size_t>(*volume)].ReceivedType == TReceivedType::rtByUnallocatedSpace;
   const auto moveHere = [&](TPartRecSystem bit, TFileSystem system) {
     if (!FEngine.PartRecSystems.Has(bit)) return;
     int sub = PartRecEmptySubdrive(number, system);
@@ -107,9 +108,12 @@ void TDrives::PartRecCheckForExistPartition(int number, std::int64_t sectorNumbe
     drive.FATInfo = TFATInfo();
     drive.NTFSInfo = TNTFSInfo();
     drive.FirstSector = absolute;
-    drive.SectorsCount = sectors;
+    // A gap between partitions says where a lost volume may begin, not how long it is.
+    drive.SectorsCount = isGap && system == TFileSystem::fsNTFS ? 0 : sectors;
     SetDefaultInfo(drive);
     FEngine.PartRecVolumeKnown(sub);
+    TDriveInfo& placed = List[static_cast<std::size_t>(sub)];
+    if (placed.SectorsCount <= 0) placed.SectorsCount = placed.DefaultSectorsCount = sectors;
   };
   moveHere(TPartRecSystem::FAT, PartRecInfo.DefaultFATSystem);
   moveHere(TPartRecSystem::NTFS, TFileSystem::fsNTFS);

@@ -20,6 +20,8 @@ namespace brenlow {
 
 class TEngine;
 namespace ntfs {
+struct TGeometry;
+class TSearchTraces;
 struct TNTFSLogImage;
 
 /// Bytes of a cluster, 0 while that is not known.
@@ -88,14 +90,31 @@ class TNTFS {
   std::int64_t GetSizeOnDisk(const TFile& file);
   /// True for a deleted file whose first cluster belongs to something else by now.
   bool IsOverwritten(const TFile& file);
+  /// How it is known where the content lies. What lies in the record itself needs no geometry.
+  TPlaceSource PlaceOf(const TFile& file);
   // ---- partition search ----
   /// Enters the records that begin in a sector, at any of its 512-byte slices.
   void PartRecAnalyseSector(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
                             std::int64_t sectorNumber, bool canCheckNewDrive);
-  /// Whether a sector of the volume belongs to its table of records or the mirror of that.
-  bool IsInTable(const TDriveInfo& volume, std::int64_t sector) const;
+  /// Whether a sector of the volume belongs to its table of records or the mirror of that, once the
+  /// table was analysed as a whole.
+  static bool IsInTable(const TDriveInfo& volume, std::int64_t sector);
   /// Analyses a volume whose boot sector was confirmed.
   void PartRecDriveAdded(int driveNumber);
+  /// Gives a drive start, length and geometry of a volume without a boot sector, and a table: as its own
+  /// record has it, else as the traces show it. `end` is the sector of the device before which it ends
+  /// when nothing says how long it is.
+  void PartRecPlaceVolume(TDriveInfo& drive, const ntfs::TGeometry& geometry, const ntfs::TSearchTraces& traces,
+                          std::int64_t end);
+  /// Gives a volume whose table is gone one out of the traces. False when there are none of it.
+  bool PartRecTakeTable(TDriveInfo& drive, const ntfs::TSearchTraces& traces);
+  /// Analyses such a volume as a whole.
+  void PartRecAnalyseTable(int driveNumber);
+  /// Enters the record at a sector of the volume, which a search has met before.
+  void PartRecAnalyseAgain(int driveNumber, std::int64_t sector, int offsetInSector);
+  /// Cluster size of a candidate by the first index block that `cluster` leads to, whatever folder it
+  /// is of: where nothing better is known.
+  void GetSectorsPerClusterByIndex(TDriveInfo& drive, std::int64_t cluster);
   /// Gives the files without a number one, and enters them.
   void PartRecDoAfterAnalyse(int parentDrive);
   void PartRecChangeVolumeName(TDriveInfo& drive);
@@ -147,7 +166,7 @@ class TNTFS {
   void ReadVolumeName(TDriveInfo& drive);
   void ComputeFreeSize(TDriveInfo& drive);
   void FillClustersUsage(TDriveInfo& drive);
-  void GetSectorsPerClusterByIndex(TDriveInfo& drive, std::int64_t cluster);
+  bool HasRecordOfRun(const TDriveInfo& volume, std::int64_t firstSector, std::int64_t records);
   // Records.
   bool ReadRecord(const TDriveInfo& drive, const TMFTRecord& place, TByteDynArray& record);
   bool ReadRecordOf(const TDriveInfo& drive, const TFile& file, TByteDynArray& record, TMFTRecord& place);
@@ -194,7 +213,12 @@ class TNTFS {
   };
   TNewDrive CheckNewDrive(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
                           std::int64_t sectorNumber, int offsetInSector, TStringView name);
-  void EstimateMFTNumber(TDriveInfo& drive, TFileInfo& info, std::int64_t parent, std::int64_t sectorNumber);
+  /// True for a number that the known part of the table holds.
+  static bool IsNumberInTable(const TDriveInfo& drive, std::int64_t number);
+  static void FillTableSectors(TDriveInfo& drive);
+  void AddAnchor(TDriveInfo& drive, std::int64_t number, std::int64_t sectorNumber);
+  void EstimateMFTNumber(TDriveInfo& drive, TFileInfo& info, std::int64_t parent, std::int64_t sectorNumber,
+                         std::int64_t ownNumber);
   void AddToUFCF(TDriveInfo& drive, const TFileInfo& info, const TName& name, const ntfs::TRecordUse& use);
   void ResolveUFCF(int driveNumber, double& done, double total);
   void DropEstimatedFolderDuplicates(TDriveInfo& drive);
@@ -218,7 +242,8 @@ class TNTFS {
   TParsed FParsed;
   /// Where indexes of folders lie, in an analysis; their free room may name folders that are gone.
   ntfs::TRuns FIndexes;
-  std::int64_t FLastSector = 0;  // of the last record whose number was known, in a partition search
+  std::int64_t FLastSector = 0;         // of the last record whose number was known, in a partition search
+  std::int64_t FLastSystemSector = -1;  // of the device, of the last record of a system file, in one too
   TStream FStream;
 };
 

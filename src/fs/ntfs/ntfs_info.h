@@ -62,6 +62,12 @@ struct TByteRange {
   std::int64_t End = 0;
 };
 
+/// Sectors from `First` to before `End`, counted from the volume's start.
+struct TSectorRange {
+  std::int64_t First = 0;
+  std::int64_t End = 0;
+};
+
 struct TNTFSLogInfo {
   std::int64_t FileSize = 0x4000000;  ///< bytes
   std::uint32_t PageSize = 0x1000;    ///< bytes
@@ -75,6 +81,9 @@ struct TNTFSInfo {
   std::int64_t MFTMirrorSector = 0;
   std::vector<TMFTRun> MFTStructure;
   std::int64_t MFTRecordCount = 0;  ///< that `MFTStructure` covers
+  /// Where the table and its mirror lie, in order and apart from each other; filled in a partition
+  /// search when the table was analysed as a whole.
+  std::vector<TSectorRange> TableSectors;
   /// By `MFTNumber`, each once; during a partition search only.
   std::vector<TPartRecMFT> PartRecMFTStructure;
   /// One bit a record, set while the record is in use.

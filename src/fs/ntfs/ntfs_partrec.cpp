@@ -11,6 +11,7 @@
 #include "core/numbers.h"
 #include "core/text.h"
 #include "fs/ntfs/ntfs.h"
+#include "fs/ntfs/ntfs_traces.h"
 
 namespace brenlow {
 
@@ -22,6 +23,7 @@ constexpr int UsualRecordSize = 1024;          // bytes, until a boot sector say
 constexpr std::int64_t FarthestAnchor = 1024;  // sectors
 constexpr std::int64_t VolumeRecord = 3;
 constexpr std::int64_t MirroredRecords = 4;
+constexpr std::size_t MostAnchors = 1 << 16;
 
 std::int64_t RecordSectors(const TDriveInfo& drive) {
   return std::max<std::int64_t>(drive.NTFSInfo.MFTRecordSize / std::max(drive.BytesPerSector, 1), 1);
@@ -42,8 +44,12 @@ void TNTFS::PartRecAnalyseSector(std::span<const std::uint8_t> buffer, std::size
   for (int offset = 0; offset < bytesPerSector; offset += 512) {
     const std::size_t at = start + static_cast<std::size_t>(offset);
     if (!ntfs::IsMFT(buffer, at)) continue;
-    TNTFSInfo& info = drives.List[static_cast<std::size_t>(driveNumber)].NTFSInfo;
+    TDriveInfo& drive = drives.List[static_cast<std::size_t>(driveNumber)];
+    TNTFSInfo& info = drive.NTFSInfo;
+    if (info.MFTRecordSize == 0) info.MFTRecordSize = StatedRecordSize(buffer.subspan(at));
     if (info.MFTRecordSize == 0) info.MFTRecordSize = UsualRecordSize;
+    // The table was analysed when the volume was confirmed.
+    if (IsInTable(drive, sectorNumber)) continue;
     AnalyseRecord(buffer, at, driveNumber, -1, sectorNumber, offset, canCheckNewDrive);
   }
 }
@@ -58,10 +64,14 @@ TNTFS::TNewDrive TNTFS::CheckNewDrive(std::span<const std::uint8_t> buffer, std:
   TPartRecInfo& search = drives.PartRecInfo;
   if (search.FoundDrives.empty()) return TNewDrive::None;
   const int number = SystemFileNumber(name);
-  const bool wasSystem = search.LastNTFSFileIsSystem;
+  const TDriveInfo& current = drives.List[static_cast<std::size_t>(driveNumber)];
+  const std::int64_t absolute = current.FirstSector + sectorNumber;
+  // System files of another volume, whose mirror may come just before, are another run.
+  const bool goesOn = FLastSystemSector >= 0 && absolute == FLastSystemSector + RecordSectors(current);
+  const bool wasSystem = search.LastNTFSFileIsSystem && goesOn;
   search.LastNTFSFileIsSystem = number >= 0;
+  if (number >= 0) FLastSystemSector = absolute;
   if (wasSystem || number < 0) return TNewDrive::None;
-  const std::int64_t absolute = drives.List[static_cast<std::size_t>(driveNumber)].FirstSector + sectorNumber;
   for (std::size_t i = 0; i < search.FoundDrives.size(); ++i) {
     const TDriveInfo& found = search.FoundDrives[i];
     if (found.FileSystem != TFileSystem::fsNTFS) continue;
@@ -79,26 +89,120 @@ TNTFS::TNewDrive TNTFS::CheckNewDrive(std::span<const std::uint8_t> buffer, std:
   return TNewDrive::None;
 }
 
-bool TNTFS::IsInTable(const TDriveInfo& volume, std::int64_t sector) const {
-  const TNTFSInfo& info = volume.NTFSInfo;
-  const std::int64_t perRecord = RecordSectors(volume);
-  const auto lies = [&](std::int64_t first, std::int64_t records) {
-    return first > 0 && sector >= first && sector < first + records * perRecord;
-  };
-  return lies(info.MFTMirrorSector, MirroredRecords) ||
-         std::any_of(info.MFTStructure.begin(), info.MFTStructure.end(),
-                     [&](const TMFTRun& run) { return lies(run.FirstSector, run.Count); });
+void TNTFS::FillTableSectors(TDriveInfo& drive) {
+  TNTFSInfo& info = drive.NTFSInfo;
+  const std::int64_t perRecord = RecordSectors(drive);
+  std::vector<TSectorRange> ranges;
+  if (info.MFTMirrorSector > 0) {
+    ranges.push_back({info.MFTMirrorSector, info.MFTMirrorSector + MirroredRecords * perRecord});
+  }
+  for (const TMFTRun& run : info.MFTStructure) {
+    if (run.FirstSector > 0) ranges.push_back({run.FirstSector, run.FirstSector + run.Count * perRecord});
+  }
+  std::sort(ranges.begin(), ranges.end(),
+            [](const TSectorRange& a, const TSectorRange& b) { return a.First < b.First; });
+  info.TableSectors.clear();
+  for (const TSectorRange& range : ranges) {
+    const bool meets = !info.TableSectors.empty() && range.First <= info.TableSectors.back().End;
+    if (meets) {
+      info.TableSectors.back().End = std::max(info.TableSectors.back().End, range.End);
+    } else {
+      info.TableSectors.push_back(range);
+    }
+  }
+}
+
+bool TNTFS::IsInTable(const TDriveInfo& volume, std::int64_t sector) {
+  const auto& ranges = volume.NTFSInfo.TableSectors;
+  const auto after = std::upper_bound(ranges.begin(), ranges.end(), sector,
+                                      [](std::int64_t s, const TSectorRange& range) { return s < range.First; });
+  return after != ranges.begin() && sector < std::prev(after)->End;
+}
+
+bool TNTFS::IsNumberInTable(const TDriveInfo& drive, std::int64_t number) {
+  const auto& runs = drive.NTFSInfo.MFTStructure;
+  const auto after = std::upper_bound(runs.begin(), runs.end(), number,
+                                      [](std::int64_t n, const TMFTRun& run) { return n < run.FirstNumber; });
+  if (after == runs.begin()) return false;
+  const TMFTRun& run = *std::prev(after);
+  return run.FirstSector > 0 && number < run.FirstNumber + run.Count;
 }
 
 void TNTFS::PartRecDriveAdded(int driveNumber) {
   TDrives& drives = FEngine.Drives();
   if (drives.IsWrongNumber(driveNumber)) return;
   if (!GetDriveInfo(drives.List[static_cast<std::size_t>(driveNumber)], true, false)) return;
+  PartRecAnalyseTable(driveNumber);
+}
+
+void TNTFS::PartRecAnalyseTable(int driveNumber) {
+  TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
   FIndexes.clear();
+  // Without a record of it, neither table nor mirror may be there any more.
+  if (drive.NTFSInfo.MFTRecordCount > 0) FillTableSectors(drive);
   AnalyseMFTRecords(driveNumber, false);
-  SettleParents(drives.List[static_cast<std::size_t>(driveNumber)]);
+  SettleParents(drive);
   if (FEngine.Analysing) AnalyseLogFile(driveNumber);
-  if (FEngine.Analysing) FindLostFolderNames(drives.List[static_cast<std::size_t>(driveNumber)]);
+  if (FEngine.Analysing) FindLostFolderNames(drive);
+}
+
+// ---- volumes without a boot sector ----------------------------------------------------------
+
+bool TNTFS::PartRecTakeTable(TDriveInfo& drive, const TSearchTraces& traces) {
+  TNTFSInfo& info = drive.NTFSInfo;
+  info.MFTStructure = traces.Table(drive.FirstSector, drive.FirstSector + drive.SectorsCount);
+  info.MFTRecordCount =
+      info.MFTStructure.empty() ? 0 : info.MFTStructure.back().FirstNumber + info.MFTStructure.back().Count;
+  info.MFTUsage.clear();
+  info.IsMFTStructureFilled = true;
+  return info.MFTRecordCount > 0;
+}
+
+void TNTFS::PartRecPlaceVolume(TDriveInfo& drive, const TGeometry& geometry, const TSearchTraces& traces,
+                               std::int64_t end) {
+  ClearMemory();
+  TNTFSInfo& info = drive.NTFSInfo;
+  drive.FirstSector = geometry.FirstSector;
+  drive.SectorsCount = geometry.SectorsCount > 0 ? geometry.SectorsCount : end - geometry.FirstSector;
+  drive.GeometrySource = geometry.Votes >= 2 ? TPlaceSource::FromCopy : TPlaceSource::Estimated;
+  info = TNTFSInfo();
+  info.SectorsPerCluster = geometry.SectorsPerCluster;
+  info.MFTRecordSize = geometry.MFTRecordSize > 0 ? geometry.MFTRecordSize : traces.MFTRecordSize();
+  if (info.MFTRecordSize == 0) info.MFTRecordSize = UsualRecordSize;
+  TDrives::SetDefaultInfo(drive);
+  // The record of the table that was met, or its copy in the mirror, when its runs lead to records.
+  PartRecTakeTable(drive, traces);
+  const std::vector<TMFTRun> met = info.MFTStructure;
+  const std::int64_t metCount = info.MFTRecordCount;
+  const auto agrees = [&] {
+    return std::any_of(met.begin(), met.end(), [&](const TMFTRun& run) {
+      TMFTRecord place;
+      const bool there = run.FirstNumber > 0 && run.FirstNumber < info.MFTRecordCount;
+      return there && GetSectorByMFTNumber(drive, run.FirstNumber, place, true) && place.Sector == run.FirstSector;
+    });
+  };
+  bool whole = false;
+  for (const std::int64_t sector : traces.TableStarts(drive.FirstSector, drive.FirstSector + drive.SectorsCount)) {
+    whole = FillMFTStructureFrom(drive, sector - drive.FirstSector) && agrees();
+    if (whole) break;
+  }
+  if (!whole) {
+    info.MFTStructure = met;
+    info.MFTRecordCount = metCount;
+    info.MFTUsage.clear();
+  }
+  const bool hasStart = !info.MFTStructure.empty() && info.MFTStructure.front().FirstNumber == 0;
+  if (hasStart) info.MFTFirstSector = info.MFTStructure.front().FirstSector;
+  ComputeFreeSize(drive);
+  if (drive.VolumeName.empty()) ReadVolumeName(drive);
+}
+
+void TNTFS::PartRecAnalyseAgain(int driveNumber, std::int64_t sector, int offsetInSector) {
+  TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
+  TByteDynArray record;
+  if (ReadRecord(drive, {sector, offsetInSector}, record)) {
+    AnalyseRecord(record, 0, driveNumber, -1, sector, offsetInSector, false);
+  }
 }
 
 void TNTFS::PartRecChangeVolumeName(TDriveInfo& drive) {
@@ -114,19 +218,34 @@ void TNTFS::PartRecChangeVolumeName(TDriveInfo& drive) {
 
 // ---- record numbers -------------------------------------------------------------------------
 
-/// Gives a row found by its sector a number: its own, or one from the nearest record before it.
-void TNTFS::EstimateMFTNumber(TDriveInfo& drive, TFileInfo& info, std::int64_t parent, std::int64_t sectorNumber) {
+/// Notes a record whose number is certain, unless it follows from the last one noted.
+void TNTFS::AddAnchor(TDriveInfo& drive, std::int64_t number, std::int64_t sectorNumber) {
   TNTFSInfo& volume = drive.NTFSInfo;
+  const bool follows =
+      volume.LastMFTNumber >= 0 && sectorNumber - FLastSector == (number - volume.LastMFTNumber) * RecordSectors(drive);
+  volume.LastMFTNumber = number;
+  FLastSector = sectorNumber;
+  auto& anchors = volume.PartRecMFTStructure;
+  if ((follows && !anchors.empty()) || anchors.size() >= MostAnchors) return;
+  const auto at = std::lower_bound(anchors.begin(), anchors.end(), number,
+                                   [](const TPartRecMFT& a, std::int64_t n) { return a.MFTNumber < n; });
+  const bool known = at != anchors.end() && at->MFTNumber == number;
+  if (!known) anchors.insert(at, {number, sectorNumber});
+}
+
+/// Gives a row found by its sector a number: the record's own, that of a system file or of a folder by
+/// its children, or one from the nearest record before it.
+void TNTFS::EstimateMFTNumber(TDriveInfo& drive, TFileInfo& info, std::int64_t parent, std::int64_t sectorNumber,
+                              std::int64_t ownNumber) {
+  const TNTFSInfo& volume = drive.NTFSInfo;
   const int system = parent == RootRecord ? SystemFileNumber(info.strName) : -1;
-  if (system >= 0) info.FirstCluster = system;
+  if (ownNumber >= 0) {
+    info.FirstCluster = ownNumber;
+  } else if (system >= 0) {
+    info.FirstCluster = system;
+  }
   if (info.FirstCluster >= 0) {
-    volume.LastMFTNumber = info.FirstCluster;
-    FLastSector = sectorNumber;
-    auto& anchors = volume.PartRecMFTStructure;
-    const auto at = std::lower_bound(anchors.begin(), anchors.end(), info.FirstCluster,
-                                     [](const TPartRecMFT& a, std::int64_t n) { return a.MFTNumber < n; });
-    const bool known = at != anchors.end() && at->MFTNumber == info.FirstCluster;
-    if (!known) anchors.insert(at, {info.FirstCluster, sectorNumber});
+    AddAnchor(drive, info.FirstCluster, sectorNumber);
   } else if (volume.LastMFTNumber >= 0 && sectorNumber - FLastSector < FarthestAnchor) {
     info.FirstCluster = volume.LastMFTNumber + (sectorNumber - FLastSector) / RecordSectors(drive);
     info.FirstClusterInfo = TFirstClusterInfo::fciUnknown;
@@ -183,8 +302,8 @@ void TNTFS::ResolveUFCF(int driveNumber, double& done, double total) {
   }
   const std::vector<TUnknownFirstClusterFile> files = std::move(drive.NTFSInfo.UnknownFirstClusterFiles);
   drive.NTFSInfo.UnknownFirstClusterFiles.clear();
+  // After a stop too: these rows are found, and entering them takes no reads.
   for (const TUnknownFirstClusterFile& file : files) {
-    if (!FEngine.Analysing) return;
     TFileInfo info;
     TFiles::ClearInfo(info, driveNumber);
     info.blnFolder = file.blnFolder;

@@ -64,19 +64,38 @@ bool TNTFS::IsBackupAtEnd(const TDriveInfo& drive) {
   return static_cast<std::int64_t>(ReadLe64(sector, 0x28)) == drive.SectorsCount - 1;
 }
 
+/// True when one of the first records of a table lies at its place: the system files, whose records are
+/// the first ones, are there on every volume.
+bool TNTFS::HasRecordOfRun(const TDriveInfo& volume, std::int64_t firstSector, std::int64_t records) {
+  const std::int64_t sectorSize = FEngine.Drives().GetBytesPerSector(volume);
+  const std::int64_t recordSize = std::max<std::int64_t>(UsualRecordSize, sectorSize);
+  TByteDynArray bytes(static_cast<std::size_t>(sectorSize));
+  TSectorReader& reader = FEngine.Reader();
+  if (reader.ReadDriveSectors(volume, bytes.data(), firstSector, 1) == bytes.size() && IsMFT(bytes, 0)) return true;
+  bytes.resize(static_cast<std::size_t>(records * recordSize));
+  reader.ReadOrZero(volume, bytes, firstSector, TSectorReader::ScanFailures);
+  for (std::int64_t i = 1; i < records; ++i) {
+    const auto record = std::span<const std::uint8_t>(bytes).subspan(static_cast<std::size_t>(i * recordSize),
+                                                                     static_cast<std::size_t>(recordSize));
+    const std::int64_t number = IsMFT(record, 0) ? OwnNumber(record) : 0;
+    if (IsMFT(record, 0) && (number < 0 || number == i)) return true;
+  }
+  return false;
+}
+
 bool TNTFS::IsVolumeSound(const TDriveInfo& volume, std::span<const std::uint8_t> boot) {
-  TByteDynArray record(static_cast<std::size_t>(FEngine.Drives().GetBytesPerSector(volume)));
+  constexpr std::int64_t systemRecords = 16;
+  constexpr std::int64_t mirroredRecords = 4;
   const unsigned byte = boot[0x0D];
   if (byte > 0x80 && 256 - byte > LargestClusterPower) return false;
   const std::int64_t sectorsPerCluster = byte <= 0x80 ? byte : std::int64_t{1} << (256 - byte);
-  for (const std::size_t field : {0x30U, 0x38U}) {
+  const auto has = [&](std::size_t field, std::int64_t records) {
     const std::uint64_t cluster = ReadLe64(boot, field);
-    if (cluster == 0 || cluster >= MostClusters) continue;
+    if (cluster == 0 || cluster >= MostClusters) return false;
     const std::int64_t sector = volume.FirstSector + static_cast<std::int64_t>(cluster) * sectorsPerCluster;
-    const bool read = FEngine.Reader().ReadDriveSectors(volume, record.data(), sector, 1) == record.size();
-    if (read && IsMFT(record, 0)) return true;
-  }
-  return false;
+    return HasRecordOfRun(volume, sector, records);
+  };
+  return has(0x30, systemRecords) || has(0x38, mirroredRecords);
 }
 
 bool TNTFS::SetVolumeBounds(TDriveInfo& volume, std::span<const std::uint8_t> boot) {
@@ -406,6 +425,15 @@ void TNTFS::FillClustersUsage(TDriveInfo& drive) {
     info.ClustersUsage.insert(info.ClustersUsage.end(), bytes.begin(), bytes.end());
   }
   ClearMemory();
+}
+
+TPlaceSource TNTFS::PlaceOf(const TFile& file) {
+  const TFileInfo& info = file.FileInfo;
+  const TDrives& drives = FEngine.Drives();
+  if (info.blnFolder || drives.IsWrongNumber(info.aDriveNumber)) return info.Place;
+  const TDriveInfo& drive = drives.List[static_cast<std::size_t>(info.aDriveNumber)];
+  if (drive.GeometrySource != TPlaceSource::Estimated) return info.Place;
+  return OpenStream(drive, file, -1) && FStream.Resident ? info.Place : TPlaceSource::Estimated;
 }
 
 bool TNTFS::IsOverwritten(const TFile& file) {

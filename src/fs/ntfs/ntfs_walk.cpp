@@ -80,7 +80,9 @@ bool TNTFS::AnalyseMFTRecord(TDriveInfo& drive, std::span<const std::uint8_t> bu
   const std::size_t size = std::min(static_cast<std::size_t>(drive.NTFSInfo.MFTRecordSize), buffer.size() - start);
   FRecord.assign(buffer.begin() + static_cast<std::ptrdiff_t>(start),
                  buffer.begin() + static_cast<std::ptrdiff_t>(start + size));
-  ApplyFixups(FRecord);
+  // A record met by a search may go on behind the block that was read.
+  const bool cut = size < static_cast<std::size_t>(drive.NTFSInfo.MFTRecordSize) && mftNumber < 0 && sectorNumber >= 0;
+  if (!cut || !ReadRecord(drive, {sectorNumber, offsetInSector, 0, 0}, FRecord)) ApplyFixups(FRecord);
   const unsigned flags = FRecord.size() > 0x16 ? FRecord[0x16] : 0;
   if ((flags & 2) != 0) FindFolderNames(UnusedPart(FRecord), drive.NTFSInfo.LostFolderNames);
   parsed.Info.blnFolder = (flags & 2) != 0;
@@ -121,7 +123,6 @@ bool TNTFS::ParseAttributes(TDriveInfo& drive, std::span<const std::uint8_t> rec
                             TInt64DynArray& records, std::int64_t mftNumber, bool rootDirFastScan,
                             bool canCheckForAnalysing) {
   TFileInfo& info = parsed.Info;
-  std::uint32_t indexBlockSize = 0;
   for (TAttributeWalk walk(record); walk.Next();) {
     if (canCheckForAnalysing && !FEngine.Analysing) return false;
     switch (walk->Type()) {
@@ -157,7 +158,6 @@ bool TNTFS::ParseAttributes(TDriveInfo& drive, std::span<const std::uint8_t> rec
       case AttrIndexRoot: {
         const auto value = walk->Value();
         if (!info.blnFolder || ReadLe32(value, 0) != AttrFileName) break;
-        indexBlockSize = ReadLe32(value, 8);
         const std::size_t start = static_cast<std::size_t>(value.data() - record.data());
         DeriveMFTNumberFromIndex(drive, record, start + 0x10, start + value.size(), info);
         break;
@@ -167,10 +167,6 @@ bool TNTFS::ParseAttributes(TDriveInfo& drive, std::span<const std::uint8_t> rec
           for (const TRun& run : walk->Runs(VolumeClusters(drive))) {
             if (run.Lcn >= 0) FIndexes.push_back(run);
           }
-        }
-        if (info.blnFolder && indexBlockSize > 0 && drive.NTFSInfo.SectorsPerCluster < 1) {
-          const TRuns runs = walk->Runs(drive.SectorsCount);
-          if (!runs.empty() && runs.front().Lcn >= 0) GetSectorsPerClusterByIndex(drive, runs.front().Lcn);
         }
         break;
       default:
@@ -342,13 +338,19 @@ bool TNTFS::AnalyseRecord(std::span<const std::uint8_t> buffer, std::size_t star
     if (test == TNewDrive::Analysed && !parse()) return false;
   }
   TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
+  const std::int64_t ownNumber = mftNumber < 0 ? OwnNumber(FRecord) : -1;
+  // Beside the table lies an earlier state of what is in it, or of an earlier use of its number.
+  const bool isEarlier = mftNumber < 0 && IsNumberInTable(drive, ownNumber);
+  const TReference itself{ownNumber, FParsed.Use.Sequence};
   for (const TName& name : FParsed.Names) {
     TFileInfo info = FParsed.Info;
     info.strName = name.Text;
-    if (mftNumber < 0) EstimateMFTNumber(drive, info, name.Parent.Number, sectorNumber);
+    if (mftNumber < 0) EstimateMFTNumber(drive, info, name.Parent.Number, sectorNumber, ownNumber);
     if (mftNumber < 0) drive.NTFSInfo.RecordUses.Enter(info.FirstCluster, FParsed.Use, false);
     if (!info.blnDeleted) info.blnDeleted = IsMFTDeleted(drive, info.FirstCluster, false);
     if (mftNumber >= drive.NTFSInfo.MFTRecordCount) info.blnDeleted = true;  // of an earlier table
+    if (mftNumber < 0 && IsNumberInTable(drive, info.FirstCluster)) info.blnDeleted = true;
+    if (isEarlier && !drive.NTFSInfo.RecordUses.Agrees(itself)) info.FirstCluster = ReferenceKey(itself);
     if (info.FirstCluster < 0) {
       AddToUFCF(drive, info, name, FParsed.Use);
     } else if (info.FirstCluster != RootRecord) {
