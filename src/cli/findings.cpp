@@ -50,9 +50,10 @@ void ComplainOfNothing(TEngine& engine, const TOptions& options, const TIntegerD
     Complain(texts.Utf8(TText::KnownByCopy, {RowText(engine, number), SystemName(drive)}));
   }
   const bool searched = options.Scan || options.FastOff;
-  Complain(texts.Utf8(!searched && !options.Deep ? TText::NothingFoundScan
-                      : !options.Deep            ? TText::NothingFoundDeep
-                                                 : TText::NothingFoundAtAll,
+  Complain(texts.Utf8(options.Best                 ? TText::NothingFoundAtAll
+                      : !searched && !options.Deep ? TText::NothingFoundScan
+                      : !options.Deep              ? TText::NothingFoundDeep
+                                                   : TText::NothingFoundAtAll,
                       {options.Source()}));
 }
 

@@ -23,16 +23,17 @@ std::string UnreadableText(const TLanguage& texts, std::int64_t count) {
 /// Refuses targets that would destroy something. 0 when the target will do.
 int CheckTarget(TEngine& engine, const TOptions& options) {
   std::error_code error;
-  const std::string name = ImageName(options.Out);
   const bool resumes = !options.Map.empty() && std::filesystem::exists(options.Map, error);
   const TSourceGuard guard = engine.Drives().SourceGuard();
-  std::vector<std::string> paths = PathsOfImage(name, options.Map);
-  paths.push_back(options.Out);
-  const auto forbidden = std::find_if(paths.begin(), paths.end(), [&](auto& path) { return guard.Forbids(path); });
+  const std::vector<std::string> paths = PathsOfImage(options.Out, options.Map);
+  const auto forbidden =
+      std::find_if(paths.begin(), paths.end(), [&](const auto& path) { return guard.Forbids(path); });
   if (forbidden != paths.end()) {
     Complain(options.Texts.Utf8(TText::TargetOnSource, {*forbidden}));
-  } else if (std::filesystem::exists(name, error) && !options.Overwrite && !resumes) {
-    Complain(options.Texts.Utf8(TText::ImageExists, {name}));
+  } else if (IsSamePath(options.Out, options.Map)) {
+    Complain(options.Texts.Utf8(TText::SamePath, {"--out", "--map", options.Out}));
+  } else if (std::filesystem::exists(options.Out, error) && !options.Overwrite && !resumes) {
+    Complain(options.Texts.Utf8(TText::ImageExists, {options.Out}));
   } else {
     return 0;
   }

@@ -161,6 +161,7 @@ void AddListOptions(CLI::App& verb, TOptions& options) {
   AddFilterOptions(verb, options);
   AddRangeOptions(verb, options);
   AddSearchOptions(verb, options);
+  AddBestOption(verb, options);
   verb.add_flag("--tree", options.Tree, options.Texts.Utf8(TText::HelpTree));
   verb.add_flag("--streams", options.ListStreams, options.Texts.Utf8(TText::HelpListStreams));
 }

@@ -40,6 +40,7 @@ struct TOptions {
   bool ListStreams = false;
   bool Deep = false;
   bool FastOff = false;  ///< of `Deep` alone
+  bool Best = false;     ///< all of it, each where the one before found nothing
   bool Scan = false;     ///< the thorough search for lost partitions
   std::vector<std::string> Systems;
   std::string LostFolders = "auto";

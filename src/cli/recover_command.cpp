@@ -224,6 +224,7 @@ void AddRecoverOptions(CLI::App& verb, TOptions& options) {
   AddFilterOptions(verb, options);
   AddRangeOptions(verb, options);
   AddSearchOptions(verb, options);
+  AddBestOption(verb, options);
   verb.add_option("--out", options.Out, texts.Utf8(TText::HelpOut))->required()->type_name("DIR");
   choice("--conflict", options.Conflict, TText::HelpConflict, {"rename", "skip", "replace"});
   verb.add_option("--replace-symbols", options.ReplaceSymbols, texts.Utf8(TText::HelpReplaceSymbols))

@@ -7,6 +7,8 @@
 #include "analysis/analysis.h"
 #include "analysis/deep/all_fs.h"
 #include "analysis/files.h"
+#include "cli/claims.h"
+#include "cli/findings.h"
 #include "cli/rows.h"
 #include "cli/selection.h"
 #include "core/images/image_file.h"
@@ -170,7 +172,7 @@ TIntegerDynArray ChooseDrives(TEngine& engine, const TOptions& options, int& dee
       named = true;
     }
   }
-  const bool nothing = chosen.empty() && !named && !options.Deep;
+  const bool nothing = chosen.empty() && !named && !options.Deep && !options.Best;
   if (nothing) Complain(options.Texts.Utf8(TText::NothingRecognised, {options.Source()}));
   return chosen;
 }
@@ -215,7 +217,7 @@ class TScans {
     }
     const TIntegerDynArray& subs = Drive(FEngine, number).SubDrives;
     FAnalysed.Drives.insert(FAnalysed.Drives.end(), subs.begin(), subs.end());
-    if (subs.empty() && !FOptions.Deep) Complain(FOptions.Texts.Utf8(TText::DiskWithoutVolumes));
+    if (subs.empty() && !FOptions.Deep && !FOptions.Best) Complain(FOptions.Texts.Utf8(TText::DiskWithoutVolumes));
   }
 
   /// Every sector of a drive, for lost partitions, and with `--deep` by content in the same pass.
@@ -224,6 +226,23 @@ class TScans {
     ScanForPartitions(FEngine, FOptions, number);
     FAnalysed.Drives = Drive(FEngine, number).SubDrives;
     if (FAnalysed.Drives.empty() || FOptions.Deep) FAnalysed.Drives.push_back(number);
+  }
+
+  /// What `--best` adds: the thorough search where nothing is known to be, then by content what no file
+  /// claims.
+  void Best(int whole) {
+    for (const int number : UnclaimedDrives(whole)) {
+      if (TStopKey::Pressed()) return;
+      TIntegerDynArray before = std::move(FAnalysed.Drives);
+      Scan(number);
+      std::erase(before, number);
+      FAnalysed.Drives.insert(FAnalysed.Drives.begin(), before.begin(), before.end());
+    }
+    if (TStopKey::Pressed()) return;
+    Deep(whole);
+    DropClaimedDeepFiles(FEngine);
+    std::erase_if(FAnalysed.Drives, [&](int number) { return CountFiles(FEngine, {number}) == 0; });
+    if (FAnalysed.Drives.empty()) FAnalysed.Drives = {whole};
   }
 
   /// Every sector of a drive, by content.
@@ -238,6 +257,23 @@ class TScans {
   }
 
  private:
+  /// Where files may lie that the analysis has not found: volumes without any, gaps, volumes of no
+  /// known system; all of the source where it found nothing at all.
+  TIntegerDynArray UnclaimedDrives(int whole) {
+    if (CountFiles(FEngine, FAnalysed.Drives) == 0) return {whole};
+    TIntegerDynArray drives;
+    for (const int number : FAnalysed.Drives) {
+      if (CountFiles(FEngine, {number}) == 0) drives.push_back(number);
+    }
+    if (FOptions.Drive != 0 || FOptions.First >= 0 || FOptions.Count >= 0) return drives;
+    for (int i = 0; i < static_cast<int>(FEngine.Drives().List.size()); ++i) {
+      const TDriveInfo& drive = Drive(FEngine, i);
+      const bool isUnknown = drive.FileSystem == TFileSystem::fsUnknown && !drive.IsSubDrive;
+      if (isUnknown && !FEngine.Drives().IsPhysical(i)) drives.push_back(i);
+    }
+    return drives;
+  }
+
   void Begin(TText title, int number) {
     FPosition = 0;
     FReadBefore = FEngine.Reader().BytesRead();
@@ -268,6 +304,10 @@ TAnalysed Analyse(TEngine& engine, const TOptions& options, TProgressLine& progr
       if (TStopKey::Pressed()) break;
     }
     progress.Clear();
+    if (options.Best) {
+      if (!TStopKey::Pressed()) scans.Best(deepDrive);
+      return analysed;
+    }
     for (const int number : analysed.Drives) analysed.AllReadable &= IsReadable(engine, options, number);
     if (options.Scan) {
       scans.Scan(deepDrive);

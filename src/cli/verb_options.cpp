@@ -112,4 +112,9 @@ void AddFilterOptions(CLI::App& verb, TOptions& options) {
       ->capture_default_str();
 }
 
+void AddBestOption(CLI::App& verb, TOptions& options) {
+  CLI::Option* best = verb.add_flag("--best", options.Best, options.Texts.Utf8(TText::HelpBest));
+  for (const char* other : {"--scan", "--deep", "--fast-off"}) best->excludes(verb.get_option(other));
+}
+
 }  // namespace brenlow::cli

@@ -17,4 +17,7 @@ void AddSearchOptions(CLI::App& verb, TOptions& options);
 /// Which files are wanted, and how they are looked for.
 void AddFilterOptions(CLI::App& verb, TOptions& options);
 
+/// `--best`, after the options that it stands for.
+void AddBestOption(CLI::App& verb, TOptions& options);
+
 }  // namespace brenlow::cli

@@ -29,10 +29,9 @@ TSourceGuard TDrives::SourceGuard(int number) {
 TImageResult TDrives::Save(int number, std::int64_t firstSector, std::int64_t sectorsCount, const std::string& fileName,
                            bool compressed, const std::string& mapFile) {
   TImageResult result;
-  const std::string path = ImageName(fileName);
   if (IsWrongNumber(number) || sectorsCount <= 0) return result;
   const TSourceGuard guard = SourceGuard(number);
-  for (const std::string& written : PathsOfImage(path, mapFile)) {
+  for (const std::string& written : PathsOfImage(fileName, mapFile)) {
     if (!guard.Forbids(written)) continue;
     result.SystemError = TSourceGuard::Refused;
     result.Path = written;
@@ -45,7 +44,7 @@ TImageResult TDrives::Save(int number, std::int64_t firstSector, std::int64_t se
   };
   CanSave = true;
   FWriter = &writer;
-  result = compressed ? writer.WriteCompressed(path) : writer.WriteRaw(path, mapFile);
+  result = compressed ? writer.WriteCompressed(fileName) : writer.WriteRaw(fileName, mapFile);
   FWriter = nullptr;
   CanSave = false;
   return result;

@@ -93,12 +93,15 @@ class Program(TestCase):
     def test_image(self):
         folder = self.target()
         out = folder / "copy.dsk"
-        r = run("image", self.stick, "--out", folder / "copy.img")
+        self.assertEqual(run("image", self.stick, "--out", folder / "copy.img").returncode, 0)
+        self.assertEqual(digest(folder / "copy.img"), self.before)
+        r = run("image", self.stick, "--out", out)
         self.assertEqual(r.returncode, 0, r.stderr)
         self.assertIn(str(out), r.stdout)
         self.assertEqual(digest(out), self.before)
         for arguments in (["--out", out], ["--out", self.stick], ["--out", folder / "b.dsk", "--first", "99999999"],
-                          ["--out", folder / "b.dsk", "--compressed", "--map", folder / "map"], ["--out", folder / "b.dsk", "--drive", "7"]):
+                          ["--out", folder / "b.dsk", "--compressed", "--map", folder / "map"], ["--out", folder / "b.dsk", "--drive", "7"],
+                          ["--out", folder / "b.dsk", "--map", folder / "../" / folder.name / "b.dsk"]):
             r = run("image", self.stick, *arguments)
             self.assertEqual(r.returncode, 2, arguments)
             self.assertTrue(r.stderr)

@@ -33,7 +33,7 @@ class SourceGuardTest(TestCase):
         self.assertEqual(sorted(p.name for p in self.dir.iterdir()), names, arguments)
 
     def test_image(self):
-        for source, out, more in (("a.dsk", "a.img", []), ("b.dsk.partial", "b", []), ("c.map", "c", ["--map", "c.map"]), ("e.map.new", "e", ["--map", "e.map"])):
+        for source, out, more in (("a.dsk", "a.dsk", []), ("b.dsk.partial", "b.dsk", []), ("c.map", "c", ["--map", "c.map"]), ("e.map.new", "e", ["--map", "e.map"])):
             image = self.put(source)
             more = [str(self.dir / word) if word.endswith("map") and not word.startswith("-") else word for word in more]
             for compressed in ([], ["--compressed"]) if not more else ([],):
