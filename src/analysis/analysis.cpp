@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <span>
+#include <utility>
 
 #include "analysis/deep/all_fs.h"
 #include "analysis/files.h"
@@ -109,12 +110,23 @@ bool ScanSectors(TEngine& engine, int driveNumber) {
   const std::int64_t total = Drive(engine, driveNumber).SectorsCount;
   TByteDynArray buffer(static_cast<std::size_t>((1 + DeepBlock) * sectorSize));
   std::int64_t waiting = 0;  // sectors left over from the block before, at the start of the buffer
-  for (std::int64_t first = 0; first < total; first += DeepBlock) {
+  bool inHole = false;
+  for (std::int64_t first = 0, next = 0; first < total; first = next) {
     const std::int64_t count = std::min(DeepBlock, total - first);
     const TDriveInfo& drive = Drive(engine, driveNumber);
+    const std::int64_t data = engine.Reader().NextSectorToScan(drive, drive.FirstSector + first) - drive.FirstSector;
+    next = first + DeepBlock;
+    // The first block of a hole still counts: files end in zeros. So is the sector that waits there.
+    if (std::exchange(inHole, data >= first + count) && inHole) {
+      next = std::max(next, std::min(data, total) / DeepBlock * DeepBlock);
+      engine.PumpSoon();
+      engine.Pump();
+      if (!engine.Analysing) return false;
+      continue;
+    }
     const auto block = std::span(buffer).subspan(static_cast<std::size_t>(waiting * sectorSize),
                                                  static_cast<std::size_t>(count * sectorSize));
-    engine.Reader().ReadOrZero(drive, block, drive.FirstSector + first, TSectorReader::ScanFailures);
+    engine.Reader().ReadOrZero(drive, block, drive.FirstSector + first, TReadEffort::Scan);
     const auto sectors = std::span(buffer).first(static_cast<std::size_t>((waiting + count) * sectorSize));
     const bool last = first + count == total;
     const std::int64_t ready = waiting + count - (last ? 0 : 1);

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "analysis/deep/all_fs.h"
@@ -55,16 +56,26 @@ class TPartitionSearch {
 
   void Run() {
     const std::int64_t block = FDrives.IsVMware(FMain) ? VMwareBlock : UsualBlock;
-    const std::int64_t blocks = FSectors / block;
+    if (FSectors < block) return;
     TByteDynArray buffer(static_cast<std::size_t>(block * FSectorSize));
-    for (std::int64_t i = 0; i < blocks; ++i) {
-      if (!IsHole(i * block, block)) {
-        FEngine.Reader().ReadOrZero(Drive(FMain), buffer, FFirst + i * block, TSectorReader::ScanFailures);
-        if (!WalkBlock(buffer, i * block, block)) return;
+    bool inHole = false;
+    for (std::int64_t first = 0, next = 0; first < FSectors; first = next) {
+      const std::int64_t count = std::min(block, FSectors - first);
+      // By content, the first block of a hole still counts: files end in zeros.
+      const std::int64_t data = NextWanted(first);
+      const bool wasInHole = std::exchange(inHole, data >= first + count);
+      next = first + block;
+      if (inHole && wasInHole) next = std::max(next, std::min(data, FSectors) / block * block);
+      if (!inHole || (FDeep && !wasInHole)) {
+        const auto bytes = std::span(buffer).first(static_cast<std::size_t>(count * FSectorSize));
+        FEngine.Reader().ReadOrZero(Drive(FMain), bytes, FFirst + first, TReadEffort::Scan);
+        if (!WalkBlock(bytes, first, count)) return;
       }
+      FLastSector = std::min(next, FSectors) - 1;
+      FEngine.PumpSoon();
       FEngine.Pump();
       if (!FEngine.Analysing) return;
-      FEngine.AnalyseProgress(static_cast<double>((i + 1) * block) / static_cast<double>(FSectors));
+      FEngine.AnalyseProgress(static_cast<double>(FLastSector + 1) / static_cast<double>(FSectors));
     }
   }
 
@@ -88,14 +99,16 @@ class TPartitionSearch {
   TDriveInfo& Drive(int number) { return FDrives.List[static_cast<std::size_t>(number)]; }
   bool Wants(TPartRecSystem system) const { return FEngine.PartRecSystems.Has(system); }
 
-  /// True for a block of a sparse image that holds nothing and that no rule asks for by its number.
-  bool IsHole(std::int64_t first, std::int64_t count) {
-    if (FDeep || FEngine.Reader().NextDataSector(Drive(FMain), FFirst + first) < FFirst + first + count) return false;
-    const auto within = [&](std::int64_t sector) { return sector >= first && sector < first + count; };
+  /// The first sector from the given one on that holds something that reads, or that a rule asks for by
+  /// its number.
+  std::int64_t NextWanted(std::int64_t first) {
+    std::int64_t next = FEngine.Reader().NextSectorToScan(Drive(FMain), FFirst + first) - FFirst;
     for (const int volume : FDrives.PartRecInfo.Volumes) {
-      if (!FDrives.IsWrongNumber(volume) && within(Drive(volume).FirstSector - FFirst)) return false;
+      if (FDrives.IsWrongNumber(volume)) continue;
+      const std::int64_t start = Drive(volume).FirstSector - FFirst;
+      if (start >= first) next = std::min(next, start);
     }
-    return true;
+    return next;
   }
 
   /// False when the search was stopped.

@@ -108,7 +108,7 @@ int FindPartitions(const TOptions& options) {
   engine.OnAnalyseProgress = engine.Drives().OnFindProgressChanged = [&](double p) { position = p; };
   engine.OnPump = [&] {
     if (TStopKey::Pressed()) engine.StopScans();
-    progress.Show(position, static_cast<std::int64_t>(engine.Reader().BytesRead()), "");
+    progress.Show(position, static_cast<std::int64_t>(engine.Reader().BytesRead()), UnreadDetail(engine, options));
   };
   TIntegerDynArray found = options.Scan ? Scan(engine, options, number) : QuickSearch(engine, options, number);
   engine.OnPump = nullptr;
@@ -117,6 +117,7 @@ int FindPartitions(const TOptions& options) {
   std::stable_sort(found.begin(), found.end(),
                    [&](int a, int b) { return Drive(engine, a).FirstSector < Drive(engine, b).FirstSector; });
   if (!found.empty()) Print(engine, options, found);
+  ComplainOfUnread(engine, options);
   if (TStopKey::Pressed()) {
     Complain(options.Texts.Utf8(TText::FindStopped));
     return TStopKey::Status();

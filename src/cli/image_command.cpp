@@ -40,7 +40,7 @@ int CheckTarget(TEngine& engine, const TOptions& options) {
   return WrongUsage;
 }
 
-int Summarise(const TOptions& options, const TImageResult& result, std::int64_t size, double seconds) {
+int Summarise(const TOptions& options, const TImageResult& result, double seconds) {
   const TLanguage& texts = options.Texts;
   if (result.SystemError == EINVAL) {
     Complain(texts.Utf8(TText::ImageMapWrong, {options.Map}));
@@ -62,15 +62,20 @@ int Summarise(const TOptions& options, const TImageResult& result, std::int64_t 
   if (options.Json) {
     TJsonLine line;
     TOutput().Write(line.Text("path", result.Path)
-                        .Number("size", size)
+                        .Number("size", result.Size)
                         .Number("unreadable_sectors", result.UnreadableSectors)
+                        .Number("left_out_sectors", result.LeftOutSectors)
                         .Take());
     return result.UnreadableSectors == 0 ? AllDone : DoneWithFailures;
   }
-  std::printf("%s\n",
-              texts.Utf8(TText::ImageDone, {Printable(result.Path), SizeText(size), DurationText(seconds)}).c_str());
+  std::printf(
+      "%s\n",
+      texts.Utf8(TText::ImageDone, {Printable(result.Path), SizeText(result.Size), DurationText(seconds)}).c_str());
   if (result.UnreadableSectors == 0) return AllDone;
   std::printf("%s\n", texts.Utf8(TText::ImageUnreadable, {unreadable}).c_str());
+  if (result.LeftOutSectors > 0) {
+    std::printf("%s\n", texts.Utf8(TText::ImageLeftOut, {std::to_string(result.LeftOutSectors)}).c_str());
+  }
   return DoneWithFailures;
 }
 
@@ -83,6 +88,7 @@ void AddImageOptions(CLI::App& verb, TOptions& options) {
   verb.add_option("--out", options.Out, texts.Utf8(TText::HelpImageOut))->required()->type_name("FILE");
   CLI::Option* compressed = verb.add_flag("--compressed", options.Compressed, texts.Utf8(TText::HelpCompressed));
   verb.add_option("--map", options.Map, texts.Utf8(TText::HelpMap))->type_name("FILE")->excludes(compressed);
+  AddBadTimeOption(verb, options, TText::HelpImageBadTime);
   verb.add_flag("--overwrite", options.Overwrite, texts.Utf8(TText::HelpOverwrite));
 }
 
@@ -108,8 +114,7 @@ int CreateImage(const TOptions& options) {
   const TImageResult result =
       engine.Drives().Save(number, 0, Drive(engine, number).SectorsCount, options.Out, options.Compressed, options.Map);
   progress.Clear();
-  return Summarise(options, result, size,
-                   std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
+  return Summarise(options, result, std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
 }
 
 }  // namespace brenlow::cli

@@ -13,6 +13,7 @@
 #include "cli/session.h"
 #include "cli/verb_options.h"
 #include "core/datetime.h"
+#include "core/sector_reader.h"
 #include "core/sizes.h"
 #include "core/text.h"
 
@@ -184,6 +185,10 @@ int ListFiles(const TOptions& options) {
     if (!options.Json) {
       output.Write(SumText(options.Texts, listing) + "\n\n");
     }
+  }
+  if (engine.Reader().FailedReads() > 0) {
+    output.Flush();
+    ComplainOfUnread(engine, options);
   }
   if (TStopKey::Pressed()) {
     output.Flush();

@@ -13,6 +13,7 @@
 #include "cli/selection.h"
 #include "cli/session.h"
 #include "cli/verb_options.h"
+#include "core/sector_reader.h"
 #include "core/sizes.h"
 #include "core/text.h"
 #include "recovery/master_link.h"
@@ -294,7 +295,7 @@ int RecoverFiles(const TOptions& options) {
     lines.FlushIfDue();
     const double total = static_cast<double>(std::max<std::int64_t>(recovery.RecoverySize, 1));
     progress.Show(std::min(static_cast<double>(recovery.RecoveredSize) / total, 1.0), recovery.RecoveredSize,
-                  FilesText(options.Texts, recovery.Summary().Files));
+                  FilesText(options.Texts, recovery.Summary().Files) + UnreadDetail(engine, options));
   };
   recovery.OnFile = [&](const TFileOutcome& outcome, bool parentDeleted) {
     lines.Write(outcome, parentDeleted);
@@ -315,6 +316,7 @@ int RecoverFiles(const TOptions& options) {
   lines.WriteSummary(summary, recovery.RecoveryFiles, stopped);
   const int reportError = lines.Close();
   PrintSummary(summary, recovery.RecoveryFiles, options, stopped);
+  ComplainOfUnread(engine, options);
   if (reportError != 0) ComplainOf(options, options.Report, reportError);
   if (stopped) return TStopKey::Pressed() ? TStopKey::Status() : scanStatus;
   const bool sound = summary.FaultCount() == 0 && summary.StreamsFailed == 0 && analysed.AllReadable &&

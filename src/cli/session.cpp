@@ -79,6 +79,24 @@ int MountSource(TEngine& engine, const TOptions& options, const std::string& sou
   return number;
 }
 
+std::string UnreadDetail(TEngine& engine, const TOptions& options) {
+  const std::int64_t count = engine.Reader().UnreadableSectors();
+  if (count == 0) return "";
+  const TText text = count == 1 ? TText::UnreadableSectorsOne : TText::UnreadableSectorsMany;
+  return ", " + options.Texts.Utf8(text, {std::to_string(count)});
+}
+
+void ComplainOfUnread(TEngine& engine, const TOptions& options) {
+  const TSectorReader& reader = engine.Reader();
+  const auto [sectors, leftOut] = reader.Unread();
+  if (sectors == 0 && leftOut == 0) return;
+  Complain(options.Texts.Utf8(TText::UnreadSectors, {std::to_string(sectors), std::to_string(leftOut)}));
+  if (leftOut == 0) return;
+  const std::string seconds = std::to_string(reader.BadTimeLimit / 1'000'000);
+  Complain(reader.WasOutOfTime() ? options.Texts.Utf8(TText::UnreadOutOfTime, {seconds})
+                                 : options.Texts.Utf8(TText::UnreadLeftOut));
+}
+
 std::string FilesText(const TLanguage& texts, std::int64_t count) {
   return texts.Utf8(count == 1 ? TText::FilesOne : TText::FilesMany, {std::to_string(count)});
 }
@@ -86,6 +104,12 @@ std::string FilesText(const TLanguage& texts, std::int64_t count) {
 void ApplyOptions(TEngine& engine, const TOptions& options) {
   // Names that the program gives are the same everywhere for whoever reads JSON.
   if (!options.Json) engine.ChangeLanguage(options.Texts);
+  TSectorReader& reader = engine.Reader();
+  if (options.BadTime >= 0) {
+    const bool limited = options.BadTime > 0 && options.BadTime < INT64_MAX / 1'000'000;
+    reader.BadTimeLimit = reader.ImageBadTimeLimit = limited ? options.BadTime * 1'000'000 : INT64_MAX;
+  }
+  reader.TriesEverySector = options.Retry;
   TFAT& fat = engine.FAT();
   if (options.LostFolders == "never") fat.LostFolderSearch = TLostFolderSearch::Never;
   if (options.LostFolders == "always") fat.LostFolderSearch = TLostFolderSearch::Always;
@@ -195,7 +219,7 @@ class TScans {
     engine.OnPump = [this] {
       if (TStopKey::Pressed()) FEngine.StopScans();  // also where the signal came just before a scan
       FProgress.Show(FPosition, static_cast<std::int64_t>(FEngine.Reader().BytesRead() - FReadBefore),
-                     FilesText(FOptions.Texts, FEngine.Files().FoundCount));
+                     FilesText(FOptions.Texts, FEngine.Files().FoundCount) + UnreadDetail(FEngine, FOptions));
     };
   }
   ~TScans() {

@@ -46,6 +46,11 @@ void ComplainOfSmallVolumes(TEngine& engine, const TOptions& options, const std:
 /// Says that a stop during the scan has left the target as it was, and how to get at what was found.
 void ComplainOfStoppedScan(TEngine& engine, const TOptions& options, const TAnalysed& analysed);
 
+/// For the progress line: ", 3 unreadable sectors"; empty while everything reads.
+std::string UnreadDetail(TEngine& engine, const TOptions& options);
+/// Tells at the end of a verb what of the source could not be read or was left out.
+void ComplainOfUnread(TEngine& engine, const TOptions& options);
+
 /// Analyses what the options name; complains where that fails.
 TAnalysed Analyse(TEngine& engine, const TOptions& options, TProgressLine& progress);
 

@@ -62,8 +62,16 @@ void AddRangeOptions(CLI::App& verb, TOptions& options) {
   verb.add_option("--count", options.Count, texts.Utf8(TText::HelpCount))->check(WholeNumber(texts, 1))->type_name("N");
 }
 
+void AddBadTimeOption(CLI::App& verb, TOptions& options, TText help) {
+  verb.add_option("--bad-time", options.BadTime, options.Texts.Utf8(help))
+      ->check(WholeNumber(options.Texts, 0))
+      ->type_name("SECONDS");
+}
+
 void AddSearchOptions(CLI::App& verb, TOptions& options) {
   const TLanguage& texts = options.Texts;
+  AddBadTimeOption(verb, options, TText::HelpBadTime);
+  verb.add_flag("--retry", options.Retry, texts.Utf8(TText::HelpRetry));
   verb.add_option("--map", options.Map, texts.Utf8(TText::HelpSourceMap))->type_name("FILE");
   verb.add_flag("--scan", options.Scan, texts.Utf8(TText::HelpScan));
   AddListOption(verb, "--systems", options.Systems, {"fat", "ntfs"}, options)

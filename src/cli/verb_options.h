@@ -12,7 +12,9 @@ namespace brenlow::cli {
 void AddSourceOption(CLI::App& verb, TOptions& options);
 /// `--first` and `--count`.
 void AddRangeOptions(CLI::App& verb, TOptions& options);
-/// `--map` of an image that is read, `--scan` and `--systems`.
+/// `--bad-time`: how long places of the source may take that do not read.
+void AddBadTimeOption(CLI::App& verb, TOptions& options, TText help);
+/// `--bad-time`, `--retry`, `--map` of an image that is read, `--scan` and `--systems`.
 void AddSearchOptions(CLI::App& verb, TOptions& options);
 /// Which files are wanted, and how they are looked for.
 void AddFilterOptions(CLI::App& verb, TOptions& options);

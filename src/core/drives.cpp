@@ -844,7 +844,7 @@ TByteDynArray TDrives::GetDriveData(TDriveInfo& drive, std::int64_t start, std::
   if (size % bytesPerSector != 0) ++count;
   count = std::min(count, drive.SectorsCount - first);
   TByteDynArray sectors(static_cast<std::size_t>(count * bytesPerSector));
-  FEngine.Reader().ReadOrZero(drive, sectors, drive.FirstSector + first, TSectorReader::AnyFailures);
+  FEngine.Reader().ReadOrZero(drive, sectors, drive.FirstSector + first, TReadEffort::Content);
   sectors.erase(sectors.begin(), sectors.begin() + static_cast<std::ptrdiff_t>(start % bytesPerSector));
   sectors.resize(static_cast<std::size_t>(size));
   return sectors;

@@ -43,7 +43,7 @@ void TDrives::FindInTable(const TFindRange& range) {
     const auto count = static_cast<std::int64_t>(entry.SectorCount);
     if (start < range.First || count < 0 || start > range.First + range.Count - count) continue;
     const TDriveInfo& drive = List[static_cast<std::size_t>(range.Drive)];
-    FEngine.Reader().ReadOrZero(drive, buffer, drive.FirstSector + start, TSectorReader::ScanFailures);
+    FEngine.Reader().ReadOrZero(drive, buffer, drive.FirstSector + start, TReadEffort::Scan);
     AddFoundPartition(range, buffer, start, true);
     FEngine.Pump();
     if (!CanSearch) return;
@@ -92,7 +92,7 @@ void TDrives::FindInAllSectors(const TFindRange& range) {
     if (done >= range.Count) break;
     const std::int64_t count = std::min(step, range.Count - done);
     const auto bytes = std::span(buffer).first(static_cast<std::size_t>(count) * sectorSize);
-    FEngine.Reader().ReadOrZero(drive, bytes, drive.FirstSector + range.First + done, TSectorReader::ScanFailures);
+    FEngine.Reader().ReadOrZero(drive, bytes, drive.FirstSector + range.First + done, TReadEffort::Scan);
     for (std::int64_t i = 0; i < count; ++i) {
       AddFoundPartition(range, bytes.subspan(static_cast<std::size_t>(i) * sectorSize), range.First + done + i, false);
       FEngine.Pump();

@@ -6,8 +6,17 @@
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/images/image_writer.h"
+#include "core/sector_reader.h"
 
 namespace brenlow {
+namespace {
+
+/// A row that stands for all of its source, whatever a file system there says of its own size.
+bool IsWholeSource(const TDriveInfo& drive) {
+  return drive.FirstSector == 0 && !drive.IsSubDrive && !drive.DriveTypes.Has(TDriveType::dtVirtual);
+}
+
+}  // namespace
 
 TSourceGuard TDrives::SourceGuard(int number) {
   TSourceGuard guard;
@@ -37,7 +46,13 @@ TImageResult TDrives::Save(int number, std::int64_t firstSector, std::int64_t se
     result.Path = written;
     return result;
   }
-  TImageWriter writer(FEngine, List[static_cast<std::size_t>(number)], firstSector, sectorsCount);
+  const TDriveInfo& drive = List[static_cast<std::size_t>(number)];
+  // The copy of an NTFS boot sector lies behind its volume, and so may the rest of what there was.
+  const std::int64_t source = FEngine.Reader().DeviceSectors(drive);
+  if (firstSector == 0 && sectorsCount == drive.SectorsCount && IsWholeSource(drive) && source != INT64_MAX) {
+    sectorsCount = source;
+  }
+  TImageWriter writer(FEngine, drive, firstSector, sectorsCount);
   writer.OnProgress = [this](double position) {
     if (OnProgressChanged) OnProgressChanged(position);
     return CanSave.load();

@@ -3,14 +3,24 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <span>
 
 #include "core/drive_records.h"
+#include "core/read_faults.h"
 #include "core/types.h"
 
 namespace brenlow {
 
+class IDevice;
 class TEngine;
+
+/// How much a place that does not read is worth.
+enum class TReadEffort {
+  Scan,     ///< sectors apart only where failures take no time
+  Content,  ///< every sector by itself
+};
 
 class TSectorReader {
  public:
@@ -23,15 +33,15 @@ class TSectorReader {
   std::uint32_t ReadDriveSectors(const TDriveInfo& drive, void* buffer, std::int64_t startingSector,
                                  std::int64_t sectorCount);
 
-  /// For `ReadOrZero`: a scan leaves a bad region after so many failures, a copy of content never.
-  static constexpr int ScanFailures = 4;
-  static constexpr int AnyFailures = INT32_MAX;
   /// Fills the whole buffer of whole sectors from the absolute sector `startingSector` on. What
-  /// cannot be read, and what lies beyond the end of the device, is zeros. Where a read fails, 4 KiB
-  /// at a time are tried; after `mostFailures` bad ones the rest is left out. The result is how
-  /// many sectors of the device could not be read or were left out.
+  /// cannot be read, and what lies beyond the end of the device, is zeros. The result is how many
+  /// sectors of the device could not be read or were left out.
   std::int64_t ReadOrZero(const TDriveInfo& drive, std::span<std::uint8_t> buffer, std::int64_t startingSector,
-                          int mostFailures);
+                          TReadEffort effort);
+  /// The same, but what cannot be read stays untouched in the buffer. The result is how many sectors
+  /// of the buffer were read.
+  std::int64_t ReadWhatReads(const TDriveInfo& drive, std::span<std::uint8_t> buffer, std::int64_t startingSector,
+                             TReadEffort effort);
 
   /// The same as `ReadDriveSectors` for a device by its key; bytes per sector below 1 count as 512.
   std::uint32_t ReadDeviceSectors(TStringView drive, void* buffer, int bytesPerSector, std::int64_t startingSector,
@@ -39,9 +49,14 @@ class TSectorReader {
 
   /// First sector at or after `sector` of the drive's device that may hold anything but zeros.
   std::int64_t NextDataSector(const TDriveInfo& drive, std::int64_t sector);
+  /// The same for scans: places that are known not to read are passed over too.
+  std::int64_t NextSectorToScan(const TDriveInfo& drive, std::int64_t sector);
 
   /// Sectors of the device that the drive lies on; INT64_MAX when that is not known.
   std::int64_t DeviceSectors(const TDriveInfo& drive);
+
+  /// Bytes of that device; INT64_MAX when that is not known.
+  std::int64_t DeviceSize(const TDriveInfo& drive);
 
   /// Count of reads of drives that returned nothing or less than asked since the start.
   std::uint64_t FailedReads() const { return FFailedReads; }
@@ -55,7 +70,58 @@ class TSectorReader {
   /// Bytes read from drives since the start.
   std::uint64_t BytesRead() const { return FBytesRead; }
 
+  // ---- sources that fail ----
+  // A sector that failed is not asked for again. Where failures take time, the end of a zone that does
+  // not read is looked for in growing steps, and the sectors between the places that failed are left
+  // out: scans pass over them, content still has each of them tried. When failures have taken
+  // `BadTimeLimit` longer than all that was read, more and more is left out behind each, content or not.
+
+  struct TUnread {
+    std::int64_t Sectors = 0;  ///< tried alone, in vain
+    std::int64_t LeftOut = 0;  ///< not tried, or only in one request with others
+  };
+  /// Of all devices together. To be asked for at the end, not while something runs.
+  TUnread Unread() const;
+  /// `Sectors` of it alone, at any time.
+  std::int64_t UnreadableSectors() const;
+  /// True when places were left out because failures took too long.
+  bool WasOutOfTime() const { return FWasOutOfTime; }
+  /// Nothing is left out in scans: every sector of a bad zone is tried.
+  bool TriesEverySector = false;
+  static constexpr std::int64_t UsualBadTime = 120'000'000;  // microseconds
+  std::int64_t BadTimeLimit = UsualBadTime;                  ///< microseconds
+  std::int64_t ImageBadTimeLimit = INT64_MAX;                ///< in place of it while an image is written
+  /// True for a sector that is not asked for because places around it failed, though it never did alone.
+  bool IsLeftOut(const TDriveInfo& drive, std::int64_t sector);
+  /// The clock that requests are measured by, in microseconds; another one in tests.
+  std::function<std::int64_t()> Clock;
+  /// A new run begins: there is time again for places that fail, and what was left out may be tried.
+  /// Sectors that failed stay known.
+  void RenewBadTime();
+  /// The sources may have changed: nothing is known of them any more.
+  void ForgetFaults() { FFaults.clear(); }
+
  private:
+  struct TRequest {
+    TStringView Key;
+    IDevice& Device;
+    int SectorSize;
+  };
+  std::size_t ReadAround(const TRequest& request, TReadFaults& faults, std::int64_t position,
+                         std::span<std::uint8_t> bytes);
+  std::size_t ReadApart(const TRequest& request, std::int64_t position, std::span<std::uint8_t> bytes);
+  std::size_t ReadOnce(const TRequest& request, std::int64_t position, std::span<std::uint8_t> bytes);
+  void NoteFailure(const TRequest& request, TReadFaults::TRange failed);
+  void LeaveOutZone(const TRequest& request, TReadFaults& faults, std::int64_t from);
+  bool Reads(const TRequest& request, TReadFaults& faults, std::int64_t position);
+  void LeaveOut(const TDriveInfo& drive, std::int64_t sector, std::int64_t count);
+  TReadFaults* FaultsOf(TStringView key);
+  std::int64_t KnownBadSectors(const TDriveInfo& drive, std::int64_t sector);
+  std::int64_t ReadPieces(const TDriveInfo& drive, std::span<std::uint8_t> buffer, std::int64_t startingSector,
+                          TReadEffort effort, const std::function<void(std::int64_t, std::int64_t)>& lost);
+  bool IsOutOfTime() const { return FBadTime > BadTimeLimit && FBadTime - BadTimeLimit > FGoodTime; }
+  bool TriesLeftOut() const;
+
   TEngine& FEngine;
   // The last read beyond a drive's end that failed: key and first sector of that drive, and the place.
   TString FLastFailedDrive;
@@ -64,6 +130,14 @@ class TSectorReader {
   std::uint64_t FFailedReads = 0;
   std::uint64_t FEstimatedReads = 0;
   std::uint64_t FBytesRead = 0;
+
+  std::map<TString, TReadFaults, std::less<>> FFaults;  // by the key of the device; empty while all reads
+  std::int64_t FGoodTime = 0;                           // microseconds, as all times here
+  std::int64_t FBadTime = 0;
+  std::int64_t FLastFailureTook = 0;
+  std::int64_t FBlindStep = 0;  // bytes
+  bool FLooksForEnd = false;
+  bool FWasOutOfTime = false;
 };
 
 }  // namespace brenlow

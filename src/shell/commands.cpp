@@ -419,7 +419,12 @@ int TCommands::CreateVirtual(int drive, std::int64_t firstSector, std::int64_t s
 
 TImageResult TCommands::CreateImage(int drive, std::int64_t firstSector, std::int64_t sectorsCount,
                                     const std::string& fileName, bool compressed, const std::string& mapFile) {
-  if (!CanScan(drive)) return {EIO, false, 0, fileName};
+  if (!CanScan(drive)) {
+    TImageResult refused;
+    refused.SystemError = EIO;
+    refused.Path = fileName;
+    return refused;
+  }
   const TSearching searching(*this, drive);
   return FEngine.Drives().Save(drive, firstSector, sectorsCount, fileName, compressed, mapFile);
 }

@@ -339,9 +339,9 @@ TEST_CASE("deep analysis: bad sectors cost themselves, not their block") {
   const TByteDynArray bytes = deep.Content("File 00001.psd", 0, 61440);
   REQUIRE(bytes.size() == 61440);
   CHECK(deep.Engine.Reader().FailedReads() > failed);  // the recovery tells of it
-  CHECK(bytes[8 * 512 - 1] == 0x20);
-  CHECK(std::all_of(bytes.begin() + 8 * 512, bytes.begin() + 16 * 512, [](std::uint8_t b) { return b == 0; }));
-  CHECK(bytes[16 * 512] == 0x20);
+  CHECK(bytes[10 * 512 - 1] == 0x20);
+  CHECK(std::all_of(bytes.begin() + 10 * 512, bytes.begin() + 12 * 512, [](std::uint8_t b) { return b == 0; }));
+  CHECK(bytes[12 * 512] == 0x20);
 }
 
 TEST_CASE("deep analysis beside a file system: two listings that do not mix") {

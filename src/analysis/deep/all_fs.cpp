@@ -321,7 +321,7 @@ void TAllFS::GetFileData(TByteDynArray& result, const TFile& file, std::int64_t 
   const std::int64_t sectors = CeilDiv(end, sectorSize) - firstSector;
   result.resize(static_cast<std::size_t>(sectors * sectorSize));
   FEngine.Reader().ReadOrZero(drive, result, drive.FirstSector + info.FirstCluster + firstSector,
-                              TSectorReader::AnyFailures);
+                              TReadEffort::Content);
   result.resize(static_cast<std::size_t>(end - firstSector * sectorSize));
   result.erase(result.begin(), result.begin() + static_cast<std::ptrdiff_t>(start - firstSector * sectorSize));
 }

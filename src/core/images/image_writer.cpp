@@ -54,7 +54,17 @@ TImageWriter::TImageWriter(TEngine& engine, const TDriveInfo& drive, std::int64_
       FDrive(drive),
       FFirst(drive.FirstSector + firstSector),
       FSectorSize(engine.Drives().GetBytesPerSector(drive)),
-      FSize(sectorsCount * FSectorSize) {}
+      FSize(sectorsCount * FSectorSize),
+      FUsualBadTimeLimit(engine.Reader().BadTimeLimit) {
+  TSectorReader& reader = engine.Reader();
+  if (FFirst == 0 && sectorsCount == reader.DeviceSectors(drive)) FSize = reader.DeviceSize(drive);
+  // An image is where everything is to be tried, also what another scan has given up.
+  reader.BadTimeLimit = reader.ImageBadTimeLimit;
+  reader.ForgetFaults();
+  reader.RenewBadTime();
+}
+
+TImageWriter::~TImageWriter() { FEngine.Reader().BadTimeLimit = FUsualBadTimeLimit; }
 
 /// False when the copy is to stop.
 bool TImageWriter::Report(std::int64_t doneBytes) {
@@ -85,18 +95,24 @@ TImageResult TImageWriter::WriteRaw(const std::string& path, const std::string& 
   }
   const int file = ::open(partial.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | (resumes ? 0 : O_TRUNC), 0666);
   if (file < 0) return Close(-1, path, errno);
-  // What an earlier run gave up is tried again, since it was asked to go on.
-  const auto failed = [&](TMapStatus status) {
-    return status == TMapStatus::NotTrimmed || status == TMapStatus::NotScraped ||
-           (resumes && status == TMapStatus::Bad);
-  };
   int error = ::ftruncate64(file, FSize) == 0 ? 0 : errno;
   if (error == 0) error = KeepMap(file, map, mapPath, true);
   if (error == 0) error = CopyGood(file, map, mapPath);
+  // What lies in a zone that does not read comes last, and with it what an earlier run gave up: that is
+  // tried again, since it was asked to go on.
+  const auto failed = [](TMapStatus status) {
+    return status == TMapStatus::NotTrimmed || status == TMapStatus::NotScraped;
+  };
+  const auto missing = [](TMapStatus status) { return status != TMapStatus::Finished; };
   if (error == 0 && !FStopped) error = Retry(file, map, mapPath, failed);
-  FUnreadable = CeilDiv(map.Count(TMapStatus::Bad), FSectorSize);
+  FEngine.Reader().TriesEverySector = true;
+  if (error == 0 && !FStopped) error = Retry(file, map, mapPath, missing);
+  FEngine.Reader().TriesEverySector = false;
+  FUnreadable = CeilDiv(FSize - map.Count(TMapStatus::Finished), FSectorSize);
   if (error == 0) error = KeepMap(file, map, mapPath, true);
-  return Close(file, path, error);
+  TImageResult result = Close(file, path, error);
+  result.LeftOutSectors = FUnreadable - CeilDiv(map.Count(TMapStatus::Bad), FSectorSize);
+  return result;
 }
 
 /// All that was not tried yet, in large reads; what fails is left for later.
@@ -113,38 +129,41 @@ int TImageWriter::CopyGood(int file, TRescueMap& map, const std::string& mapPath
     at = data;
     const std::int64_t count = std::min<std::int64_t>(map.EndOfRange(at) - at, static_cast<std::int64_t>(unit.size()));
     if (count > 0 && at < FSize && map.At(at) == TMapStatus::NotTried) {
-      const std::int64_t got =
-          FEngine.Reader().ReadDriveSectors(FDrive, unit.data(), FFirst + at / FSectorSize, count / FSectorSize) /
-          FSectorSize * FSectorSize;
+      std::int64_t got = FEngine.Reader().ReadDriveSectors(FDrive, unit.data(), FFirst + at / FSectorSize,
+                                                           CeilDiv(count, FSectorSize));
+      if (got < count) got = got / FSectorSize * FSectorSize;
       const TBytes good(unit.data(), static_cast<std::size_t>(got));
       if (const int error = IsAllZero(good) ? 0 : WriteAt(file, good, at); error != 0) return error;
       map.Set(at, got, TMapStatus::Finished);
       map.Set(at + got, count - got, TMapStatus::NotTrimmed);
-      FUnreadable += (count - got) / FSectorSize;
+      FUnreadable += CeilDiv(count - got, FSectorSize);
     }
     if (const int error = KeepMap(file, map, mapPath, false); error != 0) return error;
   }
   return 0;
 }
 
+/// True for a sector that was not read because failures around it took too long.
+bool TImageWriter::IsLeftOut(std::int64_t position) const {
+  return FEngine.Reader().IsLeftOut(FDrive, FFirst + position / FSectorSize);
+}
+
 /// Sector by sector what failed in large reads.
 int TImageWriter::Retry(int file, TRescueMap& map, const std::string& mapPath,
                         const std::function<bool(TMapStatus)>& wanted) {
   TByteDynArray sector(static_cast<std::size_t>(FSectorSize));
-  FUnreadable = CeilDiv(
-      map.Count(TMapStatus::NotTrimmed) + map.Count(TMapStatus::NotScraped) + map.Count(TMapStatus::Bad), FSectorSize);
-  std::int64_t at = map.Find(0, wanted);
-  while (at < FSize) {
+  FUnreadable = CeilDiv(FSize - map.Count(TMapStatus::Finished), FSectorSize);
+  for (std::int64_t at = map.Find(0, wanted); at < FSize; at = map.Find(at + FSectorSize, wanted)) {
     if (!Report(FSize)) return 0;
-    const bool good =
-        FEngine.Reader().ReadDriveSectors(FDrive, sector.data(), FFirst + at / FSectorSize, 1) == sector.size();
-    if (good) {
-      if (const int error = WriteAt(file, sector, at); error != 0) return error;
+    const auto size = static_cast<std::size_t>(std::min(FSectorSize, FSize - at));
+    if (FEngine.Reader().ReadDriveSectors(FDrive, sector.data(), FFirst + at / FSectorSize, 1) >= size) {
+      if (const int error = WriteAt(file, TBytes(sector.data(), size), at); error != 0) return error;
+      map.Set(at, FSectorSize, TMapStatus::Finished);
+      --FUnreadable;
+    } else {
+      map.Set(at, FSectorSize, IsLeftOut(at) ? TMapStatus::NotScraped : TMapStatus::Bad);
     }
-    map.Set(at, FSectorSize, good ? TMapStatus::Finished : TMapStatus::Bad);
-    if (good) --FUnreadable;
     if (const int error = KeepMap(file, map, mapPath, false); error != 0) return error;
-    at = map.Find(at + FSectorSize, wanted);
   }
   return 0;
 }
@@ -162,7 +181,10 @@ int TImageWriter::KeepMap(int file, const TRescueMap& map, const std::string& ma
 TImageResult TImageWriter::WriteCompressed(const std::string& path) {
   const int file = ::open(PartialName(path).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_TRUNC, 0666);
   if (file < 0) return Close(-1, path, errno);
-  return Close(file, path, WriteBlocks(file));
+  FEngine.Reader().TriesEverySector = true;  // there is one pass only
+  const int error = WriteBlocks(file);
+  FEngine.Reader().TriesEverySector = false;
+  return Close(file, path, error);
 }
 
 int TImageWriter::WriteBlocks(int file) {
@@ -179,9 +201,11 @@ int TImageWriter::WriteBlocks(int file) {
   TByteDynArray packed;
   for (std::int64_t i = 0; i < count; ++i) {
     if (!Report(i * dsk::BlockSize)) return 0;
-    block.resize(static_cast<std::size_t>(std::min(dsk::BlockSize, FSize - i * dsk::BlockSize)));
-    FUnreadable += FEngine.Reader().ReadOrZero(FDrive, block, FFirst + i * dsk::BlockSize / FSectorSize,
-                                               TSectorReader::AnyFailures);
+    const std::int64_t size = std::min(dsk::BlockSize, FSize - i * dsk::BlockSize);
+    block.resize(static_cast<std::size_t>(CeilDiv(size, FSectorSize) * FSectorSize));
+    FUnreadable +=
+        FEngine.Reader().ReadOrZero(FDrive, block, FFirst + i * dsk::BlockSize / FSectorSize, TReadEffort::Content);
+    block.resize(static_cast<std::size_t>(size));
     // A length of 65535 would read as "stored".
     const bool smaller =
         CompressLZNT1(block, packed, block.size()) && packed.size() != block.size() && packed.size() != dsk::StoredRaw;
@@ -208,6 +232,7 @@ TImageResult TImageWriter::Close(int file, const std::string& path, int error) {
   result.SystemError = error;
   result.Stopped = FStopped;
   result.UnreadableSectors = FUnreadable;
+  result.Size = FSize;
   result.Path = whole && error == 0 ? path : PartialName(path);
   return result;
 }

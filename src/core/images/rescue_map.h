@@ -28,6 +28,7 @@ class TRescueMap {
   explicit TRescueMap(std::int64_t size);
 
   std::int64_t Size() const { return FSize; }
+  std::size_t RangeCount() const { return FRanges.size(); }
   void Set(std::int64_t position, std::int64_t size, TMapStatus status);
   TMapStatus At(std::int64_t position) const;
   /// End of the range of one status that holds the position.

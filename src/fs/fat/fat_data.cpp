@@ -123,7 +123,7 @@ void TFAT::GetFileData(TDriveInfo& drive, TByteDynArray& result, TFile& file, st
   const auto readCluster = [&](std::uint32_t cluster) {
     single.resize(static_cast<std::size_t>(clusterBytes));
     if (IsInside(drive, cluster)) {
-      FEngine.Reader().ReadDriveSectors(drive, single.data(), sectorOf(cluster), drive.FATInfo.SectorsPerCluster);
+      FEngine.Reader().ReadWhatReads(drive, single, sectorOf(cluster), TReadEffort::Content);
     } else {
       FEngine.Reader().NoteFailedRead();
     }
@@ -150,8 +150,8 @@ void TFAT::GetFileData(TDriveInfo& drive, TByteDynArray& result, TFile& file, st
       got = FEngine.Reader().ReadDriveSectors(drive, place, sector, wanted / sectorSize);
     }
     if (got < wanted) {
-      // One by one, so that a fault costs one cluster. A cluster that cannot be read repeats the
-      // bytes of the last one that could: the output keeps its length and offsets.
+      // One by one, so that a fault costs its sector. A sector that cannot be read repeats the bytes
+      // of the cluster before: the output keeps its length and offsets.
       single.clear();
       if (before != 0) readCluster(before);
       for (std::int64_t i = 0; i < run.Count; ++i) {

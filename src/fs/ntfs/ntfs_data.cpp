@@ -91,7 +91,7 @@ TStringView TypeName(std::int64_t type) {
 // ---- clusters -------------------------------------------------------------------------------
 
 /// Reads whole sectors from `offset` bytes (whole sectors too) behind the start of a cluster on. A
-/// fault costs one cluster, which repeats the bytes of the one before it, so that offsets stay; the
+/// fault costs a sector, which repeats the bytes of the cluster before it, so that offsets stay; the
 /// result is false then.
 bool TNTFS::ReadClusters(const TDriveInfo& drive, std::int64_t cluster, std::int64_t offset,
                          std::span<std::uint8_t> place, int incDataSector) {
@@ -106,8 +106,8 @@ bool TNTFS::ReadClusters(const TDriveInfo& drive, std::int64_t cluster, std::int
   bool whole = true;
   for (std::int64_t at = 0; at < sectors;) {
     const std::int64_t count = std::min({step - (first + at) % step, sectors - at, step});
-    const bool read = inside && FEngine.Reader().ReadDriveSectors(drive, single.data(), start + at, count) ==
-                                    static_cast<std::uint32_t>(count * sectorSize);
+    const auto bytes = std::span(single).first(static_cast<std::size_t>(count * sectorSize));
+    const bool read = inside && FEngine.Reader().ReadWhatReads(drive, bytes, start + at, TReadEffort::Content) == count;
     if (!read) {
       FEngine.Reader().NoteFailedRead();
       whole = false;
