@@ -110,6 +110,7 @@ bool TAllFS::DoBeforeDeepAnalyse(int driveNumber) {
   DeepAnalyseInfo.FileTypes.assign(rows, 0);
   TFiles::ClearInfo(DeepAnalyseInfo.aFileInfo, driveNumber);
   FCompoundRow = -1;
+  FRows = 0;
   return true;
 }
 
@@ -281,7 +282,11 @@ bool TAllFS::MakeRow() {
   }
   FName += NumberText(found + 1) + signature.Ext;
   file.strName = FName;
-  if (file.aSize <= 0 || !FEngine.Analysing) return false;
+  if (file.aSize <= 0 || !FEngine.Analysing || FRows > MostRows) return false;
+  if (++FRows > MostRows) {
+    FEngine.ShowMessage(TText::TooManyByContent);
+    return false;
+  }
   if (FEngine.Files().Add(file, FirstTypeFolder - row, true) < 0) return false;
   if (found == 0) AddTypeFolder(row);
   return true;
@@ -320,8 +325,7 @@ void TAllFS::GetFileData(TByteDynArray& result, const TFile& file, std::int64_t 
   const std::int64_t firstSector = start / sectorSize;
   const std::int64_t sectors = CeilDiv(end, sectorSize) - firstSector;
   result.resize(static_cast<std::size_t>(sectors * sectorSize));
-  FEngine.Reader().ReadOrZero(drive, result, drive.FirstSector + info.FirstCluster + firstSector,
-                              TReadEffort::Content);
+  FEngine.Reader().ReadOrZero(drive, result, drive.FirstSector + info.FirstCluster + firstSector, TReadEffort::Content);
   result.resize(static_cast<std::size_t>(end - firstSector * sectorSize));
   result.erase(result.begin(), result.begin() + static_cast<std::ptrdiff_t>(start - firstSector * sectorSize));
 }

@@ -35,6 +35,10 @@ struct TDeepAnalyseInfo {
 /// below a folder for each type. A file at sector 0 cannot be tracked.
 class TAllFS {
  public:
+  /// More files than that a scan does not list: on a disk that is nothing but headers they would fill
+  /// the memory (some 250 bytes each). The user is told.
+  int MostRows = 2'000'000;
+
   explicit TAllFS(TEngine& engine);
 
   /// Asked with the extension (".jpg") before a row is made; unset means yes.
@@ -97,6 +101,7 @@ class TAllFS {
 
   TEngine& FEngine;
   int FBytesPerSector = 512;
+  int FRows = 0;              // made by the scan
   std::int64_t FSectors = 0;  // of the drive under scan: no file goes on beyond
   TDeepAnalyseInfo DeepAnalyseInfo;
   int FCompoundRow = -1;  // row that the directory of the open compound document names
