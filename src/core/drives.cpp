@@ -328,6 +328,7 @@ void TDrives::Clear() {
   Current = -1;
   FUnallocatedCount = 0;
   FEngine.Devices().CloseAll();
+  FEngine.Reader().ForgetFaults();
 }
 
 int TDrives::Add(const TDriveInfo& drive, bool canAddToTreeView) {
@@ -624,6 +625,7 @@ int TDrives::Mount(TStringView fileName, bool canAddToTreeView, TMountFailure* f
     const TDriveInfo& known = List[static_cast<std::size_t>(i)];
     if (known.Drive == fileName && known.FirstSector == 0 && !known.IsSubDrive) return i;
   }
+  FEngine.Reader().ForgetFaults(TString(fileName));
   FEngine.Devices().Close(fileName);  // a new request: one that failed before is tried again
   const IDevice* device = FEngine.Devices().Get(fileName);
   if (device == nullptr) {

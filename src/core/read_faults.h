@@ -28,7 +28,9 @@ class TReadFaults {
 
   TPlace At(std::int64_t position) const;
   /// End of the stretch of one kind that holds the position.
-  std::int64_t EndOf(std::int64_t position) const { return FPlaces.EndOfRange(position); }
+  std::int64_t EndOf(std::int64_t position) const {
+    return position < FPlaces.Size() ? FPlaces.EndOfRange(position) : INT64_MAX;
+  }
 
   void SetUnreadable(TRange range);
   /// Concerns only those parts of the range of which nothing is known.

@@ -71,7 +71,10 @@ std::int64_t TSectorReader::ReadPieces(const TDriveInfo& drive, std::span<std::u
                                        const std::function<void(std::int64_t, std::int64_t)>& lost) {
   const std::int64_t sectorSize = FEngine.Drives().GetBytesPerSector(drive);
   const std::int64_t total = static_cast<std::int64_t>(buffer.size()) / sectorSize;
-  const std::int64_t readable = std::clamp<std::int64_t>(DeviceSectors(drive) - startingSector, 0, total);
+  // Of the last sector of a file there may be a part only.
+  const std::int64_t deviceSize = DeviceSize(drive);
+  const std::int64_t sectors = DeviceSectors(drive) + (deviceSize % sectorSize != 0 && deviceSize != INT64_MAX ? 1 : 0);
+  const std::int64_t readable = std::clamp<std::int64_t>(sectors - startingSector, 0, total);
   const bool analysing = FEngine.Analysing;
   const bool recovering = FEngine.Recovering;
   const auto stopped = [&] { return (analysing && !FEngine.Analysing) || (recovering && !FEngine.Recovering); };
@@ -92,8 +95,13 @@ std::int64_t TSectorReader::ReadPieces(const TDriveInfo& drive, std::span<std::u
       continue;
     }
     const std::int64_t count = std::min(wanted, readable - at);
-    const std::int64_t got =
-        ReadDriveSectors(drive, buffer.data() + at * sectorSize, startingSector + at, count) / sectorSize;
+    const auto place = buffer.subspan(static_cast<std::size_t>(at * sectorSize));
+    const std::int64_t bytes = ReadDriveSectors(drive, place.data(), startingSector + at, count);
+    std::int64_t got = bytes / sectorSize;
+    if (bytes % sectorSize != 0 && (startingSector + at) * sectorSize + bytes == deviceSize) {
+      ++got;
+      std::fill(place.begin() + bytes, place.begin() + got * sectorSize, std::uint8_t{0});
+    }
     at += got;
     if (got == count) {
       if (at >= suspectEnd) wanted *= 2;

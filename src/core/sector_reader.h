@@ -100,6 +100,7 @@ class TSectorReader {
   void RenewBadTime();
   /// The sources may have changed: nothing is known of them any more.
   void ForgetFaults() { FFaults.clear(); }
+  void ForgetFaults(const TString& key) { FFaults.erase(key); }
 
  private:
   struct TRequest {

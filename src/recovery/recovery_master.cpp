@@ -13,6 +13,7 @@
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/language.h"
+#include "core/sector_reader.h"
 #include "core/sizes.h"
 #include "core/text.h"
 #include "recovery/questions.h"
@@ -173,6 +174,7 @@ void TfRecoveryMaster::LeaveSaveOptions() {
   FProgress->PrepareRecovery(IsMasterResults);
   ShowPage(SaveProgress);
   if (OnBeforeRecovery) OnBeforeRecovery(*FProgress);
+  FEngine.Reader().RenewBadTime();
   FEngine.Recovering = true;
   FProgress->Recovery(IsMasterResults);
   FEngine.Recovering = false;

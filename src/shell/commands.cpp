@@ -14,6 +14,7 @@
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/language.h"
+#include "core/sector_reader.h"
 #include "core/text.h"
 #include "recovery/recovery_master.h"
 #include "shell/entries.h"
@@ -336,6 +337,7 @@ bool TCommands::Analyse(PTreeNode node, bool isReopen) {
 void TCommands::AnalyseDeep(int drive) {
   if (!CanScan(drive)) return;
   FDeepRunning = true;
+  FEngine.Reader().RenewBadTime();
   DeepAnalyseDrive(FEngine, drive);
   FDeepRunning = false;
   FEngine.Folders().FillDriveNodes(FEngine.Folders().GetDriveRootNode(drive));
@@ -400,6 +402,7 @@ void TCommands::ScanForPartitions(int drive, const TPartRecSystems& systems) {
   if (!CanScan(drive)) return;
   FEngine.PartRecSystems = systems;
   FEngine.PartRecRunning = true;
+  FEngine.Reader().RenewBadTime();
   AnalyseDrive(FEngine, drive);
   FEngine.PartRecRunning = false;
   FEngine.Folders().FillDriveNodes(FEngine.Folders().GetDriveRootNode(drive));
