@@ -429,6 +429,7 @@ TImageResult TCommands::CreateImage(int drive, std::int64_t firstSector, std::in
     return refused;
   }
   const TSearching searching(*this, drive);
+  FEngine.Reader().ForgetFaults();
   return FEngine.Drives().Save(drive, firstSector, sectorsCount, fileName, compressed, mapFile);
 }
 

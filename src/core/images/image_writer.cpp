@@ -58,9 +58,8 @@ TImageWriter::TImageWriter(TEngine& engine, const TDriveInfo& drive, std::int64_
       FUsualBadTimeLimit(engine.Reader().BadTimeLimit) {
   TSectorReader& reader = engine.Reader();
   if (FFirst == 0 && sectorsCount == reader.DeviceSectors(drive)) FSize = reader.DeviceSize(drive);
-  // An image is where everything is to be tried, also what another scan has given up.
+  // An image is where everything is to be tried, also what a search has left out.
   reader.BadTimeLimit = reader.ImageBadTimeLimit;
-  reader.ForgetFaults();
   reader.RenewBadTime();
 }
 
@@ -92,6 +91,7 @@ TImageResult TImageWriter::WriteRaw(const std::string& path, const std::string& 
       refused.Path = path;
     }
     if (refused.SystemError != 0) return refused;
+    FEngine.Reader().ForgetFaults();
   }
   const int file = ::open(partial.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | (resumes ? 0 : O_TRUNC), 0666);
   if (file < 0) return Close(-1, path, errno);
