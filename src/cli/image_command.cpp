@@ -61,11 +61,10 @@ int Summarise(const TOptions& options, const TImageResult& result, double second
   }
   if (options.Json) {
     TJsonLine line;
-    TOutput().Write(line.Text("path", result.Path)
-                        .Number("size", result.Size)
-                        .Number("unreadable_sectors", result.UnreadableSectors)
-                        .Number("left_out_sectors", result.LeftOutSectors)
-                        .Take());
+    line.Text("path", result.Path).Number("size", result.Size);
+    line.Number("unreadable_sectors", result.UnreadableSectors);
+    if (result.LeftOutSectors > 0) line.Number("left_out_sectors", result.LeftOutSectors);
+    TOutput().Write(line.Take());
     return result.UnreadableSectors == 0 ? AllDone : DoneWithFailures;
   }
   std::printf(

@@ -139,7 +139,7 @@ std::uint32_t TSectorReader::ReadDeviceSectors(TStringView drive, void* buffer, 
   IDevice* device = FEngine.Devices().Get(drive);
   if (device == nullptr) return 0;
   FEngine.PumpSoon();
-  const TRequest request{drive, *device, bytesPerSector};
+  const TRequest request{drive, *device, bytesPerSector, device->SectorSize() > 0 ? device->SectorSize() : 512};
   const std::span<std::uint8_t> bytes(static_cast<std::uint8_t*>(buffer), size);
   const std::int64_t position = startingSector * bytesPerSector;
   TReadFaults* faults = FaultsOf(drive);
@@ -185,7 +185,7 @@ std::size_t TSectorReader::ReadAround(const TRequest& request, TReadFaults& faul
 
 /// Sector by sector up to the first that does not read.
 std::size_t TSectorReader::ReadApart(const TRequest& request, std::int64_t position, std::span<std::uint8_t> bytes) {
-  const auto sectorSize = static_cast<std::size_t>(request.SectorSize);
+  const auto sectorSize = static_cast<std::size_t>(request.Unit);
   std::size_t done = 0;
   while (done < bytes.size()) {
     const auto sector = bytes.subspan(done, std::min(sectorSize, bytes.size() - done));
@@ -214,9 +214,8 @@ std::size_t TSectorReader::ReadOnce(const TRequest& request, std::int64_t positi
 }
 
 void TSectorReader::NoteFailure(const TRequest& request, TReadFaults::TRange failed) {
-  TReadFaults& faults =
-      FFaults.try_emplace(TString(request.Key), request.Device.Size(), request.SectorSize).first->second;
-  if (failed.End - failed.Start <= request.SectorSize) {
+  TReadFaults& faults = FFaults.try_emplace(TString(request.Key), request.Device.Size(), request.Unit).first->second;
+  if (failed.End - failed.Start <= request.Unit) {
     faults.SetUnreadable(failed);
   } else {
     faults.AddSuspect(failed);

@@ -107,6 +107,7 @@ class TSectorReader {
     TStringView Key;
     IDevice& Device;
     int SectorSize;
+    int Unit;  ///< bytes that fail by themselves: a drive may be read in larger sectors than its device has
   };
   std::size_t ReadAround(const TRequest& request, TReadFaults& faults, std::int64_t position,
                          std::span<std::uint8_t> bytes);

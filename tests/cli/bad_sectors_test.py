@@ -18,7 +18,9 @@ class BadSectors(TestCase):
         return path
 
     def assert_tried_once(self, bad):
-        alone = [at for at, size in bad.failures if size == SECTOR]
+        # What is an image of which kind is told by its first and its last sector, before any of this.
+        ends = (0, bad.source.stat().st_size // SECTOR * SECTOR - SECTOR)
+        alone = [at for at, size in bad.failures if size == SECTOR and at not in ends]
         self.assertEqual(len(alone), len(set(alone)))
 
     def test_an_image_is_of_the_whole_source_and_a_second_run_completes_it(self):
