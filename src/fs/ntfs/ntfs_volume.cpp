@@ -73,7 +73,7 @@ bool TNTFS::HasRecordOfRun(const TDriveInfo& volume, std::int64_t firstSector, s
   TSectorReader& reader = FEngine.Reader();
   if (reader.ReadDriveSectors(volume, bytes.data(), firstSector, 1) == bytes.size() && IsMFT(bytes, 0)) return true;
   bytes.resize(static_cast<std::size_t>(records * recordSize));
-  reader.ReadOrZero(volume, bytes, firstSector, TSectorReader::ScanFailures);
+  reader.ReadOrZero(volume, bytes, firstSector, TReadEffort::Scan);
   for (std::int64_t i = 1; i < records; ++i) {
     const auto record = std::span<const std::uint8_t>(bytes).subspan(static_cast<std::size_t>(i * recordSize),
                                                                      static_cast<std::size_t>(recordSize));
