@@ -202,7 +202,7 @@ std::size_t TSectorReader::ReadOnce(const TRequest& request, std::int64_t positi
   const std::size_t got = request.Device.Read(position, bytes);
   const std::int64_t took = now() - begin;
   const std::int64_t end = std::min(position + static_cast<std::int64_t>(bytes.size()), request.Device.Size());
-  const std::int64_t start = position + static_cast<std::int64_t>(got) / request.SectorSize * request.SectorSize;
+  const std::int64_t start = position + static_cast<std::int64_t>(got) / request.Unit * request.Unit;
   if (start >= end || position + static_cast<std::int64_t>(got) >= end) {
     FGoodTime += took;
     return got;
