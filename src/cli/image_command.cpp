@@ -20,6 +20,17 @@ std::string UnreadableText(const TLanguage& texts, std::int64_t count) {
   return texts.Utf8(count == 1 ? TText::UnreadableSectorsOne : TText::UnreadableSectorsMany, {std::to_string(count)});
 }
 
+/// What the image and its map would both write, with the names that they have while they are written; empty if nothing.
+std::string SharedPath(const TOptions& options) {
+  if (options.Map.empty()) return "";
+  for (const std::string& image : PathsOfImage(options.Out, "")) {
+    for (const std::string& map : {options.Map, TRescueMap::SuccessorName(options.Map)}) {
+      if (IsSamePath(image, map)) return image;
+    }
+  }
+  return "";
+}
+
 /// Refuses targets that would destroy something. 0 when the target will do.
 int CheckTarget(TEngine& engine, const TOptions& options) {
   std::error_code error;
@@ -30,8 +41,8 @@ int CheckTarget(TEngine& engine, const TOptions& options) {
       std::find_if(paths.begin(), paths.end(), [&](const auto& path) { return guard.Forbids(path); });
   if (forbidden != paths.end()) {
     Complain(options.Texts.Utf8(TText::TargetOnSource, {*forbidden}));
-  } else if (IsSamePath(options.Out, options.Map)) {
-    Complain(options.Texts.Utf8(TText::SamePath, {"--out", "--map", options.Out}));
+  } else if (const std::string shared = SharedPath(options); !shared.empty()) {
+    Complain(options.Texts.Utf8(TText::SamePath, {"--out", "--map", shared}));
   } else if (std::filesystem::exists(options.Out, error) && !options.Overwrite && !resumes) {
     Complain(options.Texts.Utf8(TText::ImageExists, {options.Out}));
   } else {

@@ -141,8 +141,14 @@ TOperation<void(TSelectedFiles&, const TFileFilter&)> TopOf(TEngine& engine, int
   return operation;
 }
 
+/// Bytes free on the target, -1 when that is not known.
+std::int64_t TargetFree(const TOptions& options) {
+  std::error_code error;
+  return FreeSpaceOf(std::filesystem::absolute(options.Out, error).string());
+}
+
 std::string FreeText(const TOptions& options) {
-  const std::int64_t free = FreeSpaceOf(options.Out);
+  const std::int64_t free = TargetFree(options);
   return free < 0 ? "?" : SizeText(free);
 }
 
@@ -176,7 +182,7 @@ int OpenTarget(const TOptions& options, TfrmSaveProgress& recovery, TOutcomeLine
 
 /// Whether everything selected has room on the target; complains when it has not.
 bool HasRoom(const TOptions& options, const TfrmSaveProgress& recovery) {
-  const std::int64_t free = FreeSpaceOf(options.Out);
+  const std::int64_t free = TargetFree(options);
   if (free < 0 || recovery.RecoverySize <= free) return true;
   Complain(options.Texts.Utf8(TText::TooLittleRoom, {SizeText(recovery.RecoverySize), SizeText(free)}));
   return false;

@@ -101,7 +101,9 @@ class Program(TestCase):
         self.assertEqual(digest(out), self.before)
         for arguments in (["--out", out], ["--out", self.stick], ["--out", folder / "b.dsk", "--first", "99999999"],
                           ["--out", folder / "b.dsk", "--compressed", "--map", folder / "map"], ["--out", folder / "b.dsk", "--drive", "7"],
-                          ["--out", folder / "b.dsk", "--map", folder / "../" / folder.name / "b.dsk"]):
+                          ["--out", folder / "b.dsk", "--map", folder / "../" / folder.name / "b.dsk"],
+                          ["--out", folder / "b.dsk", "--map", folder / "b.dsk.partial"], ["--out", folder / "b.new", "--map", folder / "b"],
+                          ["--out", folder / "b", "--map", folder / "../" / folder.name / "b.partial"]):
             r = run("image", self.stick, *arguments)
             self.assertEqual(r.returncode, 2, arguments)
             self.assertTrue(r.stderr)

@@ -86,6 +86,11 @@ class Report(TestCase):
         self.assertEqual([(row["path"], row["outcome"]) for row in rows], [("sub/b.txt", "planned")])
         self.assertEqual(list(out.iterdir()), [])
 
+    def test_room_on_a_relative_target(self):
+        image, out = self.image([("a.txt", b"a" * 3000, False)]), self.target()
+        for more, said in (([], r"^Target: found, [0-9.]+ [KMGT]B free"), (["--dry-run"], r" to found, where [0-9.]+ [KMGT]B are free")):
+            self.assertRegex(run("recover", image, "--out", "found", *more, cwd=out).stdout, said)
+
     def test_words(self):
         image = self.image([("sub", [("a.txt", b"a", True)], False)])
         listed = run("ls", image).stdout
