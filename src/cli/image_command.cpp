@@ -121,8 +121,8 @@ int CreateImage(const TOptions& options) {
                   unreadable == 0 ? "" : UnreadableText(options.Texts, unreadable));
   };
   const auto begin = std::chrono::steady_clock::now();
-  const TImageResult result =
-      engine.Drives().Save(number, 0, Drive(engine, number).SectorsCount, options.Out, options.Compressed, options.Map);
+  const TImageResult result = engine.Drives().Save(number, 0, Drive(engine, number).SectorsCount, options.Out,
+                                                   options.Compressed, options.Map, TDrives::TImageNaming::AsGiven);
   progress.Clear();
   return Summarise(options, result, std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
 }

@@ -137,10 +137,14 @@ class TDrives {
   // ---- images ----
   std::atomic<bool> CanSave{false};  ///< `Save` is running; clearing it stops it
   std::function<void(double)> OnProgressChanged;
-  /// Copies sectors of a drive into an image file, whose name gets the extension ".dsk". `mapFile`
-  /// (raw images only, may be empty) keeps what was read, see `TImageWriter`.
+  enum class TImageNaming : std::uint8_t {
+    Dsk,      ///< the extension ".dsk" takes the place of the one given
+    AsGiven,  ///< the file has just the name that was asked for
+  };
+  /// Copies sectors of a drive into an image file. `mapFile` (raw images only, may be empty) keeps
+  /// what was read, see `TImageWriter`.
   TImageResult Save(int number, std::int64_t firstSector, std::int64_t sectorsCount, const std::string& fileName,
-                    bool compressed, const std::string& mapFile = "");
+                    bool compressed, const std::string& mapFile = "", TImageNaming naming = TImageNaming::Dsk);
   /// Sectors that the running `Save` could not read up to now.
   std::int64_t UnreadableSectors() const;
   /// A new drive over a range of another one (sectors counted on its device); -1 for a wrong number.

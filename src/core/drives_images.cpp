@@ -36,11 +36,12 @@ TSourceGuard TDrives::SourceGuard(int number) {
 }
 
 TImageResult TDrives::Save(int number, std::int64_t firstSector, std::int64_t sectorsCount, const std::string& fileName,
-                           bool compressed, const std::string& mapFile) {
+                           bool compressed, const std::string& mapFile, TImageNaming naming) {
   TImageResult result;
+  const std::string path = naming == TImageNaming::Dsk ? ImageName(fileName) : fileName;
   if (IsWrongNumber(number) || sectorsCount <= 0) return result;
   const TSourceGuard guard = SourceGuard(number);
-  for (const std::string& written : PathsOfImage(fileName, mapFile)) {
+  for (const std::string& written : PathsOfImage(path, mapFile)) {
     if (!guard.Forbids(written)) continue;
     result.SystemError = TSourceGuard::Refused;
     result.Path = written;
@@ -59,7 +60,7 @@ TImageResult TDrives::Save(int number, std::int64_t firstSector, std::int64_t se
   };
   CanSave = true;
   FWriter = &writer;
-  result = compressed ? writer.WriteCompressed(fileName) : writer.WriteRaw(fileName, mapFile);
+  result = compressed ? writer.WriteCompressed(path) : writer.WriteRaw(path, mapFile);
   FWriter = nullptr;
   CanSave = false;
   return result;

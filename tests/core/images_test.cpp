@@ -67,7 +67,7 @@ struct TSaved {
 
   explicit TSaved(TImage image) : Source(Mount(Engine, std::move(image))) { REQUIRE(Source.Number == 0); }
   TImageResult Save(bool compressed, const std::string& map = "") {
-    return Engine.Drives().Save(0, 0, DriveOf(Engine, 0).SectorsCount, Folder.Path() + "/disk.dsk", compressed, map);
+    return Engine.Drives().Save(0, 0, DriveOf(Engine, 0).SectorsCount, Folder.Path() + "/disk.img", compressed, map);
   }
 };
 

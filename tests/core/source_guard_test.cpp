@@ -241,7 +241,7 @@ TEST_CASE("the engine's own writers refuse what a source reads from, whatever it
     const char* Map;
   };
   // Each name that an image writes: itself, its part, its map, the map's successor.
-  for (const TWay& way : {TWay{"x.dsk", "x.dsk", ""}, TWay{"x.dsk.partial", "x.dsk", ""}, TWay{"y.map", "y", "y.map"},
+  for (const TWay& way : {TWay{"x.dsk", "x.img", ""}, TWay{"x.dsk.partial", "x", ""}, TWay{"y.map", "y", "y.map"},
                           TWay{"y.map.new", "y", "y.map"}}) {
     CAPTURE(way.Source);
     put(way.Source);

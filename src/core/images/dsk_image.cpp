@@ -91,9 +91,9 @@ TDiskImage ReadTable(IDevice& file, std::int64_t count) {
 
 }  // namespace
 
-bool IsCompressedImage(IDevice& file) {
-  std::uint8_t head[8] = {};
-  return file.Read(0, head) == sizeof(head) && std::memcmp(head, dsk::Magic, sizeof(head)) == 0;
+bool IsCompressedImage(std::span<const std::uint8_t> head) {
+  constexpr std::size_t length = sizeof(dsk::Magic) - 1;
+  return head.size() >= length && std::memcmp(head.data(), dsk::Magic, length) == 0;
 }
 
 TOpenedDevice OpenCompressedImage(std::unique_ptr<IDevice> file) {

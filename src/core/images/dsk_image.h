@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 
 #include "core/device/device.h"
 #include "core/types.h"
@@ -29,7 +30,7 @@ struct TDiskImage {
   TInt64DynArray Table;
 };
 
-bool IsCompressedImage(IDevice& file);
+bool IsCompressedImage(std::span<const std::uint8_t> head);
 /// The disk inside; the file as it stands when the head makes no sense.
 TOpenedDevice OpenCompressedImage(std::unique_ptr<IDevice> file);
 

@@ -15,7 +15,7 @@ namespace {
 using namespace std::string_view_literals;
 
 struct TFormat {
-  bool (*Is)(IDevice&);
+  bool (*Is)(const TImageMarks&);
   TOpenedDevice (*Open)(TImageFile);
 };
 constexpr TFormat Formats[] = {{IsVMwareDisk, OpenVMwareDisk},       {IsVDI, OpenVDI},     {IsVHDX, OpenVHDX},
@@ -46,13 +46,14 @@ bool HasExtension(std::string_view path, std::string_view extension) {
 TOpenedDevice OpenImage(const std::string& path, int depth) {
   TOpenedDevice opened = OpenDevice(path);
   if (!opened.Device || opened.Device->SectorSize() != 0) return opened;  // no regular file
-  if (IsCompressedImage(*opened.Device)) return OpenCompressedImage(std::move(opened.Device));
+  const TImageMarks marks(*opened.Device);
+  if (IsCompressedImage(marks.Head)) return OpenCompressedImage(std::move(opened.Device));
   TImageFile image{path, std::move(opened.Device), depth};
   for (const TFormat& format : Formats) {
-    if (format.Is(*image.File)) return format.Open(std::move(image));
+    if (format.Is(marks)) return format.Open(std::move(image));
   }
   for (const auto& [magic, name] : Foreign) {
-    if (IsAt(BytesAt(*image.File, 0, magic.size()), 0, magic)) return RefuseImage(TImageProblem::UnknownKind, name);
+    if (IsAt(marks.Head, 0, magic)) return RefuseImage(TImageProblem::UnknownKind, name);
   }
   // A descriptor that does not begin as they all do.
   if (HasExtension(path, ".vmdk")) return OpenVMwareDisk(std::move(image));

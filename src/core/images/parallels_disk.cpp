@@ -86,9 +86,8 @@ std::string ParentInBundle(const std::string& path) {
 
 }  // namespace
 
-bool IsParallelsDisk(IDevice& file) {
-  const TByteDynArray head = BytesAt(file, 0, HeadSize);
-  return IsAt(head, 0, InSectors) || IsAt(head, 0, InBlocks);
+bool IsParallelsDisk(const TImageMarks& marks) {
+  return IsAt(marks.Head, 0, InSectors) || IsAt(marks.Head, 0, InBlocks);
 }
 
 TOpenedDevice OpenParallelsDisk(TImageFile image) {

@@ -148,7 +148,7 @@ TOpenedDevice OpenBacking(const TImageFile& image, const THead& head) {
 
 }  // namespace
 
-bool IsQcow2(IDevice& file) { return IsAt(BytesAt(file, 0, 4), 0, "QFI\xfb"); }
+bool IsQcow2(const TImageMarks& marks) { return IsAt(marks.Head, 0, "QFI\xfb"); }
 
 TOpenedDevice OpenQcow2(TImageFile image) {
   const THead head = ReadHead(*image.File);

@@ -86,7 +86,7 @@ TOpenedDevice OpenVdiParent(const TImageFile& image, std::span<const std::uint8_
 
 }  // namespace
 
-bool IsVDI(IDevice& file) { return ReadLe32(BytesAt(file, 0, HeadSize), 0x40) == Signature; }
+bool IsVDI(const TImageMarks& marks) { return ReadLe32(marks.Head, 0x40) == Signature; }
 
 TOpenedDevice OpenVDI(TImageFile image) {
   const TByteDynArray head = BytesAt(*image.File, 0, HeadSize);

@@ -155,28 +155,27 @@ TOpenedDevice OpenGrowing(TImageFile image, std::span<const std::uint8_t> footer
   return {std::make_unique<TGrowingDisk>(std::move(image.File), footer, head, std::move(parent)), 0};
 }
 
-/// The footer of a growing disk stands at its end, with a copy at its start.
-TByteDynArray GrowingFooter(IDevice& file) {
-  for (TByteDynArray footer : {BytesAt(file, 0, FooterSize), FooterOf(file)}) {
-    const std::uint32_t kind = ReadBe32(footer, 0x3C);
-    if (IsAt(footer, 0, "conectix") && (kind == Dynamic || kind == Differencing)) return footer;
+/// The footer of a growing disk stands at its end, with a copy at its start; empty for other files.
+std::span<const std::uint8_t> GrowingFooter(const TImageMarks& marks) {
+  for (const TByteDynArray* footer : {&marks.Head, &marks.Tail}) {
+    const std::uint32_t kind = ReadBe32(*footer, 0x3C);
+    const bool isFooter = footer->size() >= FooterSize && IsAt(*footer, 0, "conectix");
+    if (isFooter && (kind == Dynamic || kind == Differencing)) return std::span(*footer).first(FooterSize);
   }
   return {};
 }
 
-bool IsFixed(IDevice& file) {
-  const TByteDynArray footer = FooterOf(file);
-  return IsFooter(footer) && ReadBe32(footer, 0x3C) == Fixed && file.Size() > static_cast<std::int64_t>(FooterSize);
-}
+bool IsFixed(const TImageMarks& marks) { return IsFooter(marks.Tail) && ReadBe32(marks.Tail, 0x3C) == Fixed; }
 
 }  // namespace
 
-bool IsVHD(IDevice& file) { return !GrowingFooter(file).empty() || IsFixed(file); }
+bool IsVHD(const TImageMarks& marks) { return !GrowingFooter(marks).empty() || IsFixed(marks); }
 
 TOpenedDevice OpenVHD(TImageFile image) {
-  const TByteDynArray footer = GrowingFooter(*image.File);
-  if (!footer.empty()) return OpenGrowing(std::move(image), footer);
+  const TImageMarks marks(*image.File);
+  if (const auto footer = GrowingFooter(marks); !footer.empty()) return OpenGrowing(std::move(image), footer);
   const std::int64_t size = image.File->Size() - static_cast<std::int64_t>(FooterSize);
+  if (size <= 0) return RefuseImage(TImageProblem::Damaged, "VHD");
   return {std::make_unique<TFixedDisk>(size, std::move(image.File)), 0};
 }
 

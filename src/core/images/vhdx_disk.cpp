@@ -229,7 +229,7 @@ TOpenedDevice OpenVhdxParent(const TImageFile& image, const TLayout& layout) {
 
 }  // namespace
 
-bool IsVHDX(IDevice& file) { return IsAt(BytesAt(file, 0, 8), 0, "vhdxfile"); }
+bool IsVHDX(const TImageMarks& marks) { return IsAt(marks.Head, 0, "vhdxfile"); }
 
 TOpenedDevice OpenVHDX(TImageFile image) {
   constexpr std::size_t logGuid = 48;

@@ -147,6 +147,18 @@ std::optional<std::uint64_t> TTableReader::Number(std::int64_t place, int size, 
   return ReadNumber(bytes, littleEndian, static_cast<std::size_t>(size), 0);
 }
 
+TImageMarks::TImageMarks(IDevice& file) : Head(4096), Tail(512) {
+  constexpr std::size_t least = 512;
+  Head.resize(file.Read(0, Head));
+  if (Head.size() < least) {  // what follows may be bad
+    Head.resize(least);
+    Head.resize(file.Read(0, Head));
+  }
+  const std::int64_t end = file.Size() - static_cast<std::int64_t>(Tail.size());
+  Tail.resize(end < 0 ? 0 : file.Read(end, Tail));
+  if (Tail.size() < 512) Tail.clear();
+}
+
 TByteDynArray BytesAt(IDevice& file, std::uint64_t position, std::uint64_t size) {
   const auto end = static_cast<std::uint64_t>(file.Size());
   if (size > LargestTablePart || position > end || size > end - position) return {};

@@ -86,6 +86,13 @@ class TTableReader {
   std::size_t FNext = 0;  // the one to be replaced next
 };
 
+/// What tells the kind of an image file: its first and last bytes, read once, since they may be bad.
+struct TImageMarks {
+  explicit TImageMarks(IDevice& file);
+  TByteDynArray Head;  ///< the first 4 KiB, or what there is
+  TByteDynArray Tail;  ///< the last 512 bytes; empty for a shorter file
+};
+
 /// So many bytes of a file; empty when it has not all of them, or for more than 64 MiB.
 TByteDynArray BytesAt(IDevice& file, std::uint64_t position, std::uint64_t size);
 /// True when the text stands there.

@@ -12,21 +12,21 @@
 
 namespace brenlow {
 
-bool IsVDI(IDevice& file);
+bool IsVDI(const TImageMarks& marks);
 TOpenedDevice OpenVDI(TImageFile image);
 
 /// Growing and differencing ones by the copy of the footer at the start, fixed ones by their footer at the end.
-bool IsVHD(IDevice& file);
+bool IsVHD(const TImageMarks& marks);
 TOpenedDevice OpenVHD(TImageFile image);
 
-bool IsVHDX(IDevice& file);
+bool IsVHDX(const TImageMarks& marks);
 TOpenedDevice OpenVHDX(TImageFile image);
 
 /// `.hdd` and `.hds`.
-bool IsParallelsDisk(IDevice& file);
+bool IsParallelsDisk(const TImageMarks& marks);
 TOpenedDevice OpenParallelsDisk(TImageFile image);
 
-bool IsQcow2(IDevice& file);
+bool IsQcow2(const TImageMarks& marks);
 TOpenedDevice OpenQcow2(TImageFile image);
 
 /// A list of one file.

@@ -341,11 +341,8 @@ TOpenedDevice OpenDescribed(TImageFile image, const TDescriptor& descriptor) {
 
 }  // namespace
 
-bool IsVMwareDisk(IDevice& file) {
-  constexpr std::string_view first = "# Disk DescriptorFile";
-  TByteDynArray bytes(first.size());
-  bytes.resize(file.Read(0, bytes));
-  return ReadLe32(bytes, 0) == SparseMagic || IsAt(bytes, 0, first);
+bool IsVMwareDisk(const TImageMarks& marks) {
+  return ReadLe32(marks.Head, 0) == SparseMagic || IsAt(marks.Head, 0, "# Disk DescriptorFile");
 }
 
 TOpenedDevice OpenVMwareDisk(TImageFile image) {

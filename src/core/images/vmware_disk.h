@@ -39,7 +39,7 @@ struct TVMwareInfo {
 };
 
 /// By the magic of a sparse extent, or the first line of a descriptor.
-bool IsVMwareDisk(IDevice& file);
+bool IsVMwareDisk(const TImageMarks& marks);
 
 /// The disk that the file describes or holds; the file as it stands when it is neither, as the flat extent
 /// of a descriptor is. A refusal for kinds of extents that are not read here.
