@@ -265,7 +265,7 @@ TEST_CASE("the engine's own writers refuse what a source reads from, whatever it
   fs::create_directory_symlink(top, other.Path() + "/link");
   TEngine engine;
   const int number = engine.Drives().Mount(TextFromPath(top + "/x.dsk"), false);
-  CHECK(engine.Drives().Save(number, 0, 64, other.Path() + "/link/x.img", false).SystemError == TSourceGuard::Refused);
+  CHECK(engine.Drives().Save(number, 0, 64, other.Path() + "/link/x.dsk", false).SystemError == TSourceGuard::Refused);
   CHECK((content(top + "/x.dsk") == stick));
 
   // Files of a recovery: the name of a source is not replaced, and neither is a link to it.
