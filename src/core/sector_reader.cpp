@@ -16,6 +16,7 @@ constexpr std::int64_t PieceBytes = 4096;            // what disks and systems r
 constexpr std::int64_t SlowFailure = 10'000;         // microseconds; less costs nothing to try
 constexpr int ZoneFailures = 4;                      // end to end: a zone, not single sectors
 constexpr std::int64_t FirstBlindStep = 65536;       // bytes
+constexpr std::int64_t LargestBlindStep = std::int64_t{1} << 60;
 
 std::int64_t SteadyMicroseconds() {
   const auto now = std::chrono::steady_clock::now().time_since_epoch();
@@ -159,14 +160,27 @@ TReadFaults* TSectorReader::FaultsOf(TStringView key) {
 /// What lies between places that failed is tried for the content of files, and on demand.
 bool TSectorReader::TriesLeftOut() const { return (FEngine.Recovering || TriesEverySector) && !IsOutOfTime(); }
 
-/// Reads up to the first place that is known not to read.
+/// Reads up to the first place that does not read.
 std::size_t TSectorReader::ReadAround(const TRequest& request, TReadFaults& faults, std::int64_t position,
                                       std::span<std::uint8_t> bytes) {
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    const TStretch stretch =
+        ReadStretch(request, faults, position + static_cast<std::int64_t>(done), bytes.subspan(done));
+    done += stretch.Got;
+    if (stretch.Got < stretch.Asked || stretch.Asked == 0) break;
+  }
+  return done;
+}
+
+/// The start of a request, as far as the same is known of all its places.
+TSectorReader::TStretch TSectorReader::ReadStretch(const TRequest& request, TReadFaults& faults, std::int64_t position,
+                                                   std::span<std::uint8_t> bytes) {
   const auto sectorSize = static_cast<std::size_t>(request.SectorSize);
   const auto place = faults.At(position);
-  if (place == TReadFaults::TPlace::Unreadable) return 0;
+  if (place == TReadFaults::TPlace::Unreadable) return {};
   if (place == TReadFaults::TPlace::LeftOut) {
-    if (!TriesLeftOut()) return 0;
+    if (!TriesLeftOut()) return {};
     bytes = bytes.first(std::min(bytes.size(), sectorSize));
   }
   const std::int64_t known = std::max(faults.EndOf(position) - position, std::int64_t{request.SectorSize});
@@ -180,7 +194,7 @@ std::size_t TSectorReader::ReadAround(const TRequest& request, TReadFaults& faul
     got = ReadOnce(request, position, bytes);
   }
   if (got > 0) faults.SetRead({position, position + static_cast<std::int64_t>(got)});
-  return got;
+  return {bytes.size(), got};
 }
 
 /// Sector by sector up to the first that does not read.
@@ -224,7 +238,7 @@ void TSectorReader::NoteFailure(const TRequest& request, TReadFaults::TRange fai
   const int adjacent = faults.CountAdjacent(failed);
   if (IsOutOfTime()) {
     FWasOutOfTime = true;
-    FBlindStep = std::max(FBlindStep * 2, FirstBlindStep);
+    FBlindStep = std::min(std::max(FBlindStep * 2, FirstBlindStep), LargestBlindStep);
     faults.SetLeftOut({failed.Start, std::max(failed.End, failed.Start + FBlindStep)});
     return;
   }
@@ -308,6 +322,16 @@ std::int64_t TSectorReader::UnreadableSectors() const {
   std::int64_t sectors = 0;
   for (const auto& [key, faults] : FFaults) sectors += faults.UnreadableSectors();
   return sectors;
+}
+
+void TSectorReader::ForgetFaults() {
+  FFaults.clear();
+  FLastFailedDrive.clear();
+}
+
+void TSectorReader::ForgetFaults(const TString& key) {
+  FFaults.erase(key);
+  if (FLastFailedDrive == key) FLastFailedDrive.clear();
 }
 
 void TSectorReader::RenewBadTime() {

@@ -99,8 +99,9 @@ class TSectorReader {
   /// Sectors that failed stay known.
   void RenewBadTime();
   /// The sources may have changed: nothing is known of them any more.
-  void ForgetFaults() { FFaults.clear(); }
-  void ForgetFaults(const TString& key) { FFaults.erase(key); }
+  void ForgetFaults();
+  /// The same for one device, by its key.
+  void ForgetFaults(const TString& key);
 
  private:
   struct TRequest {
@@ -109,8 +110,14 @@ class TSectorReader {
     int SectorSize;
     int Unit;  ///< bytes that fail by themselves: a drive may be read in larger sectors than its device has
   };
+  struct TStretch {
+    std::size_t Asked = 0;  ///< bytes; 0 where nothing is asked of the device
+    std::size_t Got = 0;    ///< bytes
+  };
   std::size_t ReadAround(const TRequest& request, TReadFaults& faults, std::int64_t position,
                          std::span<std::uint8_t> bytes);
+  TStretch ReadStretch(const TRequest& request, TReadFaults& faults, std::int64_t position,
+                       std::span<std::uint8_t> bytes);
   std::size_t ReadApart(const TRequest& request, std::int64_t position, std::span<std::uint8_t> bytes);
   std::size_t ReadOnce(const TRequest& request, std::int64_t position, std::span<std::uint8_t> bytes);
   void NoteFailure(const TRequest& request, TReadFaults::TRange failed);

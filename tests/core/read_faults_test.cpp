@@ -106,6 +106,35 @@ TEST_CASE("the same large request is not failed twice: the second time its bad s
   CHECK(disk.FailedReads() == 2);
 }
 
+TEST_CASE("what a scan left out and reads comes whole in one request for the content of a file") {
+  TDisk disk(100);
+  disk.Device->FailSectors(1003);
+  disk.Pass(TReadEffort::Scan);
+  const auto read = [&](std::int64_t first, std::int64_t count) {
+    disk.Engine.Recovering = true;
+    return disk.Engine.Reader().ReadDriveSectors(disk.Drive, disk.Buffer.data(), first, count) / 512;
+  };
+  REQUIRE(disk.Engine.Reader().IsLeftOut(disk.Drive, 1001));
+  REQUIRE(disk.Engine.Reader().IsLeftOut(disk.Drive, 1005));
+  CHECK(read(1004, 8) == 8);  // half of it left out, half of it read before
+  CHECK(read(996, 16) == 7);
+  CHECK(disk.Buffer[6 * 512] == TDisk::Content(1002));
+}
+
+TEST_CASE("a place beyond the end that failed is asked for again once the source may have changed") {
+  for (const bool all : {false, true}) {
+    TDisk disk(0);
+    disk.Drive.SectorsCount = 100;
+    disk.Device->FailSectors(100);
+    const auto read = [&] { return disk.Engine.Reader().ReadDriveSectors(disk.Drive, disk.Buffer.data(), 100, 1); };
+    CHECK(read() == 0);
+    disk.Device->Heal();
+    CHECK(read() == 0);
+    all ? disk.Engine.Reader().ForgetFaults() : disk.Engine.Reader().ForgetFaults(disk.Drive.Drive);
+    CHECK(read() == 512);
+  }
+}
+
 TEST_CASE("scans of a slow disk: a bad zone costs a few failures, single bad sectors nothing but themselves") {
   TDisk zone(100);
   zone.Engine.Reader().BadTimeLimit = INT64_MAX;
