@@ -59,7 +59,7 @@ std::uint32_t TFAT::GetNextRecoveryCluster(const TDriveInfo& drive, std::uint32_
   // Most files lie in one piece.
   if (IsUnknown(drive, cluster) && IsInside(drive, cluster + 1)) return cluster + 1;
   FEngine.Pump();
-  const auto highest = static_cast<std::uint32_t>(ClusterRoom(drive) + 2);
+  const auto highest = static_cast<std::uint32_t>(LastCluster(drive));
   const std::uint32_t start = cluster + 1 > highest || cluster + 1 < 2 ? 2 : cluster + 1;
   if (drive.FATInfo.FATTable.empty() || (!FEngine.Analysing && !FEngine.Recovering)) return start;
   const std::uint32_t found = NextFree(drive.FATInfo, start);
@@ -137,7 +137,7 @@ void TFAT::GetFileData(TDriveInfo& drive, TByteDynArray& result, TFile& file, st
     while ((index + run.Count) * clusterBytes < until) {
       const std::uint32_t last = position.Cluster;
       StepOn(drive, info);
-      if (position.Cluster != last + 1) break;
+      if (position.Cluster != last + 1 || !IsInside(drive, position.Cluster)) break;
       ++run.Count;
     }
     const std::int64_t runEnd = std::min((index + run.Count) * clusterBytes, until);
