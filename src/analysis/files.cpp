@@ -114,6 +114,21 @@ void TFiles::DoBeforeAnalyse(int driveNumber) {
                                                                                     SpecialCluster::NTFSSystemData};
 }
 
+namespace {
+
+/// The numbers of content that some folder of the drive shows, and those that need no folder.
+std::unordered_set<std::int64_t> ShownFolders(const TFileArray& list, const TDriveInfo& drive) {
+  std::unordered_set<std::int64_t> shown{SpecialCluster::Root, SpecialCluster::NTFSSystemData};
+  for (const std::int64_t parent : TDrives::GetFoundPosParentClusters(drive)) {
+    for (const std::int64_t number : drive.ParentClusters.Folders(parent)) {
+      shown.insert(list[static_cast<std::size_t>(number)].FileInfo.FirstCluster);
+    }
+  }
+  return shown;
+}
+
+}  // namespace
+
 void TFiles::DoAfterAnalyse(int driveNumber) {
   if (FEngine.Drives().IsWrongNumber(driveNumber)) return;
   TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
@@ -121,8 +136,11 @@ void TFiles::DoAfterAnalyse(int driveNumber) {
   std::sort(known.begin(), known.end());
   TInt64DynArray lost;
   bool hasLost = false;
+  const std::unordered_set<std::int64_t> shown = ShownFolders(List, drive);
   for (const std::int64_t number : TDrives::GetFoundPosParentClusters(drive)) {
-    if (number == SpecialCluster::Unselected || std::binary_search(known.begin(), known.end(), number)) continue;
+    if (number == SpecialCluster::Unselected) continue;
+    // Rows of folders may have gone since they were noted.
+    if (std::binary_search(known.begin(), known.end(), number) && shown.contains(number)) continue;
     hasLost = true;
     if (number != SpecialCluster::LostAndFound) lost.push_back(number);
   }
