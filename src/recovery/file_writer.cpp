@@ -161,6 +161,8 @@ void TFileWriter::RecoveryAllADS(int fileNumber, const TTargetFile& target) {
     if (streams[i].IsSystem) continue;
     const auto number = static_cast<int>(i);
     bool written = false;
+    const std::uint64_t failedReads = FEngine.Reader().FailedReads();
+    const std::uint64_t estimatedReads = FEngine.Reader().EstimatedReads();
     switch (mode) {
       case TStreamMode::None:
         ++StreamsLeft;
@@ -172,7 +174,9 @@ void TFileWriter::RecoveryAllADS(int fileNumber, const TTargetFile& target) {
         written = WriteStreamAttribute(fileNumber, number, streams[i], target);
         break;
     }
-    ++(written ? StreamsWritten : StreamsFailed);
+    const bool whole =
+        written && FEngine.Reader().FailedReads() == failedReads && FEngine.Reader().EstimatedReads() == estimatedReads;
+    ++(whole ? StreamsWritten : StreamsFailed);
   }
 }
 

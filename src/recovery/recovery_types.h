@@ -88,7 +88,7 @@ struct TRecoverySummary {
   std::int64_t Overwritten = 0;
   std::int64_t StreamsWritten = 0;
   std::int64_t StreamsLeft = 0;    ///< not wanted on this target
-  std::int64_t StreamsFailed = 0;  ///< wanted, but the target refused them
+  std::int64_t StreamsFailed = 0;  ///< wanted, but not whole: not all could be read, or the target refused them
   /// The first `MostFaults` files that are neither whole nor skipped by an answer about a taken name.
   std::vector<TFileOutcome> Faults;
   bool TargetFull = false;

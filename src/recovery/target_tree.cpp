@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <random>
+#include <string_view>
 #include <utility>
 
 #include "core/text.h"
@@ -53,6 +54,17 @@ std::string UniqueName() {
   return TTargetTree::PartialPrefix + std::string(number);
 }
 
+/// True for a name that `UniqueName` gives, and for the one name of older versions.
+bool IsNameOfPartial(std::string_view name) {
+  if (!name.starts_with(TTargetTree::PartialPrefix)) return false;
+  name.remove_prefix(std::string_view(TTargetTree::PartialPrefix).size());
+  if (name.empty()) return true;
+  const std::size_t digits = name.find_first_not_of("0123456789", 1);
+  if (name.front() != '-' || digits == std::string_view::npos || digits == 1 || name[digits] != '-') return false;
+  const std::string_view random = name.substr(digits + 1);
+  return !random.empty() && random.find_first_not_of("0123456789abcdef") == std::string_view::npos;
+}
+
 /// The path that a file without a name can be linked from.
 std::string LinkPath(const THandle& file) { return "/proc/self/fd/" + std::to_string(file.Get()); }
 
@@ -74,7 +86,7 @@ void RemoveLeftovers(int folder, const TSourceGuard& guard) {
   }
   while (const dirent* entry = ::readdir(entries)) {
     const std::string name = entry->d_name;
-    if (!name.starts_with(TTargetTree::PartialPrefix) || guard.IsSource(folder, name)) continue;
+    if (!IsNameOfPartial(name) || guard.IsSource(folder, name)) continue;
     const THandle file(::openat(folder, name.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat status {};
     const bool isFile = file.Valid() && ::fstat(file.Get(), &status) == 0 && S_ISREG(status.st_mode);
