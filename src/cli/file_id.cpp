@@ -47,7 +47,7 @@ bool ParseId(std::string_view text, TFileId& id) {
   return text.size() == IdDigits && error == std::errc() && end == text.data() + text.size();
 }
 
-/// The id of a line; empty where an object has none. The text as it stands when it is no object.
+/// The id of a line; empty where an object has none. The text as it stands when it is not an object.
 std::string IdOfLine(const std::string& line) {
   if (!line.starts_with('{')) return line;
   const nlohmann::json object = nlohmann::json::parse(line, nullptr, false);

@@ -49,7 +49,7 @@ void AddKnownRows(TEngine& engine, const TOptions& options, int number, TInteger
     if (!IsRow(row) || row.Drive != searched.Drive || row.FirstSector < first || row.FirstSector >= end) continue;
     if (!systems.Empty() && !systems.Has(row.FileSystem)) continue;
     TDriveInfo copy = row;
-    // What only a partition type promises is no find.
+    // What only a partition type promises does not count as found.
     if (row.FileSystem == TFileSystem::fsUnknown || !engine.Drives().GetInfo(copy, false, true, false)) continue;
     const bool isFound = std::any_of(found.begin(), found.end(), [&](int other) {
       return Drive(engine, other).FirstSector == row.FirstSector && Drive(engine, other).FileSystem == row.FileSystem;

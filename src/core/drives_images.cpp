@@ -48,7 +48,7 @@ TImageResult TDrives::Save(int number, std::int64_t firstSector, std::int64_t se
     return result;
   }
   const TDriveInfo& drive = List[static_cast<std::size_t>(number)];
-  // The copy of an NTFS boot sector lies behind its volume, and so may the rest of what there was.
+  // The copy of an NTFS boot sector lies after its volume, and so may the rest of what there was.
   const std::int64_t source = FEngine.Reader().DeviceSectors(drive);
   if (firstSector == 0 && sectorsCount == drive.SectorsCount && IsWholeSource(drive) && source != INT64_MAX) {
     sectorsCount = source;

@@ -27,7 +27,7 @@ std::int64_t SteadyMicroseconds() {
 
 std::uint32_t TSectorReader::ReadDriveSectors(const TDriveInfo& drive, void* buffer, std::int64_t startingSector,
                                               std::int64_t sectorCount) {
-  // A read that fails inside of the drive says nothing of what lies behind its end, where the copy of
+  // A read that fails inside of the drive says nothing of what lies after its end, where the copy of
   // a boot sector may be.
   const std::int64_t lastSector = drive.FirstSector + drive.SectorsCount - 1;
   const bool outside = drive.SectorsCount > 0 && (startingSector < 0 || startingSector > lastSector);

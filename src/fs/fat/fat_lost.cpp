@@ -173,7 +173,7 @@ void TFolderWalk::ScanRun(std::uint32_t first, std::uint32_t count, TByteDynArra
   }
 }
 
-/// Somewhere in the run a sector cannot be read: the rest of it may be sound. Free clusters behind bad
+/// Somewhere in the run a sector cannot be read: the rest of it may be sound. Free clusters after bad
 /// ones are passed over in growing steps.
 void TFolderWalk::ScanBadRun(std::uint32_t first, std::uint32_t count, std::span<std::uint8_t> bytes) {
   const auto clusterBytes = static_cast<std::size_t>(ClusterBytes(FDrive));

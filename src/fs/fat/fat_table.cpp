@@ -64,7 +64,7 @@ class TTableReader {
   TByteDynArray Bytes;
   /// Sectors of the table that cannot be read, as pairs of first and end.
   std::vector<std::pair<std::int64_t, std::int64_t>> Unreadable;
-  std::int64_t ReadableEnd = 0;  ///< sector behind the last one that could be read
+  std::int64_t ReadableEnd = 0;  ///< sector after the last one that could be read
 
   /// Reads the next sectors of the table.
   void Append(std::int64_t count) {

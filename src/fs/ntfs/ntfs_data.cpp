@@ -22,7 +22,7 @@ constexpr std::int64_t LargestUnit = 65536;  // bytes that the stream of one uni
 constexpr std::int64_t LargestPackedUnit = LargestUnit + 2 * 16;
 constexpr unsigned LargestUnitPower = 16;
 
-/// The run that holds a cluster of a stream, or the first one behind it.
+/// The run that holds a cluster of a stream, or the first one after it.
 TRuns::const_iterator RunOf(const TRuns& runs, std::int64_t vcn) {
   return std::upper_bound(runs.begin(), runs.end(), vcn,
                           [](std::int64_t v, const TRun& run) { return v < run.Vcn + run.Count; });
@@ -41,7 +41,7 @@ bool HasMissing(const TRuns& runs, std::int64_t vcn, std::int64_t count) {
   return false;
 }
 
-/// Whether sectors lie in the volume, the one behind its stated end (with the copy of the boot sector)
+/// Whether sectors lie in the volume, the one after its stated end (with the copy of the boot sector)
 /// included.
 bool IsInVolume(const TDriveInfo& drive, std::int64_t first, std::int64_t sectors) {
   return first >= 0 && first <= drive.SectorsCount && sectors <= drive.SectorsCount + 1 - first;

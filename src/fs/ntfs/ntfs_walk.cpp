@@ -80,7 +80,7 @@ bool TNTFS::AnalyseMFTRecord(TDriveInfo& drive, std::span<const std::uint8_t> bu
   const std::size_t size = std::min(static_cast<std::size_t>(drive.NTFSInfo.MFTRecordSize), buffer.size() - start);
   FRecord.assign(buffer.begin() + static_cast<std::ptrdiff_t>(start),
                  buffer.begin() + static_cast<std::ptrdiff_t>(start + size));
-  // A record met by a search may go on behind the block that was read.
+  // A record met by a search may go on after the block that was read.
   const bool cut = size < static_cast<std::size_t>(drive.NTFSInfo.MFTRecordSize) && mftNumber < 0 && sectorNumber >= 0;
   if (!cut || !ReadRecord(drive, {sectorNumber, offsetInSector, 0, 0}, FRecord)) ApplyFixups(FRecord);
   const unsigned flags = FRecord.size() > 0x16 ? FRecord[0x16] : 0;
