@@ -21,8 +21,6 @@ constexpr std::uint64_t ExtendedEntries = 16;
 constexpr std::uint64_t KnownFeatures = 0x1F;
 constexpr std::uint32_t BackingFormat = 0xE2792ACA;  // a header extension
 
-std::uint64_t ReadBe64(std::span<const std::uint8_t> bytes, std::size_t at) { return ReadNumber(bytes, false, 8, at); }
-
 struct THead {
   std::uint32_t Version = 0;
   std::uint64_t BackingPlace = 0;

@@ -26,8 +26,6 @@ constexpr std::size_t Locators = 0x240;             // eight of 24 bytes
 constexpr std::uint32_t RelativePath = 0x57327275;  // "W2ru": UTF-16, little-endian
 constexpr std::int64_t LongestRun = 256;            // sectors looked at for one piece
 
-std::uint64_t ReadBe64(std::span<const std::uint8_t> bytes, std::size_t at) { return ReadNumber(bytes, false, 8, at); }
-
 TByteDynArray FooterOf(IDevice& file) {
   const std::int64_t end = file.Size() - static_cast<std::int64_t>(FooterSize);
   return end < 0 ? TByteDynArray() : BytesAt(file, static_cast<std::uint64_t>(end), FooterSize);

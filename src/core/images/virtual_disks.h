@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "core/images/virtual_disk.h"
+#include "core/numbers.h"
 
 namespace brenlow {
 
@@ -34,6 +35,10 @@ inline std::vector<std::unique_ptr<IDevice>> OneFile(std::unique_ptr<IDevice> fi
   std::vector<std::unique_ptr<IDevice>> files;
   files.push_back(std::move(file));
   return files;
+}
+
+constexpr std::uint64_t ReadBe64(std::span<const std::uint8_t> bytes, std::size_t at) {
+  return ReadNumber(bytes, false, 8, at);
 }
 
 constexpr std::uint64_t CeilDiv(std::uint64_t value, std::uint64_t divisor) {
