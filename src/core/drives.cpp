@@ -67,14 +67,16 @@ void TDrives::DeviceInserted() {
 }
 
 /// Closes what another device, or the same one put in again, has taken the name of: its table is to be
-/// read anew.
+/// read anew, and what failed before is to be tried again.
 void TDrives::CloseChanged() {
   for (const TSystemDisk& disk : FEngine.Partitions().SystemLists.Disks()) {
     const TString key = TextFromPath(disk.Path);
     const bool unchanged = std::any_of(FPhysicalDrives.begin(), FPhysicalDrives.end(), [&](const TPhysicalDrive& d) {
       return d.Drive == key && d.Sequence == disk.Sequence && d.DiskSize == disk.Size;
     });
-    if (!unchanged) FEngine.Devices().Close(key);
+    if (unchanged) continue;
+    FEngine.Devices().Close(key);
+    FEngine.Reader().ForgetFaults(key);
   }
 }
 
