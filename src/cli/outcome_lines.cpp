@@ -10,6 +10,7 @@
 
 #include "analysis/files.h"
 #include "cli/file_fields.h"
+#include "core/device/caller.h"
 #include "core/engine.h"
 #include "recovery/master_link.h"
 
@@ -48,7 +49,7 @@ bool EndsWithinLine(const std::string& path) {
 // ---- the report -----------------------------------------------------------------------------
 
 int TReportFile::Open(const std::string& path) {
-  FHandle = THandle(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666));
+  FHandle = THandle(OpenOrCreate(AT_FDCWD, path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC, 0666));
   if (!FHandle.Valid()) return errno;
   if (EndsWithinLine(path)) Write("\n");
   return FError;

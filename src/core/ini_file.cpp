@@ -6,11 +6,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
 
+#include "core/device/caller.h"
 #include "core/text.h"
 
 namespace brenlow {
@@ -85,15 +87,16 @@ TIniFile TIniFile::Parse(std::string_view bytes) {
   return file;
 }
 
-bool TIniFile::Load(const std::string& path) {
+int TIniFile::Load(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
-  if (!file) return false;
+  if (!file) return errno;
   std::string bytes(LargestFile + 1, '\0');
   file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
   bytes.resize(static_cast<std::size_t>(file.gcount()));
-  if (file.bad() || bytes.size() > LargestFile) return false;
+  if (file.bad()) return EIO;  // a folder, too
+  if (bytes.size() > LargestFile) return EFBIG;
   *this = Parse(bytes);
-  return true;
+  return 0;
 }
 
 bool TIniFile::Save(const std::string& path) const {
@@ -102,6 +105,7 @@ bool TIniFile::Save(const std::string& path) const {
   std::string beside = path + ".new-XXXXXX";
   const int handle = ::mkostemp(beside.data(), O_CLOEXEC);
   if (handle < 0) return false;
+  if (LiesWithCaller(path)) GiveToCaller(handle);
   bool written = ::write(handle, text.data(), text.size()) == static_cast<ssize_t>(text.size());
   written = ::fsync(handle) == 0 && written;
   written = ::close(handle) == 0 && written;

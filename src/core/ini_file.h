@@ -22,8 +22,8 @@ class TIniFile {
   TIniFile() = default;
   /// UTF-8 with or without a byte order mark, or UTF-16 with one.
   static TIniFile Parse(std::string_view bytes);
-  /// False when the file cannot be read, or is far too large to be one.
-  bool Load(const std::string& path);
+  /// 0, or the errno: ENOENT when there is none, EFBIG when it is far too large to be one.
+  int Load(const std::string& path);
   /// Writes beside the file and moves over it, so that a crash leaves the old or the new one.
   bool Save(const std::string& path) const;
   std::string Text() const;

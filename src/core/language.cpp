@@ -76,7 +76,7 @@ bool TLanguage::Load(const std::string& folder, const std::string& name, TLangua
   bool found = false;
   for (const std::string& path : {folder + "/Common/" + name + ".lng", folder + "/" + name + ".lng"}) {
     TIniFile file;
-    if (!file.Load(path)) continue;
+    if (file.Load(path) != 0) continue;
     result.Read(file);
     found = true;
   }

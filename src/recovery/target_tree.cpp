@@ -17,6 +17,7 @@
 #include <string_view>
 #include <utility>
 
+#include "core/device/caller.h"
 #include "core/text.h"
 #include "recovery/safe_name.h"
 
@@ -132,8 +133,7 @@ int TTargetTree::Open(const std::string& path, TSourceGuard guard, bool mayLieOn
   FGuard = std::move(guard);
   FMayLieOnSource = mayLieOnSource;
   if (!mayLieOnSource && FGuard.LiesOnSource(path)) return TSourceGuard::Refused;
-  std::filesystem::create_directories(path, error);
-  if (error) return error.value();
+  if (const int missing = CreateFolders(path); missing != 0) return missing;
   // The user named this path: links in it are the user's own.
   THandle handle(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!handle.Valid()) return errno;
@@ -157,8 +157,7 @@ int TTargetTree::Open(const std::string& path, TSourceGuard guard, bool mayLieOn
 int TTargetTree::TakeLock() {
   if (FGuard.IsSource(FRoot.Get(), LockName)) return 0;
   for (int attempt = 0; attempt < MostAttempts; ++attempt) {
-    constexpr int flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-    THandle lock(::openat(FRoot.Get(), LockName, flags | O_CREAT, 0666));
+    THandle lock(OpenOrCreate(FRoot.Get(), LockName, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
     if (!lock.Valid()) return 0;
     if (::flock(lock.Get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) return EWOULDBLOCK;
     // A run that just ended has taken its lock file with it: then this is no longer the one that counts.
@@ -228,7 +227,10 @@ int TTargetTree::OpenBelow(int above, TFolder& folder, THandle& handle) {
     }
     handle = THandle(OpenFolder(above, folder.Name));
     const bool forbidden = !folder.IsNew && handle.Valid() && IsForbidden(handle);
-    if (handle.Valid() && !forbidden) break;
+    if (handle.Valid() && !forbidden) {
+      if (folder.IsNew && !folder.Entered) GiveNewFolderToCaller(handle.Get());
+      break;
+    }
     // Something else has the name (a file, a link, a source mounted there): another name is tried.
     const int error = forbidden ? TSourceGuard::Refused : errno;
     const bool isOther = forbidden || error == ENOTDIR || error == ELOOP;
@@ -350,7 +352,8 @@ int TTargetTree::CreatePartial(THandle& handle) {
   if (!FPartial.Handle.Valid()) {
     if (const int error = CreateNamed(); error != 0) return error;
   }
-  // The caller closes its own, as some file systems tell only then that they are full.
+  GiveToCaller(FPartial.Handle.Get());
+  // Whoever asked closes its own, as some file systems tell only then that they are full.
   handle = THandle(::fcntl(FPartial.Handle.Get(), F_DUPFD_CLOEXEC, 0));
   return handle.Valid() ? 0 : errno;
 }

@@ -3,10 +3,12 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <charconv>
 #include <cstdlib>
 #include <filesystem>
 
+#include "core/device/caller.h"
 #include "core/language.h"
 
 namespace brenlow {
@@ -172,17 +174,21 @@ void TSettings::WriteTo(TIniFile& file) const {
 TSettings TSettingsFile::Load() {
   TSettings settings;
   TIniFile file;
-  if (file.Load(FPath)) settings.ReadFrom(file);
+  const int error = file.Load(FPath);
+  if (error == 0) settings.ReadFrom(file);
+  FLoadError = error == ENOENT || error == ENOTDIR ? 0 : error;
   return settings;
 }
 
 bool TSettingsFile::Save(const TSettings& settings) const {
   TIniFile file;
   // A file that is there but cannot be read is not replaced by one of defaults.
-  if (!file.Load(FPath) && std::filesystem::exists(FPath)) return false;
+  if (file.Load(FPath) != 0 && std::filesystem::exists(FPath)) return false;
   settings.WriteTo(file);
+  // Root's own settings stay root's, also under sudo.
+  const std::string folder = std::filesystem::path(FPath).parent_path();
   std::error_code error;
-  std::filesystem::create_directories(std::filesystem::path(FPath).parent_path(), error);
+  LiesWithCaller(FPath) ? CreateFolders(folder) : std::filesystem::create_directories(folder, error);
   return file.Save(FPath);
 }
 

@@ -83,14 +83,18 @@ struct TSettings {
 class TSettingsFile {
  public:
   explicit TSettingsFile(std::string path) : FPath(std::move(path)) {}
-  /// A missing file gives all defaults.
+  /// A missing file gives all defaults, as does one that cannot be read: `LoadError` tells which it was.
   TSettings Load();
-  /// On top of what the file holds by now. False when it cannot be written; nobody is told.
+  /// The errno of a file that is there and could not be read; 0 otherwise.
+  int LoadError() const { return FLoadError; }
+  /// On top of what the file holds by now. Under sudo a new file in a folder of the user who called it is that
+  /// user's. False when it cannot be written; nobody is told.
   bool Save(const TSettings& settings) const;
   const std::string& Path() const { return FPath; }
 
  private:
   std::string FPath;
+  int FLoadError = 0;
 };
 
 /// Folder of the running program, without a slash at its end.

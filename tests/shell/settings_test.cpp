@@ -124,8 +124,8 @@ TEST_CASE("every text is there in English, and in German with the same place hol
   CHECK(known.size() == TextPlaces().size());
   for (const char* name : {"/Common/", "/"}) {
     TIniFile english, other;
-    REQUIRE(english.Load(BRENLOW_LANGUAGES + std::string(name) + "English.lng"));
-    REQUIRE(other.Load(BRENLOW_LANGUAGES + std::string(name) + "German.lng"));
+    REQUIRE(english.Load(BRENLOW_LANGUAGES + std::string(name) + "English.lng") == 0);
+    REQUIRE(other.Load(BRENLOW_LANGUAGES + std::string(name) + "German.lng") == 0);
     std::size_t keys = 0;
     for (const TIniFile::TLine& line : english.Lines()) {
       if (line.Key.empty()) continue;

@@ -11,6 +11,7 @@
 #include <span>
 
 #include "core/datetime.h"
+#include "core/device/caller.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/file_io.h"
@@ -32,6 +33,11 @@ void PutLe(std::uint8_t* at, std::uint64_t value, int size) {
 }
 
 std::string PartialName(const std::string& path) { return path + ".partial"; }
+
+/// The descriptor of the file that becomes the image, or -1 with errno.
+int OpenPartial(const std::string& path, int flags) {
+  return OpenOrCreate(AT_FDCWD, PartialName(path).c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | flags, 0666);
+}
 
 }  // namespace
 
@@ -93,7 +99,7 @@ TImageResult TImageWriter::WriteRaw(const std::string& path, const std::string& 
     if (refused.SystemError != 0) return refused;
     FEngine.Reader().ForgetFaults();
   }
-  const int file = ::open(partial.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | (resumes ? 0 : O_TRUNC), 0666);
+  const int file = OpenPartial(path, resumes ? 0 : O_TRUNC);
   if (file < 0) return Close(-1, path, errno);
   int error = ::ftruncate64(file, FSize) == 0 ? 0 : errno;
   if (error == 0) error = KeepMap(file, map, mapPath, true);
@@ -179,7 +185,7 @@ int TImageWriter::KeepMap(int file, const TRescueMap& map, const std::string& ma
 // ---- compressed -----------------------------------------------------------------------------
 
 TImageResult TImageWriter::WriteCompressed(const std::string& path) {
-  const int file = ::open(PartialName(path).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_TRUNC, 0666);
+  const int file = OpenPartial(path, O_TRUNC);
   if (file < 0) return Close(-1, path, errno);
   FEngine.Reader().TriesEverySector = true;  // there is one pass only
   const int error = WriteBlocks(file);

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "core/images/rescue_map.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -8,6 +11,8 @@
 #include <sstream>
 #include <string_view>
 #include <utility>
+
+#include "core/device/caller.h"
 
 namespace brenlow {
 namespace {
@@ -125,8 +130,13 @@ int TRescueMap::Load(const std::string& path, TRescueMap& map) {
 
 int TRescueMap::Save(const std::string& path) const {
   const std::string beside = SuccessorName(path);
-  std::FILE* file = std::fopen(beside.c_str(), "w");
-  if (file == nullptr) return errno;
+  const int handle = OpenOrCreate(AT_FDCWD, beside.c_str(), O_WRONLY | O_CLOEXEC | O_TRUNC, 0666);
+  std::FILE* file = handle < 0 ? nullptr : ::fdopen(handle, "w");
+  if (file == nullptr) {
+    const int error = errno;
+    if (handle >= 0) ::close(handle);
+    return error;
+  }
   const bool finished = Find(0, [](TMapStatus status) { return status != TMapStatus::Finished; }) == FSize;
   std::fprintf(file, "# Mapfile. Created by Brenlow Partition Recovery\n# current_pos  current_status  current_pass\n");
   std::fprintf(file, "0x%08llX     %c               1\n#      pos        size  status\n",

@@ -89,6 +89,11 @@ int main(int argc, char** argv) {
   TSingleInstance instance(InstanceName);
   if (instance.HandOver(argument)) return 0;
   if (!instance.Listen()) return 1;
+  if (const int error = file.LoadError(); error != 0) {
+    const std::string reason = SystemErrorText(language, error);
+    QMessageBox::warning(nullptr, QApplication::applicationName(),
+                         QString::fromStdString(language.Utf8(TText::SettingsUnreadable, {file.Path(), reason})));
+  }
 
   QDir::setCurrent(PathToQt(program));
   auto window = std::make_unique<TfMain>(settings, language, LanguageFolder(program));
