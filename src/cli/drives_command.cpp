@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "cli/commands.h"
+#include "cli/file_fields.h"
 #include "cli/json_line.h"
 #include "cli/rows.h"
 #include "cli/session.h"
@@ -28,11 +29,17 @@ std::string RowTypeText(const TLanguage& texts, const TDriveInfo& drive) {
   return texts.Utf8(type == "disk" ? TText::RowDisk : type == "gap" ? TText::RowGap : TText::RowVolume);
 }
 
+/// How a file system is known, as JSON tells it; empty where none is.
+std::string GeometryCode(const TDriveInfo& drive) {
+  return drive.FileSystem == TFileSystem::fsUnknown ? "" : PlaceCode(drive.GeometrySource);
+}
+
 std::string RowJson(const TDriveInfo& drive, int number) {
   TJsonLine line;
   return line.Number("number", number)
       .Text("type", RowType(drive))
       .TextOrNull("file_system", SystemName(drive))
+      .TextOrNull("geometry", GeometryCode(drive))
       .Number("size", SizeOf(drive))
       .Number("first_sector", drive.FirstSector)
       .Number("sectors", drive.SectorsCount)
@@ -45,11 +52,12 @@ std::string RowJson(const TDriveInfo& drive, int number) {
       .Take();
 }
 
-/// The caption, the name in the partition table, and where the volume is mounted.
-std::string RowName(const TDriveInfo& drive) {
+/// The caption, the name in the partition table, where the volume is mounted, and whether only a copy tells of it.
+std::string RowName(const TLanguage& texts, const TDriveInfo& drive) {
   std::string name = ToUtf8(drive.Caption);
   if (!drive.PartitionName.empty()) name += " [" + ToUtf8(drive.PartitionName) + "]";
   if (!drive.DriveLetter.empty()) name += " (" + PathFromText(drive.DriveLetter) + ")";
+  if (drive.GeometrySource == TPlaceSource::FromCopy) name += " (" + texts.Utf8(TText::RowKnownByCopy) + ")";
   return Printable(name);
 }
 
@@ -74,7 +82,7 @@ void PrintDriveRows(TEngine& engine, const TOptions& options) {
       output.Write(RowJson(drive, number));
       continue;
     }
-    std::string name = RowName(drive);
+    std::string name = RowName(texts, drive);
     if (tellSource) {
       name = fmt::format("{:32}  {}", name, Printable(PathFromText(drive.Drive)));
       if (number > 1) name += fmt::format(" --drive {}", number);
@@ -111,7 +119,7 @@ std::string InfoLine(const TDriveInfo& drive, int number, const std::string& sty
   if (!style.empty()) line.Text("partition_table", style);
   line.TextOrNull("partition_type", role);
   line.TextOrNull("partition_name", ToUtf8(drive.PartitionName));
-  line.TextOrNull("file_system", SystemName(drive));
+  line.TextOrNull("file_system", SystemName(drive)).TextOrNull("geometry", GeometryCode(drive));
   if (drive.FileSystem != TFileSystem::fsUnknown) {
     line.TextOrNull("label", ToUtf8(drive.VolumeName)).Number("cluster_size", ClusterSize(drive));
     line.Number("free", FreeBytes(drive));
@@ -143,6 +151,9 @@ std::string InfoText(const TLanguage& texts, const TDriveInfo& drive, int number
     return text + row(TText::InfoFileSystem, texts.Utf8(TText::InfoUnknownSystem));
   }
   text += row(TText::InfoFileSystem, SystemName(drive));
+  if (drive.GeometrySource == TPlaceSource::FromCopy) {
+    text += row(TText::PropertyKnownBy, texts.Utf8(TText::KnownByCopies));
+  }
   text += row(TText::InfoLabel, drive.VolumeName.empty() ? "-" : Printable(ToUtf8(drive.VolumeName)));
   text += row(TText::InfoClusterSize, SizeText(ClusterSize(drive)));
   text += row(TText::InfoFree, SizeText(FreeBytes(drive)));

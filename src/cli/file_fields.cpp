@@ -9,9 +9,8 @@
 #include "core/engine.h"
 
 namespace brenlow::cli {
-namespace {
 
-const char* PlaceName(TPlaceSource place) {
+const char* PlaceCode(TPlaceSource place) {
   switch (place) {
     case TPlaceSource::Stored:
       return "stored";
@@ -24,6 +23,8 @@ const char* PlaceName(TPlaceSource place) {
   }
   return "";
 }
+
+namespace {
 
 /// A time as exactly as the source has it. FAT keeps local times without a zone, of the last access the
 /// date only; other systems keep UTC.
@@ -69,11 +70,12 @@ TJsonLine FileFields(TEngine& engine, const TTreeEntry& entry) {
       .Flag("compressed", info.Atributes.blnCompressed)
       .Flag("encrypted", info.Atributes.blnEncrypted)
       .Number("drive", RowOf(engine, info.aDriveNumber).Number)
+      .Number("volume_sector", engine.Drives().List[static_cast<std::size_t>(info.aDriveNumber)].FirstSector)
       .TextOrNull("created", TimeField(isFAT, times.dtCreated))
       .TextOrNull("modified", TimeField(isFAT, times.dtModified))
       .TextOrNull("accessed", TimeField(isFAT, times.dtAccessed, true))
       .Number("first_cluster", info.FirstCluster)
-      .Text("place", std::string(PlaceName(PlaceOf(engine, *entry.File))));
+      .Text("place", std::string(PlaceCode(PlaceOf(engine, *entry.File))));
   return line;
 }
 

@@ -9,6 +9,9 @@ namespace brenlow::cli {
 /// The fields of one file or folder in JSON output.
 TJsonLine FileFields(TEngine& engine, const TTreeEntry& entry);
 
+/// How it is known where something lies, the same in every language.
+const char* PlaceCode(TPlaceSource place);
+
 /// What a folder that is not on the source stands for, the same in every language; empty for all
 /// others.
 const char* VirtualCode(const TFile& file);

@@ -15,6 +15,7 @@
 #include "cli/options.h"
 #include "cli/session.h"
 #include "cli/usage.h"
+#include "cli/verb_options.h"
 #include "shell/settings.h"
 
 namespace {
@@ -46,7 +47,8 @@ constexpr TVerb Verbs[] = {
 /// The language, before anything is said: `--language`, else the settings, else the environment.
 void ChooseLanguage(int argc, char** argv, TOptions& options) {
   const std::string program = brenlow::ProgramFolder();
-  std::string name = brenlow::LanguageToUse(brenlow::TSettingsFile(brenlow::SettingsPath(program)).Load());
+  brenlow::TSettingsFile settings(brenlow::SettingsPath(program));
+  std::string name = brenlow::LanguageToUse(settings.Load());
   constexpr std::string_view option = "--language";
   bool asked = false;
   for (int i = 1; i < argc; ++i) {
@@ -59,6 +61,10 @@ void ChooseLanguage(int argc, char** argv, TOptions& options) {
   const bool found = TLanguage::Load(brenlow::LanguageFolder(program), name, options.Texts);
   if (!found && asked && name != "English") {
     brenlow::cli::Complain(options.Texts.Utf8(TText::LanguageUnknown, {name}));
+  }
+  if (const int error = settings.LoadError(); error != 0) {
+    const std::string reason = brenlow::SystemErrorText(options.Texts, error);
+    brenlow::cli::Complain(options.Texts.Utf8(TText::SettingsUnreadable, {settings.Path(), reason}));
   }
 }
 
@@ -112,7 +118,7 @@ int Run(int argc, char** argv, TOptions& options) {
   help->add_option("VERB", helpVerb, texts.Utf8(TText::HelpHelpVerbName));
 
   try {
-    app.parse(argc, argv);
+    app.parse(brenlow::cli::WordsForParser(argc, argv));
   } catch (const CLI::ParseError& error) {
     // --help and --version arrive here as well, with exit code 0.
     if (error.get_exit_code() != 0) return brenlow::cli::ComplainOfUsage(app, error, texts);

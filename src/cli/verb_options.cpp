@@ -4,12 +4,23 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <iterator>
+#include <string_view>
 
 #include "cli/option_values.h"
 #include "cli/usage.h"
 
 namespace brenlow::cli {
 namespace {
+
+/// Whether the last of these words is, or gives with "=", the value of an option that takes a list.
+bool EndsWithList(const std::vector<std::string>& words) {
+  constexpr std::string_view lists[] = {"--ext", "--systems", "--type"};
+  const std::string before = words.size() > 1 ? words[words.size() - 2] : "";
+  return std::any_of(std::begin(lists), std::end(lists), [&](std::string_view option) {
+    return before == option || words.back().starts_with(std::string(option) + "=");
+  });
+}
 
 /// An option that takes a list and may be given several times: "jpg,png", "jpg, png", "jpg png".
 CLI::Option* AddListOption(CLI::App& verb, const char* name, std::vector<std::string>& target,
@@ -42,6 +53,21 @@ CLI::Option* AddValueOption(CLI::App& verb, const char* name, TValue& target,
 }
 
 }  // namespace
+
+std::vector<std::string> WordsForParser(int argc, char** argv) {
+  std::vector<std::string> words;
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view word = argv[i];
+    const bool isBetween = !words.empty() && (words.back().ends_with(',') || word.starts_with(','));
+    if (isBetween && !word.starts_with('-') && EndsWithList(words)) {
+      words.back() += word;
+    } else {
+      words.emplace_back(word);
+    }
+  }
+  std::reverse(words.begin(), words.end());
+  return words;
+}
 
 void AddSourceOption(CLI::App& verb, TOptions& options) {
   const TLanguage& texts = options.Texts;

@@ -3,10 +3,16 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <string>
+#include <vector>
 
 #include "cli/options.h"
 
 namespace brenlow::cli {
+
+/// The words of the command line for the parser, which takes them from the last one on. A list that goes on
+/// after a comma and a blank, as in "--type image, document", is one word there.
+std::vector<std::string> WordsForParser(int argc, char** argv);
 
 /// SOURCE and what every verb with one source has.
 void AddSourceOption(CLI::App& verb, TOptions& options);

@@ -94,7 +94,11 @@ class TSheet {
     Add(sheet.General, TText::PropertyMountPoint, drive.DriveLetter);
     Add(sheet.General, TText::PropertySource, drive.Drive);
     Add(sheet.General, TText::PropertySerial, drive.Serial);
+    if (drive.GeometrySource == TPlaceSource::FromCopy) {
+      Add(sheet.General, TText::PropertyKnownBy, FEngine.Language()[TText::KnownByCopies]);
+    }
     Add(sheet.Details, TText::PropertyPartition, FEngine.Drives().GetPartitionTypeCaption(drive));
+    Add(sheet.Details, TText::PropertyPartitionName, drive.PartitionName);
     Add(sheet.Details, TText::PropertyFirstSector, NumberText(drive.FirstSector));
     Add(sheet.Details, TText::PropertySectors, NumberText(drive.SectorsCount));
     Add(sheet.Details, TText::PropertySectorSize, FromUtf8(SizeText(drive.BytesPerSector)));
