@@ -21,7 +21,7 @@ class TLostNTFS {
   /// `mainDrive` is the drive under search.
   TLostNTFS(TEngine& engine, int mainDrive);
 
-  /// Takes note of a sector of the pass (counted from the drive's start); `bytes` may go on behind it.
+  /// Takes note of a sector of the pass (counted from the drive's start); `bytes` may go on after it.
   void NoteSector(std::span<const std::uint8_t> bytes, std::int64_t sector);
 
   /// After the pass: adds the volumes that the traces speak for, gives volumes whose table is gone one,

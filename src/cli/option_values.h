@@ -15,7 +15,7 @@ namespace brenlow::cli {
 /// The members of a list that commas, blanks or both part, in lower case.
 std::vector<std::string> SplitList(std::string_view list);
 
-/// Bytes: a number, which may have a fraction, with K, M, G or T (units of 1024) behind it.
+/// Bytes: a number, which may have a fraction, with K, M, G or T (units of 1024) after it.
 std::optional<std::int64_t> ParseSize(std::string_view text);
 
 /// A point in time: "2021-05-03", "2021-05-03 17:20" or "2021-05-03T17:20:06", each in local time

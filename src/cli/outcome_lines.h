@@ -16,7 +16,7 @@ class TRecoveryMasterLink;
 
 namespace brenlow::cli {
 
-/// The file of `--report`. What it holds stays: lines are added behind it, each written out at once, so
+/// The file of `--report`. What it holds stays: lines are added after it, each written out at once, so
 /// that a run that is killed or run again loses none.
 class TReportFile {
  public:

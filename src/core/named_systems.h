@@ -14,11 +14,11 @@ namespace brenlow {
 /// `head` begins at the volume's start; `fsUnknown` when nothing is known there.
 TFileSystem NameByFirstSector(std::span<const std::uint8_t> head);
 
-/// What a superblock behind the boot area says. A volume that was formatted anew may still hold one, so
+/// What a superblock after the boot area says. A volume that was formatted anew may still hold one, so
 /// boot sectors are to be asked first.
 TFileSystem NameBySuperblock(std::span<const std::uint8_t> head);
 
-/// exFAT by the copy of its boot region, 12 sectors behind the first.
+/// exFAT by the copy of its boot region, 12 sectors after the first.
 TFileSystem NameByCopy(std::span<const std::uint8_t> head, int bytesPerSector);
 
 }  // namespace brenlow

@@ -74,7 +74,7 @@ class TSectorReader {
   // A sector that failed is not asked for again. Where failures take time, the end of a zone that does
   // not read is looked for in growing steps, and the sectors between the places that failed are left
   // out: scans pass over them, content still has each of them tried. When failures have taken
-  // `BadTimeLimit` longer than all that was read, more and more is left out behind each, content or not.
+  // `BadTimeLimit` longer than all that was read, more and more is left out after each, content or not.
 
   struct TUnread {
     std::int64_t Sectors = 0;  ///< tried alone, in vain

@@ -80,7 +80,7 @@ class TTableReader {
     if (number < 0) return false;
     const TFATInfo& info = FDrive.FATInfo;
     const std::int64_t sector = FDrive.FirstSector + info.FATFirstSector + std::int64_t{info.FATSize} * number + from;
-    // Behind the end of the source nothing need be tried.
+    // After the end of the source nothing need be tried.
     if (sector >= FEngine.Reader().DeviceSectors(FDrive)) return false;
     const bool whole = FEngine.Reader().ReadDriveSectors(FDrive, place, sector, count) ==
                        static_cast<std::uint64_t>(count * FSectorSize);

@@ -26,7 +26,7 @@ void FindFolderNames(std::span<const std::uint8_t> bytes, TFolderNames& names);
 void FindFolderNames(std::span<const std::uint8_t> bytes, const std::unordered_set<std::int64_t>& wanted,
                      TFolderNames& names);
 
-/// What of a fixed-up record lies behind its attributes.
+/// What of a fixed-up record lies after its attributes.
 std::span<const std::uint8_t> UnusedPart(std::span<const std::uint8_t> record);
 
 /// Puts the bytes back that the update sequences of index blocks of 4 KiB have replaced.

@@ -30,7 +30,7 @@ struct TGeometry {
 class TSearchTraces {
  public:
   void Clear() { *this = TSearchTraces(); }
-  /// Takes note of what begins in the sector `sector` of the device. `bytes` may go on behind it.
+  /// Takes note of what begins in the sector `sector` of the device. `bytes` may go on after it.
   void NoteSector(std::span<const std::uint8_t> bytes, std::int64_t sector, int sectorSize);
 
   /// The volumes that the traces speak for, best first, `known` ones left out. `firstSector` is the
