@@ -14,6 +14,8 @@ namespace {
 constexpr std::size_t MostStarts = 256;
 constexpr std::size_t MostPairs = 64;
 constexpr std::int64_t RootArea16 = 512 * 32;  // bytes of the root that FAT16 volumes have on disks
+constexpr std::int64_t LargestTable16 =
+    65536 * 2 + 16 * 512;  // bytes: an entry for each number, and what formatters round up
 
 /// The width of the table that begins with these bytes: the first entry holds the media byte with all
 /// other bits set, the second one is an end mark with two flags of its own (Microsoft, "FAT: General
@@ -58,7 +60,9 @@ bool TTableSearch::Note(std::span<const std::uint8_t> bytes, std::int64_t sector
   // only.
   const auto first = std::find_if(FStarts.rbegin(), FStarts.rend(),
                                   [&](const TStart& s) { return s.Width == width && s.Content == start.Content; });
-  const bool isPair = first != FStarts.rend() && Pairs.size() < MostPairs;
+  const bool isNear = first != FStarts.rend() &&
+                      (width != TFileSystem::fsFAT16 || (sector - first->Sector) * bytesPerSector <= LargestTable16);
+  const bool isPair = isNear && Pairs.size() < MostPairs;
   if (isPair) Pairs.push_back({width, first->Sector, sector - first->Sector, {}});
   if (FStarts.size() >= MostStarts) FStarts.erase(FStarts.begin(), FStarts.begin() + MostStarts / 2);
   FStarts.push_back(start);
