@@ -12,7 +12,7 @@ constexpr std::size_t MostPlaces = 1 << 18;  // some 20 MB
 }  // namespace
 
 TReadFaults::TPlace TReadFaults::At(std::int64_t position) const {
-  if (position >= FPlaces.Size()) return TPlace::Unknown;
+  if (position < 0 || position >= FPlaces.Size()) return TPlace::Unknown;
   switch (FPlaces.At(position)) {
     case TMapStatus::Bad:
       return TPlace::Unreadable;

@@ -354,6 +354,9 @@ std::int64_t TSectorReader::DeviceSectors(const TDriveInfo& drive) {
 
 std::int64_t TSectorReader::NextSectorToScan(const TDriveInfo& drive, std::int64_t sector) {
   const std::int64_t readable = sector + KnownBadSectors(drive, sector);
+  // A damaged or cut-off volume may promise terabytes beyond the end of its source: no sector is wanted there.
+  const std::int64_t sectorSize = FEngine.Drives().GetBytesPerSector(drive);
+  if (readable > (DeviceSize(drive) - 1) / sectorSize) return INT64_MAX;
   return NextDataSector(drive, readable);
 }
 

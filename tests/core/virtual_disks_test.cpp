@@ -446,3 +446,81 @@ TEST_CASE("a hole of many TiB is passed over at once") {
   for (std::int64_t at = 0; at < data; at += std::int64_t{1} << 30) CHECK(opened.Device->NextData(at) == data);
   CHECK(std::chrono::steady_clock::now() - begin < std::chrono::seconds(5));
 }
+
+TEST_CASE("disks that are their own parents, by two paths, end after one chain") {
+  TTemporaryFolder folder;
+  const auto problem = [&](const std::string& name, const TImage& bytes) {
+    WriteFile(folder.Path() + name, bytes);
+    const auto begin = std::chrono::steady_clock::now();
+    const TOpenedDevice opened = OpenSource(folder.Path() + name);
+    CHECK(std::chrono::steady_clock::now() - begin < std::chrono::seconds(5));
+    CHECK_FALSE(opened.Device);
+    return opened.Problem;
+  };
+  TFileBuilder vhd(0);
+  vhd.Bytes = MakeVhd(4, 'p', 'p', 0xFF, 'P');
+  const std::string itself = Wide(".\\parent.vhd", true);
+  vhd.Text(512 + 0x240, "W2ru");
+  vhd.Number(512 + 0x248, itself.size(), 4, false);
+  vhd.Number(512 + 0x250, 3072, 8, false);
+  vhd.Text(3072, itself);
+  CHECK((problem("/parent.vhd", vhd.Bytes) == TImageProblem::Damaged));
+  TVhdx vhdx(7, 'C');
+  vhdx.MakeDifference(".\\self.vhdx", "{64646464-6464-6464-6464-646464646464}");
+  CHECK((problem("/self.vhdx", vhdx.File.Bytes) == TImageProblem::Damaged));
+}
+
+TEST_CASE("a parent that lies elsewhere is found by its relative path") {
+  TTemporaryFolder folder;
+  std::filesystem::create_directory(folder.Path() + "/older");
+  TFileBuilder child(0);
+  child.Bytes = MakeVhd(4, 'c', 'p', 0xA0, 'C');
+  const std::string path = Wide(".\\older\\first.vhd", true);
+  child.Text(512 + 0x240, "W2ru");
+  child.Number(512 + 0x248, path.size(), 4, false);
+  child.Number(512 + 0x250, 3072, 8, false);
+  child.Text(3072, path);
+  WriteFile(folder.Path() + "/older/first.vhd", MakeVhd(3, 'p', '\0', 0xFF, 'P'));
+  WriteFile(folder.Path() + "/parent.vhd", MakeVhd(3, 'x', '\0', 0xFF, 'X'));  // has the name, but is another disk
+  WriteFile(folder.Path() + "/child.vhd", child.Bytes);
+  CHECK(AllAre(ReadAll(folder.Path() + "/child.vhd"), 512, 512, 'P'));
+}
+
+TEST_CASE("a parent locator of 65535 long pairs costs no more than a sound one") {
+  TTemporaryFolder folder;
+  TVhdx vhdx(7, 'C');
+  const std::string key = "parent_linkage";
+  vhdx.MakeDifference("none.vhdx", "zzz");
+  const std::size_t locator = TVhdx::Metadata + 0x11000;
+  constexpr std::size_t keyAt = 786600;  // after the pairs
+  vhdx.File.Text(locator + keyAt, Wide(key, true));
+  vhdx.File.Number(locator + 18, 0xFFFF, 2);
+  for (std::size_t i = 0; i < 0xFFFF; ++i) {
+    vhdx.File.Number(locator + 20 + i * 12, keyAt, 4);
+    vhdx.File.Number(locator + 20 + i * 12 + 4, 20, 4);
+    vhdx.File.Number(locator + 20 + i * 12 + 8, key.size() * 2, 2);
+    vhdx.File.Number(locator + 20 + i * 12 + 10, 0xFFFE, 2);
+  }
+  WriteFile(folder.Path() + "/child.vhdx", vhdx.File.Bytes);
+  const auto begin = std::chrono::steady_clock::now();
+  CHECK((OpenSource(folder.Path() + "/child.vhdx").Problem == TImageProblem::ParentMissing));
+  CHECK(std::chrono::steady_clock::now() - begin < std::chrono::seconds(2));
+}
+
+TEST_CASE("many extents of one file together have no more tables than a single one") {
+  TTemporaryFolder folder;
+  TFileBuilder extent(4096);  // 64 MiB of a directory without a table
+  extent.Text(0, "KDMV");
+  extent.Number(20, 8, 8);
+  extent.Number(0x38, 4, 8);
+  WriteFile(folder.Path() + "/extent", extent.Bytes);
+  std::filesystem::resize_file(folder.Path() + "/extent", 65 << 20);
+  {
+    std::ofstream file(folder.Path() + "/many.vmdk");
+    file << "# Disk DescriptorFile\n# Extent description\n";
+    for (int i = 0; i < 500; ++i) file << "RW " << (std::int64_t{1} << 35) << " SPARSE \"extent\"\n";
+  }
+  const auto begin = std::chrono::steady_clock::now();
+  CHECK((OpenSource(folder.Path() + "/many.vmdk").Problem == TImageProblem::Damaged));
+  CHECK(std::chrono::steady_clock::now() - begin < std::chrono::seconds(5));
+}

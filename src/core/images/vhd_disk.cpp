@@ -117,23 +117,17 @@ std::string NameOf(std::span<const std::uint8_t> bytes, bool littleEndian) {
 TOpenedDevice OpenVhdParent(const TImageFile& image, std::span<const std::uint8_t> head) {
   TParentQuery query;
   query.Names.push_back(NameOf(head.subspan(ParentName, 512), false));
-  std::string relative;
   for (std::size_t i = 0; i < 8; ++i) {
     const auto locator = head.subspan(Locators + i * 24, 24);
     if (ReadBe32(locator, 0) != RelativePath) continue;
-    relative = NameOf(BytesAt(*image.File, ReadBe64(locator, 16), std::min(ReadBe32(locator, 8), 4096U)), true);
+    query.Relative = NameOf(BytesAt(*image.File, ReadBe64(locator, 16), std::min(ReadBe32(locator, 8), 4096U)), true);
   }
   query.IsIt = [head](IDevice& file) {
     const TByteDynArray footer = FooterOf(file);
     return IsFooter(footer) &&
            std::equal(footer.begin() + OwnGuid, footer.begin() + OwnGuid + GuidSize, head.begin() + ParentGuid);
   };
-  TOpenedDevice beside = OpenParent(image, query);
-  if (beside.Device || relative.empty()) return beside;
-  query.Names = {relative};
-  query.Relative = true;
-  TOpenedDevice elsewhere = OpenParent(image, query);
-  return elsewhere.Device ? std::move(elsewhere) : std::move(beside);
+  return OpenParent(image, query);
 }
 
 TOpenedDevice OpenGrowing(TImageFile image, std::span<const std::uint8_t> footer) {

@@ -31,6 +31,7 @@ constexpr TGuid ParentLocator = {0x2D, 0x5F, 0xD3, 0xA8, 0x0B, 0xB3, 0x4D, 0x45,
 constexpr std::uint64_t SectorsOfBitmap = 1U << 23;  // that one bit map tells of: a chunk
 constexpr std::uint64_t Unit = 0x100000;             // bytes; places are in bits 20 and up of an entry
 constexpr std::int64_t LongestRun = 256;             // sectors looked at for one piece
+constexpr std::size_t MostPairs = 64;                // of a parent locator, of up to 128 KiB each; real ones have six
 
 // States of a block, bits 0 to 2 of its entry. A block that is nowhere is the parent's, if there is one.
 constexpr std::uint64_t NotPresent = 0;
@@ -193,7 +194,7 @@ TLocator ReadLocator(std::span<const std::uint8_t> metadata) {
   const auto entry = FindEntry(metadata, 32, ReadLe16(metadata, 10), ParentLocator);
   if (entry.empty() || ReadLe32(entry, 16) >= metadata.size()) return locator;
   const auto item = metadata.subspan(ReadLe32(entry, 16));
-  const std::size_t count = ReadLe16(item, 18);
+  const std::size_t count = std::min<std::size_t>(ReadLe16(item, 18), MostPairs);
   for (std::size_t i = 0; i < count && 20 + (i + 1) * 12 <= item.size(); ++i) {
     const auto pair = item.subspan(20 + i * 12, 12);
     const std::u16string key = TextAt(item, ReadLe32(pair, 0), ReadLe16(pair, 8));
@@ -209,6 +210,7 @@ TLocator ReadLocator(std::span<const std::uint8_t> metadata) {
 TOpenedDevice OpenVhdxParent(const TImageFile& image, const TLayout& layout) {
   const TLocator locator = ReadLocator(layout.Metadata);
   TParentQuery query;
+  query.Relative = locator.Relative;
   for (const std::string& name : {locator.Relative, locator.Absolute}) {
     if (!name.empty()) query.Names.push_back(name);
   }
@@ -219,12 +221,7 @@ TOpenedDevice OpenVhdxParent(const TImageFile& image, const TLayout& layout) {
     const std::string guid = GuidText(std::span(head).subspan(dataGuid, GuidSize));
     return std::find(locator.Linkages.begin(), locator.Linkages.end(), guid) != locator.Linkages.end();
   };
-  TOpenedDevice beside = OpenParent(image, query);
-  if (beside.Device || locator.Relative.empty()) return beside;
-  query.Names = {locator.Relative};
-  query.Relative = true;
-  TOpenedDevice elsewhere = OpenParent(image, query);
-  return elsewhere.Device ? std::move(elsewhere) : std::move(beside);
+  return OpenParent(image, query);
 }
 
 }  // namespace

@@ -203,14 +203,15 @@ std::string PathBeside(const std::string& path, std::string name) {
 TOpenedDevice OpenParent(const TImageFile& child, const TParentQuery& query) {
   const std::string shown = query.Names.empty() ? std::string("?") : query.Names.front();
   if (child.Depth >= DeepestChain) return RefuseImage(TImageProblem::Damaged, shown);
+  std::vector<std::string> paths;
+  for (const std::string& name : query.Names) paths.push_back(PathBeside(child.Path, name));
+  if (!query.Relative.empty() && query.Relative.find('\0') == std::string::npos) {
+    std::string relative = query.Relative;
+    std::replace(relative.begin(), relative.end(), '\\', '/');
+    paths.push_back((std::filesystem::path(child.Path).parent_path() / relative).string());
+  }
   bool otherContent = false;
-  for (const std::string& name : query.Names) {
-    std::string path = PathBeside(child.Path, name);
-    if (query.Relative && name.find('\0') == std::string::npos) {
-      std::string relative = name;
-      std::replace(relative.begin(), relative.end(), '\\', '/');
-      path = (std::filesystem::path(child.Path).parent_path() / relative).string();
-    }
+  for (const std::string& path : paths) {
     if (path.empty()) continue;
     TOpenedDevice file = OpenDevice(path);
     if (!file.Device || file.Device->SectorSize() != 0) continue;

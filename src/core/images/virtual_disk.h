@@ -108,12 +108,14 @@ struct TImageFile {
   int Depth = 0;  ///< 0 for the one that was asked for, 1 for its parent, ...
 };
 
-/// The parent of a difference. `names` are tried in order, beside the child; of a path only the last
-/// component counts, unless `relative`, which is resolved as it stands. `isIt` is asked of the file as it
-/// stands. `raw`: it is taken as the bytes of a disk, whatever it looks like.
+/// The parent of a difference. `Names` are tried in order, beside the child; of a path only the last
+/// component counts. After them `Relative`, a path from the child's folder, is taken as it stands. The first
+/// file that `IsIt` (asked of the file as it stands) says yes to is the parent: when that one cannot be
+/// opened no other is tried, else a chain that leads back to itself would branch at each of its steps.
+/// `Raw`: it is taken as the bytes of a disk, whatever it looks like.
 struct TParentQuery {
   std::vector<std::string> Names;
-  bool Relative = false;
+  std::string Relative;
   bool Raw = false;
   std::function<bool(IDevice& file)> IsIt;
 };

@@ -20,6 +20,7 @@ constexpr std::int64_t Sector = 512;
 constexpr std::int64_t LargestDescriptor = 102400;           // bytes; from there on a file holds an extent
 constexpr std::int64_t MostSectors = std::int64_t{1} << 47;  // of a disk: 64 PiB
 constexpr std::size_t MostExtents = 4096;
+constexpr std::uint64_t MostTables = 1 << 24;  // of all extents: searches ask for each of them
 constexpr std::int64_t EntriesOfTable = 512;
 constexpr std::uint32_t SparseMagic = 0x564D444B;  // "KDMV"
 constexpr std::uint32_t ZeroGrainsFlag = 4;
@@ -159,8 +160,9 @@ TSparseHead ReadHead(IDevice& file) {
   return head;
 }
 
-/// False for a directory that no disk of this size can have in this file.
-bool TakeHead(IDevice& file, const TSparseHead& head, TVMwareFile& extent) {
+/// False for a directory that no disk of this size can have in this file. `tablesLeft` is how many grain
+/// tables the disk may still have.
+bool TakeHead(IDevice& file, const TSparseHead& head, TVMwareFile& extent, std::uint64_t& tablesLeft) {
   constexpr std::uint64_t tableBytes = EntriesOfTable * 4;
   if (!head.IsSparse || head.Directory <= 0 || head.Directory >= file.Size() / Sector) return false;
   extent.GrainSize = head.GrainSize;
@@ -168,6 +170,8 @@ bool TakeHead(IDevice& file, const TSparseHead& head, TVMwareFile& extent) {
   extent.ZeroGrains = (head.Flags & ZeroGrainsFlag) != 0;
   extent.Compressed = (head.Flags & CompressedFlag) != 0;
   const auto tables = static_cast<std::uint64_t>(CeilDiv(extent.SectorsCount, EntriesOfTable * head.GrainSize));
+  if (tables > tablesLeft) return false;
+  tablesLeft -= tables;
   return TablesFitInFile(file, static_cast<std::uint64_t>(head.Directory) * Sector, tables, 4, true, tableBytes);
 }
 
@@ -292,7 +296,9 @@ TOpenedDevice OpenSingle(TImageFile image, const TSparseHead& head) {
   TVMwareFile extent;
   extent.SectorsCount = head.Capacity;
   extent.strPath = TextFromPath(image.Path);
-  const bool sound = head.Capacity > 0 && head.Capacity <= MostSectors && TakeHead(*image.File, head, extent);
+  std::uint64_t tablesLeft = MostTables;
+  const bool sound =
+      head.Capacity > 0 && head.Capacity <= MostSectors && TakeHead(*image.File, head, extent, tablesLeft);
   if (!sound) return RefuseImage(TImageProblem::Damaged, "VMDK");
   info.Files.push_back(std::move(extent));
   TakeParent(ReadDescriptor(*image.File, head), info);
@@ -311,6 +317,7 @@ TOpenedDevice OpenDescribed(TImageFile image, const TDescriptor& descriptor) {
   TVMwareInfo info;
   std::vector<std::unique_ptr<IDevice>> files;
   std::int64_t start = 0;
+  std::uint64_t tablesLeft = MostTables;
   for (const TExtentLine& line : descriptor.Extents) {
     if (line.Sectors == 0 || line.Sectors > MostSectors - start) continue;
     TVMwareFile extent;
@@ -325,7 +332,7 @@ TOpenedDevice OpenDescribed(TImageFile image, const TDescriptor& descriptor) {
       if (!opened.Device) return opened;
       file = std::move(opened.Device);
       extent.strPath = TextFromPath(extentPath);
-      const bool sound = extent.Flat || TakeHead(*file, ReadHead(*file), extent);
+      const bool sound = extent.Flat || TakeHead(*file, ReadHead(*file), extent, tablesLeft);
       if (!sound) return RefuseImage(TImageProblem::Damaged, "VMDK: " + line.File);
     } else if (line.Kind != "ZERO") {
       return RefuseImage(TImageProblem::UnknownKind, "VMDK, " + line.Kind);

@@ -115,8 +115,9 @@ void TSearchTraces::NoteFolder(std::span<const std::uint8_t> record, std::int64_
     if (FAnyIndexCluster < 0) FAnyIndexCluster = runs.front().Lcn;
     TByNumber* entry = Entry(number);
     if (entry == nullptr || entry->Folders.size() >= MostOfOneNumber) return;
-    runs.resize(std::min(runs.size(), MostRuns));
-    entry->Folders.push_back({sector, blockSize, std::move(runs)});
+    // A copy: the runs that were left out would keep their memory.
+    const auto kept = static_cast<std::ptrdiff_t>(std::min(runs.size(), MostRuns));
+    entry->Folders.push_back({sector, blockSize, TRuns(runs.begin(), runs.begin() + kept)});
     ++FNoted;
     return;
   }
