@@ -107,7 +107,7 @@ class TFAT {
   bool IsHighPartUsed(const TDriveInfo& drive);
   bool IsOnlyPlace(const TDriveInfo& drive, const TFileInfo& file);
   bool AddCandidates(TDriveInfo& drive, TFileInfo& file);
-  void AddCandidatesBySignature(TDriveInfo& drive, TFileInfo& file, TStringView extension);
+  bool AddCandidatesBySignature(TDriveInfo& drive, TFileInfo& file, TStringView extension);
   void AddCandidateBySpace(TDriveInfo& drive, TFileInfo& file);
   void LoadTable(TDriveInfo& drive);
   bool ReadRootLabel(TDriveInfo& drive);

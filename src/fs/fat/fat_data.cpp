@@ -76,8 +76,10 @@ void TFAT::StepOn(TDriveInfo& drive, const TFileInfo& file) {
   const std::uint32_t from = position.Cluster;
   position.Cluster = GetNextRecoveryCluster(drive, from);
   ++position.Index;
-  if (NextCluster(drive, from) != 0 || drive.FATInfo.FATTable.empty()) return;
-  const bool follows = position.Cluster == from + 1 && !IsUnknown(drive, from) && !IsUnknown(drive, from + 1);
+  if (NextCluster(drive, from) != 0) return;
+  const bool hasTable = !drive.FATInfo.FATTable.empty();
+  const bool follows =
+      hasTable && position.Cluster == from + 1 && !IsUnknown(drive, from) && !IsUnknown(drive, from + 1);
   position.Estimated = position.Estimated || !file.blnDeleted || !follows;
 }
 
@@ -229,6 +231,7 @@ bool TFAT::IsOverwritten(const TFile& file) const {
 
 TPlaceSource TFAT::PlaceOf(const TFile& file) const {
   const TFileInfo& info = file.FileInfo;
+  if (FEngine.Drives().IsWrongNumber(info.aDriveNumber)) return info.Place;
   const TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(info.aDriveNumber)];
   if (drive.GeometrySource == TPlaceSource::Estimated) return TPlaceSource::Estimated;
   if (info.blnFolder || info.aSize <= 0) return info.Place;
@@ -318,24 +321,21 @@ bool TFAT::IsBlank(const TDriveInfo& drive, std::int64_t cluster) {
   return FEngine.Reader().ReadDriveSectors(drive, sector.data(), at, 1) == sector.size() && IsAllZero(sector);
 }
 
-/// The result is true when the candidates begin like files of that type.
+/// The result is true when the candidates begin like files of that type, and there are no others.
 bool TFAT::AddCandidates(TDriveInfo& drive, TFileInfo& file) {
   const TString extension = u"." + LowerCase(Trim(Extension(file.strName)));
   TByteDynArray sector(static_cast<std::size_t>(drive.BytesPerSector));
   bool known = false;
   bool same = false;
   FEngine.Signatures().CheckSignatureByFileExt(extension, sector, 0, known, same);
-  if (known) {
-    AddCandidatesBySignature(drive, file, extension);
-  } else {
-    AddCandidateBySpace(drive, file);
-  }
-  return known;
+  if (known) return AddCandidatesBySignature(drive, file, extension);
+  AddCandidateBySpace(drive, file);
+  return false;
 }
 
 /// Every place that begins like a file of this type. Free ones come first: what is in use holds
-/// another file by now.
-void TFAT::AddCandidatesBySignature(TDriveInfo& drive, TFileInfo& file, TStringView extension) {
+/// another file by now. False when a place could not be read: the file may begin there.
+bool TFAT::AddCandidatesBySignature(TDriveInfo& drive, TFileInfo& file, TStringView extension) {
   constexpr int mostFailures = 4;
   const std::int64_t needed = CeilDiv(file.aSize, ClusterBytes(drive));
   TByteDynArray sector(static_cast<std::size_t>(drive.BytesPerSector));
@@ -363,6 +363,7 @@ void TFAT::AddCandidatesBySignature(TDriveInfo& drive, TFileInfo& file, TStringV
     }
   }
   for (const std::int64_t candidate : used) file.FirstClusters.push_back(candidate);
+  return failures == 0;
 }
 
 /// The number as found where it is believed, else the first place where a file of this size may lie:

@@ -152,6 +152,7 @@ class TNTFS {
     std::int64_t Size = 0;       // bytes, as the first piece states it
     std::int64_t ValidSize = 0;  // bytes; what lies behind was never written and reads as zeros
     bool Compressed = false;
+    bool Damaged = false;  // the record that a resident one lies in did not read whole
     std::int64_t UnitClusters = 1;
   };
 

@@ -167,9 +167,11 @@ bool TNTFS::OpenStream(const TDriveInfo& drive, const TFile& file, int adsNumber
   const TMFTRecord key{info.FirstSector >= 0 ? info.FirstSector : info.FirstCluster, info.OffsetInSector};
   if (open.Drive == &drive && open.Place.Sector == key.Sector && open.Place.Offset == key.Offset &&
       open.Journal == info.JournalPosition && open.AdsNumber == adsNumber) {
+    if (open.Damaged) FEngine.Reader().NoteFailedRead();
     return true;
   }
   TStream stream;
+  const std::uint64_t failedReads = FEngine.Reader().FailedReads();
   struct TPiece {
     std::int64_t FirstVcn;
     TRuns Runs;
@@ -229,6 +231,7 @@ bool TNTFS::OpenStream(const TDriveInfo& drive, const TFile& file, int adsNumber
       stream.Runs.push_back(run);
     }
   }
+  stream.Damaged = stream.Resident && FEngine.Reader().FailedReads() != failedReads;
   stream.Drive = &drive;
   stream.Place = key;
   stream.Journal = info.JournalPosition;
