@@ -37,14 +37,18 @@ int CheckTarget(TEngine& engine, const TOptions& options) {
   const bool resumes = !options.Map.empty() && std::filesystem::exists(options.Map, error);
   const TSourceGuard guard = engine.Drives().SourceGuard();
   const std::vector<std::string> paths = PathsOfImage(options.Out, options.Map);
+  // Without a map, the part that an earlier run has left may be all that a dying disk still gave.
+  const auto last = paths.begin() + (options.Map.empty() ? 2 : 1);
+  const auto existing =
+      std::find_if(paths.begin(), last, [&](const auto& path) { return std::filesystem::exists(path, error); });
   const auto forbidden =
       std::find_if(paths.begin(), paths.end(), [&](const auto& path) { return guard.Forbids(path); });
   if (forbidden != paths.end()) {
     Complain(options.Texts.Utf8(TText::TargetOnSource, {*forbidden}));
   } else if (const std::string shared = SharedPath(options); !shared.empty()) {
     Complain(options.Texts.Utf8(TText::SamePath, {"--out", "--map", shared}));
-  } else if (std::filesystem::exists(options.Out, error) && !options.Overwrite && !resumes) {
-    Complain(options.Texts.Utf8(TText::ImageExists, {options.Out}));
+  } else if (existing != last && !options.Overwrite && !resumes) {
+    Complain(options.Texts.Utf8(TText::ImageExists, {*existing}));
   } else {
     return 0;
   }

@@ -217,6 +217,39 @@ int TellPlan(TEngine& engine, const TOptions& options, const TSelection& selecti
   return HasRoom(options, recovery) ? AllDone : DoneWithFailures;
 }
 
+/// Writes what is selected of the drives, with progress, until it is done or stopped.
+void WriteFiles(TEngine& engine, const TOptions& options, const TIntegerDynArray& drives, TRecoveryMasterLink& link,
+                TfrmSaveProgress& recovery, TOutcomeLines& lines, TProgressLine& progress) {
+  progress.Begin(options.Texts.Utf8(TText::RecoveringFiles));
+  const TStopKey stop(engine);
+  bool isStopTold = false;
+  engine.OnPump = [&] {
+    if (TStopKey::Pressed() && !isStopTold) {
+      progress.Clear();
+      Complain(options.Texts.Utf8(TText::StoppingAfterFile));
+      isStopTold = true;
+    }
+    lines.FlushIfDue();
+    const double total = static_cast<double>(std::max<std::int64_t>(recovery.RecoverySize, 1));
+    progress.Show(std::min(static_cast<double>(recovery.RecoveredSize) / total, 1.0), recovery.RecoveredSize,
+                  FilesText(options.Texts, recovery.Summary().Files) + UnreadDetail(engine, options));
+  };
+  recovery.OnFile = [&](const TFileOutcome& outcome, bool parentDeleted) {
+    lines.Write(outcome, parentDeleted);
+    if (TStopKey::Pressed()) engine.Recovering = false;  // the file in hand is done
+  };
+  engine.Recovering = true;
+  for (const int number : drives) {
+    if (!engine.Recovering) break;
+    link.GetSelectedFiles = TopOf(engine, number);
+    recovery.Recovery(false, drives.size() > 1 ? RowFolder(engine, number) : TString());
+  }
+  engine.Recovering = false;
+  engine.OnPump = nullptr;
+  recovery.CloseInfo();
+  progress.Clear();
+}
+
 }  // namespace
 
 void AddRecoverOptions(CLI::App& verb, TOptions& options) {
@@ -289,34 +322,7 @@ int RecoverFiles(const TOptions& options) {
     return WrongUsage;
   }
   HasRoom(options, recovery);
-  progress.Begin(options.Texts.Utf8(TText::RecoveringFiles));
-  const TStopKey stop(engine);
-  bool isStopTold = false;
-  engine.OnPump = [&] {
-    if (TStopKey::Pressed() && !isStopTold) {
-      progress.Clear();
-      Complain(options.Texts.Utf8(TText::StoppingAfterFile));
-      isStopTold = true;
-    }
-    lines.FlushIfDue();
-    const double total = static_cast<double>(std::max<std::int64_t>(recovery.RecoverySize, 1));
-    progress.Show(std::min(static_cast<double>(recovery.RecoveredSize) / total, 1.0), recovery.RecoveredSize,
-                  FilesText(options.Texts, recovery.Summary().Files) + UnreadDetail(engine, options));
-  };
-  recovery.OnFile = [&](const TFileOutcome& outcome, bool parentDeleted) {
-    lines.Write(outcome, parentDeleted);
-    if (TStopKey::Pressed()) engine.Recovering = false;  // the file in hand is done
-  };
-  engine.Recovering = true;
-  for (const int number : analysed.Drives) {
-    if (!engine.Recovering) break;
-    link.GetSelectedFiles = TopOf(engine, number);
-    recovery.Recovery(false, analysed.Drives.size() > 1 ? RowFolder(engine, number) : TString());
-  }
-  engine.Recovering = false;
-  engine.OnPump = nullptr;
-  recovery.CloseInfo();
-  progress.Clear();
+  WriteFiles(engine, options, analysed.Drives, link, recovery, lines, progress);
   const TRecoverySummary& summary = recovery.Summary();
   const bool stopped = scanStopped || summary.Stopped;
   lines.WriteSummary(summary, recovery.RecoveryFiles, stopped);

@@ -113,6 +113,13 @@ class Program(TestCase):
         r = run("image", self.stick, "--out", folder / "part.dsk", "--first", "10", "--count", "20", "--json")
         self.assertEqual(json.loads(r.stdout), {"path": str(folder / "part.dsk"), "size": 10240, "unreadable_sectors": 0})
         self.assertEqual((folder / "part.dsk").read_bytes(), self.stick.read_bytes()[5120:5120 + 10240])
+        # What an earlier run got off the source is not thrown away unless asked for.
+        part = folder / "again.dsk.partial"
+        part.write_text("all that there is")
+        r = run("image", self.stick, "--out", folder / "again.dsk")
+        self.assertEqual((r.returncode, part.read_text()), (2, "all that there is"))
+        self.assertIn(str(part), r.stderr)
+        self.assertEqual(run("image", self.stick, "--out", folder / "again.dsk", "--overwrite").returncode, 0)
         # The places that a map calls bad are unreadable, and whoever recovers hears of it.
         picture = next(json.loads(line) for line in run("ls", self.stick, "--json", "--path", "beach 1.png").stdout.splitlines())
         start = self.stick.read_bytes().index(b"\x89PNG")
