@@ -24,7 +24,6 @@ constexpr std::size_t ParentGuid = 0x28;            // of the dynamic head
 constexpr std::size_t ParentName = 0x40;            // 256 units of UTF-16, big-endian
 constexpr std::size_t Locators = 0x240;             // eight of 24 bytes
 constexpr std::uint32_t RelativePath = 0x57327275;  // "W2ru": UTF-16, little-endian
-constexpr std::int64_t LongestRun = 256;            // sectors looked at for one piece
 
 TByteDynArray FooterOf(IDevice& file) {
   const std::int64_t end = file.Size() - static_cast<std::int64_t>(FooterSize);
@@ -72,31 +71,20 @@ class TGrowingDisk final : public TVirtualDisk {
     if (!entry) {
       piece.Kind = TDiskPiece::Unreadable;
     } else if (*entry == NoBlock) {
-      piece.Kind = HasParent() ? TDiskPiece::InParent : TDiskPiece::Zeros;
+      piece.Kind = TDiskPiece::InParent;
     } else {
       // In front of each block stands a bit map of its sectors, which fills whole sectors.
       const std::int64_t bitmap = static_cast<std::int64_t>(*entry) * Sector;
       const std::int64_t bitmapSize = CeilDiv(FBlockSize / Sector / 8, Sector) * Sector;
       piece.Kind = TDiskPiece::InFile;
       piece.Place = bitmap + bitmapSize + within;
-      if (HasParent()) TakeRun(piece, bitmap, within);
+      if (!HasParent()) return piece;
+      TakeRun(piece, within, Sector, [&](std::int64_t sector) {
+        const auto bits = FReader.Number(bitmap + sector / 8, 1, false);
+        return bits && (*bits >> (7 - sector % 8) & 1) != 0;
+      });
     }
     return piece;
-  }
-
-  /// Cuts a piece to the sectors that are like its first one: written here, or left to the parent.
-  void TakeRun(TDiskPiece& piece, std::int64_t bitmap, std::int64_t within) {
-    const auto isHere = [&](std::int64_t sector) {
-      const auto bits = FReader.Number(bitmap + sector / 8, 1, false);
-      return bits && (*bits >> (7 - sector % 8) & 1) != 0;
-    };
-    const std::int64_t first = within / Sector;
-    const std::int64_t last = std::min(CeilDiv(within + piece.Length, Sector), first + LongestRun);
-    const bool here = isHere(first);
-    std::int64_t end = first + 1;
-    while (end < last && isHere(end) == here) ++end;
-    piece.Length = std::min(piece.Length, end * Sector - within);
-    if (!here) piece.Kind = TDiskPiece::InParent;
   }
 
   std::int64_t FBlockSize;  // bytes

@@ -30,7 +30,6 @@ constexpr TGuid ParentLocator = {0x2D, 0x5F, 0xD3, 0xA8, 0x0B, 0xB3, 0x4D, 0x45,
 
 constexpr std::uint64_t SectorsOfBitmap = 1U << 23;  // that one bit map tells of: a chunk
 constexpr std::uint64_t Unit = 0x100000;             // bytes; places are in bits 20 and up of an entry
-constexpr std::int64_t LongestRun = 256;             // sectors looked at for one piece
 constexpr std::size_t MostPairs = 64;                // of a parent locator, of up to 128 KiB each; real ones have six
 
 // States of a block, bits 0 to 2 of its entry. A block that is nowhere is the parent's, if there is one.
@@ -132,13 +131,13 @@ class TVhdxDisk final : public TVirtualDisk {
     } else if (state == Present || state == PartlyPresent) {
       piece.Kind = TDiskPiece::InFile;
       piece.Place = static_cast<std::int64_t>(place) + within;
-      if (state == PartlyPresent && HasParent()) TakeRun(piece, block, within);
+      if (state == PartlyPresent && HasParent()) TakeWritten(piece, block, within);
     }
     return piece;
   }
 
-  /// Cuts a piece to the sectors that are like its first one: written here, or left to the parent.
-  void TakeRun(TDiskPiece& piece, std::int64_t block, std::int64_t within) {
+  /// Takes what the bit map of the block's chunk says to be written here.
+  void TakeWritten(TDiskPiece& piece, std::int64_t block, std::int64_t within) {
     const auto bitmap = FReader.Number(FLayout.BitmapEntryOf(block), 8, true);
     if (!bitmap || (*bitmap & 7) != Present) {
       piece.Kind = TDiskPiece::Unreadable;
@@ -146,18 +145,11 @@ class TVhdxDisk final : public TVirtualDisk {
     }
     const auto bits = static_cast<std::int64_t>(*bitmap / Unit * Unit % LargestVirtualDisk);
     const std::int64_t blockInChunk = block % FLayout.Ratio * (FLayout.BlockSize / FLayout.SectorSize);
-    const auto isHere = [&](std::int64_t sector) {
+    TakeRun(piece, within, FLayout.SectorSize, [&](std::int64_t sector) {
       const std::int64_t number = blockInChunk + sector;
       const auto byte = FReader.Number(bits + number / 8, 1, true);
       return byte && (*byte >> (number % 8) & 1) != 0;
-    };
-    const std::int64_t first = within / FLayout.SectorSize;
-    const std::int64_t last = std::min(FLayout.BlockSize / FLayout.SectorSize, first + LongestRun);
-    const bool here = isHere(first);
-    std::int64_t end = first + 1;
-    while (end < last && isHere(end) == here) ++end;
-    piece.Length = end * FLayout.SectorSize - within;
-    if (!here) piece.Kind = TDiskPiece::InParent;
+    });
   }
 
   TLayout FLayout;

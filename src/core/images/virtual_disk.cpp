@@ -27,6 +27,18 @@ TVirtualDisk::TVirtualDisk(std::int64_t size, std::vector<std::unique_ptr<IDevic
 
 std::size_t TVirtualDisk::ReadPacked(const TDiskPiece&, std::int64_t, std::span<std::uint8_t>) { return 0; }
 
+void TVirtualDisk::TakeRun(TDiskPiece& piece, std::int64_t within, std::int64_t sectorSize,
+                           const std::function<bool(std::int64_t sector)>& isHere) {
+  constexpr std::int64_t longestRun = 256;  // sectors looked at for one piece
+  const std::int64_t first = within / sectorSize;
+  const std::int64_t last = std::min(CeilDiv(within + piece.Length, sectorSize), first + longestRun);
+  const bool here = isHere(first);
+  std::int64_t end = first + 1;
+  while (end < last && isHere(end) == here) ++end;
+  piece.Length = std::min(piece.Length, end * sectorSize - within);
+  if (!here) piece.Kind = TDiskPiece::InParent;
+}
+
 /// True when the bytes at `end` of the disk lie right after the piece in the same file.
 bool TVirtualDisk::IsFollowedBy(const TDiskPiece& piece, std::int64_t end) {
   if (piece.Kind != TDiskPiece::InFile || end >= FSize) return false;

@@ -48,6 +48,11 @@ class TVirtualDisk : public IDevice {
   /// Bytes of a packed piece from its position on; how many there are.
   virtual std::size_t ReadPacked(const TDiskPiece& piece, std::int64_t position, std::span<std::uint8_t> buffer);
 
+  /// Cuts a piece of a difference, `within` bytes into its block, to the sectors that are like its first
+  /// one: written here, or left to the parent. `isHere` knows a sector of the block.
+  static void TakeRun(TDiskPiece& piece, std::int64_t within, std::int64_t sectorSize,
+                      const std::function<bool(std::int64_t sector)>& isHere);
+
   IDevice& File(std::size_t number = 0) const { return *FFiles[number]; }
   std::size_t FileCount() const { return FFiles.size(); }
   /// Where the disk has what its file lacks; null means zeros.
