@@ -24,12 +24,12 @@
 #include <vector>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "analysis/folders.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/lznt1.h"
 #include "core/text.h"
+#include "table/files.h"
 
 namespace {
 

@@ -17,12 +17,12 @@
 #include <fstream>
 #include <functional>
 
-#include "analysis/files.h"
 #include "core/drives.h"
 #include "core/text.h"
 #include "shell/desktop/file_list.h"
 #include "shell/desktop/file_model.h"
 #include "shell/desktop/main_window.h"
+#include "table/files.h"
 
 using namespace brenlow;
 using namespace brenlow::desktop;

@@ -7,10 +7,10 @@
 #include <cstdlib>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "core/text.h"
 #include "memory_device.h"
 #include "support/deep_reference.h"
+#include "table/files.h"
 
 namespace {
 

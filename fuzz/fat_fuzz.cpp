@@ -5,12 +5,12 @@
 #include <cstdlib>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "analysis/tree_walk.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "fs/fat/fat.h"
 #include "memory_device.h"
+#include "table/files.h"
 
 namespace {
 

@@ -5,11 +5,11 @@
 #include <cstdlib>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "fs/ntfs/ntfs.h"
 #include "memory_device.h"
+#include "table/files.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace brenlow;

@@ -4,8 +4,8 @@
 #include <cstdlib>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "memory_device.h"
+#include "table/files.h"
 
 namespace {
 

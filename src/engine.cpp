@@ -3,9 +3,7 @@
 #include "core/engine.h"
 
 #include "analysis/deep/all_fs.h"
-#include "analysis/files.h"
 #include "analysis/folders.h"
-#include "analysis/signatures.h"
 #include "core/datetime.h"
 #include "core/device/device.h"
 #include "core/drives.h"
@@ -17,6 +15,8 @@
 #include "fs/fat/fat.h"
 #include "fs/fat/fat_layout.h"
 #include "fs/ntfs/ntfs.h"
+#include "table/files.h"
+#include "table/signatures.h"
 
 namespace brenlow {
 namespace {
@@ -108,7 +108,7 @@ bool TEngine::HasDriver(TFileSystem system) {
 }
 
 bool TEngine::HoldsFolders(const TDriveInfo& volume) {
-  if (volume.FileSystem == TFileSystem::fsNTFS) return volume.NTFSInfo.MFTRecordCount > 0;
+  if (volume.FileSystem == TFileSystem::fsNTFS) return NTFSInfo(volume).MFTRecordCount > 0;
   return IsFAT(volume.FileSystem) && FFAT->HasSoundRoot(volume);
 }
 

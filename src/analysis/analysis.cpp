@@ -8,13 +8,13 @@
 #include <utility>
 
 #include "analysis/deep/all_fs.h"
-#include "analysis/files.h"
-#include "analysis/partition_search.h"
+#include "analysis/search/partition_search.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/language.h"
 #include "core/sector_reader.h"
 #include "fs/dispatch.h"
+#include "table/files.h"
 
 namespace brenlow {
 namespace {

@@ -5,12 +5,12 @@
 #include <filesystem>
 #include <fstream>
 
-#include "analysis/files.h"
 #include "analysis/folders.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/language.h"
 #include "core/text.h"
+#include "table/files.h"
 
 namespace brenlow {
 namespace {

@@ -7,11 +7,11 @@
 #include <utility>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/language.h"
 #include "core/text.h"
+#include "table/files.h"
 
 namespace brenlow {
 namespace {

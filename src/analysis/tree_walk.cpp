@@ -4,10 +4,10 @@
 #include <algorithm>
 #include <vector>
 
-#include "analysis/files.h"
-#include "analysis/folder_index.h"
 #include "core/drives.h"
 #include "core/engine.h"
+#include "table/files.h"
+#include "table/folder_index.h"
 
 namespace brenlow {
 namespace {

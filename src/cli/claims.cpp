@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "core/drives.h"
 #include "core/engine.h"
+#include "table/files.h"
 
 namespace brenlow::cli {
 namespace {

@@ -12,6 +12,7 @@
 #include "cli/verb_options.h"
 #include "core/sizes.h"
 #include "core/text.h"
+#include "fs/ntfs/ntfs_info.h"
 
 namespace brenlow::cli {
 namespace {
@@ -125,7 +126,7 @@ std::string InfoLine(const TDriveInfo& drive, int number, const std::string& sty
     line.Number("free", FreeBytes(drive));
     line.Number("used", std::max<std::int64_t>(SizeOf(drive) - FreeBytes(drive), 0));
     if (drive.FileSystem == TFileSystem::fsNTFS) {
-      line.Number("record_size", drive.NTFSInfo.MFTRecordSize).Number("records", drive.NTFSInfo.MFTRecordCount);
+      line.Number("record_size", NTFSInfo(drive).MFTRecordSize).Number("records", NTFSInfo(drive).MFTRecordCount);
     }
   }
   return line.Take();
@@ -158,8 +159,8 @@ std::string InfoText(const TLanguage& texts, const TDriveInfo& drive, int number
   text += row(TText::InfoClusterSize, SizeText(ClusterSize(drive)));
   text += row(TText::InfoFree, SizeText(FreeBytes(drive)));
   if (drive.FileSystem == TFileSystem::fsNTFS) {
-    text += row(TText::InfoRecordSize, SizeText(drive.NTFSInfo.MFTRecordSize));
-    text += row(TText::InfoRecords, std::to_string(drive.NTFSInfo.MFTRecordCount));
+    text += row(TText::InfoRecordSize, SizeText(NTFSInfo(drive).MFTRecordSize));
+    text += row(TText::InfoRecords, std::to_string(NTFSInfo(drive).MFTRecordCount));
   }
   return text;
 }

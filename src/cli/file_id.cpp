@@ -9,12 +9,12 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 
-#include "analysis/files.h"
 #include "cli/file_fields.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/language.h"
 #include "core/text.h"
+#include "table/files.h"
 
 namespace brenlow::cli {
 namespace {

@@ -8,11 +8,11 @@
 #include <cerrno>
 #include <utility>
 
-#include "analysis/files.h"
 #include "cli/file_fields.h"
 #include "core/device/caller.h"
 #include "core/engine.h"
 #include "recovery/master_link.h"
+#include "table/files.h"
 
 namespace brenlow::cli {
 namespace {

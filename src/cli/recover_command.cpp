@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <filesystem>
 
-#include "analysis/files.h"
 #include "cli/commands.h"
 #include "cli/file_fields.h"
 #include "cli/findings.h"
@@ -20,6 +19,7 @@
 #include "recovery/questions.h"
 #include "recovery/recovery_master.h"
 #include "recovery/save_progress.h"
+#include "table/files.h"
 
 namespace brenlow::cli {
 namespace {

@@ -5,11 +5,11 @@
 
 #include <algorithm>
 
-#include "analysis/file_kinds.h"
-#include "analysis/files.h"
 #include "core/engine.h"
 #include "core/text.h"
 #include "recovery/master_link.h"
+#include "table/file_kinds.h"
+#include "table/files.h"
 
 namespace brenlow::cli {
 

@@ -6,7 +6,6 @@
 
 #include "analysis/analysis.h"
 #include "analysis/deep/all_fs.h"
-#include "analysis/files.h"
 #include "cli/claims.h"
 #include "cli/findings.h"
 #include "cli/rows.h"
@@ -18,6 +17,7 @@
 #include "core/text.h"
 #include "fs/fat/fat.h"
 #include "shell/sources.h"
+#include "table/files.h"
 
 namespace brenlow::cli {
 namespace {

@@ -2,13 +2,13 @@
 // The verb `types`.
 #include <fmt/format.h>
 
-#include "analysis/signatures.h"
 #include "cli/commands.h"
 #include "cli/console.h"
 #include "cli/json_line.h"
 #include "cli/verb_options.h"
 #include "core/language.h"
 #include "core/text.h"
+#include "table/signatures.h"
 
 namespace brenlow::cli {
 

@@ -6,10 +6,9 @@
 #include <functional>
 #include <vector>
 
+#include "core/drive_systems.h"
 #include "core/parent_clusters.h"
 #include "core/types.h"
-#include "fs/fat/fat_info.h"
-#include "fs/ntfs/ntfs_info.h"
 
 namespace brenlow {
 
@@ -52,8 +51,7 @@ struct TDriveInfo {
   TReceivedType ReceivedType = TReceivedType::rtUnknown;
   TFileSystem FileSystem = TFileSystem::fsUnknown;  ///< selects the driver
   int DriveIcon = -1;
-  TFATInfo FATInfo;
-  TNTFSInfo NTFSInfo;
+  TDriveSystems Systems;         ///< what the drivers keep of it
   std::int64_t FirstSector = 0;  ///< on the device that `Drive` names; every read adds it
   int BytesPerSector = 0;        ///< logical; 0 until known
   std::int64_t SectorsCount = 0;

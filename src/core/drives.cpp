@@ -13,6 +13,8 @@
 #include "core/numbers.h"
 #include "core/sizes.h"
 #include "core/text.h"
+#include "fs/fat/fat_info.h"
+#include "fs/ntfs/ntfs_info.h"
 
 namespace brenlow {
 namespace {
@@ -478,8 +480,7 @@ void TDrives::CopySystemsInfo(const TDriveInfo& from, TDriveInfo& to) {
   to.FileSystem = from.FileSystem;
   to.VolumeName = from.VolumeName;
   to.aFreeSize = from.aFreeSize;
-  to.FATInfo = from.FATInfo;
-  to.NTFSInfo = from.NTFSInfo;
+  to.Systems = from.Systems;
   to.GeometrySource = from.GeometrySource;
   SetDefaultInfo(to);
 }
@@ -490,7 +491,7 @@ void TDrives::SetDefaultInfo(TDriveInfo& drive) {
   drive.DefaultBytesPerSector = drive.BytesPerSector;
   drive.DefaultSectorsCount = drive.SectorsCount;
   const bool isNTFS = drive.FileSystem == TFileSystem::fsNTFS;
-  drive.DefaultSectorsPerCluster = isNTFS ? drive.NTFSInfo.SectorsPerCluster : drive.FATInfo.SectorsPerCluster;
+  drive.DefaultSectorsPerCluster = isNTFS ? NTFSInfo(drive).SectorsPerCluster : FATInfo(drive).SectorsPerCluster;
 }
 
 void TDrives::ResetDefaultInfo(int number) {
@@ -499,8 +500,7 @@ void TDrives::ResetDefaultInfo(int number) {
   drive.FirstSector = drive.DefaultFirstSector;
   drive.BytesPerSector = static_cast<int>(drive.DefaultBytesPerSector);
   drive.SectorsCount = drive.DefaultSectorsCount;
-  drive.FATInfo = TFATInfo();
-  drive.NTFSInfo = TNTFSInfo();
+  drive.Systems.Clear();
   drive.VolumeName.clear();
   drive.aFreeSize = -1;
   const TRecognised found = Recognise(drive);
@@ -692,7 +692,7 @@ bool TDrives::IsDiskIn(int number, bool canShowMessages) {
 bool TDrives::IsEmpty(int number) const {
   if (IsWrongNumber(number)) return true;
   const TDriveInfo& drive = List[static_cast<std::size_t>(number)];
-  return drive.ParentClusters.Empty() && drive.NTFSInfo.UnknownFirstClusterFiles.empty();
+  return drive.ParentClusters.Empty() && NTFSInfo(drive).UnknownFirstClusterFiles.empty();
 }
 
 bool TDrives::IsEmpty(int number, std::int64_t parent) const {

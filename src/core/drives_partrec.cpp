@@ -6,6 +6,8 @@
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/numbers.h"
+#include "fs/fat/fat_info.h"
+#include "fs/ntfs/ntfs_info.h"
 
 namespace brenlow {
 namespace {
@@ -48,7 +50,7 @@ int TDrives::PartRecAddSubdrive(int parentDrive, TFileSystem fileSystem) {
   if (number < 0) return -1;
   TDriveInfo& drive = List[static_cast<std::size_t>(number)];
   drive.FileSystem = drive.DefaultSystem = fileSystem;
-  drive.NTFSInfo.CanBeTruncated = fileSystem == TFileSystem::fsNTFS;
+  NTFSInfo(drive).CanBeTruncated = fileSystem == TFileSystem::fsNTFS;
   FEngine.BeginDriveFiles(number);
   return number;
 }
@@ -58,7 +60,7 @@ int TDrives::PartRecEmptySubdrive(int parentDrive, TFileSystem fileSystem) const
   for (const int sub : List[static_cast<std::size_t>(parentDrive)].SubDrives) {
     const TDriveInfo& drive = List[static_cast<std::size_t>(sub)];
     // A volume that was analysed is none, though it holds no file.
-    const bool isCandidate = drive.CanBeAnalysed && SameFamily(drive.FileSystem, fileSystem) && !drive.FATInfo.Walk;
+    const bool isCandidate = drive.CanBeAnalysed && SameFamily(drive.FileSystem, fileSystem) && !FATInfo(drive).Walk;
     if (isCandidate && IsEmpty(sub)) return sub;
   }
   return -1;
@@ -105,8 +107,7 @@ void TDrives::PartRecCheckForExistPartition(int number, std::int64_t sectorNumbe
     if (sub < 0) return;
     TDriveInfo& drive = List[static_cast<std::size_t>(sub)];
     drive.FileSystem = system;
-    drive.FATInfo = TFATInfo();
-    drive.NTFSInfo = TNTFSInfo();
+    drive.Systems.Clear();
     drive.FirstSector = absolute;
     // A gap between partitions says where a lost volume may begin, not how long it is.
     drive.SectorsCount = isGap && system == TFileSystem::fsNTFS ? 0 : sectors;
@@ -142,7 +143,7 @@ bool TDrives::PartRecIsCovered(int number, const TDriveInfo& volume) const {
   const auto isVolume = [&](int sub) {
     // A candidate has the bounds of the whole drive, which says nothing.
     const TDriveInfo& drive = List[static_cast<std::size_t>(sub)];
-    return drive.FATInfo.Walk ||
+    return FATInfo(drive).Walk ||
            (!IsEmpty(sub) && (drive.FirstSector != main.FirstSector || drive.SectorsCount != main.SectorsCount));
   };
   return std::any_of(PartRecInfo.FoundDrives.begin(), PartRecInfo.FoundDrives.end(), covers) ||
@@ -188,7 +189,7 @@ void TDrives::PartRecCheckSubDrivesForEnd(std::int64_t sectorNumber, bool delete
   for (const int sub : List[static_cast<std::size_t>(main)].SubDrives) {
     TDriveInfo& drive = List[static_cast<std::size_t>(sub)];
     if (!drive.CanBeAnalysed) continue;
-    const bool ends = deleteNTFSTruncated ? drive.FileSystem == TFileSystem::fsNTFS && drive.NTFSInfo.CanBeTruncated
+    const bool ends = deleteNTFSTruncated ? drive.FileSystem == TFileSystem::fsNTFS && NTFSInfo(drive).CanBeTruncated
                                           : drive.FirstSector + drive.SectorsCount < position;
     if (ends) drive.CanBeAnalysed = false;
     openFAT = openFAT || (!ends && IsFAT(drive.FileSystem));

@@ -8,7 +8,6 @@
 #include <cerrno>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "core/engine.h"
 #include "core/sector_reader.h"
 #include "core/text.h"
@@ -16,6 +15,7 @@
 #include "recovery/master_link.h"
 #include "recovery/questions.h"
 #include "recovery/safe_name.h"
+#include "table/files.h"
 
 namespace brenlow {
 namespace {

@@ -5,11 +5,11 @@
 #include <memory>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
-#include "analysis/folder_index.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "recovery/file_writer.h"
+#include "table/files.h"
+#include "table/folder_index.h"
 
 namespace brenlow {
 namespace {

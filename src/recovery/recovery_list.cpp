@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "recovery/recovery_list.h"
 
-#include "analysis/files.h"
 #include "core/engine.h"
+#include "table/files.h"
 
 namespace brenlow {
 

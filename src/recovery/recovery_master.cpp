@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "analysis/files.h"
 #include "core/device/source_guard.h"
 #include "core/drives.h"
 #include "core/engine.h"
@@ -17,6 +16,7 @@
 #include "core/sizes.h"
 #include "core/text.h"
 #include "recovery/questions.h"
+#include "table/files.h"
 
 namespace brenlow {
 namespace {

@@ -3,9 +3,9 @@
 
 #include <algorithm>
 
-#include "analysis/files.h"
 #include "core/text.h"
 #include "recovery/target_tree.h"
+#include "table/files.h"
 
 namespace brenlow {
 namespace {

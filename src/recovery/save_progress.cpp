@@ -5,7 +5,6 @@
 #include <cerrno>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "core/device/device.h"
 #include "core/drives.h"
 #include "core/engine.h"
@@ -14,6 +13,7 @@
 #include "recovery/master_link.h"
 #include "recovery/questions.h"
 #include "recovery/safe_name.h"
+#include "table/files.h"
 
 namespace brenlow {
 

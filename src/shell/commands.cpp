@@ -8,8 +8,6 @@
 
 #include "analysis/analysis.h"
 #include "analysis/deep/all_fs.h"
-#include "analysis/files.h"
-#include "analysis/folder_index.h"
 #include "core/device/device.h"
 #include "core/drives.h"
 #include "core/engine.h"
@@ -19,6 +17,8 @@
 #include "recovery/recovery_master.h"
 #include "shell/entries.h"
 #include "shell/sources.h"
+#include "table/files.h"
+#include "table/folder_index.h"
 
 namespace brenlow {
 namespace {

@@ -4,13 +4,13 @@
 #include <span>
 #include <unordered_set>
 
-#include "analysis/files.h"
-#include "analysis/folder_index.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/language.h"
 #include "shell/commands.h"
 #include "shell/entries.h"
+#include "table/files.h"
+#include "table/folder_index.h"
 
 namespace brenlow {
 namespace {

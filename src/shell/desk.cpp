@@ -5,13 +5,13 @@
 #include <new>
 #include <utility>
 
-#include "analysis/files.h"
 #include "core/datetime.h"
 #include "core/drives.h"
 #include "core/sector_reader.h"
 #include "core/sizes.h"
 #include "core/text.h"
 #include "shell/entries.h"
+#include "table/files.h"
 
 namespace brenlow {
 namespace {

@@ -4,12 +4,14 @@
 #include <algorithm>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/language.h"
 #include "core/sizes.h"
 #include "core/text.h"
+#include "fs/fat/fat_info.h"
+#include "fs/ntfs/ntfs_info.h"
+#include "table/files.h"
 
 namespace brenlow {
 namespace {
@@ -145,8 +147,8 @@ class TSheet {
   }
 
   static int SectorsPerCluster(const TDriveInfo& drive) {
-    if (IsFAT(drive.FileSystem)) return drive.FATInfo.SectorsPerCluster;
-    return drive.FileSystem == TFileSystem::fsNTFS ? drive.NTFSInfo.SectorsPerCluster : 0;
+    if (IsFAT(drive.FileSystem)) return FATInfo(drive).SectorsPerCluster;
+    return drive.FileSystem == TFileSystem::fsNTFS ? NTFSInfo(drive).SectorsPerCluster : 0;
   }
 
   TEngine& FEngine;

@@ -7,11 +7,11 @@
 #include <span>
 #include <vector>
 
-#include "analysis/files.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/text.h"
 #include "shell/natural_order.h"
+#include "table/files.h"
 
 namespace brenlow {
 namespace {

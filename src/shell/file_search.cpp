@@ -4,10 +4,10 @@
 #include <algorithm>
 #include <vector>
 
-#include "analysis/files.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/text.h"
+#include "table/files.h"
 
 namespace brenlow {
 namespace {

@@ -4,9 +4,9 @@
 #include <algorithm>
 #include <utility>
 
-#include "analysis/files.h"
 #include "core/engine.h"
 #include "shell/entries.h"
+#include "table/files.h"
 
 namespace brenlow {
 

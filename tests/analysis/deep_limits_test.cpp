@@ -7,9 +7,9 @@
 
 #include "analysis/analysis.h"
 #include "analysis/deep/all_fs.h"
-#include "analysis/files.h"
 #include "core/language.h"
 #include "support/failing_device.h"
+#include "table/files.h"
 
 using namespace brenlow;
 using namespace brenlow::test;

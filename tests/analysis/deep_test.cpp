@@ -8,11 +8,11 @@
 #include "analysis/analysis.h"
 #include "analysis/deep/all_fs.h"
 #include "analysis/deep/icon.h"
-#include "analysis/files.h"
 #include "analysis/folders.h"
-#include "analysis/signatures.h"
 #include "support/deep_reference.h"
 #include "support/images.h"
+#include "table/files.h"
+#include "table/signatures.h"
 
 using namespace brenlow;
 using namespace brenlow::test;

@@ -4,10 +4,10 @@
 #include <doctest/doctest.h>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "core/language.h"
 #include "support/fat_builder.h"
 #include "support/images.h"
+#include "table/files.h"
 
 using namespace brenlow;
 using namespace brenlow::test;

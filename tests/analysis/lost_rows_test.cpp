@@ -2,8 +2,8 @@
 // Rows whose folder went: they are still reached from the root.
 #include <doctest/doctest.h>
 
-#include "analysis/files.h"
 #include "support/images.h"
+#include "table/files.h"
 
 using namespace brenlow;
 using namespace brenlow::test;

@@ -5,8 +5,8 @@
 #include <chrono>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "support/images.h"
+#include "table/files.h"
 
 using namespace brenlow;
 using namespace brenlow::test;

@@ -5,9 +5,9 @@
 #include <chrono>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "core/text.h"
 #include "support/images.h"
+#include "table/files.h"
 
 using namespace brenlow;
 using namespace brenlow::test;

@@ -8,10 +8,10 @@
 #include <memory>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "core/sector_reader.h"
 #include "support/fat_builder.h"
 #include "support/images.h"
+#include "table/files.h"
 
 using namespace brenlow;
 using namespace brenlow::test;

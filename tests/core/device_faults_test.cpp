@@ -6,10 +6,10 @@
 #include <utility>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "core/sector_reader.h"
 #include "support/failing_device.h"
 #include "support/fat_builder.h"
+#include "table/files.h"
 
 using namespace brenlow;
 using namespace brenlow::test;

@@ -4,12 +4,12 @@
 #include <string_view>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "core/device/source_guard.h"
 #include "core/device/system_disks.h"
 #include "core/language.h"
 #include "support/fat_builder.h"
 #include "support/images.h"
+#include "table/files.h"
 
 using namespace brenlow;
 using namespace brenlow::test;

@@ -11,11 +11,11 @@
 #include <iterator>
 #include <random>
 
-#include "analysis/files.h"
 #include "core/images/dsk_image.h"
 #include "core/images/image_file.h"
 #include "core/images/image_writer.h"
 #include "core/sector_reader.h"
+#include "table/files.h"
 
 using namespace brenlow;
 using namespace brenlow::test;

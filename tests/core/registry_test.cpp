@@ -5,9 +5,9 @@
 #include <fstream>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "support/fat_builder.h"
 #include "support/images.h"
+#include "table/files.h"
 
 using namespace brenlow;
 using namespace brenlow::test;

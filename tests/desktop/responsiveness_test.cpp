@@ -6,8 +6,8 @@
 #include <atomic>
 #include <thread>
 
-#include "analysis/files.h"
 #include "shell/desktop/folder_tree.h"
+#include "table/files.h"
 #include "window.h"
 
 using namespace brenlow;

@@ -20,13 +20,13 @@
 #include <QUrl>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "recovery/master_link.h"
 #include "shell/desktop/banner.h"
 #include "shell/desktop/disk_manager.h"
 #include "shell/desktop/folder_tree.h"
 #include "shell/desktop/single_instance.h"
 #include "support/fat_builder.h"
+#include "table/files.h"
 
 using namespace brenlow;
 using namespace brenlow::desktop;

@@ -6,7 +6,7 @@
 #include <random>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
+#include "table/files.h"
 
 namespace brenlow::test {
 namespace {

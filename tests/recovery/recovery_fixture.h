@@ -12,12 +12,12 @@
 #include <vector>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "recovery/master_link.h"
 #include "recovery/questions.h"
 #include "recovery/save_progress.h"
 #include "support/fat_builder.h"
 #include "support/images.h"
+#include "table/files.h"
 
 namespace brenlow::test {
 

@@ -9,7 +9,6 @@
 #include <fstream>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "recovery/file_sink.h"
 #include "recovery/long_path.h"
 #include "recovery/master_link.h"
@@ -21,6 +20,7 @@
 #include "recovery_fixture.h"
 #include "support/fat_builder.h"
 #include "support/images.h"
+#include "table/files.h"
 
 using namespace brenlow;
 using namespace brenlow::test;

@@ -12,9 +12,9 @@
 #include <mutex>
 #include <thread>
 
-#include "analysis/files.h"
 #include "shell/engine_host.h"
 #include "support/images.h"
+#include "table/files.h"
 
 using namespace brenlow;
 using namespace brenlow::test;

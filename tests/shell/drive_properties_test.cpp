@@ -4,10 +4,10 @@
 
 #include <algorithm>
 
-#include "analysis/files.h"
 #include "core/language.h"
 #include "shell/entries.h"
 #include "shell/program.h"
+#include "table/files.h"
 
 using namespace brenlow;
 using namespace brenlow::test;

@@ -4,11 +4,11 @@
 #include <algorithm>
 #include <random>
 
-#include "analysis/files.h"
 #include "shell/file_order.h"
 #include "shell/file_search.h"
 #include "shell/natural_order.h"
 #include "support/images.h"
+#include "table/files.h"
 
 using namespace brenlow;
 using namespace brenlow::test;

@@ -8,11 +8,11 @@
 #include <optional>
 #include <string>
 
-#include "analysis/files.h"
 #include "analysis/folders.h"
 #include "recovery/questions.h"
 #include "shell/commands.h"
 #include "support/images.h"
+#include "table/files.h"
 
 namespace brenlow::test {
 

@@ -8,7 +8,7 @@
 #include <span>
 #include <string>
 
-#include "analysis/signatures.h"
+#include "table/signatures.h"
 
 namespace brenlow::test {
 

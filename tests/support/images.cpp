@@ -12,8 +12,8 @@
 #include <fstream>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "analysis/tree_walk.h"
+#include "table/files.h"
 
 namespace brenlow::test {
 namespace {

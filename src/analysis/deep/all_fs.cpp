@@ -4,13 +4,13 @@
 #include <algorithm>
 
 #include "analysis/deep/icon.h"
-#include "analysis/files.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/language.h"
 #include "core/numbers.h"
 #include "core/sector_reader.h"
 #include "core/text.h"
+#include "table/files.h"
 
 namespace brenlow {
 namespace {

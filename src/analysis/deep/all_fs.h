@@ -10,9 +10,9 @@
 
 #include "analysis/deep/header_index.h"
 #include "analysis/deep/pattern_search.h"
-#include "analysis/signatures.h"
 #include "core/file_records.h"
 #include "core/types.h"
+#include "table/signatures.h"
 
 namespace brenlow {
 

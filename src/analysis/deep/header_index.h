@@ -7,8 +7,8 @@
 #include <span>
 #include <vector>
 
-#include "analysis/signatures.h"
 #include "core/numbers.h"
+#include "table/signatures.h"
 
 namespace brenlow {
 

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <span>
 
-#include "analysis/signatures.h"
+#include "table/signatures.h"
 
 namespace brenlow {
 

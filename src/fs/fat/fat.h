@@ -14,6 +14,7 @@
 #include "core/file_records.h"
 #include "core/types.h"
 #include "fs/fat/fat_entry.h"
+#include "fs/fat/fat_info.h"
 #include "fs/fat/fat_table_search.h"
 
 namespace brenlow {

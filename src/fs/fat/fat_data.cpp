@@ -4,7 +4,6 @@
 #include <bit>
 #include <cstring>
 
-#include "analysis/signatures.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/numbers.h"
@@ -12,6 +11,7 @@
 #include "core/text.h"
 #include "fs/fat/fat.h"
 #include "fs/fat/fat_layout.h"
+#include "table/signatures.h"
 
 namespace brenlow {
 
@@ -61,23 +61,23 @@ std::uint32_t TFAT::GetNextRecoveryCluster(const TDriveInfo& drive, std::uint32_
   FEngine.Pump();
   const auto highest = static_cast<std::uint32_t>(LastCluster(drive));
   const std::uint32_t start = cluster + 1 > highest || cluster + 1 < 2 ? 2 : cluster + 1;
-  if (drive.FATInfo.FATTable.empty() || (!FEngine.Analysing && !FEngine.Recovering)) return start;
-  const std::uint32_t found = NextFree(drive.FATInfo, start);
+  if (FATInfo(drive).FATTable.empty() || (!FEngine.Analysing && !FEngine.Recovering)) return start;
+  const std::uint32_t found = NextFree(FATInfo(drive), start);
   if (found <= highest) return found;
   // Nothing free up to the end: on from the beginning, back to where it started at the most.
   const std::uint32_t stop = std::max<std::uint32_t>(cluster, 3) - 1;
-  return std::min(NextFree(drive.FATInfo, 2), stop);
+  return std::min(NextFree(FATInfo(drive), 2), stop);
 }
 
 /// Moves the read position of the drive one cluster on. A step that no entry of the table names is a
 /// guess: in a live file always, in a deleted one where it leaves the row of free clusters.
 void TFAT::StepOn(TDriveInfo& drive, const TFileInfo& file) {
-  TFATInfo::TReadPosition& position = drive.FATInfo.ReadPosition;
+  TFATInfo::TReadPosition& position = FATInfo(drive).ReadPosition;
   const std::uint32_t from = position.Cluster;
   position.Cluster = GetNextRecoveryCluster(drive, from);
   ++position.Index;
   if (NextCluster(drive, from) != 0) return;
-  const bool hasTable = !drive.FATInfo.FATTable.empty();
+  const bool hasTable = !FATInfo(drive).FATTable.empty();
   const bool follows =
       hasTable && position.Cluster == from + 1 && !IsUnknown(drive, from) && !IsUnknown(drive, from + 1);
   position.Estimated = position.Estimated || !file.blnDeleted || !follows;
@@ -85,7 +85,7 @@ void TFAT::StepOn(TDriveInfo& drive, const TFileInfo& file) {
 
 /// Moves the read position of the drive to cluster `index` of the file.
 void TFAT::SeekCluster(TDriveInfo& drive, const TFileInfo& file, std::int64_t index) {
-  TFATInfo::TReadPosition& position = drive.FATInfo.ReadPosition;
+  TFATInfo::TReadPosition& position = FATInfo(drive).ReadPosition;
   const bool skipping = FEngine.Analysing || FEngine.Recovering;
   if (position.FirstCluster != file.FirstCluster || position.Index > index || position.Skipping != skipping ||
       position.Deleted != file.blnDeleted) {
@@ -133,7 +133,7 @@ void TFAT::GetFileData(TDriveInfo& drive, TByteDynArray& result, TFile& file, st
   while (filled < until) {
     const std::int64_t index = filled / clusterBytes;
     SeekCluster(drive, info, index);
-    TFATInfo::TReadPosition& position = drive.FATInfo.ReadPosition;
+    TFATInfo::TReadPosition& position = FATInfo(drive).ReadPosition;
     if (position.Cluster == 0) break;
     TRun run{position.Cluster, 1};
     while ((index + run.Count) * clusterBytes < until) {
@@ -171,7 +171,7 @@ void TFAT::GetFileData(TDriveInfo& drive, TByteDynArray& result, TFile& file, st
     filled = runEnd;
     FEngine.Pump();
   }
-  if (drive.FATInfo.ReadPosition.Estimated) FEngine.Reader().NoteEstimatedRead();
+  if (FATInfo(drive).ReadPosition.Estimated) FEngine.Reader().NoteEstimatedRead();
   const std::int64_t good = std::min(filled, end);
   if (start > from) result.erase(result.begin(), result.begin() + static_cast<std::ptrdiff_t>(start - from));
   result.resize(static_cast<std::size_t>(std::max<std::int64_t>(good - start, 0)));
@@ -185,12 +185,12 @@ void TFAT::GetFileFragments(TFile& file, TFileFragments& result) {
   ChangeFileFirstCluster(info);
   const std::int64_t clusterBytes = ClusterBytes(drive);
   if (clusterBytes <= 0 || info.aSize <= 0) return;
-  const std::int64_t perCluster = drive.FATInfo.SectorsPerCluster;
+  const std::int64_t perCluster = FATInfo(drive).SectorsPerCluster;
   const std::int64_t total = std::min(CeilDiv(info.aSize, clusterBytes), ClusterRoom(drive) + 1);
   const std::int64_t sectors = CeilDiv(info.aSize, drive.BytesPerSector);
   for (std::int64_t index = 0; index < total; ++index) {
     SeekCluster(drive, info, index);
-    const std::uint32_t cluster = drive.FATInfo.ReadPosition.Cluster;
+    const std::uint32_t cluster = FATInfo(drive).ReadPosition.Cluster;
     if (cluster == 0) break;
     const std::int64_t sector = ClusterSector(drive, cluster);
     const std::int64_t count = std::min(perCluster, sectors - index * perCluster);
@@ -224,8 +224,8 @@ bool TFAT::IsOverwritten(const TFile& file) const {
   if (FEngine.Drives().IsWrongNumber(info.aDriveNumber)) return false;
   const TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(info.aDriveNumber)];
   const bool highHalfUnknown = IsFAT32(drive) && info.FirstCluster <= 0xFFFF && ClusterRoom(drive) > 0x10000 &&
-                               !info.FirstClustersChanged && !drive.FATInfo.HighHalvesKept;
-  return !highHalfUnknown && !drive.FATInfo.FATTable.empty() && !FreeOrBad(drive, info.FirstCluster) &&
+                               !info.FirstClustersChanged && !FATInfo(drive).HighHalvesKept;
+  return !highHalfUnknown && !FATInfo(drive).FATTable.empty() && !FreeOrBad(drive, info.FirstCluster) &&
          !IsUnknown(drive, info.FirstCluster);
 }
 
@@ -238,7 +238,7 @@ TPlaceSource TFAT::PlaceOf(const TFile& file) const {
   // A file of one cluster needs no entry, unless that has to tell whether the place is still its own.
   const bool needsEntry = info.blnDeleted || info.aSize > ClusterBytes(drive);
   if (needsEntry && IsUnknown(drive, info.FirstCluster)) return TPlaceSource::Estimated;
-  const bool isFinal = info.FirstClustersChanged || !MayLackHighHalf(drive, info) || !drive.FATInfo.HighPartUsed;
+  const bool isFinal = info.FirstClustersChanged || !MayLackHighHalf(drive, info) || !FATInfo(drive).HighPartUsed;
   return isFinal || IsStoredPlace(drive, info) ? info.Place : TPlaceSource::Estimated;
 }
 
@@ -253,8 +253,8 @@ bool TFAT::MayLackHighHalf(const TDriveInfo& drive, const TFileInfo& file) const
 /// Whoever deletes on this volume keeps the high half: the number is right as it stands where its
 /// clusters are free, whatever lies before them.
 bool TFAT::IsStoredPlace(const TDriveInfo& drive, const TFileInfo& file) const {
-  return drive.FATInfo.HighHalvesKept && file.FirstCluster >= 2 &&
-         AllFree(drive.FATInfo, file.FirstCluster, CeilDiv(file.aSize, ClusterBytes(drive)));
+  return FATInfo(drive).HighHalvesKept && file.FirstCluster >= 2 &&
+         AllFree(FATInfo(drive), file.FirstCluster, CeilDiv(file.aSize, ClusterBytes(drive)));
 }
 
 void TFAT::ChangeFileFirstCluster(TFileInfo& file) {
@@ -282,7 +282,7 @@ void TFAT::ChangeFileFirstCluster(TFileInfo& file) {
 bool TFAT::IsHighPartUsed(const TDriveInfo& drive) {
   constexpr std::int64_t highPart = 65536;
   constexpr std::int64_t looks = 16;
-  const TLongWordDynArray& table = drive.FATInfo.FATTable;
+  const TLongWordDynArray& table = FATInfo(drive).FATTable;
   const std::int64_t last = LastCluster(drive);
   if (!IsFAT32(drive) || last < highPart) return false;
   const auto end = std::min(static_cast<std::int64_t>(table.size()), last + 1);
@@ -304,11 +304,11 @@ bool TFAT::IsOnlyPlace(const TDriveInfo& drive, const TFileInfo& file) {
   constexpr std::int64_t mostLooks = 16;
   const std::int64_t last = LastCluster(drive);
   const std::int64_t needed = CeilDiv(file.aSize, ClusterBytes(drive));
-  if (file.FirstCluster < 2 || last / 65536 > mostLooks || !AllFree(drive.FATInfo, file.FirstCluster, needed)) {
+  if (file.FirstCluster < 2 || last / 65536 > mostLooks || !AllFree(FATInfo(drive), file.FirstCluster, needed)) {
     return false;
   }
   for (std::int64_t other = file.FirstCluster + 65536; other <= last; other += 65536) {
-    if (AllFree(drive.FATInfo, other, needed) && !IsBlank(drive, other)) return false;
+    if (AllFree(FATInfo(drive), other, needed) && !IsBlank(drive, other)) return false;
   }
   return true;
 }
@@ -356,7 +356,7 @@ bool TFAT::AddCandidatesBySignature(TDriveInfo& drive, TFileInfo& file, TStringV
     bool same = false;
     FEngine.Signatures().CheckSignatureByFileExt(extension, sector, 0, longEnough, same);
     if (!same) continue;
-    if (AllFree(drive.FATInfo, candidate, needed)) {
+    if (AllFree(FATInfo(drive), candidate, needed)) {
       file.FirstClusters.push_back(candidate);
     } else {
       used.push_back(candidate);
@@ -369,7 +369,7 @@ bool TFAT::AddCandidatesBySignature(TDriveInfo& drive, TFileInfo& file, TStringV
 /// The number as found where it is believed, else the first place where a file of this size may lie:
 /// it starts after free space or after the end of a chain.
 void TFAT::AddCandidateBySpace(TDriveInfo& drive, TFileInfo& file) {
-  const TFATInfo& info = drive.FATInfo;
+  const TFATInfo& info = FATInfo(drive);
   const std::int64_t needed = CeilDiv(file.aSize, ClusterBytes(drive));
   if (IsStoredPlace(drive, file)) {
     file.FirstClusters.push_back(file.FirstCluster);

@@ -6,6 +6,7 @@
 #include <memory>
 #include <vector>
 
+#include "core/drive_records.h"
 #include "core/types.h"
 
 namespace brenlow {
@@ -71,5 +72,8 @@ struct TFATInfo {
   };
   TReadPosition ReadPosition;
 };
+
+inline TFATInfo& FATInfo(TDriveInfo& drive) { return drive.Systems.Get<TFATInfo>(); }
+inline const TFATInfo& FATInfo(const TDriveInfo& drive) { return drive.Systems.Get<TFATInfo>(); }
 
 }  // namespace brenlow

@@ -8,6 +8,7 @@
 
 #include "core/drive_records.h"
 #include "core/numbers.h"
+#include "fs/fat/fat_info.h"
 
 namespace brenlow::fat {
 
@@ -52,34 +53,34 @@ inline bool IsFAT32(const TDriveInfo& drive) { return drive.FileSystem == TFileS
 
 /// Clusters that the volume's length makes room for.
 inline std::int64_t ClusterRoom(const TDriveInfo& drive) {
-  return drive.FATInfo.SectorsPerCluster > 0 ? drive.SectorsCount / drive.FATInfo.SectorsPerCluster : 0;
+  return FATInfo(drive).SectorsPerCluster > 0 ? drive.SectorsCount / FATInfo(drive).SectorsPerCluster : 0;
 }
 
 inline std::int64_t ClusterBytes(const TDriveInfo& drive) {
-  return std::int64_t{drive.BytesPerSector} * drive.FATInfo.SectorsPerCluster;
+  return std::int64_t{drive.BytesPerSector} * FATInfo(drive).SectorsPerCluster;
 }
 
 /// Sector of a cluster, from the volume's start.
 inline std::int64_t ClusterSector(const TDriveInfo& drive, std::uint32_t cluster) {
-  return drive.FATInfo.DataFirstSector + (std::int64_t{cluster} - 2) * drive.FATInfo.SectorsPerCluster;
+  return FATInfo(drive).DataFirstSector + (std::int64_t{cluster} - 2) * FATInfo(drive).SectorsPerCluster;
 }
 
 /// True when the whole cluster lies inside the volume. Everything else that a table or an entry may
 /// name is never read: on a disk with several volumes it would be another's data.
 inline bool IsInside(const TDriveInfo& drive, std::uint32_t cluster) {
-  return cluster >= 2 && ClusterSector(drive, cluster) + drive.FATInfo.SectorsPerCluster <= drive.SectorsCount;
+  return cluster >= 2 && ClusterSector(drive, cluster) + FATInfo(drive).SectorsPerCluster <= drive.SectorsCount;
 }
 
 /// The last cluster that lies inside the volume, once reserved area, tables and root are taken off;
 /// 1 when there is none.
 inline std::int64_t LastCluster(const TDriveInfo& drive) {
-  const std::int64_t sectors = drive.SectorsCount - drive.FATInfo.DataFirstSector;
-  return drive.FATInfo.SectorsPerCluster > 0 && sectors > 0 ? sectors / drive.FATInfo.SectorsPerCluster + 1 : 1;
+  const std::int64_t sectors = drive.SectorsCount - FATInfo(drive).DataFirstSector;
+  return FATInfo(drive).SectorsPerCluster > 0 && sectors > 0 ? sectors / FATInfo(drive).SectorsPerCluster + 1 : 1;
 }
 
 /// True when the cluster's entry could not be read from any table.
 inline bool IsUnknown(const TDriveInfo& drive, std::int64_t cluster) {
-  const auto& unknown = drive.FATInfo.UnknownEntries;
+  const auto& unknown = FATInfo(drive).UnknownEntries;
   if (unknown.empty()) return false;
   const auto after = std::upper_bound(unknown.begin(), unknown.end(), cluster,
                                       [](std::int64_t c, const TClusterRange& range) { return c < range.First; });
@@ -90,7 +91,7 @@ inline bool IsUnknown(const TDriveInfo& drive, std::int64_t cluster) {
 /// FAT32 lies above its end mark, so such a mark comes back as a number; it lies outside every
 /// table, where the next step ends.
 inline std::uint32_t NextCluster(const TDriveInfo& drive, std::uint32_t cluster) {
-  const TLongWordDynArray& table = drive.FATInfo.FATTable;
+  const TLongWordDynArray& table = FATInfo(drive).FATTable;
   if (cluster >= table.size()) return 0;
   const std::uint32_t entry = table[cluster];
   const std::uint32_t bound = drive.FileSystem == TFileSystem::fsFAT12   ? 0xFF7
@@ -107,7 +108,7 @@ inline std::uint32_t BadMark(const TDriveInfo& drive) {
 
 /// False for a cluster whose entry is not known, too.
 inline bool FreeOrBad(const TDriveInfo& drive, std::int64_t cluster) {
-  const TLongWordDynArray& table = drive.FATInfo.FATTable;
+  const TLongWordDynArray& table = FATInfo(drive).FATTable;
   if (table.empty()) return false;
   if (cluster < 0 || cluster >= static_cast<std::int64_t>(table.size())) return true;
   const std::uint32_t entry = table[static_cast<std::size_t>(cluster)];

@@ -8,14 +8,15 @@
 #include <algorithm>
 #include <unordered_set>
 
-#include "analysis/files.h"
 #include "core/engine.h"
 #include "core/language.h"
 #include "core/numbers.h"
 #include "core/sector_reader.h"
 #include "core/text.h"
+#include "fs/fat/fat_info.h"
 #include "fs/fat/fat_layout.h"
 #include "fs/fat/fat_walk.h"
+#include "table/files.h"
 
 namespace brenlow::fat {
 namespace {
@@ -63,7 +64,7 @@ std::int64_t ParentByChildren(TEngine& engine, const TDriveInfo& drive, std::spa
     if (engine.Reader().ReadDriveSectors(drive, child.data(), sector, 1) != child.size()) continue;
     if (!IsFolderStart(drive, child, 0, false) || clusterIn(child) != cluster) continue;
     const std::uint32_t parent = clusterIn(std::span(child).subspan(EntrySize));
-    if (parent == 0 || parent == drive.FATInfo.RootDirFirstCluster) return SpecialCluster::Root;
+    if (parent == 0 || parent == FATInfo(drive).RootDirFirstCluster) return SpecialCluster::Root;
     if (IsInside(drive, parent)) return parent;
   }
   return 0;
@@ -79,8 +80,8 @@ std::int64_t TFolderWalk::LastSearchedCluster() const {
 /// A volume may claim more than its source holds.
 std::int64_t TFolderWalk::LastReadableCluster() const {
   const std::int64_t sectors =
-      FEngine.Reader().DeviceSectors(FDrive) - FDrive.FirstSector - FDrive.FATInfo.DataFirstSector;
-  return sectors <= 0 ? 0 : sectors / FDrive.FATInfo.SectorsPerCluster + 2;
+      FEngine.Reader().DeviceSectors(FDrive) - FDrive.FirstSector - FATInfo(FDrive).DataFirstSector;
+  return sectors <= 0 ? 0 : sectors / FATInfo(FDrive).SectorsPerCluster + 2;
 }
 
 /// Bytes that the search through free space would read, slack included, not on the whole volume.
@@ -95,13 +96,13 @@ std::int64_t TFolderWalk::LostFolderSearchSize() const {
 
 /// True for the last cluster of a chain that is no folder's, if it has room behind its first sector.
 bool TFolderWalk::IsLastOfChain(std::int64_t cluster) const {
-  const TLongWordDynArray& table = FDrive.FATInfo.FATTable;
-  if (FDrive.FATInfo.SectorsPerCluster < 2 || cluster >= static_cast<std::int64_t>(table.size())) return false;
+  const TLongWordDynArray& table = FATInfo(FDrive).FATTable;
+  if (FATInfo(FDrive).SectorsPerCluster < 2 || cluster >= static_cast<std::int64_t>(table.size())) return false;
   return table[static_cast<std::size_t>(cluster)] > BadMark(FDrive) && !IsKnown(static_cast<std::uint32_t>(cluster));
 }
 
 void TFolderWalk::FillTargets() {
-  const TLongWordDynArray& table = FDrive.FATInfo.FATTable;
+  const TLongWordDynArray& table = FATInfo(FDrive).FATTable;
   FTargets = TClusterSet(std::min<std::int64_t>(ClusterRoom(FDrive), MaxClusters));
   for (const std::uint32_t entry : table) FTargets.Add(entry);
 }
@@ -109,7 +110,7 @@ void TFolderWalk::FillTargets() {
 /// True for a cluster in use at the start of a chain that no live entry names: its entry could not be
 /// read, or never was on the disk.
 bool TFolderWalk::IsOrphan(std::int64_t cluster) const {
-  const TLongWordDynArray& table = FDrive.FATInfo.FATTable;
+  const TLongWordDynArray& table = FATInfo(FDrive).FATTable;
   return cluster < static_cast<std::int64_t>(table.size()) && table[static_cast<std::size_t>(cluster)] != 0 &&
          table[static_cast<std::size_t>(cluster)] != BadMark(FDrive) && !FTargets.Has(cluster) &&
          !FState->LiveFirst.Has(cluster) && !FState->Known.Has(cluster);
@@ -121,7 +122,7 @@ void TFolderWalk::FindLostFoldersAsNeeded(bool always) {
   search.InSlack = always || LostFolderSearchSize() <= CheapSearch;
   search.WholeVolume = always || formatted;
   search.FreeSpace = search.InSlack || formatted || !FState->Unfinished.empty();
-  const bool damaged = FState->MetBadSector || !FDrive.FATInfo.UnknownEntries.empty();
+  const bool damaged = FState->MetBadSector || !FATInfo(FDrive).UnknownEntries.empty();
   if (search.FreeSpace || damaged) FindLostFolders(search);
 }
 
@@ -133,7 +134,7 @@ void TFolderWalk::FindLostFolders(const TLostSearch& search) {
   const std::int64_t last = std::min(LastCluster(FDrive), LastReadableCluster());
   const std::int64_t lastFree = !search.FreeSpace ? 0 : search.WholeVolume ? last : LastSearchedCluster();
   const auto most = static_cast<std::uint32_t>(std::max<std::int64_t>(ScanReadSize / ClusterBytes(FDrive), 1));
-  const bool noTable = FDrive.FATInfo.FATTable.empty();
+  const bool noTable = FATInfo(FDrive).FATTable.empty();
   const auto isWanted = [&](std::int64_t cluster) {
     const bool maybe =
         cluster <= lastFree && (noTable || FreeOrBad(FDrive, cluster) || (search.InSlack && IsLastOfChain(cluster)));
@@ -163,7 +164,7 @@ void TFolderWalk::FindLostFolders(const TLostSearch& search) {
 void TFolderWalk::ScanRun(std::uint32_t first, std::uint32_t count, TByteDynArray& bytes) {
   const auto clusterBytes = static_cast<std::size_t>(ClusterBytes(FDrive));
   bytes.resize(count * clusterBytes);
-  if (!ReadSectors(ClusterSector(FDrive, first), std::int64_t{count} * FDrive.FATInfo.SectorsPerCluster,
+  if (!ReadSectors(ClusterSector(FDrive, first), std::int64_t{count} * FATInfo(FDrive).SectorsPerCluster,
                    bytes.data())) {
     ScanBadRun(first, count, bytes);
     return;
@@ -184,7 +185,7 @@ void TFolderWalk::ScanBadRun(std::uint32_t first, std::uint32_t count, std::span
     if (i < next && FreeOrBad(FDrive, first + i)) continue;
     const auto place = bytes.subspan(i * clusterBytes, clusterBytes);
     const std::int64_t sector = ClusterSector(FDrive, first + i);
-    if (ReadSectors(sector, FDrive.FATInfo.SectorsPerCluster, place.data())) {
+    if (ReadSectors(sector, FATInfo(FDrive).SectorsPerCluster, place.data())) {
       step = 1;
       ExamineCluster(first + i, place);
     } else if (clusterBytes > sectorSize && ReadSectors(sector, 1, place.data())) {
@@ -214,7 +215,7 @@ void TFolderWalk::ExamineFolderStart(std::uint32_t cluster, std::span<const std:
 void TFolderWalk::RememberLostFolder(std::uint32_t cluster, std::span<const std::uint8_t> bytes) {
   const auto parentEntry = bytes.subspan(EntrySize);
   const std::uint32_t parent = IsFAT32(FDrive) ? EntryCluster(parentEntry, 0) : ReadLe16(parentEntry, 26);
-  const bool isRoot = parent == 0 || parent == FDrive.FATInfo.RootDirFirstCluster;
+  const bool isRoot = parent == 0 || parent == FATInfo(FDrive).RootDirFirstCluster;
   if (!isRoot && (!IsInside(FDrive, parent) || parent == cluster)) return;
   FState->LostFolders.push_back({cluster, isRoot ? SpecialCluster::Root : std::int64_t{parent}, EntryTimes(bytes)});
 }

@@ -4,8 +4,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "analysis/files.h"
-#include "analysis/signatures.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/numbers.h"
@@ -14,6 +12,8 @@
 #include "fs/fat/fat.h"
 #include "fs/fat/fat_layout.h"
 #include "fs/fat/fat_walk.h"
+#include "table/files.h"
+#include "table/signatures.h"
 
 namespace brenlow {
 
@@ -24,12 +24,12 @@ namespace {
 constexpr std::uint32_t RootAreaSectors = 32;  // of a FAT12 or FAT16 root of 512 entries
 
 bool OnClusterBorder(const TDriveInfo& drive, std::int64_t sector) {
-  const std::int64_t distance = sector - drive.FATInfo.DataFirstSector;
-  return distance >= 0 && distance % drive.FATInfo.SectorsPerCluster == 0;
+  const std::int64_t distance = sector - FATInfo(drive).DataFirstSector;
+  return distance >= 0 && distance % FATInfo(drive).SectorsPerCluster == 0;
 }
 
 std::uint32_t ClusterOfSector(const TDriveInfo& drive, std::int64_t sector) {
-  return static_cast<std::uint32_t>((sector - drive.FATInfo.DataFirstSector) / drive.FATInfo.SectorsPerCluster + 2);
+  return static_cast<std::uint32_t>((sector - FATInfo(drive).DataFirstSector) / FATInfo(drive).SectorsPerCluster + 2);
 }
 
 TFolderWalk MakeWalk(TEngine& engine, TDriveInfo& drive, int driveNumber, const TOemTable& oem) {
@@ -51,7 +51,7 @@ TFolderWalk MakeWholeWalk(TEngine& engine, TDriveInfo& drive, int driveNumber, c
     engine.Pump();
     return engine.Analysing.load(std::memory_order_relaxed);
   };
-  TFolderWalk walk(engine, drive, driveNumber, oem, add, drive.FATInfo.Walk);
+  TFolderWalk walk(engine, drive, driveNumber, oem, add, FATInfo(drive).Walk);
   walk.PublishProgress = false;
   return walk;
 }
@@ -90,7 +90,7 @@ void TFAT::PartRecDoBeforeAnalyse() { FTables.Clear(); }
 void TFAT::PartRecAnalyseSector(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
                                 std::int64_t sectorNumber) {
   TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
-  TFATInfo& info = drive.FATInfo;
+  TFATInfo& info = FATInfo(drive);
   if (start >= buffer.size() || drive.BytesPerSector <= 0) return;
   if (info.SectorsPerCluster <= 0) {
     LearnClusterSize(drive, driveNumber, buffer.subspan(start), sectorNumber);
@@ -129,14 +129,14 @@ void TFAT::AnalyseSectorOfVolume(TDriveInfo& drive, int driveNumber, std::span<c
 
 /// What only two folders say may be a coincidence.
 void TFAT::CountAgreeing(TDriveInfo& drive, int folders) {
-  TFATInfo& info = drive.FATInfo;
+  TFATInfo& info = FATInfo(drive);
   info.AgreeingFolders += folders;
   drive.GeometrySource = info.AgreeingFolders >= ConfirmingFolders ? TPlaceSource::Stored : TPlaceSource::Estimated;
 }
 
 void TFAT::LearnClusterSize(TDriveInfo& drive, int driveNumber, std::span<const std::uint8_t> folder,
                             std::int64_t sectorNumber) {
-  TFATInfo& info = drive.FATInfo;
+  TFATInfo& info = FATInfo(drive);
   if (!IsFolderStart(drive, folder, 0, false)) return;
   info.WaitingSectors.push_back(sectorNumber);
   const std::uint32_t cluster = OwnCluster(drive, folder);
@@ -193,7 +193,7 @@ void TFAT::PartRecAnalyseVolume(int driveNumber, bool byTables) {
   } else if (!GetDriveInfo(drive, true)) {
     return;
   }
-  drive.FATInfo.Walk = std::make_shared<TWalkState>(drive);
+  FATInfo(drive).Walk = std::make_shared<TWalkState>(drive);
   TFolderWalk walk = MakeWholeWalk(FEngine, drive, driveNumber, FOem);
   walk.WalkRoot();
   walk.WalkWaiting(false);
@@ -202,13 +202,13 @@ void TFAT::PartRecAnalyseVolume(int driveNumber, bool byTables) {
 void TFAT::PartRecFinishVolume(int driveNumber, bool lostFolders) {
   if (FEngine.Drives().IsWrongNumber(driveNumber)) return;
   TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
-  if (!IsFAT(drive.FileSystem) || !drive.FATInfo.Walk) return;
+  if (!IsFAT(drive.FileSystem) || !FATInfo(drive).Walk) return;
   if (lostFolders && FEngine.Analysing && LostFolderSearch != TLostFolderSearch::Never) {
     TFolderWalk walk = MakeWholeWalk(FEngine, drive, driveNumber, FOem);
     walk.FindLostFoldersAsNeeded(LostFolderSearch == TLostFolderSearch::Always);
   }
-  drive.FATInfo.HighPartUsed = IsHighPartUsed(drive);
-  drive.FATInfo.Walk.reset();
+  FATInfo(drive).HighPartUsed = IsHighPartUsed(drive);
+  FATInfo(drive).Walk.reset();
 }
 
 void TFAT::PartRecAnalyseForNewDrive(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
@@ -225,7 +225,7 @@ void TFAT::PartRecAnalyseForNewDrive(std::span<const std::uint8_t> buffer, std::
   const std::uint16_t ownLowHalf = ReadLe16(buffer, start + 26);
   for (std::size_t i = drives.PartRecInfo.FoundDrives.size(); i-- > 0;) {
     const TDriveInfo& found = drives.PartRecInfo.FoundDrives[i];
-    if (!IsFAT(found.FileSystem) || found.FATInfo.SectorsPerCluster <= 0) continue;
+    if (!IsFAT(found.FileSystem) || FATInfo(found).SectorsPerCluster <= 0) continue;
     const std::int64_t relative = absolute - found.FirstSector;
     if (relative >= found.SectorsCount || !OnClusterBorder(found, relative)) continue;
     if ((ClusterOfSector(found, relative) & 0xFFFF) != ownLowHalf) continue;
@@ -250,8 +250,8 @@ void TFAT::PartRecAnalyseForNewDrive(std::span<const std::uint8_t> buffer, std::
 bool TFAT::IsKnownTable(int driveNumber, const TTablePair& pair) const {
   const TDrives& drives = FEngine.Drives();
   const auto has = [&](const TDriveInfo& drive) {
-    return IsFAT(drive.FileSystem) && drive.FATInfo.FATSize > 0 &&
-           drive.FirstSector + drive.FATInfo.FATFirstSector == pair.First;
+    return IsFAT(drive.FileSystem) && FATInfo(drive).FATSize > 0 &&
+           drive.FirstSector + FATInfo(drive).FATFirstSector == pair.First;
   };
   const TIntegerDynArray& subs = drives.List[static_cast<std::size_t>(driveNumber)].SubDrives;
   return std::any_of(drives.PartRecInfo.FoundDrives.begin(), drives.PartRecInfo.FoundDrives.end(), has) ||
@@ -278,7 +278,7 @@ TDriveInfo TFAT::VolumeOfTables(int driveNumber, const TTablePair& pair, int sec
   }
   const std::int64_t entries = pair.Size * volume.BytesPerSector / (isFAT32 ? 4 : 2);
   volume.SectorsCount = std::min(end, pair.DataFirst() + (entries - 2) * sectorsPerCluster) - volume.FirstSector;
-  TFATInfo& info = volume.FATInfo;
+  TFATInfo& info = FATInfo(volume);
   info.SectorsPerCluster = sectorsPerCluster;
   info.FATCount = 2;
   info.FATFirstSector = static_cast<std::uint32_t>(pair.First - volume.FirstSector);
@@ -302,7 +302,7 @@ int TFAT::LargestFittingCluster(int driveNumber, const TTablePair& pair) const {
   for (int larger = 2; larger <= 128; larger *= 2) {
     const TDriveInfo volume = VolumeOfTables(driveNumber, pair, larger);
     const std::int64_t entries = pair.Size * volume.BytesPerSector / (IsFAT32(volume) ? 4 : 2) * 3 / 4;
-    const std::int64_t most = volume.SectorsCount - volume.FATInfo.DataFirstSector;
+    const std::int64_t most = volume.SectorsCount - FATInfo(volume).DataFirstSector;
     if (entries * larger <= most) size = larger;
   }
   return size;

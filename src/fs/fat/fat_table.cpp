@@ -58,7 +58,7 @@ class TTableReader {
       : FEngine(engine),
         FDrive(drive),
         FNumber(number),
-        FOther(number + 1 < drive.FATInfo.FATCount ? number + 1 : -1),
+        FOther(number + 1 < FATInfo(drive).FATCount ? number + 1 : -1),
         FSectorSize(drive.BytesPerSector) {}
 
   TByteDynArray Bytes;
@@ -78,7 +78,7 @@ class TTableReader {
 
   bool Read(int number, std::int64_t from, std::int64_t count, std::uint8_t* place) {
     if (number < 0) return false;
-    const TFATInfo& info = FDrive.FATInfo;
+    const TFATInfo& info = FATInfo(FDrive);
     const std::int64_t sector = FDrive.FirstSector + info.FATFirstSector + std::int64_t{info.FATSize} * number + from;
     // After the end of the source nothing need be tried.
     if (sector >= FEngine.Reader().DeviceSectors(FDrive)) return false;
@@ -141,7 +141,7 @@ void TFAT::FillTable(const TDriveInfo& drive, TLongWordDynArray& table, int fatN
                      std::vector<TClusterRange>* unknown) {
   table.clear();
   if (unknown != nullptr) unknown->clear();
-  const TFATInfo& info = drive.FATInfo;
+  const TFATInfo& info = FATInfo(drive);
   if (info.SectorsPerCluster < 1 || drive.BytesPerSector < 1) return;
   const double entryBytes = EntryBytes(drive.FileSystem);
   const double stated = static_cast<double>(drive.BytesPerSector) * info.FATSize / entryBytes;

@@ -34,7 +34,7 @@ bool fat::IsFolderStart(const TDriveInfo& drive, std::span<const std::uint8_t> b
   const auto first = buffer.subspan(start, EntrySize);
   const auto second = buffer.subspan(start + EntrySize, EntrySize);
   if (root) {
-    if (drive.FATInfo.SectorsPerCluster == 0) return false;
+    if (FATInfo(drive).SectorsPerCluster == 0) return false;
     const std::int64_t room = ClusterRoom(drive);
     const auto fits = [room](std::span<const std::uint8_t> entry) {
       return EntryCluster(entry, 0) <= room || entry[11] == AttrLongName;
@@ -108,7 +108,7 @@ bool TFAT::IsVolumeSound(const TDriveInfo& volume, std::span<const std::uint8_t>
 bool TFAT::HasSoundRoot(const TDriveInfo& volume) {
   constexpr std::uint8_t undefinedAttributes = 0xC0;
   TByteDynArray sector(static_cast<std::size_t>(FEngine.Drives().GetBytesPerSector(volume)));
-  const std::int64_t root = volume.FirstSector + volume.FATInfo.RootDirFirstSector;
+  const std::int64_t root = volume.FirstSector + FATInfo(volume).RootDirFirstSector;
   if (FEngine.Reader().ReadDriveSectors(volume, sector.data(), root, 1) != sector.size()) return false;
   for (std::size_t at = 0; at + EntrySize <= sector.size(); at += EntrySize) {
     const auto entry = std::span(sector).subspan(at, EntrySize);
@@ -130,7 +130,7 @@ bool TFAT::GetDriveInfo(TDriveInfo& drive, bool fillTable) {
 bool TFAT::ReadBootSector(TDriveInfo& drive, std::int64_t sector, bool fillTable) {
   TByteDynArray boot(static_cast<std::size_t>(FEngine.Drives().GetBytesPerSector(drive)));
   if (FEngine.Reader().ReadDriveSectors(drive, boot.data(), sector, 1) == 0 || !IsPartition(boot, 0)) return false;
-  TFATInfo& info = drive.FATInfo;
+  TFATInfo& info = FATInfo(drive);
   if (drive.BytesPerSector == 0) drive.DefaultBytesPerSector = drive.BytesPerSector = ReadLe16(boot, BytesPerSectorAt);
   if (drive.BytesPerSector < 1) return false;
   if (info.SectorsPerCluster == 0) drive.DefaultSectorsPerCluster = info.SectorsPerCluster = boot[SectorsPerClusterAt];
@@ -181,7 +181,7 @@ bool TFAT::ReadBootSector(TDriveInfo& drive, std::int64_t sector, bool fillTable
 }
 
 void TFAT::LoadTable(TDriveInfo& drive) {
-  TFATInfo& info = drive.FATInfo;
+  TFATInfo& info = FATInfo(drive);
   FillTable(drive, info.FATTable, 0, &info.UnknownEntries);
   info.FreeClusters.assign(info.FATTable.size() / 64 + 1, 0);
   for (std::size_t i = 2; i < info.FATTable.size(); ++i) {
@@ -193,7 +193,7 @@ void TFAT::LoadTable(TDriveInfo& drive) {
 /// The label among the first entries of the root.
 bool TFAT::ReadRootLabel(TDriveInfo& drive) {
   TByteDynArray sector(static_cast<std::size_t>(drive.BytesPerSector));
-  const std::int64_t root = drive.FirstSector + drive.FATInfo.RootDirFirstSector;
+  const std::int64_t root = drive.FirstSector + FATInfo(drive).RootDirFirstSector;
   if (FEngine.Reader().ReadDriveSectors(drive, sector.data(), root, 1) != sector.size()) return false;
   TEntryParser parser(FOem);
   TFileInfo label;
@@ -218,9 +218,9 @@ void TFAT::ReadVolumeName(TDriveInfo& drive, std::span<const std::uint8_t> boot)
 
 void TFAT::ReadFreeSize(TDriveInfo& drive) {
   TLongWordDynArray loaded;
-  std::vector<TClusterRange> unknown = drive.FATInfo.UnknownEntries;
-  if (drive.FATInfo.FATTable.empty()) FillTable(drive, loaded, 0, &unknown);
-  const TLongWordDynArray& table = drive.FATInfo.FATTable.empty() ? loaded : drive.FATInfo.FATTable;
+  std::vector<TClusterRange> unknown = FATInfo(drive).UnknownEntries;
+  if (FATInfo(drive).FATTable.empty()) FillTable(drive, loaded, 0, &unknown);
+  const TLongWordDynArray& table = FATInfo(drive).FATTable.empty() ? loaded : FATInfo(drive).FATTable;
   std::int64_t free = std::count(table.begin(), table.end(), 0U);
   for (const TClusterRange& range : unknown) free -= std::int64_t{range.End} - range.First;
   drive.aFreeSize = std::max<std::int64_t>(free, 0) * ClusterBytes(drive);

@@ -3,13 +3,13 @@
 
 #include <algorithm>
 
-#include "analysis/files.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/numbers.h"
 #include "core/sector_reader.h"
 #include "fs/fat/fat.h"
 #include "fs/fat/fat_layout.h"
+#include "table/files.h"
 
 namespace brenlow {
 namespace fat {
@@ -41,7 +41,7 @@ void TFolderWalk::WalkRoot() {
     WalkRootArea();
     return;
   }
-  const std::uint32_t root = FDrive.FATInfo.RootDirFirstCluster;
+  const std::uint32_t root = FATInfo(FDrive).RootDirFirstCluster;
   MarkKnown(root);
   WalkFolder(root);
 }
@@ -98,7 +98,7 @@ std::uint32_t TFolderWalk::ReadChain(std::uint32_t cluster, TSectors& sectors) {
          IsInside(FDrive, cluster + count) && !IsKnown(cluster + count)) {
     ++count;
   }
-  const int perCluster = FDrive.FATInfo.SectorsPerCluster;
+  const int perCluster = FATInfo(FDrive).SectorsPerCluster;
   ReadAround(ClusterSector(FDrive, cluster), std::int64_t{count} * perCluster, perCluster, sectors);
   return count;
 }
@@ -114,7 +114,7 @@ std::uint32_t TFolderWalk::NextOfFolder(std::uint32_t last) {
 }
 
 bool TFolderWalk::WalkFolder(std::uint32_t cluster, std::span<const std::uint8_t> firstCluster) {
-  const bool isRoot = cluster != 0 && cluster == FDrive.FATInfo.RootDirFirstCluster;
+  const bool isRoot = cluster != 0 && cluster == FATInfo(FDrive).RootDirFirstCluster;
   TSectors sectors;
   std::uint32_t count = 1;
   if (firstCluster.empty()) {
@@ -154,7 +154,7 @@ bool TFolderWalk::WalkFolder(std::uint32_t cluster, std::span<const std::uint8_t
 }
 
 void TFolderWalk::WalkRootArea() {
-  const TFATInfo& info = FDrive.FATInfo;
+  const TFATInfo& info = FATInfo(FDrive);
   if (info.RootDirMaxFiles == 0) return;
   const std::uint32_t entries = std::min(info.RootDirMaxFiles, MaxRootEntries);
   TSectors sectors;
@@ -215,7 +215,7 @@ void TFolderWalk::Enter(TFileInfo& info) {
   }
   if (info.blnDeleted && IsFAT32(FDrive) && info.FirstCluster > 0xFFFF &&
       info.FirstCluster <= ClusterRoom(FDrive) + 2) {
-    FDrive.FATInfo.HighHalvesKept = true;
+    FATInfo(FDrive).HighHalvesKept = true;
   }
   if (info.FirstCluster <= ClusterRoom(FDrive)) {
     const std::int64_t clusters = CeilDiv(info.aSize, ClusterBytes(FDrive));
@@ -248,7 +248,7 @@ bool TFolderWalk::FindDeletedFolderCluster(TFileInfo& info) {
     const std::int64_t candidate = asFound + std::int64_t{k} * 65536;
     if (candidate > LastCluster(FDrive)) break;
     const auto cluster = static_cast<std::uint32_t>(candidate);
-    const bool free = FreeOrBad(FDrive, candidate) || IsUnknown(FDrive, candidate) || FDrive.FATInfo.FATTable.empty();
+    const bool free = FreeOrBad(FDrive, candidate) || IsUnknown(FDrive, candidate) || FATInfo(FDrive).FATTable.empty();
     if (cluster < 2 || (k > 0 && !free)) continue;
     if (!ReadSectors(ClusterSector(FDrive, cluster), 1, sector.data()) || !IsFolderStart(FDrive, sector, 0, false)) {
       continue;
@@ -270,7 +270,7 @@ void TFAT::AnalyseSystem(int driveNumber) {
   if (FEngine.OnAnalyseProgress) FEngine.AnalyseProgress(0);
   TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
   drive.Analysed = TAnalyseInformation::aiPartial;
-  drive.FATInfo.HighHalvesKept = false;
+  FATInfo(drive).HighHalvesKept = false;
   if (!GetDriveInfo(drive, true)) return;
 
   TFiles& files = FEngine.Files();
@@ -285,7 +285,7 @@ void TFAT::AnalyseSystem(int driveNumber) {
     walk.FindLostFoldersAsNeeded(LostFolderSearch == TLostFolderSearch::Always);
   }
   if (FEngine.Analysing) {
-    drive.FATInfo.HighPartUsed = IsHighPartUsed(drive);
+    FATInfo(drive).HighPartUsed = IsHighPartUsed(drive);
     drive.Analysed = TAnalyseInformation::aiFull;
     FEngine.AnalyseProgress(1.0);
   }

@@ -13,6 +13,7 @@
 #include "core/drive_records.h"
 #include "core/file_records.h"
 #include "core/types.h"
+#include "fs/ntfs/ntfs_info.h"
 #include "fs/ntfs/ntfs_record.h"
 #include "fs/ntfs/ntfs_references.h"
 
@@ -26,11 +27,11 @@ struct TNTFSLogImage;
 
 /// Bytes of a cluster, 0 while that is not known.
 inline std::int64_t ClusterBytes(const TDriveInfo& drive) {
-  return std::int64_t{drive.NTFSInfo.SectorsPerCluster} * drive.BytesPerSector;
+  return std::int64_t{NTFSInfo(drive).SectorsPerCluster} * drive.BytesPerSector;
 }
 /// Whole clusters that the volume says it has.
 inline std::int64_t VolumeClusters(const TDriveInfo& drive) {
-  return drive.NTFSInfo.SectorsPerCluster > 0 ? drive.SectorsCount / drive.NTFSInfo.SectorsPerCluster : 0;
+  return NTFSInfo(drive).SectorsPerCluster > 0 ? drive.SectorsCount / NTFSInfo(drive).SectorsPerCluster : 0;
 }
 }  // namespace ntfs
 

@@ -96,12 +96,12 @@ TStringView TypeName(std::int64_t type) {
 bool TNTFS::ReadClusters(const TDriveInfo& drive, std::int64_t cluster, std::int64_t offset,
                          std::span<std::uint8_t> place, int incDataSector) {
   const int sectorSize = drive.BytesPerSector;
-  const std::int64_t first = cluster * drive.NTFSInfo.SectorsPerCluster + offset / sectorSize;
+  const std::int64_t first = cluster * NTFSInfo(drive).SectorsPerCluster + offset / sectorSize;
   const auto sectors = static_cast<std::int64_t>(place.size()) / sectorSize;
   const bool inside = IsInVolume(drive, first, sectors);
   const std::int64_t start = drive.FirstSector + first + incDataSector;
   if (inside && FEngine.Reader().ReadDriveSectors(drive, place.data(), start, sectors) == place.size()) return true;
-  const std::int64_t step = std::max<std::int64_t>(drive.NTFSInfo.SectorsPerCluster, 1);
+  const std::int64_t step = std::max<std::int64_t>(NTFSInfo(drive).SectorsPerCluster, 1);
   TByteDynArray single(static_cast<std::size_t>(step * sectorSize));
   bool whole = true;
   for (std::int64_t at = 0; at < sectors;) {
@@ -124,7 +124,7 @@ bool TNTFS::ReadClusters(const TDriveInfo& drive, std::int64_t cluster, std::int
 /// The record of a row: where it was found, an image from the log, or by its number.
 bool TNTFS::ReadRecordOf(const TDriveInfo& drive, const TFile& file, TByteDynArray& record, TMFTRecord& place) {
   const TFileInfo& info = file.FileInfo;
-  const auto& images = drive.NTFSInfo.LogMFTs;
+  const auto& images = NTFSInfo(drive).LogMFTs;
   if (info.FirstSector >= 0) {
     place = {info.FirstSector + drive.DefaultFirstSector - drive.FirstSector, info.OffsetInSector};
   } else if (info.JournalPosition > 0 && info.JournalPosition < static_cast<std::int64_t>(images.size())) {
@@ -144,7 +144,7 @@ void TNTFS::ForEachAttribute(const TDriveInfo& drive, const TFile& file, TCallab
   TByteDynArray extension;
   TMFTRecord place;
   const TFileInfo& info = file.FileInfo;
-  if (drive.NTFSInfo.MFTRecordSize < 1 || drive.BytesPerSector < 1) return;
+  if (NTFSInfo(drive).MFTRecordSize < 1 || drive.BytesPerSector < 1) return;
   if (!ReadRecordOf(drive, file, base, place)) return;
   const std::int64_t number = info.FirstClusterInfo == TFirstClusterInfo::fciNormal ? info.FirstCluster : -1;
   TInt64DynArray records{info.FirstCluster};
@@ -370,7 +370,7 @@ void TNTFS::ReadUnit(const TDriveInfo& drive, std::int64_t unit, std::span<std::
 /// Reads a cluster, or whole sectors of its start; false, and zeros, when they cannot be read, which counts as a failed
 /// read.
 bool TNTFS::ReadCluster(const TDriveInfo& drive, std::int64_t lcn, std::span<std::uint8_t> place, int incDataSector) {
-  const std::int64_t first = lcn * drive.NTFSInfo.SectorsPerCluster;
+  const std::int64_t first = lcn * NTFSInfo(drive).SectorsPerCluster;
   const auto sectors = static_cast<std::int64_t>(place.size()) / drive.BytesPerSector;
   TSectorReader& reader = FEngine.Reader();
   if (IsInVolume(drive, first, sectors)) {
@@ -411,7 +411,7 @@ void TNTFS::GetFileFragments(const TFile& file, TFileFragments& result, bool& re
   const TDrives& drives = FEngine.Drives();
   if (drives.IsWrongNumber(file.FileInfo.aDriveNumber)) return;
   const TDriveInfo& drive = drives.List[static_cast<std::size_t>(file.FileInfo.aDriveNumber)];
-  const std::int64_t perCluster = drive.NTFSInfo.SectorsPerCluster;
+  const std::int64_t perCluster = NTFSInfo(drive).SectorsPerCluster;
   if (perCluster < 1 || drive.BytesPerSector < 1) return;
   const std::int64_t total = CeilDiv(file.FileInfo.aSize, drive.BytesPerSector);
   std::int64_t position = 0;
@@ -448,7 +448,7 @@ std::int64_t TNTFS::GetSizeOnDisk(const TFile& file) {
   const TDrives& drives = FEngine.Drives();
   if (drives.IsWrongNumber(file.FileInfo.aDriveNumber)) return 0;
   const TDriveInfo& drive = drives.List[static_cast<std::size_t>(file.FileInfo.aDriveNumber)];
-  if (drive.BytesPerSector < 1 || drive.NTFSInfo.SectorsPerCluster < 1) return 0;
+  if (drive.BytesPerSector < 1 || NTFSInfo(drive).SectorsPerCluster < 1) return 0;
   const std::int64_t volume = VolumeClusters(drive);
   std::int64_t clusters = 0;
   ForEachAttribute(drive, file, [&](const TMFTRecord&, const TAttribute& attribute) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "core/datetime.h"
+#include "core/drive_records.h"
 #include "core/file_records.h"
 #include "core/types.h"
 #include "fs/ntfs/ntfs_references.h"
@@ -109,5 +110,8 @@ struct TNTFSInfo {
   /// position that means "none".
   std::vector<TByteDynArray> LogMFTs;
 };
+
+inline TNTFSInfo& NTFSInfo(TDriveInfo& drive) { return drive.Systems.Get<TNTFSInfo>(); }
+inline const TNTFSInfo& NTFSInfo(const TDriveInfo& drive) { return drive.Systems.Get<TNTFSInfo>(); }
 
 }  // namespace brenlow

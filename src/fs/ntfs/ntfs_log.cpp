@@ -6,13 +6,13 @@
 #include <map>
 #include <unordered_set>
 
-#include "analysis/files.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/numbers.h"
 #include "core/text.h"
 #include "fs/ntfs/ntfs.h"
 #include "fs/ntfs/ntfs_folder_names.h"
+#include "table/files.h"
 
 namespace brenlow {
 
@@ -295,8 +295,8 @@ void ntfs::ApplyLogRecords(TNTFSLogContent& content, int mftRecordSize) {
 /// Finds files that exist only as records in the log.
 void TNTFS::AnalyseLogFile(int driveNumber) {
   TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
-  drive.NTFSInfo.LogInfo = TNTFSLogInfo();
-  TNTFSLogInfo& info = drive.NTFSInfo.LogInfo;
+  NTFSInfo(drive).LogInfo = TNTFSLogInfo();
+  TNTFSLogInfo& info = NTFSInfo(drive).LogInfo;
   TFile log;
   log.FileInfo.FirstCluster = LogRecord;
   log.FileInfo.aSize = log.FileInfo.DefaultSize = info.FileSize;
@@ -315,15 +315,15 @@ void TNTFS::AnalyseLogFile(int driveNumber) {
     GetFileData(drive, pages, log, -1, start, static_cast<std::int64_t>(chunkSize), 0);
     const bool last = pages.size() < chunkSize;
     FixLogPages(pages, info.PageSize);
-    FindFolderNames(pages, wanted, drive.NTFSInfo.LostFolderNames);
-    position = CollectLogRecords(pages, position, start, info, drive.NTFSInfo.MFTRecordSize, content);
+    FindFolderNames(pages, wanted, NTFSInfo(drive).LostFolderNames);
+    position = CollectLogRecords(pages, position, start, info, NTFSInfo(drive).MFTRecordSize, content);
     if (last || position < info.PageSize) break;
     start += static_cast<std::int64_t>(position / info.PageSize * info.PageSize);
     position = position % info.PageSize / 8 * 8;
     FEngine.Pump();
   }
   if (FEngine.Analysing) LinkLogImages(content.Images);
-  if (FEngine.Analysing) ApplyLogRecords(content, drive.NTFSInfo.MFTRecordSize);
+  if (FEngine.Analysing) ApplyLogRecords(content, NTFSInfo(drive).MFTRecordSize);
   if (FEngine.Analysing) AddLogFiles(driveNumber, content.Images);
 }
 
@@ -333,7 +333,7 @@ void TNTFS::AddLogFiles(int driveNumber, std::vector<TNTFSLogImage>& images) {
   const std::int64_t clusters = VolumeClusters(drive);
   for (TNTFSLogImage& image : images) {
     FParsed.Info.aDriveNumber = driveNumber;
-    image.Image.resize(static_cast<std::size_t>(drive.NTFSInfo.MFTRecordSize));
+    image.Image.resize(static_cast<std::size_t>(NTFSInfo(drive).MFTRecordSize));
     if (!AnalyseMFTRecord(drive, image.Image, 0, true, FParsed, -1, -1, 0, false)) continue;
     if (FParsed.HaveMainRecord || FParsed.Names.empty()) continue;
     TFileInfo& info = FParsed.Info;
@@ -344,12 +344,12 @@ void TNTFS::AddLogFiles(int driveNumber, std::vector<TNTFSLogImage>& images) {
     NoteFolderName({OwnNumber(image.Image), FParsed.Use.Sequence}, info, drive);
     const std::int64_t folder = MoveToSystemDataFolder(name.Text, ParentKey(drive, name.Parent));
     // A state of a file that is alive, without content that could be read, adds nothing to it.
-    const bool readable = !drive.NTFSInfo.LogMFTs.empty() && !info.blnFolder && HasContent(image.Image, clusters);
+    const bool readable = !NTFSInfo(drive).LogMFTs.empty() && !info.blnFolder && HasContent(image.Image, clusters);
     if (!readable && known.IsAlive(driveNumber, folder, info)) continue;
     if (!known.Enter(driveNumber, folder, info)) continue;
     // Position 0 means "none" to whoever reads: the first image is listed, but has no content.
-    info.JournalPosition = static_cast<std::int64_t>(drive.NTFSInfo.LogMFTs.size());
-    drive.NTFSInfo.LogMFTs.push_back(std::move(image.Image));
+    info.JournalPosition = static_cast<std::int64_t>(NTFSInfo(drive).LogMFTs.size());
+    NTFSInfo(drive).LogMFTs.push_back(std::move(image.Image));
     AddRow(drive, driveNumber, info, name.Parent, true);
     FEngine.Pump();
     if (!FEngine.Analysing) return;

@@ -4,13 +4,13 @@
 #include <map>
 #include <set>
 
-#include "analysis/files.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/language.h"
 #include "core/text.h"
 #include "fs/ntfs/ntfs.h"
 #include "fs/ntfs/ntfs_folder_names.h"
+#include "table/files.h"
 
 namespace brenlow {
 
@@ -70,7 +70,7 @@ void TNTFS::SettleParents(TDriveInfo& drive) {
 /// A folder record met in the log.
 void TNTFS::NoteFolderName(const TReference& folder, const TFileInfo& info, TDriveInfo& drive) const {
   const std::int64_t key = ReferenceKey(folder);
-  if (info.blnFolder && IsReferenceKey(key)) drive.NTFSInfo.LostFolderNames.try_emplace(key, info.strName);
+  if (info.blnFolder && IsReferenceKey(key)) NTFSInfo(drive).LostFolderNames.try_emplace(key, info.strName);
 }
 
 /// Looks for the names of lost folders in what the indexes of folders hold, their free room included.
@@ -95,7 +95,7 @@ void TNTFS::FindLostFolderNames(TDriveInfo& drive) {
       bytes.assign(static_cast<std::size_t>(count * clusterBytes), 0);
       ReadCluster(drive, run.Lcn + at, bytes, 0);
       FixIndexBlocks(bytes);
-      FindFolderNames(bytes, wanted, drive.NTFSInfo.LostFolderNames);
+      FindFolderNames(bytes, wanted, NTFSInfo(drive).LostFolderNames);
       at += count;
       FEngine.Pump();
     }
@@ -108,7 +108,7 @@ void TNTFS::AddLostFolders(TDriveInfo& drive) {
   TFiles& files = FEngine.Files();
   const int driveNumber = NumberOf(FEngine.Drives(), drive);
   if (driveNumber < 0) return;
-  const auto& names = drive.NTFSInfo.LostFolderNames;
+  const auto& names = NTFSInfo(drive).LostFolderNames;
   std::map<TString, int> taken;  // names in upper case, and how often
   for (const std::int64_t key : TDrives::GetFoundPosParentClusters(drive)) {
     if (!IsReferenceKey(key)) continue;

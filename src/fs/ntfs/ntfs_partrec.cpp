@@ -5,13 +5,13 @@
 #include <map>
 #include <set>
 
-#include "analysis/files.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/numbers.h"
 #include "core/text.h"
 #include "fs/ntfs/ntfs.h"
 #include "fs/ntfs/ntfs_traces.h"
+#include "table/files.h"
 
 namespace brenlow {
 
@@ -26,12 +26,12 @@ constexpr std::int64_t MirroredRecords = 4;
 constexpr std::size_t MostAnchors = 1 << 16;
 
 std::int64_t RecordSectors(const TDriveInfo& drive) {
-  return std::max<std::int64_t>(drive.NTFSInfo.MFTRecordSize / std::max(drive.BytesPerSector, 1), 1);
+  return std::max<std::int64_t>(NTFSInfo(drive).MFTRecordSize / std::max(drive.BytesPerSector, 1), 1);
 }
 
 /// Sector of a record of a table that lies in one piece.
 std::int64_t SectorOfRecord(const TDriveInfo& drive, std::int64_t number) {
-  return drive.NTFSInfo.MFTFirstSector + number * drive.NTFSInfo.MFTRecordSize / std::max(drive.BytesPerSector, 1);
+  return NTFSInfo(drive).MFTFirstSector + number * NTFSInfo(drive).MFTRecordSize / std::max(drive.BytesPerSector, 1);
 }
 
 }  // namespace
@@ -45,7 +45,7 @@ void TNTFS::PartRecAnalyseSector(std::span<const std::uint8_t> buffer, std::size
     const std::size_t at = start + static_cast<std::size_t>(offset);
     if (!ntfs::IsMFT(buffer, at)) continue;
     TDriveInfo& drive = drives.List[static_cast<std::size_t>(driveNumber)];
-    TNTFSInfo& info = drive.NTFSInfo;
+    TNTFSInfo& info = NTFSInfo(drive);
     if (info.MFTRecordSize == 0) info.MFTRecordSize = StatedRecordSize(buffer.subspan(at));
     if (info.MFTRecordSize == 0) info.MFTRecordSize = UsualRecordSize;
     // The table was analysed when the volume was confirmed.
@@ -78,7 +78,7 @@ TNTFS::TNewDrive TNTFS::CheckNewDrive(std::span<const std::uint8_t> buffer, std:
     if (found.FirstSector + SectorOfRecord(found, number) != absolute) continue;
     const int target = drives.PartRecDriveForFound(search.MainDrive, static_cast<int>(i));
     if (target < 0) return TNewDrive::None;
-    drives.List[static_cast<std::size_t>(target)].NTFSInfo.CanBeTruncated = false;
+    NTFSInfo(drives.List[static_cast<std::size_t>(target)]).CanBeTruncated = false;
     if (OnPartRecConfirmed) OnPartRecConfirmed(sectorNumber);
     PartRecDriveAdded(target);
     if (target != driveNumber) return TNewDrive::Analysed;
@@ -90,7 +90,7 @@ TNTFS::TNewDrive TNTFS::CheckNewDrive(std::span<const std::uint8_t> buffer, std:
 }
 
 void TNTFS::FillTableSectors(TDriveInfo& drive) {
-  TNTFSInfo& info = drive.NTFSInfo;
+  TNTFSInfo& info = NTFSInfo(drive);
   const std::int64_t perRecord = RecordSectors(drive);
   std::vector<TSectorRange> ranges;
   if (info.MFTMirrorSector > 0) {
@@ -113,14 +113,14 @@ void TNTFS::FillTableSectors(TDriveInfo& drive) {
 }
 
 bool TNTFS::IsInTable(const TDriveInfo& volume, std::int64_t sector) {
-  const auto& ranges = volume.NTFSInfo.TableSectors;
+  const auto& ranges = NTFSInfo(volume).TableSectors;
   const auto after = std::upper_bound(ranges.begin(), ranges.end(), sector,
                                       [](std::int64_t s, const TSectorRange& range) { return s < range.First; });
   return after != ranges.begin() && sector < std::prev(after)->End;
 }
 
 bool TNTFS::IsNumberInTable(const TDriveInfo& drive, std::int64_t number) {
-  const auto& runs = drive.NTFSInfo.MFTStructure;
+  const auto& runs = NTFSInfo(drive).MFTStructure;
   const auto after = std::upper_bound(runs.begin(), runs.end(), number,
                                       [](std::int64_t n, const TMFTRun& run) { return n < run.FirstNumber; });
   if (after == runs.begin()) return false;
@@ -139,7 +139,7 @@ void TNTFS::PartRecAnalyseTable(int driveNumber) {
   TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
   FIndexes.clear();
   // Without a record of it, neither table nor mirror may be there any more.
-  if (drive.NTFSInfo.MFTRecordCount > 0) FillTableSectors(drive);
+  if (NTFSInfo(drive).MFTRecordCount > 0) FillTableSectors(drive);
   AnalyseMFTRecords(driveNumber, false);
   SettleParents(drive);
   if (FEngine.Analysing) AnalyseLogFile(driveNumber);
@@ -149,7 +149,7 @@ void TNTFS::PartRecAnalyseTable(int driveNumber) {
 // ---- volumes without a boot sector ----------------------------------------------------------
 
 bool TNTFS::PartRecTakeTable(TDriveInfo& drive, const TSearchTraces& traces) {
-  TNTFSInfo& info = drive.NTFSInfo;
+  TNTFSInfo& info = NTFSInfo(drive);
   info.MFTStructure = traces.Table(drive.FirstSector, drive.FirstSector + drive.SectorsCount);
   info.MFTRecordCount =
       info.MFTStructure.empty() ? 0 : info.MFTStructure.back().FirstNumber + info.MFTStructure.back().Count;
@@ -161,7 +161,7 @@ bool TNTFS::PartRecTakeTable(TDriveInfo& drive, const TSearchTraces& traces) {
 void TNTFS::PartRecPlaceVolume(TDriveInfo& drive, const TGeometry& geometry, const TSearchTraces& traces,
                                std::int64_t end) {
   ClearMemory();
-  TNTFSInfo& info = drive.NTFSInfo;
+  TNTFSInfo& info = NTFSInfo(drive);
   drive.FirstSector = geometry.FirstSector;
   drive.SectorsCount = geometry.SectorsCount > 0 ? geometry.SectorsCount : end - geometry.FirstSector;
   drive.GeometrySource = geometry.Votes >= 2 ? TPlaceSource::FromCopy : TPlaceSource::Estimated;
@@ -206,7 +206,7 @@ void TNTFS::PartRecAnalyseAgain(int driveNumber, std::int64_t sector, int offset
 }
 
 void TNTFS::PartRecChangeVolumeName(TDriveInfo& drive) {
-  if (!drive.VolumeName.empty() || drive.NTFSInfo.MFTRecordSize < 1 || drive.BytesPerSector < 1) return;
+  if (!drive.VolumeName.empty() || NTFSInfo(drive).MFTRecordSize < 1 || drive.BytesPerSector < 1) return;
   TByteDynArray record;
   TParsed parsed;
   if (!ReadRecord(drive, {SectorOfRecord(drive, VolumeRecord), 0}, record)) return;
@@ -220,7 +220,7 @@ void TNTFS::PartRecChangeVolumeName(TDriveInfo& drive) {
 
 /// Notes a record whose number is certain, unless it follows from the last one noted.
 void TNTFS::AddAnchor(TDriveInfo& drive, std::int64_t number, std::int64_t sectorNumber) {
-  TNTFSInfo& volume = drive.NTFSInfo;
+  TNTFSInfo& volume = NTFSInfo(drive);
   const bool follows =
       volume.LastMFTNumber >= 0 && sectorNumber - FLastSector == (number - volume.LastMFTNumber) * RecordSectors(drive);
   volume.LastMFTNumber = number;
@@ -237,7 +237,7 @@ void TNTFS::AddAnchor(TDriveInfo& drive, std::int64_t number, std::int64_t secto
 /// its children, or one from the nearest record before it.
 void TNTFS::EstimateMFTNumber(TDriveInfo& drive, TFileInfo& info, std::int64_t parent, std::int64_t sectorNumber,
                               std::int64_t ownNumber) {
-  const TNTFSInfo& volume = drive.NTFSInfo;
+  const TNTFSInfo& volume = NTFSInfo(drive);
   const int system = parent == RootRecord ? SystemFileNumber(info.strName) : -1;
   if (ownNumber >= 0) {
     info.FirstCluster = ownNumber;
@@ -270,7 +270,7 @@ void TNTFS::AddToUFCF(TDriveInfo& drive, const TFileInfo& info, const TName& nam
   file.Atributes = info.Atributes;
   file.FirstClusterInfo = info.FirstClusterInfo;
   file.TimeStamp = info.TimeStamp;
-  drive.NTFSInfo.UnknownFirstClusterFiles.push_back(std::move(file));
+  NTFSInfo(drive).UnknownFirstClusterFiles.push_back(std::move(file));
   ++FEngine.Files().FoundCount;
 }
 
@@ -280,7 +280,7 @@ void TNTFS::PartRecDoAfterAnalyse(int parentDrive) {
   const TIntegerDynArray subs = drives.List[static_cast<std::size_t>(parentDrive)].SubDrives;
   double total = 0;
   for (const int sub : subs) {
-    total += static_cast<double>(drives.List[static_cast<std::size_t>(sub)].NTFSInfo.UnknownFirstClusterFiles.size());
+    total += static_cast<double>(NTFSInfo(drives.List[static_cast<std::size_t>(sub)]).UnknownFirstClusterFiles.size());
   }
   double done = 0;
   for (const int sub : subs) {
@@ -294,14 +294,14 @@ void TNTFS::ResolveUFCF(int driveNumber, double& done, double total) {
   TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
   // The last anchor, by number, of those not above a sector.
   std::map<std::int64_t, TPartRecMFT> bySector;
-  for (const TPartRecMFT& anchor : drive.NTFSInfo.PartRecMFTStructure) bySector[anchor.SectorNumber] = anchor;
+  for (const TPartRecMFT& anchor : NTFSInfo(drive).PartRecMFTStructure) bySector[anchor.SectorNumber] = anchor;
   const TPartRecMFT* best = nullptr;
   for (auto& [sector, anchor] : bySector) {
     if (best != nullptr && best->MFTNumber > anchor.MFTNumber) anchor = *best;
     best = &anchor;
   }
-  const std::vector<TUnknownFirstClusterFile> files = std::move(drive.NTFSInfo.UnknownFirstClusterFiles);
-  drive.NTFSInfo.UnknownFirstClusterFiles.clear();
+  const std::vector<TUnknownFirstClusterFile> files = std::move(NTFSInfo(drive).UnknownFirstClusterFiles);
+  NTFSInfo(drive).UnknownFirstClusterFiles.clear();
   // After a stop too: these rows are found, and entering them takes no reads.
   for (const TUnknownFirstClusterFile& file : files) {
     TFileInfo info;
@@ -321,7 +321,7 @@ void TNTFS::ResolveUFCF(int driveNumber, double& done, double total) {
       info.FirstCluster = anchor.MFTNumber + (file.FirstSector - anchor.SectorNumber) / RecordSectors(drive);
       info.FirstClusterInfo = TFirstClusterInfo::fciUnknown;
     }
-    drive.NTFSInfo.RecordUses.Enter(info.FirstCluster, file.Use, false);
+    NTFSInfo(drive).RecordUses.Enter(info.FirstCluster, file.Use, false);
     AddRow(drive, driveNumber, info, ReferenceOf(file.ParentCluster), false);
     FEngine.AnalyseProgress(++done / total);
     FEngine.Pump();

@@ -36,10 +36,10 @@ int RecordSize(unsigned byte, const TDriveInfo& drive) {
 }  // namespace
 
 std::int64_t TNTFS::BackedClusters(const TDriveInfo& drive) const {
-  if (drive.NTFSInfo.SectorsPerCluster < 1) return 0;
+  if (NTFSInfo(drive).SectorsPerCluster < 1) return 0;
   const std::int64_t device = FEngine.Reader().DeviceSectors(drive);
   const std::int64_t there = device == INT64_MAX ? device : std::max<std::int64_t>(device - drive.FirstSector, 0);
-  return std::min(drive.SectorsCount, there) / drive.NTFSInfo.SectorsPerCluster;
+  return std::min(drive.SectorsCount, there) / NTFSInfo(drive).SectorsPerCluster;
 }
 
 // ---- recognition ----------------------------------------------------------------------------
@@ -110,7 +110,7 @@ bool TNTFS::SetVolumeBounds(TDriveInfo& volume, std::span<const std::uint8_t> bo
 // ---- volume fields --------------------------------------------------------------------------
 
 int TNTFS::GetSectorsPerCluster(const TDriveInfo& drive) const {
-  return drive.NTFSInfo.SectorsPerCluster > 0 ? drive.NTFSInfo.SectorsPerCluster : 8;
+  return NTFSInfo(drive).SectorsPerCluster > 0 ? NTFSInfo(drive).SectorsPerCluster : 8;
 }
 
 bool TNTFS::GetDriveInfo(TDriveInfo& drive, bool getFreeSize, bool forSubDrive) {
@@ -135,7 +135,7 @@ bool TNTFS::ReadBootSector(TDriveInfo& drive, std::int64_t sector, bool getFreeS
   TByteDynArray boot(static_cast<std::size_t>(FEngine.Drives().GetBytesPerSector(drive)));
   if (FEngine.Reader().ReadDriveSectors(drive, boot.data(), drive.FirstSector + sector, 1) == 0) return false;
   if (!IsPartition(boot, 0)) return false;
-  TNTFSInfo& info = drive.NTFSInfo;
+  TNTFSInfo& info = NTFSInfo(drive);
   if (drive.BytesPerSector == 0) {
     drive.BytesPerSector = ReadLe16(boot, 0x0B);
     drive.DefaultBytesPerSector = drive.BytesPerSector;
@@ -169,16 +169,16 @@ bool TNTFS::ReadBootSector(TDriveInfo& drive, std::int64_t sector, bool getFreeS
 // ---- the table of records -------------------------------------------------------------------
 
 void TNTFS::FillMFTStructure(TDriveInfo& drive) {
-  const TNTFSInfo& info = drive.NTFSInfo;
+  const TNTFSInfo& info = NTFSInfo(drive);
   if (info.SectorsPerCluster < 1 || info.MFTFirstSector <= 0) return;
-  drive.NTFSInfo.IsMFTStructureFilled = true;
+  NTFSInfo(drive).IsMFTStructureFilled = true;
   if (FillMFTStructureFrom(drive, info.MFTFirstSector)) return;
   // The table's own record is gone: its mirror says the same.
   if (info.MFTMirrorSector > 0) FillMFTStructureFrom(drive, info.MFTMirrorSector);
 }
 
 bool TNTFS::FillMFTStructureFrom(TDriveInfo& drive, std::int64_t firstSector) {
-  TNTFSInfo& info = drive.NTFSInfo;
+  TNTFSInfo& info = NTFSInfo(drive);
   info.MFTStructure.clear();
   info.MFTRecordCount = 0;
   info.MFTUsage.clear();
@@ -205,7 +205,7 @@ bool TNTFS::FillMFTStructureFrom(TDriveInfo& drive, std::int64_t firstSector) {
 
 /// Adds the records that begin in the clusters of a piece of the table.
 void TNTFS::AddMFTRuns(TDriveInfo& drive, const TAttribute& data) {
-  TNTFSInfo& info = drive.NTFSInfo;
+  TNTFSInfo& info = NTFSInfo(drive);
   const std::int64_t clusterBytes = ClusterBytes(drive);
   const std::int64_t recordSize = info.MFTRecordSize;
   // No table is larger than what it lies on.
@@ -238,27 +238,27 @@ void TNTFS::AddMFTRuns(TDriveInfo& drive, const TAttribute& data) {
 }
 
 void TNTFS::AddMFTUsage(TDriveInfo& drive, const TAttribute& bitmap) {
-  TByteDynArray& usage = drive.NTFSInfo.MFTUsage;
+  TByteDynArray& usage = NTFSInfo(drive).MFTUsage;
   if (!bitmap.NonResident()) {
     const auto value = bitmap.Value();
     usage.assign(value.begin(), value.end());
     return;
   }
   const std::int64_t volumeBytes = BackedClusters(drive) * ClusterBytes(drive);
-  const std::int64_t largest = volumeBytes / drive.NTFSInfo.MFTRecordSize / 8 + ClusterBytes(drive);
+  const std::int64_t largest = volumeBytes / NTFSInfo(drive).MFTRecordSize / 8 + ClusterBytes(drive);
   const std::int64_t size = std::clamp<std::int64_t>(bitmap.RealSize(), 0, largest);
   std::vector<TByteRange> unknown;
   const TByteDynArray bytes = ReadRuns(drive, bitmap.Runs(VolumeClusters(drive)), size, &unknown);
   const auto before = static_cast<std::int64_t>(usage.size());
   for (const TByteRange& range : unknown) {
-    drive.NTFSInfo.MFTUsageUnknown.push_back({before + range.First, before + range.End});
+    NTFSInfo(drive).MFTUsageUnknown.push_back({before + range.First, before + range.End});
   }
   usage.insert(usage.end(), bytes.begin(), bytes.end());
 }
 
 bool TNTFS::GetSectorByMFTNumber(const TDriveInfo& drive, std::int64_t number, TMFTRecord& place,
                                  bool canBeNull) const {
-  const TNTFSInfo& info = drive.NTFSInfo;
+  const TNTFSInfo& info = NTFSInfo(drive);
   if (number < 0 || info.MFTStructure.empty() || drive.BytesPerSector < 1) return false;
   const auto after = std::upper_bound(info.MFTStructure.begin(), info.MFTStructure.end(), number,
                                       [](std::int64_t n, const TMFTRun& run) { return n < run.FirstNumber; });
@@ -302,7 +302,7 @@ bool TNTFS::GetSectorByMFTNumber(const TDriveInfo& drive, std::int64_t number, T
 }
 
 bool TNTFS::ReadRecord(const TDriveInfo& drive, const TMFTRecord& place, TByteDynArray& record) {
-  const int size = drive.NTFSInfo.MFTRecordSize;
+  const int size = NTFSInfo(drive).MFTRecordSize;
   const std::int64_t sectors = CeilDiv(place.Offset + size, drive.BytesPerSector);
   record.assign(static_cast<std::size_t>(sectors * drive.BytesPerSector), 0);
   if (place.Sector <= 0) return false;
@@ -358,13 +358,13 @@ TByteDynArray TNTFS::ReadRuns(const TDriveInfo& drive, const TRuns& runs, std::i
 
 void TNTFS::GetSectorsPerClusterByIndex(TDriveInfo& drive, std::int64_t cluster) {
   constexpr int candidates[] = {8, 16, 32, 64, 128, 256, 512, 1024, 2048, 4096, 8192, 16384, 32768, 65536, 1, 2, 4};
-  if (drive.NTFSInfo.SectorsPerCluster >= 1 || cluster < 0 || cluster > INT64_MAX / 65536) return;
+  if (NTFSInfo(drive).SectorsPerCluster >= 1 || cluster < 0 || cluster > INT64_MAX / 65536) return;
   TByteDynArray sector(static_cast<std::size_t>(FEngine.Drives().GetBytesPerSector(drive)));
   for (const int candidate : candidates) {
     const std::int64_t at = drive.FirstSector + cluster * candidate;
     if (FEngine.Reader().ReadDriveSectors(drive, sector.data(), at, 1) == 0) continue;
     if (std::equal(sector.begin(), sector.begin() + 4, "INDX")) {
-      drive.NTFSInfo.SectorsPerCluster = candidate;
+      NTFSInfo(drive).SectorsPerCluster = candidate;
       return;
     }
   }
@@ -375,7 +375,7 @@ void TNTFS::GetSectorsPerClusterByIndex(TDriveInfo& drive, std::int64_t cluster)
 void TNTFS::ReadVolumeName(TDriveInfo& drive) {
   TMFTRecord place;
   TByteDynArray record;
-  const bool known = drive.NTFSInfo.MFTRecordCount > static_cast<std::int64_t>(VolumeRecord) &&
+  const bool known = NTFSInfo(drive).MFTRecordCount > static_cast<std::int64_t>(VolumeRecord) &&
                      GetSectorByMFTNumber(drive, VolumeRecord, place, true);
   if (!known || !ReadRecord(drive, place, record)) return;
   for (TAttributeWalk walk(record); walk.Next();) {
@@ -410,7 +410,7 @@ void TNTFS::ComputeFreeSize(TDriveInfo& drive) {
 }
 
 void TNTFS::FillClustersUsage(TDriveInfo& drive) {
-  TNTFSInfo& info = drive.NTFSInfo;
+  TNTFSInfo& info = NTFSInfo(drive);
   if (info.IsClustersUsageFilled) return;
   info.IsClustersUsageFilled = true;
   TFile bitmap;
@@ -441,11 +441,11 @@ bool TNTFS::IsOverwritten(const TFile& file) {
   TDrives& drives = FEngine.Drives();
   if (!info.blnDeleted || info.DataStartingSector < 0 || drives.IsWrongNumber(info.aDriveNumber)) return false;
   TDriveInfo& drive = drives.List[static_cast<std::size_t>(info.aDriveNumber)];
-  if (drive.NTFSInfo.SectorsPerCluster < 1) return false;
+  if (NTFSInfo(drive).SectorsPerCluster < 1) return false;
   FillClustersUsage(drive);
-  const std::int64_t cluster = info.DataStartingSector / drive.NTFSInfo.SectorsPerCluster;
+  const std::int64_t cluster = info.DataStartingSector / NTFSInfo(drive).SectorsPerCluster;
   const auto byte = static_cast<std::size_t>(cluster / 8);
-  const TByteDynArray& usage = drive.NTFSInfo.ClustersUsage;
+  const TByteDynArray& usage = NTFSInfo(drive).ClustersUsage;
   return byte < usage.size() && (usage[byte] >> (cluster % 8) & 1) != 0;
 }
 

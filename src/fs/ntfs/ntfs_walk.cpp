@@ -4,8 +4,6 @@
 #include <array>
 #include <cstring>
 
-#include "analysis/files.h"
-#include "analysis/signatures.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/language.h"
@@ -14,6 +12,8 @@
 #include "core/text.h"
 #include "fs/ntfs/ntfs.h"
 #include "fs/ntfs/ntfs_folder_names.h"
+#include "table/files.h"
+#include "table/signatures.h"
 
 namespace brenlow {
 
@@ -55,9 +55,9 @@ int TNTFS::SystemFileNumber(TStringView name) {
 }
 
 bool TNTFS::IsMFTDeleted(const TDriveInfo& drive, std::int64_t mftNumber, bool otherwise) const {
-  const TByteDynArray& usage = drive.NTFSInfo.MFTUsage;
+  const TByteDynArray& usage = NTFSInfo(drive).MFTUsage;
   if (mftNumber < 0 || mftNumber / 8 >= static_cast<std::int64_t>(usage.size())) return otherwise;
-  const auto& unknown = drive.NTFSInfo.MFTUsageUnknown;
+  const auto& unknown = NTFSInfo(drive).MFTUsageUnknown;
   const auto range = std::upper_bound(unknown.begin(), unknown.end(), mftNumber / 8,
                                       [](std::int64_t byte, const TByteRange& r) { return byte < r.End; });
   if (range != unknown.end() && mftNumber / 8 >= range->First) return otherwise;
@@ -77,14 +77,14 @@ bool TNTFS::AnalyseMFTRecord(TDriveInfo& drive, std::span<const std::uint8_t> bu
   parsed.ListedClusters = 0;
   TFiles::ClearInfo(parsed.Info, parsed.Info.aDriveNumber);
   if (!ntfs::IsMFT(buffer, start)) return false;
-  const std::size_t size = std::min(static_cast<std::size_t>(drive.NTFSInfo.MFTRecordSize), buffer.size() - start);
+  const std::size_t size = std::min(static_cast<std::size_t>(NTFSInfo(drive).MFTRecordSize), buffer.size() - start);
   FRecord.assign(buffer.begin() + static_cast<std::ptrdiff_t>(start),
                  buffer.begin() + static_cast<std::ptrdiff_t>(start + size));
   // A record met by a search may go on after the block that was read.
-  const bool cut = size < static_cast<std::size_t>(drive.NTFSInfo.MFTRecordSize) && mftNumber < 0 && sectorNumber >= 0;
+  const bool cut = size < static_cast<std::size_t>(NTFSInfo(drive).MFTRecordSize) && mftNumber < 0 && sectorNumber >= 0;
   if (!cut || !ReadRecord(drive, {sectorNumber, offsetInSector, 0, 0}, FRecord)) ApplyFixups(FRecord);
   const unsigned flags = FRecord.size() > 0x16 ? FRecord[0x16] : 0;
-  if ((flags & 2) != 0) FindFolderNames(UnusedPart(FRecord), drive.NTFSInfo.LostFolderNames);
+  if ((flags & 2) != 0) FindFolderNames(UnusedPart(FRecord), NTFSInfo(drive).LostFolderNames);
   parsed.Info.blnFolder = (flags & 2) != 0;
   parsed.Info.blnDeleted = (flags & 1) == 0;
   parsed.Info.FirstCluster = mftNumber;
@@ -163,7 +163,8 @@ bool TNTFS::ParseAttributes(TDriveInfo& drive, std::span<const std::uint8_t> rec
         break;
       }
       case AttrIndexAllocation:
-        if (info.blnFolder && mftNumber >= 0 && drive.NTFSInfo.SectorsPerCluster > 0 && FIndexes.size() < MostIndexes) {
+        if (info.blnFolder && mftNumber >= 0 && NTFSInfo(drive).SectorsPerCluster > 0 &&
+            FIndexes.size() < MostIndexes) {
           for (const TRun& run : walk->Runs(VolumeClusters(drive))) {
             if (run.Lcn >= 0) FIndexes.push_back(run);
           }
@@ -212,7 +213,7 @@ void TNTFS::ApplyDataAttribute(const TDriveInfo& drive, const TAttribute& data, 
   if (data.FirstVcn() == 0) info.aSize = Sane(data.RealSize());
   if (info.aSize == 0 && data.FirstVcn() == 0 && data.RealSize() < 0) info.aSize = Sane(data.AllocatedSize());
   info.DefaultSize = info.aSize;
-  const int perCluster = drive.NTFSInfo.SectorsPerCluster;
+  const int perCluster = NTFSInfo(drive).SectorsPerCluster;
   if (info.aSize <= 0 || perCluster < 1 || (mftNumber >= 0 && !info.blnDeleted)) return;
   if (data.FirstVcn() != 0) return;
   for (const TRun& run : data.Runs(drive.SectorsCount / perCluster)) {
@@ -225,11 +226,11 @@ void TNTFS::ApplyDataAttribute(const TDriveInfo& drive, const TAttribute& data, 
 /// Gives a folder found without a number its own, out of what its children say.
 void TNTFS::DeriveMFTNumberFromIndex(const TDriveInfo& drive, std::span<const std::uint8_t> record, std::size_t header,
                                      std::size_t end, TFileInfo& info) {
-  if (info.FirstCluster >= 0 || drive.NTFSInfo.MFTRecordSize < 1) return;
+  if (info.FirstCluster >= 0 || NTFSInfo(drive).MFTRecordSize < 1) return;
   std::size_t at = header + ReadLe32(record, header);
   end = std::min({end, header + ReadLe32(record, header + 8), record.size()});
   if (at >= record.size() || ReadLe32(record, at + 0x0C) >= 4) return;
-  const std::int64_t numbers = drive.SectorsCount / std::max(drive.NTFSInfo.MFTRecordSize / drive.BytesPerSector, 1);
+  const std::int64_t numbers = drive.SectorsCount / std::max(NTFSInfo(drive).MFTRecordSize / drive.BytesPerSector, 1);
   for (int i = 0; i < MostEntries && at + 0x52 <= end; ++i) {
     const std::size_t length = record[at + 0x50];
     if (length != 0 && record[at + 0x51] != 2) {
@@ -259,7 +260,7 @@ std::int64_t TNTFS::MoveToSystemDataFolder(TStringView name, std::int64_t parent
 /// was not met yet, a key of its own for this use of the number.
 std::int64_t TNTFS::ParentKey(const TDriveInfo& drive, const TReference& parent) {
   // The root's record is never used for anything else.
-  const bool known = parent.Number == RootRecord || drive.NTFSInfo.RecordUses.Agrees(parent);
+  const bool known = parent.Number == RootRecord || NTFSInfo(drive).RecordUses.Agrees(parent);
   return known ? parent.Number : ReferenceKey(parent);
 }
 
@@ -284,8 +285,8 @@ TFileInfo TNTFS::SystemDataFolder(int driveNumber, TString& name) const {
 }
 
 void TNTFS::AddSystemDataFolder(TDriveInfo& drive, int driveNumber) {
-  if (drive.NTFSInfo.SystemDataFolderAdded) return;
-  drive.NTFSInfo.SystemDataFolderAdded = true;
+  if (NTFSInfo(drive).SystemDataFolderAdded) return;
+  NTFSInfo(drive).SystemDataFolderAdded = true;
   TString name;
   const TFileInfo folder = SystemDataFolder(driveNumber, name);
   FEngine.Files().Add(folder, SpecialCluster::Root, false);
@@ -317,7 +318,7 @@ bool TNTFS::AnalyseRecord(std::span<const std::uint8_t> buffer, std::size_t star
                           bool canCheckNewDrive) {
   if (mftNumber >= 0 && ntfs::IsMFT(buffer, start)) {
     TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
-    drive.NTFSInfo.RecordUses.Enter(mftNumber, ReadRecordUse(buffer.subspan(start)), true);
+    NTFSInfo(drive).RecordUses.Enter(mftNumber, ReadRecordUse(buffer.subspan(start)), true);
   }
   const auto parse = [&] {
     TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
@@ -346,11 +347,11 @@ bool TNTFS::AnalyseRecord(std::span<const std::uint8_t> buffer, std::size_t star
     TFileInfo info = FParsed.Info;
     info.strName = name.Text;
     if (mftNumber < 0) EstimateMFTNumber(drive, info, name.Parent.Number, sectorNumber, ownNumber);
-    if (mftNumber < 0) drive.NTFSInfo.RecordUses.Enter(info.FirstCluster, FParsed.Use, false);
+    if (mftNumber < 0) NTFSInfo(drive).RecordUses.Enter(info.FirstCluster, FParsed.Use, false);
     if (!info.blnDeleted) info.blnDeleted = IsMFTDeleted(drive, info.FirstCluster, false);
-    if (mftNumber >= drive.NTFSInfo.MFTRecordCount) info.blnDeleted = true;  // of an earlier table
+    if (mftNumber >= NTFSInfo(drive).MFTRecordCount) info.blnDeleted = true;  // of an earlier table
     if (mftNumber < 0 && IsNumberInTable(drive, info.FirstCluster)) info.blnDeleted = true;
-    if (isEarlier && !drive.NTFSInfo.RecordUses.Agrees(itself)) info.FirstCluster = ReferenceKey(itself);
+    if (isEarlier && !NTFSInfo(drive).RecordUses.Agrees(itself)) info.FirstCluster = ReferenceKey(itself);
     if (info.FirstCluster < 0) {
       AddToUFCF(drive, info, name, FParsed.Use);
     } else if (info.FirstCluster != RootRecord) {
@@ -366,9 +367,9 @@ bool TNTFS::AnalyseRecord(std::span<const std::uint8_t> buffer, std::size_t star
 /// false. Records are read in large pieces.
 template <typename TCallable>
 void TNTFS::ForEachRecord(TDriveInfo& drive, TCallable&& callable) {
-  const std::vector<TMFTRun> runs = drive.NTFSInfo.MFTStructure;
+  const std::vector<TMFTRun> runs = NTFSInfo(drive).MFTStructure;
   TByteDynArray single;
-  const int recordSize = drive.NTFSInfo.MFTRecordSize;
+  const int recordSize = NTFSInfo(drive).MFTRecordSize;
   const int sectorSize = drive.BytesPerSector;
   TByteDynArray chunk(static_cast<std::size_t>(
       std::max<std::int64_t>(ChunkSectors * sectorSize, CeilDiv(recordSize, sectorSize) * sectorSize)));
@@ -414,7 +415,7 @@ void TNTFS::ForEachRecord(TDriveInfo& drive, TCallable&& callable) {
 
 void TNTFS::AnalyseMFTRecords(int driveNumber, bool showProgress) {
   TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
-  const double count = static_cast<double>(std::max<std::int64_t>(drive.NTFSInfo.MFTRecordCount, 1));
+  const double count = static_cast<double>(std::max<std::int64_t>(NTFSInfo(drive).MFTRecordCount, 1));
   if (showProgress) FEngine.AnalyseProgress(0);
   ForEachRecord(drive, [&](std::span<const std::uint8_t> chunk, std::size_t start, std::int64_t number) {
     AnalyseRecord(chunk, start, driveNumber, number, -1, 0, false);
@@ -433,12 +434,12 @@ void TNTFS::AnalyseRecordsBehindTable(int driveNumber) {
   constexpr std::int64_t recordsPerRead = 128;
   constexpr std::size_t ownNumber = 0x2C;
   TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
-  const std::int64_t recordSize = drive.NTFSInfo.MFTRecordSize;
+  const std::int64_t recordSize = NTFSInfo(drive).MFTRecordSize;
   if (recordSize < drive.BytesPerSector) return;
   const std::int64_t perRecord = recordSize / drive.BytesPerSector;
   TByteDynArray chunk(static_cast<std::size_t>(recordsPerRead * recordSize));
   int misses = 0;
-  for (std::int64_t number = drive.NTFSInfo.MFTRecordCount; misses < mostMisses; number += recordsPerRead) {
+  for (std::int64_t number = NTFSInfo(drive).MFTRecordCount; misses < mostMisses; number += recordsPerRead) {
     TMFTRecord place;
     if (!GetSectorByMFTNumber(drive, number, place, false)) return;
     const std::int64_t count = std::min(recordsPerRead, (drive.SectorsCount - place.Sector) / perRecord);
@@ -459,7 +460,7 @@ void TNTFS::AnalyseRecordsBehindTable(int driveNumber) {
 void TNTFS::DoBeforeAnalyse(TDriveInfo& drive) {
   ClearMemory();
   FIndexes.clear();
-  TNTFSInfo& info = drive.NTFSInfo;
+  TNTFSInfo& info = NTFSInfo(drive);
   info.MFTStructure.clear();
   info.MFTRecordCount = 0;
   info.MFTUsage.clear();
@@ -482,11 +483,11 @@ void TNTFS::DoAfterAnalyse(TDriveInfo& drive) {
     PartRecChangeVolumeName(drive);
     if (FEngine.Analysing) DropEstimatedFolderDuplicates(drive);
   }
-  drive.NTFSInfo.PartRecMFTStructure.clear();
-  drive.NTFSInfo.RecordUses.Clear();
-  drive.NTFSInfo.LostFolderNames.clear();
-  drive.NTFSInfo.SystemDataFolderAdded = false;
-  drive.NTFSInfo.LastMFTNumber = -1;
+  NTFSInfo(drive).PartRecMFTStructure.clear();
+  NTFSInfo(drive).RecordUses.Clear();
+  NTFSInfo(drive).LostFolderNames.clear();
+  NTFSInfo(drive).SystemDataFolderAdded = false;
+  NTFSInfo(drive).LastMFTNumber = -1;
 }
 
 void TNTFS::AnalyseSystem(int driveNumber) {
@@ -520,8 +521,8 @@ void TNTFS::GetFiles(TDriveInfo& drive, TFileArray& result, bool rootDirOnly, co
       if (name.Text == u".") continue;
       const std::int64_t parent = MoveToSystemDataFolder(name.Text, name.Parent.Number);
       if (parent == SpecialCluster::NTFSSystemData) {
-        if (drive.NTFSInfo.SystemDataFolderAdded) continue;
-        drive.NTFSInfo.SystemDataFolderAdded = true;
+        if (NTFSInfo(drive).SystemDataFolderAdded) continue;
+        NTFSInfo(drive).SystemDataFolderAdded = true;
         TString caption;
         const TFileInfo folder = SystemDataFolder(-1, caption);
         result.Add(folder, SpecialCluster::Root);

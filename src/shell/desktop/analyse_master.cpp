@@ -13,12 +13,12 @@
 #include <QVBoxLayout>
 #include <map>
 
-#include "analysis/signatures.h"
 #include "core/language.h"
 #include "core/text.h"
 #include "shell/desk.h"
 #include "shell/desktop/icons.h"
 #include "shell/desktop/ui_text.h"
+#include "table/signatures.h"
 
 namespace brenlow::desktop {
 

@@ -12,9 +12,9 @@
 #include <QRegularExpressionValidator>
 #include <QVBoxLayout>
 
-#include "analysis/files.h"
 #include "core/language.h"
 #include "shell/desktop/ui_text.h"
+#include "table/files.h"
 
 namespace brenlow::desktop {
 namespace {

@@ -11,7 +11,6 @@
 #include <QVBoxLayout>
 #include <algorithm>
 
-#include "analysis/files.h"
 #include "core/engine.h"
 #include "core/language.h"
 #include "core/text.h"
@@ -19,6 +18,7 @@
 #include "shell/desktop/file_model.h"
 #include "shell/desktop/icons.h"
 #include "shell/desktop/ui_text.h"
+#include "table/files.h"
 
 namespace brenlow::desktop {
 TfrFileList::TfrFileList(TDesk& desk, const TLanguage& texts, TSettings& settings, QWidget* parent)

@@ -10,7 +10,7 @@
 #include <QPixmapCache>
 #include <QSvgRenderer>
 
-#include "analysis/file_kinds.h"
+#include "table/file_kinds.h"
 
 namespace brenlow::desktop {
 namespace {

@@ -6,11 +6,11 @@
 #include <set>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "core/sector_reader.h"
 #include "fs/fat/fat.h"
 #include "fs/fat/fat_layout.h"
 #include "support/fat_builder.h"
+#include "table/files.h"
 
 using namespace brenlow;
 using namespace brenlow::test;
@@ -103,7 +103,7 @@ TEST_CASE("an unreadable sector of the table comes from the other one; what neit
     TDamaged t(fat, {first});
     CHECK(t.Data(u"CHAIN.BIN") == Letters('a') + Letters('b'));
     CHECK_FALSE(t.IsGuess(u"CHAIN.BIN"));
-    CHECK(t.Drive().FATInfo.UnknownEntries.empty());
+    CHECK(FATInfo(t.Drive()).UnknownEntries.empty());
     // The first table counts where it can be read.
     const auto entryAt = static_cast<std::size_t>(1 + fat.TableSectors) * 512 + 1000 * 2;
     fat.Put16(entryAt, 0);
@@ -112,9 +112,9 @@ TEST_CASE("an unreadable sector of the table comes from the other one; what neit
   }
   SUBCASE("both tables") {
     TDamaged t(fat, {first, second});
-    REQUIRE(t.Drive().FATInfo.UnknownEntries.size() == 1);
-    CHECK(t.Drive().FATInfo.UnknownEntries[0].First == 256);
-    CHECK(t.Drive().FATInfo.UnknownEntries[0].End == 512);
+    REQUIRE(FATInfo(t.Drive()).UnknownEntries.size() == 1);
+    CHECK(FATInfo(t.Drive()).UnknownEntries[0].First == 256);
+    CHECK(FATInfo(t.Drive()).UnknownEntries[0].End == 512);
     CHECK_FALSE(bool{t.File(u"CHAIN.BIN").FileInfo.blnDeleted});
     CHECK(t.IsGuess(u"CHAIN.BIN"));
     CHECK(t.Place(u"CHAIN.BIN") == TPlaceSource::Estimated);
@@ -144,9 +144,9 @@ TEST_CASE("entries of an unreadable table sector, at each width") {
     fat.Chain({900});
     const std::int64_t table = fat.Shape.Reserved + 1;
     TDamaged t(fat, {table, table + fat.TableSectors});
-    REQUIRE(t.Drive().FATInfo.UnknownEntries.size() == 1);
-    CHECK(t.Drive().FATInfo.UnknownEntries[0].First == row.First);
-    CHECK(t.Drive().FATInfo.UnknownEntries[0].End == row.End);
+    REQUIRE(FATInfo(t.Drive()).UnknownEntries.size() == 1);
+    CHECK(FATInfo(t.Drive()).UnknownEntries[0].First == row.First);
+    CHECK(FATInfo(t.Drive()).UnknownEntries[0].End == row.End);
   }
 }
 
@@ -348,7 +348,7 @@ TEST_CASE("FAT32: the signature is looked at before the number as found is belie
     fat.Fill(1000, "no photo");
     fat.Fill(1000 + 65536, jpg);
     TDamaged t(fat, {});
-    REQUIRE(t.Drive().FATInfo.HighHalvesKept);
+    REQUIRE(FATInfo(t.Drive()).HighHalvesKept);
     CHECK(t.Data(u"?HOTO.JPG").starts_with(jpg));
     CHECK(t.Place(u"?HOTO.JPG") == TPlaceSource::ByContent);
     CHECK(t.File(u"?HOTO.JPG").FileInfo.FirstClusters.size() == 1);

@@ -5,9 +5,9 @@
 #include <algorithm>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "core/sector_reader.h"
 #include "support/fat_builder.h"
+#include "table/files.h"
 
 using namespace brenlow;
 using namespace brenlow::test;

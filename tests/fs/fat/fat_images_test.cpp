@@ -4,11 +4,11 @@
 #include <fmt/format.h>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "core/sector_reader.h"
 #include "fs/driver_contract.h"
 #include "fs/fat/fat.h"
 #include "support/truth.h"
+#include "table/files.h"
 
 using namespace brenlow;
 using namespace brenlow::test;

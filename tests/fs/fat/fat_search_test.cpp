@@ -8,10 +8,10 @@
 #include <sstream>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "fs/fat/fat.h"
 #include "fs/fat/fat_layout.h"
 #include "support/fat_builder.h"
+#include "table/files.h"
 
 using namespace brenlow;
 using namespace brenlow::test;
@@ -202,7 +202,7 @@ TEST_CASE("thorough search: without tables, two folders are an estimate and a th
     std::fill_n(fat.Image.begin(), fat.RootAt(), std::uint8_t{0});
     TSearched t(fat.Image);
     CHECK(t.Has("DIR0/INDIR0"));
-    CHECK(t.Volume().FATInfo.SectorsPerCluster == 4);
+    CHECK(FATInfo(t.Volume()).SectorsPerCluster == 4);
     CHECK(t.Volume().GeometrySource == (folders == 2 ? TPlaceSource::Estimated : TPlaceSource::Stored));
   }
 }

@@ -5,11 +5,11 @@
 #include <doctest/doctest.h>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "core/sector_reader.h"
 #include "fs/fat/fat_entry.h"
 #include "fs/fat/fat_layout.h"
 #include "support/fat_builder.h"
+#include "table/files.h"
 
 using namespace brenlow;
 using namespace brenlow::test;
@@ -387,7 +387,7 @@ TEST_CASE("a table too large for its volume is not loaded") {
   TLongWordDynArray table;
   engine.FAT().FillTable(drive, table, 0);
   CHECK(table.size() == static_cast<std::size_t>(fat::ClusterRoom(drive)) + 2);
-  drive.FATInfo.FATSize = 0xFFFFFF;
+  FATInfo(drive).FATSize = 0xFFFFFF;
   engine.FAT().FillTable(drive, table, 0);
   CHECK(table.empty());
 }
@@ -412,7 +412,7 @@ TEST_CASE("partition search: cluster size from two folders, then the waiting one
     engine.FAT().PartRecAnalyseSector(std::span(fat.Image).subspan(at, 2048), 0, sub,
                                       static_cast<std::int64_t>(at / 512));
   }
-  const TFATInfo& info = DriveOf(engine, sub).FATInfo;
+  const TFATInfo& info = FATInfo(DriveOf(engine, sub));
   CHECK(info.SectorsPerCluster == 4);
   CHECK(info.DataFirstSector == static_cast<std::uint32_t>(fat.FirstDataSector));
   CHECK(info.RootDirMaxFiles == 512);

@@ -6,12 +6,12 @@
 #include <cstring>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "core/lznt1.h"
 #include "fs/driver_contract.h"
 #include "fs/ntfs/ntfs_log.h"
 #include "fs/ntfs/ntfs_record.h"
 #include "support/truth.h"
+#include "table/files.h"
 
 using namespace brenlow;
 using namespace brenlow::test;
@@ -183,8 +183,8 @@ TEST_CASE("NTFS: volume facts and the folder of system files") {
   TAnalysed t(Specimen().Volume);
   const TDriveInfo& drive = DriveOf(t.Engine, t.Number);
   CHECK(drive.VolumeName == u"LAB5");
-  CHECK(drive.NTFSInfo.SectorsPerCluster == 8);
-  CHECK(drive.NTFSInfo.MFTRecordSize == 1024);
+  CHECK(NTFSInfo(drive).SectorsPerCluster == 8);
+  CHECK(NTFSInfo(drive).MFTRecordSize == 1024);
   CHECK((drive.aFreeSize > 0 && drive.aFreeSize < 6 << 20));
   CHECK(t.File(u"$MFT").ParentCluster == SpecialCluster::NTFSSystemData);
   CHECK(t.File(u"$System data").ParentCluster == SpecialCluster::Root);

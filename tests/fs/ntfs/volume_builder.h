@@ -12,9 +12,9 @@
 #include <vector>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "analysis/tree_walk.h"
 #include "support/images.h"
+#include "table/files.h"
 
 namespace brenlow::test {
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "analysis/folder_index.h"
+#include "table/folder_index.h"
 
-#include "analysis/files.h"
+#include "table/files.h"
 
 namespace brenlow {
 

@@ -2,8 +2,8 @@
 // The types offered to the user, with their groups.
 #include <string>
 
-#include "analysis/signatures.h"
 #include "core/text.h"
+#include "table/signatures.h"
 
 namespace brenlow {
 namespace {

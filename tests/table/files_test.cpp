@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "analysis/files.h"
+#include "table/files.h"
 
 #include <doctest/doctest.h>
 
-#include "analysis/file_kinds.h"
 #include "analysis/folders.h"
-#include "analysis/signatures.h"
 #include "analysis/tree_walk.h"
 #include "support/images.h"
+#include "table/file_kinds.h"
+#include "table/signatures.h"
 
 using namespace brenlow;
 using namespace brenlow::test;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "analysis/file_kinds.h"
+#include "table/file_kinds.h"
 
 #include <algorithm>
 #include <vector>

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "analysis/lost_ntfs.h"
+#include "analysis/search/lost_ntfs.h"
 
 #include <algorithm>
 
-#include "analysis/files.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "fs/ntfs/ntfs.h"
+#include "table/files.h"
 
 namespace brenlow {
 
@@ -34,7 +34,7 @@ void TLostNTFS::NoteSector(std::span<const std::uint8_t> bytes, std::int64_t sec
 
 bool TLostNTFS::IsCandidate(const TDriveInfo& drive) {
   return drive.FileSystem == TFileSystem::fsNTFS &&
-         (drive.NTFSInfo.CanBeTruncated || drive.NTFSInfo.SectorsPerCluster < 1);
+         (NTFSInfo(drive).CanBeTruncated || NTFSInfo(drive).SectorsPerCluster < 1);
 }
 
 bool TLostNTFS::IsConfirmed(int sub) const {
@@ -46,7 +46,7 @@ std::vector<TGeometry> TLostNTFS::KnownGeometries() const {
   for (const int sub : Drive(FMain).SubDrives) {
     const TDriveInfo& drive = Drive(sub);
     if (!IsConfirmed(sub)) continue;
-    known.push_back({drive.FirstSector, drive.NTFSInfo.SectorsPerCluster, 0, drive.SectorsCount, 0});
+    known.push_back({drive.FirstSector, NTFSInfo(drive).SectorsPerCluster, 0, drive.SectorsCount, 0});
   }
   return known;
 }
@@ -75,7 +75,7 @@ void TLostNTFS::PlaceVolumes() {
   }
   for (const int sub : Drive(FMain).SubDrives) {
     TDriveInfo& drive = Drive(sub);
-    if (!IsConfirmed(sub) || drive.NTFSInfo.MFTRecordCount > 0 || withNewTable.size() >= MostNewTables) continue;
+    if (!IsConfirmed(sub) || NTFSInfo(drive).MFTRecordCount > 0 || withNewTable.size() >= MostNewTables) continue;
     if (FEngine.NTFS().PartRecTakeTable(drive, FTraces)) withNewTable.push_back(sub);
   }
   const std::vector<TMet> met = TakeFromCandidates(withNewTable);
@@ -101,7 +101,7 @@ void TLostNTFS::PlaceCandidates() {
       // The rows stay where they are: their sectors count from the default start.
       drive.SectorsCount += drive.FirstSector - best.FirstSector;
       drive.FirstSector = best.FirstSector;
-      drive.NTFSInfo.SectorsPerCluster = best.SectorsPerCluster;
+      NTFSInfo(drive).SectorsPerCluster = best.SectorsPerCluster;
       FEngine.NTFS().PartRecTakeTable(drive, FTraces);
       // Its records may be of more than one volume.
       const bool certain = volumes.size() == 1 && best.Votes >= 2;
@@ -115,7 +115,7 @@ void TLostNTFS::PlaceCandidates() {
 void TLostNTFS::ProbeCandidates() {
   for (const int sub : Drive(FMain).SubDrives) {
     TDriveInfo& drive = Drive(sub);
-    if (!IsCandidate(drive) || drive.NTFSInfo.SectorsPerCluster > 0 || FDrives.IsEmpty(sub)) continue;
+    if (!IsCandidate(drive) || NTFSInfo(drive).SectorsPerCluster > 0 || FDrives.IsEmpty(sub)) continue;
     drive.GeometrySource = TPlaceSource::Estimated;
     FEngine.NTFS().GetSectorsPerClusterByIndex(drive, FTraces.AnyIndexCluster());
   }
@@ -152,7 +152,7 @@ std::vector<TLostNTFS::TMet> TLostNTFS::TakeFromCandidates(const TIntegerDynArra
   };
   for (const int sub : Drive(FMain).SubDrives) {
     if (!gives[static_cast<std::size_t>(sub)]) continue;
-    TNTFSInfo& info = Drive(sub).NTFSInfo;
+    TNTFSInfo& info = NTFSInfo(Drive(sub));
     std::erase_if(info.UnknownFirstClusterFiles, [&](const TUnknownFirstClusterFile& file) {
       return take(sub, file.FirstSector, file.OffsetInSector);
     });

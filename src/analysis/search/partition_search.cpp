@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "analysis/partition_search.h"
+#include "analysis/search/partition_search.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -8,13 +8,13 @@
 #include <vector>
 
 #include "analysis/deep/all_fs.h"
-#include "analysis/files.h"
-#include "analysis/lost_ntfs.h"
+#include "analysis/search/lost_ntfs.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/sector_reader.h"
 #include "fs/fat/fat.h"
 #include "fs/ntfs/ntfs.h"
+#include "table/files.h"
 
 namespace brenlow {
 namespace {
@@ -145,7 +145,7 @@ class TPartitionSearch {
     const int target = FDrives.PartRecAddSubdrive(FMain, TFileSystem::fsNTFS);
     if (target < 0) return false;
     FDrives.PartRecApplyFoundDriveInfoToDrive(target, found);
-    Drive(target).NTFSInfo.CanBeTruncated = false;
+    NTFSInfo(Drive(target)).CanBeTruncated = false;
     FEngine.NTFS().PartRecDriveAdded(target);
     FConfirmed.push_back(target);
     return true;
@@ -164,7 +164,7 @@ class TPartitionSearch {
   /// False for a sub-drive that has nothing but the file system's own files.
   bool HoldsFiles(int sub) {
     const TFileArray& list = FEngine.Files().List;
-    bool holds = !Drive(sub).NTFSInfo.UnknownFirstClusterFiles.empty();
+    bool holds = !NTFSInfo(Drive(sub)).UnknownFirstClusterFiles.empty();
     for (std::size_t i = 0; i < list.size() && !holds; ++i) {
       const TFile& row = list[i];
       holds = row.FileInfo.aDriveNumber == sub && row.ParentCluster != SpecialCluster::NTFSSystemData &&
@@ -211,7 +211,7 @@ class TPartitionSearch {
     constexpr std::int64_t mostTimes = 4;
     std::int64_t searched = 0;
     for (const int sub : Drive(FMain).SubDrives) {
-      if (!IsFAT(Drive(sub).FileSystem) || !Drive(sub).FATInfo.Walk) continue;
+      if (!IsFAT(Drive(sub).FileSystem) || !FATInfo(Drive(sub)).Walk) continue;
       searched += Drive(sub).SectorsCount;
       FEngine.FAT().PartRecFinishVolume(sub, searched <= mostTimes * FSectors);
     }
@@ -256,7 +256,7 @@ class TPartitionSearch {
     const TIntegerDynArray& subs = Drive(FMain).SubDrives;
     return std::any_of(subs.begin(), subs.end(), [&](int sub) {
       const TDriveInfo& drive = Drive(sub);
-      const bool whole = drive.FirstSector == FFirst && drive.SectorsCount == FSectors && !drive.FATInfo.Walk;
+      const bool whole = drive.FirstSector == FFirst && drive.SectorsCount == FSectors && !FATInfo(drive).Walk;
       return !FDrives.IsEmpty(sub) && !whole && volume.FirstSector >= drive.FirstSector &&
              volume.FirstSector < drive.FirstSector + drive.SectorsCount;
     });

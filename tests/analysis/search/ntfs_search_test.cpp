@@ -9,12 +9,12 @@
 #include <sstream>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "core/sector_reader.h"
 #include "fs/ntfs/ntfs.h"
 #include "fs/ntfs/ntfs_traces.h"
 #include "support/fat_builder.h"
 #include "support/images.h"
+#include "table/files.h"
 
 using namespace brenlow;
 using namespace brenlow::test;
@@ -289,7 +289,7 @@ TEST_CASE("volumes without boot sectors and without the start of their tables: e
     for (std::size_t i = 0; i < 2; ++i) {
       CHECK(places[i].first == disk.Starts[i]);
       if (lost == 0) CHECK(places[i].second == (Sectors(one) - 1) / ClusterSectors * ClusterSectors);
-      CHECK(DriveOf(engine, subs[i]).NTFSInfo.SectorsPerCluster == 8);
+      CHECK(NTFSInfo(DriveOf(engine, subs[i])).SectorsPerCluster == 8);
       CHECK(DriveOf(engine, subs[i]).GeometrySource == TPlaceSource::FromCopy);
       CHECK(Holds(engine, subs[i], alone));
     }
@@ -468,7 +468,7 @@ TEST_CASE("an unreadable boot sector: the copy serves, inside the stated size an
   const TMounted source = Mount(engine, noOldCopy);
   source.Device->BadSectors = {0};
   TDriveInfo volume = DriveOf(engine, 0);
-  volume.NTFSInfo = TNTFSInfo();
+  NTFSInfo(volume) = TNTFSInfo();
   volume.SectorsCount = Sectors(one) - 1;
   CHECK(engine.NTFS().GetDriveInfo(volume, false, true));
   source.Device->BadSectors = {Sectors(one) - 1};

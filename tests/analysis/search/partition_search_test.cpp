@@ -7,9 +7,9 @@
 #include <sstream>
 
 #include "analysis/analysis.h"
-#include "analysis/files.h"
 #include "support/fat_builder.h"
 #include "support/images.h"
+#include "table/files.h"
 
 using namespace brenlow;
 using namespace brenlow::test;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "analysis/signatures.h"
+#include "table/signatures.h"
 
 #include <algorithm>
 #include <cctype>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "analysis/files.h"
+#include "table/files.h"
 
 #include <algorithm>
 #include <bit>
@@ -8,14 +8,14 @@
 #include <unordered_set>
 
 #include "analysis/deep/all_fs.h"
-#include "analysis/file_kinds.h"
 #include "analysis/folders.h"
-#include "analysis/signatures.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/language.h"
 #include "core/text.h"
 #include "fs/dispatch.h"
+#include "table/file_kinds.h"
+#include "table/signatures.h"
 
 namespace brenlow {
 
