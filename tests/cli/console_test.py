@@ -10,7 +10,7 @@ import subprocess
 import unittest
 
 from fat_image import fat16
-from support import CLI, ENVIRONMENT, Held, TestCase, hold_environment, main, run
+from support import CLI, ENVIRONMENT, LIMIT, Held, TestCase, hold_environment, main, run
 
 
 def on_terminal(*arguments, **hold):
@@ -46,20 +46,20 @@ class Console(TestCase):
                           ["recover", self.stick, "--out", self.target()], ["recover", self.stick, "--out", self.target(), "--json"],
                           ["image", self.stick, "--out", self.target() / "copy.dsk"]):
             with open("/dev/full", "w") as full:
-                r = subprocess.run([CLI, *map(str, arguments)], stdout=full, stderr=subprocess.PIPE, text=True, env=ENVIRONMENT, timeout=60)
+                r = subprocess.run([CLI, *map(str, arguments)], stdout=full, stderr=subprocess.PIPE, text=True, env=ENVIRONMENT, timeout=LIMIT)
             self.assertEqual(r.returncode, 1, arguments)
             self.assertIn("standard output: No space left on device.", r.stderr, arguments)
         # A whole recovery is whole all the same: only its summary has no place.
         out = self.target()
         with open("/dev/full", "w") as full:
-            subprocess.run([CLI, "recover", str(self.stick), "--out", str(out)], stdout=full, stderr=subprocess.DEVNULL, env=ENVIRONMENT, timeout=60)
+            subprocess.run([CLI, "recover", str(self.stick), "--out", str(out)], stdout=full, stderr=subprocess.DEVNULL, env=ENVIRONMENT, timeout=LIMIT)
         self.assertEqual((out / "Documents/letter 2.txt").stat().st_size, 1800)
 
     def test_closed_pipe(self):
         for inherited in (True, False):  # the signal's default action, or ignored as some shells leave it
             r, w = os.pipe()
             os.close(r)
-            done = subprocess.run([CLI, "ls", str(self.stick)], stdout=w, stderr=subprocess.PIPE, restore_signals=inherited, env=ENVIRONMENT, timeout=60)
+            done = subprocess.run([CLI, "ls", str(self.stick)], stdout=w, stderr=subprocess.PIPE, restore_signals=inherited, env=ENVIRONMENT, timeout=LIMIT)
             os.close(w)
             self.assertEqual((done.returncode, done.stderr), (-signal.SIGPIPE, b""))
 
@@ -108,7 +108,7 @@ class Console(TestCase):
     def test_progress(self):
         long_scan = ["ls", self.stick, "--deep"]
         def lines(*more, **hold):
-            r = subprocess.run([CLI, *map(str, long_scan), *more], capture_output=True, text=True, env=hold_environment(**hold), timeout=60)
+            r = subprocess.run([CLI, *map(str, long_scan), *more], capture_output=True, text=True, env=hold_environment(**hold), timeout=LIMIT)
             self.assertEqual(r.returncode, 0, r.stderr)
             return [line for line in r.stderr.splitlines() if "%" in line]
         # The clock that each look finds a second later: many lines, each by itself.

@@ -6,7 +6,7 @@ import shutil
 import subprocess
 import unittest
 
-from support import CLI, ENVIRONMENT, Held, TestCase, main, run
+from support import CLI, ENVIRONMENT, LIMIT, Held, TestCase, main, run
 
 USER, GROUP = 4321, 8765
 
@@ -76,12 +76,12 @@ class Settings(TestCase):
         shutil.copy(CLI, program)
         settings = program.parent / "Settings.ini"
         settings.mkdir()
-        r = subprocess.run([program, "ls", self.stick], capture_output=True, text=True, timeout=60, env=ENVIRONMENT)
+        r = subprocess.run([program, "ls", self.stick], capture_output=True, text=True, timeout=LIMIT, env=ENVIRONMENT)
         self.assertEqual(r.returncode, 0, r.stderr)
         self.assertIn("letter 1.txt", r.stdout)
         self.assertEqual(r.stderr.count("%s: these settings cannot be read" % settings), 1, r.stderr)
         settings.rmdir()
-        r = subprocess.run([program, "ls", self.stick], capture_output=True, text=True, timeout=60, env=ENVIRONMENT)
+        r = subprocess.run([program, "ls", self.stick], capture_output=True, text=True, timeout=LIMIT, env=ENVIRONMENT)
         self.assertNotIn("settings", r.stderr)
 
 

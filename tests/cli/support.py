@@ -19,8 +19,12 @@ HOLD = sys.argv[4] if len(sys.argv) > 4 else None
 ENVIRONMENT = {**{k: v for k, v in os.environ.items() if not k.startswith(("LC_", "LANG"))}, "LC_ALL": "C.UTF-8"}
 
 
+# Seconds that a run of the program may take: it hangs when it takes longer, on a busy machine too.
+LIMIT = 300
+
+
 def run(*arguments, **more):
-    return subprocess.run([CLI, *map(str, arguments)], capture_output=True, text=True, timeout=60, env=ENVIRONMENT, **more)
+    return subprocess.run([CLI, *map(str, arguments)], capture_output=True, text=True, timeout=LIMIT, env=ENVIRONMENT, **more)
 
 
 class FailingReads:
@@ -36,7 +40,7 @@ class FailingReads:
         self.source, self.ranges, self.wait, self.short = source, list(ranges), wait, short
         self.log = tempfile.NamedTemporaryFile(prefix="failing-read-")
 
-    def run(self, *arguments, timeout=60, **more):
+    def run(self, *arguments, timeout=LIMIT, **more):
         environment = {**ENVIRONMENT, "LD_PRELOAD": FAILING_READ, "FAILING_READ_FILE": str(self.source),
                        "FAILING_READ_RANGES": ",".join("%d+%d" % r for r in self.ranges),
                        "FAILING_READ_WAIT": str(self.wait), "FAILING_READ_SHORT": str(int(self.short)),
@@ -74,12 +78,12 @@ class Held:
         for number in signals:
             self.process.send_signal(number)
         self.process.send_signal(signal.SIGCONT)
-        out, err = self.process.communicate(timeout=60)
+        out, err = self.process.communicate(timeout=LIMIT)
         return self.process.returncode, out, err
 
     def kill(self):
         self.process.kill()
-        self.process.communicate(timeout=60)
+        self.process.communicate(timeout=LIMIT)
 
 
 def mounted(options, script, folder, *arguments):
@@ -87,7 +91,7 @@ def mounted(options, script, folder, *arguments):
     command = "mount -t tmpfs -o %s tmpfs \"$1\" || exit 77; shift; %s" % (options, script)
     rights = ["-m"] if os.geteuid() == 0 else ["-Urm"]
     r = subprocess.run(["unshare", *rights, "sh", "-c", command, "sh", str(folder), *map(str, arguments)],
-                       capture_output=True, text=True, timeout=60, env=ENVIRONMENT)
+                       capture_output=True, text=True, timeout=LIMIT, env=ENVIRONMENT)
     return None if r.returncode == 77 or "unshare" in r.stderr else r
 
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The window never waits for a disk.
 #include <QElapsedTimer>
+#include <QFile>
 #include <QLabel>
 #include <QScrollBar>
 #include <atomic>
@@ -15,6 +16,15 @@ using namespace brenlow::desktop;
 using namespace brenlow::test;
 
 namespace {
+
+/// Milliseconds that this thread was ready to run so far while the machine ran others; 0 where the kernel does
+/// not count them. The second number of schedstat, in nanoseconds: Linux, Documentation/scheduler/sched-stats.
+qint64 WaitedForProcessor() {
+  QFile file(QStringLiteral("/proc/thread-self/schedstat"));
+  if (!file.open(QIODevice::ReadOnly)) return 0;
+  const QList<QByteArray> numbers = file.readAll().split(' ');
+  return numbers.size() < 2 ? 0 : numbers[1].toLongLong() / 1'000'000;
+}
 
 /// The longest time between two turns of the event loop beyond what was asked for, and how late the
 /// machine lets a thread be that does nothing else.
@@ -31,17 +41,27 @@ class TLateness {
         }) {
     FTimer.setInterval(5);
     FTimer.setTimerType(Qt::PreciseTimer);
-    QObject::connect(&FTimer, &QTimer::timeout, [this] { Worst = qMax(Worst, FSince.restart() - 5); });
+    QObject::connect(&FTimer, &QTimer::timeout, [this] { Turn(); });
     FSince.start();
     FTimer.start();
   }
-  /// Milliseconds that the window itself is to blame for.
-  qint64 OfWindow() const { return qMax<qint64>(0, Worst - FMachine); }
+  /// Milliseconds that the window itself is to blame for: not those in which other processes had the machine.
+  qint64 OfWindow() const { return qMax<qint64>(0, FWorstOwn - FMachine); }
   qint64 Worst = 0;  ///< milliseconds
 
  private:
+  void Turn() {
+    const qint64 late = FSince.restart() - 5;
+    const qint64 waited = WaitedForProcessor();
+    Worst = qMax(Worst, late);
+    FWorstOwn = qMax(FWorstOwn, late - (waited - FWaited));
+    FWaited = waited;
+  }
+
   QTimer FTimer;
   QElapsedTimer FSince;
+  qint64 FWaited = WaitedForProcessor();
+  qint64 FWorstOwn = 0;
   std::atomic<qint64> FMachine{0};
   std::jthread FControl;
 };
@@ -76,7 +96,7 @@ void TResponsivenessTest::slowDevice() {
   const auto* status = w.Main->findChild<QLabel*>(QStringLiteral("lblStatus"));
   QVERIFY(!status->text().isEmpty());
   w.Device->Delay = 0;
-  w.WaitFor([&] { return w.Main->Drives().back().Device == u"/stick.img" && w.Idle(); }, 30000);
+  w.WaitFor([&] { return w.Main->Drives().back().Device == u"/stick.img" && w.Idle(); });
   w.Mount();
   w.Device->Delay = 2000;
   const int reads = w.Device->Reads;
@@ -85,7 +105,7 @@ void TResponsivenessTest::slowDevice() {
   click(15);
   QVERIFY(w.Main->State().Analysing || w.Main->Desk().IsBusy());
   // Silence of the device is told.
-  w.WaitFor([&] { return status->text().contains(QStringLiteral("no answer")); }, 4000);
+  w.WaitFor([&] { return status->text().contains(QStringLiteral("no answer")); });
   w.Main->close();
   QTest::qWait(100);
   qInfo("latest turn of the event loop: %lld ms", static_cast<long long>(lateness.Worst));
@@ -112,7 +132,7 @@ void TResponsivenessTest::manyRows() {
     }
     commands.Rebuild();
   });
-  w.WaitFor([&] { return w.Rows() > count; }, 60000);
+  w.WaitFor([&] { return w.Rows() > count; });
   QTest::qWait(200);
   TLateness lateness;
   auto* view = w.Main->FileList().View();
@@ -121,9 +141,7 @@ void TResponsivenessTest::manyRows() {
     QTest::qWait(30);
   }
   w.WaitFor([&] { return view->model()->index(w.Rows() - 1, 0).data().toString() != QStringLiteral("…"); });
-  const auto sorted = [&](TSortOrder order) {
-    w.WaitFor([&] { return w.Main->FileList().Place().Sort == order; }, 30000);
-  };
+  const auto sorted = [&](TSortOrder order) { w.WaitFor([&] { return w.Main->FileList().Place().Sort == order; }); };
   w.Main->Action(TAction::actSortBySize)->trigger();
   sorted({TSortKey::Size, false});
   w.Main->Action(TAction::actSortDescending)->trigger();

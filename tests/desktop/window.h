@@ -103,7 +103,7 @@ class TWindow {
     if (Main == nullptr) return;
     if (Device != nullptr) Device->Delay = 0;
     Main->close();
-    Main->EndEngine(std::chrono::seconds(10));
+    Main->EndEngine(std::chrono::minutes(2));
     Main.reset();
   }
   void Mount() {
@@ -125,9 +125,11 @@ class TWindow {
     WaitFor([&] { return Main->Action(action)->isEnabled(); });
     Main->Action(action)->trigger();
   }
-  /// Runs the event loop until the condition holds; the test fails after ten seconds.
-  static void WaitFor(const std::function<bool()>& condition, int milliseconds = 10000,
+  /// Runs the event loop until the condition holds; the test fails after two minutes, which is long enough for
+  /// what takes a moment on a quiet machine.
+  static void WaitFor(const std::function<bool()>& condition,
                       std::source_location where = std::source_location::current()) {
+    constexpr int milliseconds = 120'000;
     QElapsedTimer clock;
     clock.start();
     // What an idle engine has told may still be on its way to the window.

@@ -341,7 +341,7 @@ void TWindowTest::closeWhileScanning() {
   answer(0, true);
   QVERIFY(w.Main->close());
   QVERIFY(w.Settings.Main.DontAskOnClose);
-  QVERIFY(w.Main->EndEngine(std::chrono::seconds(5)));
+  QVERIFY(w.Main->EndEngine(std::chrono::minutes(2)));
 }
 
 void TWindowTest::master() {
