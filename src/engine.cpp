@@ -7,6 +7,7 @@
 #include "core/datetime.h"
 #include "core/device/device.h"
 #include "core/drives.h"
+#include "core/extent_reader.h"
 #include "core/language.h"
 #include "core/named_systems.h"
 #include "core/partitions.h"
@@ -29,6 +30,7 @@ TEngine::TEngine()
     : FLanguage(std::make_unique<TLanguage>(TLanguage::English())),
       FDevices(std::make_unique<TDeviceTable>()),
       FReader(std::make_unique<TSectorReader>(*this)),
+      FContent(std::make_unique<TExtentReader>(*this)),
       FPartitions(std::make_unique<TPartitionsInfo>(*this)),
       FDrives(std::make_unique<TDrives>(*this)),
       FSignatures(std::make_unique<TFileSignatures>()),
@@ -48,6 +50,7 @@ void TEngine::StopScans() {
 
 void TEngine::ChangeAnalysingStatus(int driveNumber, bool status) {
   Analysing = status;
+  FContent->Forget();
   if (status) {
     FFiles->FoundCount = 0;
     FFolders->FoundCount = 0;
@@ -135,7 +138,10 @@ void TEngine::PartRecVolumeKnown(int driveNumber) {
   WithDriver(*this, FDrives->List[static_cast<std::size_t>(driveNumber)].FileSystem, known, false);
 }
 
-void TEngine::DriveListChanged() { FNTFS->ClearMemory(); }
+void TEngine::DriveListChanged() {
+  FNTFS->ClearMemory();
+  FContent->Forget();
+}
 void TEngine::ClearDriveFiles(int driveNumber, bool deleteDrive) { FFiles->Clear(driveNumber, deleteDrive); }
 void TEngine::BeginDriveFiles(int driveNumber) { FFiles->DoBeforeAnalyse(driveNumber); }
 

@@ -15,6 +15,7 @@ namespace brenlow {
 class TAllFS;
 class TDeviceTable;
 class TDrives;
+class TExtentReader;
 class TFAT;
 class TFiles;
 class TFolders;
@@ -116,6 +117,7 @@ class TEngine {
   void ChangeLanguage(TLanguage language);
   TDeviceTable& Devices() { return *FDevices; }
   TSectorReader& Reader() { return *FReader; }
+  TExtentReader& Content() { return *FContent; }
   TPartitionsInfo& Partitions() { return *FPartitions; }
   TDrives& Drives() { return *FDrives; }
   TFiles& Files() { return *FFiles; }
@@ -135,6 +137,7 @@ class TEngine {
   std::unique_ptr<TLanguage> FLanguage;
   std::unique_ptr<TDeviceTable> FDevices;
   std::unique_ptr<TSectorReader> FReader;
+  std::unique_ptr<TExtentReader> FContent;
   std::unique_ptr<TPartitionsInfo> FPartitions;
   std::unique_ptr<TDrives> FDrives;
   std::unique_ptr<TFileSignatures> FSignatures;

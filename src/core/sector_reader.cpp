@@ -58,10 +58,13 @@ std::int64_t TSectorReader::ReadOrZero(const TDriveInfo& drive, std::span<std::u
 }
 
 std::int64_t TSectorReader::ReadWhatReads(const TDriveInfo& drive, std::span<std::uint8_t> buffer,
-                                          std::int64_t startingSector, TReadEffort effort) {
+                                          std::int64_t startingSector, TReadEffort effort,
+                                          const std::function<void(std::int64_t, std::int64_t)>& lost) {
   std::int64_t read = static_cast<std::int64_t>(buffer.size()) / FEngine.Drives().GetBytesPerSector(drive);
-  ReadPieces(drive, buffer, startingSector, effort,
-             [&](std::int64_t from, std::int64_t until) { read -= until - from; });
+  ReadPieces(drive, buffer, startingSector, effort, [&](std::int64_t from, std::int64_t until) {
+    read -= until - from;
+    if (lost && from < until) lost(from, until);
+  });
   return read;
 }
 

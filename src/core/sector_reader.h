@@ -39,9 +39,11 @@ class TSectorReader {
   std::int64_t ReadOrZero(const TDriveInfo& drive, std::span<std::uint8_t> buffer, std::int64_t startingSector,
                           TReadEffort effort);
   /// The same, but what cannot be read stays untouched in the buffer. The result is how many sectors
-  /// of the buffer were read.
+  /// of the buffer were read. `lost` is told of the others: the first of a stretch and the one after its last,
+  /// counted from the start of the buffer.
   std::int64_t ReadWhatReads(const TDriveInfo& drive, std::span<std::uint8_t> buffer, std::int64_t startingSector,
-                             TReadEffort effort);
+                             TReadEffort effort,
+                             const std::function<void(std::int64_t first, std::int64_t end)>& lost = nullptr);
 
   /// The same as `ReadDriveSectors` for a device by its key; bytes per sector below 1 count as 512.
   std::uint32_t ReadDeviceSectors(TStringView drive, void* buffer, int bytesPerSector, std::int64_t startingSector,
