@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "analysis/analysis.h"
+#include "analysis/file_data.h"
 #include "analysis/folders.h"
 #include "core/drives.h"
 #include "core/engine.h"

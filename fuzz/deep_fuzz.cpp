@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "analysis/analysis.h"
+#include "analysis/file_data.h"
 #include "core/text.h"
 #include "memory_device.h"
 #include "support/deep_reference.h"

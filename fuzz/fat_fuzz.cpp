@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "analysis/analysis.h"
+#include "analysis/file_data.h"
 #include "analysis/tree_walk.h"
 #include "core/drives.h"
 #include "core/engine.h"

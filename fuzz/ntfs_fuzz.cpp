@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "analysis/analysis.h"
+#include "analysis/file_data.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "fs/ntfs/ntfs.h"

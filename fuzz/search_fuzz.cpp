@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "analysis/analysis.h"
+#include "analysis/file_data.h"
 #include "memory_device.h"
 #include "table/files.h"
 

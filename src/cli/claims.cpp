@@ -6,7 +6,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "analysis/analysis.h"
+#include "analysis/file_data.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "table/files.h"

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "cli/file_fields.h"
 
-#include "analysis/analysis.h"
+#include "analysis/file_data.h"
 #include "cli/file_id.h"
 #include "cli/rows.h"
 #include "core/datetime.h"

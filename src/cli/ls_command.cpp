@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "analysis/analysis.h"
+#include "analysis/file_data.h"
 #include "cli/commands.h"
 #include "cli/file_fields.h"
 #include "cli/findings.h"

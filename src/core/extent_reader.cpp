@@ -13,10 +13,9 @@
 namespace brenlow {
 namespace {
 
-constexpr std::size_t MaxStreams = 4;                    // kept ready: a recovery, a preview, a viewer
-constexpr std::int64_t MaxRequest = 64 << 20;            // bytes
-constexpr int MaxUnitsBefore = 1024;                     // that are looked through for a sector to repeat
-constexpr std::int64_t MaxUnit = std::int64_t{1} << 26;  // bytes of a packed unit
+constexpr std::size_t MaxStreams = 4;          // kept ready: a recovery, a preview, a viewer
+constexpr std::int64_t MaxRequest = 64 << 20;  // bytes
+constexpr int MaxUnitsBefore = 1024;           // that are looked through for a sector to repeat
 constexpr int NothingBefore = MaxUnitsBefore + 1;
 
 std::int64_t VolumeBytes(const TDriveInfo& drive, std::int64_t sectorSize) {
@@ -109,7 +108,7 @@ void TExtentReader::ReadPacked(const TDriveInfo& drive, TFileStream& stream, con
   const std::int64_t skip = start - unit.Offset;
   const std::int64_t wanted = skip + static_cast<std::int64_t>(bytes.size());
   const bool kept = stream.UnpackedUnit == unit.Offset && wanted <= static_cast<std::int64_t>(stream.Unpacked.size());
-  if (!kept && (!stream.Unpack || unit.Length > MaxUnit)) {
+  if (!kept && !stream.Unpack) {
     FEngine.Reader().NoteFailedRead();
     return FillZeros(bytes);
   }

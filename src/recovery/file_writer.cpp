@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "analysis/analysis.h"
+#include "analysis/file_data.h"
 #include "core/engine.h"
 #include "core/sector_reader.h"
 #include "core/text.h"
@@ -48,9 +48,7 @@ TFileOutcomes TFileWriter::Recovery(int fileNumber, const TTargetFile& target) {
   if (files.IsWrongNumber(fileNumber)) return {};
   TFile& file = files.List[static_cast<std::size_t>(fileNumber)];
   FindFirstClusters(FEngine, file);
-  TFileOutcomes outcomes = WriteCandidates(file, fileNumber, target);
-  ClearReadCache(FEngine, file);
-  return outcomes;
+  return WriteCandidates(file, fileNumber, target);
 }
 
 TFileOutcomes TFileWriter::WriteCandidates(TFile& file, int fileNumber, const TTargetFile& target) {

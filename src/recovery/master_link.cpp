@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <memory>
 
-#include "analysis/analysis.h"
+#include "analysis/file_data.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "recovery/file_writer.h"

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "analysis/analysis.h"
+#include "analysis/file_data.h"
 #include "core/device/device.h"
 #include "core/drives.h"
 #include "core/engine.h"

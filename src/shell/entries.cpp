@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "analysis/analysis.h"
+#include "analysis/file_data.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/language.h"

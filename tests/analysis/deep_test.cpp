@@ -8,6 +8,7 @@
 #include "analysis/analysis.h"
 #include "analysis/deep/all_fs.h"
 #include "analysis/deep/icon.h"
+#include "analysis/file_data.h"
 #include "analysis/folders.h"
 #include "support/deep_reference.h"
 #include "support/images.h"

@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "analysis/analysis.h"
+#include "analysis/file_data.h"
 #include "core/sector_reader.h"
 #include "support/fat_builder.h"
 #include "support/images.h"

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "analysis/analysis.h"
+#include "analysis/file_data.h"
 #include "core/sector_reader.h"
 #include "support/failing_device.h"
 #include "support/fat_builder.h"

@@ -20,6 +20,7 @@
 #include <QUrl>
 
 #include "analysis/analysis.h"
+#include "analysis/file_data.h"
 #include "recovery/master_link.h"
 #include "shell/desktop/banner.h"
 #include "shell/desktop/disk_manager.h"

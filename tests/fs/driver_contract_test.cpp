@@ -6,6 +6,8 @@
 #include <random>
 
 #include "analysis/analysis.h"
+#include "analysis/file_data.h"
+#include "core/sector_reader.h"
 #include "table/files.h"
 
 namespace brenlow::test {
@@ -58,6 +60,18 @@ void CheckStop(const TDriverSpecimen& specimen) {
   CHECK(engine.Files().List.size() > stopped);
 }
 
+/// Any piece of a file, in any order, is the same piece of the whole.
+void CheckPieces(TEngine& engine, TFile& file, const TByteDynArray& whole, std::mt19937& random) {
+  const auto size = static_cast<std::int64_t>(whole.size());
+  for (int i = 0; i < 40; ++i) {
+    const std::int64_t start = std::uniform_int_distribution<std::int64_t>(0, size - 1)(random);
+    const std::int64_t length = std::uniform_int_distribution<std::int64_t>(1, 9000)(random);
+    TByteDynArray piece;
+    GetFileData(engine, piece, file, -1, start, length);
+    REQUIRE(piece == TByteDynArray(whole.begin() + start, whole.begin() + std::min(start + length, size)));
+  }
+}
+
 void CheckReading(const TDriverSpecimen& specimen) {
   TEngine engine;
   const int number = Mount(engine, specimen.Volume).Number;
@@ -68,16 +82,8 @@ void CheckReading(const TDriverSpecimen& specimen) {
   TByteDynArray whole;
   GetFileData(engine, whole, *file, -1, 0, size + 1000);
   REQUIRE(static_cast<std::int64_t>(whole.size()) == size);
-  // Any piece, in any order, is the same piece of the whole.
   std::mt19937 random(7);
-  for (int i = 0; i < 300; ++i) {
-    const std::int64_t start = std::uniform_int_distribution<std::int64_t>(0, size)(random);
-    const std::int64_t length = std::uniform_int_distribution<std::int64_t>(0, 5000)(random);
-    TByteDynArray piece(77, 0xEE);
-    GetFileData(engine, piece, *file, -1, start, length);
-    const std::int64_t end = std::min(start + length, size);
-    REQUIRE(piece == TByteDynArray(whole.begin() + start, whole.begin() + std::max(start, end)));
-  }
+  for (int i = 0; i < 8; ++i) CheckPieces(engine, *file, whole, random);
   TByteDynArray nothing(5);
   GetFileData(engine, nothing, *file, -1, size, 1);
   CHECK(nothing.empty());
@@ -98,6 +104,43 @@ void CheckReading(const TDriverSpecimen& specimen) {
   CHECK(joined == whole);
   CHECK(engine.Files().GetSizeOnDisk(*file) >= size);
   CHECK(engine.Files().GetSizeOnDisk(*file) % drive.BytesPerSector == 0);
+}
+
+/// One sector in the middle of each of the first files that have a place cannot be read.
+void CheckUnreadable(const TDriverSpecimen& specimen) {
+  TEngine engine;
+  const TMounted mounted = Mount(engine, specimen.Volume);
+  AnalyseDrive(engine, mounted.Number);
+  const TDriveInfo& drive = DriveOf(engine, mounted.Number);
+  std::mt19937 random(9);
+  int checked = 0;
+  for (std::size_t i = 0; i < engine.Files().List.size() && checked < 20; ++i) {
+    TFile& file = engine.Files().List[i];
+    const bool stored = !file.FileInfo.blnFolder && !file.FileInfo.Atributes.blnCompressed;
+    TFileFragments fragments;
+    if (stored && file.FileInfo.aSize > 0) GetFileFragments(engine, file, fragments);
+    if (fragments.empty() || engine.Files().GetSizeOnDisk(file) == 0) continue;
+    const TFileFragment& middle = fragments[fragments.size() / 2];
+    if (middle.FirstSectorInDrive < 0) continue;
+    ++checked;
+    TByteDynArray good, damaged;
+    GetFileData(engine, good, file, -1, 0, file.FileInfo.aSize);
+    const std::int64_t sector = middle.SectorCount / 2;
+    mounted.Device->BadSectors.insert(drive.FirstSector + middle.FirstSectorInDrive + sector);
+    const std::uint64_t failed = engine.Reader().FailedReads();
+    GetFileData(engine, damaged, file, -1, 0, file.FileInfo.aSize);
+    CHECK(engine.Reader().FailedReads() > failed);
+    REQUIRE(damaged.size() == good.size());
+    const std::int64_t first = (middle.FirstSectorInFile + sector) * drive.BytesPerSector;
+    for (std::int64_t at = 0; at < static_cast<std::int64_t>(good.size()); ++at) {
+      const bool lost = at >= first && at < first + drive.BytesPerSector;
+      if (!lost) REQUIRE(damaged[static_cast<std::size_t>(at)] == good[static_cast<std::size_t>(at)]);
+    }
+    CheckPieces(engine, file, damaged, random);
+    mounted.Device->BadSectors.clear();
+    engine.Reader().ForgetFaults();
+  }
+  CHECK(checked > 2);
 }
 
 void CheckListing(const TDriverSpecimen& specimen) {
@@ -149,6 +192,7 @@ void CheckDriverContract(const TDriverSpecimen& specimen) {
   SUBCASE("analysis") { CheckAnalysis(specimen); }
   SUBCASE("stop") { CheckStop(specimen); }
   SUBCASE("reading") { CheckReading(specimen); }
+  SUBCASE("unreadable sectors") { CheckUnreadable(specimen); }
   SUBCASE("listing") { CheckListing(specimen); }
   SUBCASE("damage") { CheckDamage(specimen); }
 }

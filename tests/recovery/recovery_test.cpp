@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "analysis/analysis.h"
+#include "analysis/file_data.h"
 #include "recovery/file_sink.h"
 #include "recovery/long_path.h"
 #include "recovery/master_link.h"

@@ -11,7 +11,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "analysis/analysis.h"
+#include "analysis/file_data.h"
 #include "analysis/tree_walk.h"
 #include "table/files.h"
 

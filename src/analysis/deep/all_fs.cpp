@@ -6,6 +6,7 @@
 #include "analysis/deep/icon.h"
 #include "core/drives.h"
 #include "core/engine.h"
+#include "core/extents.h"
 #include "core/language.h"
 #include "core/numbers.h"
 #include "core/sector_reader.h"
@@ -314,28 +315,12 @@ void TAllFS::Forget() {
 
 // ---- content --------------------------------------------------------------------------------
 
-void TAllFS::GetFileData(TByteDynArray& result, const TFile& file, std::int64_t start, std::int64_t size) {
-  result.clear();
-  const TFileInfo& info = file.FileInfo;
-  const TDrives& drives = FEngine.Drives();
-  if (drives.IsWrongNumber(info.aDriveNumber) || start < 0 || size <= 0 || start >= info.aSize) return;
-  const TDriveInfo& drive = drives.List[static_cast<std::size_t>(info.aDriveNumber)];
-  const std::int64_t sectorSize = drives.GetBytesPerSector(drive);
-  const std::int64_t end = start + std::min(size, info.aSize - start);
-  const std::int64_t firstSector = start / sectorSize;
-  const std::int64_t sectors = CeilDiv(end, sectorSize) - firstSector;
-  result.resize(static_cast<std::size_t>(sectors * sectorSize));
-  FEngine.Reader().ReadOrZero(drive, result, drive.FirstSector + info.FirstCluster + firstSector, TReadEffort::Content);
-  result.resize(static_cast<std::size_t>(end - firstSector * sectorSize));
-  result.erase(result.begin(), result.begin() + static_cast<std::ptrdiff_t>(start - firstSector * sectorSize));
-}
-
-void TAllFS::GetFileFragments(const TFile& file, TFileFragments& result) const {
-  result.clear();
-  const std::int64_t size = GetSizeOnDisk(file);
-  if (size <= 0) return;
-  const int sectorSize = FEngine.Drives().GetBytesPerSector(file.FileInfo.aDriveNumber);
-  result.push_back({file.FileInfo.FirstCluster, 0, size / sectorSize});
+bool TAllFS::MapStream(const TDriveInfo& drive, const TFile& file, TFileStream& result) const {
+  const std::int64_t sectorSize = FEngine.Drives().GetBytesPerSector(drive);
+  result.Size = file.FileInfo.aSize;
+  result.UnitBytes = sectorSize;
+  result.Extents.AddStored(GetSizeOnDisk(file), file.FileInfo.FirstCluster * sectorSize);
+  return true;
 }
 
 std::int64_t TAllFS::GetSizeOnDisk(const TFile& file) const {

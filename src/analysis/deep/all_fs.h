@@ -17,6 +17,8 @@
 namespace brenlow {
 
 class TEngine;
+struct TDriveInfo;
+struct TFileStream;
 
 /// Working state of one scan.
 struct TDeepAnalyseInfo {
@@ -52,10 +54,8 @@ class TAllFS {
   /// Closes the open file.
   void DoAfterDeepAnalyse(int driveNumber, std::int64_t lastSectorNumber);
 
-  /// Reads at most `size` bytes from byte `start` on. Sectors that cannot be read are zeros, so
-  /// that the others keep their place.
-  void GetFileData(TByteDynArray& result, const TFile& file, std::int64_t start, std::int64_t size);
-  void GetFileFragments(const TFile& file, TFileFragments& result) const;
+  /// Where the bytes of such a file lie: from the sector that is its `FirstCluster` on.
+  bool MapStream(const TDriveInfo& drive, const TFile& file, TFileStream& result) const;
   /// The size in whole sectors; 0 without a valid drive.
   std::int64_t GetSizeOnDisk(const TFile& file) const;
 

@@ -20,6 +20,7 @@
 namespace brenlow {
 
 class TEngine;
+struct TFileStream;
 
 /// Whether an analysis looks through free clusters for folders that no entry leads to any more.
 enum class TLostFolderSearch {
@@ -63,9 +64,9 @@ class TFAT {
   void GetFiles(TDriveInfo& drive, TFileArray& result, bool rootDirOnly, const TOnFilesGotten& onFilesGotten);
 
   // ---- data ----
-  void GetFileData(TDriveInfo& drive, TByteDynArray& result, TFile& file, std::int64_t start, std::int64_t size,
-                   int incDataSector);
-  void GetFileFragments(TFile& file, TFileFragments& result);
+  /// Where the bytes of a file lie. A deleted file is followed through free clusters, passing over those in use.
+  /// False for an empty file.
+  bool MapStream(TDriveInfo& drive, TFile& file, int stream, TFileStream& result);
   std::int64_t GetSizeOnDisk(const TFile& file) const;
   /// `sizeInBytes` raw bytes from the start of a cluster on; zeros for what cannot be read.
   TByteDynArray GetClusterData(const TDriveInfo& drive, std::uint32_t cluster, std::int64_t sizeInBytes);
@@ -122,8 +123,6 @@ class TFAT {
   void CountAgreeing(TDriveInfo& drive, int folders);
   void LearnClusterSize(TDriveInfo& drive, int driveNumber, std::span<const std::uint8_t> folder,
                         std::int64_t sectorNumber);
-  void StepOn(TDriveInfo& drive, const TFileInfo& file);
-  void SeekCluster(TDriveInfo& drive, const TFileInfo& file, std::int64_t index);
 
   TEngine& FEngine;
   fat::TOemTable FOem = fat::CodePage437();

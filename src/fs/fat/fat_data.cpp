@@ -2,10 +2,11 @@
 // Reading the data of files, with or without their chain.
 #include <algorithm>
 #include <bit>
-#include <cstring>
+#include <memory>
 
 #include "core/drives.h"
 #include "core/engine.h"
+#include "core/extents.h"
 #include "core/numbers.h"
 #include "core/sector_reader.h"
 #include "core/text.h"
@@ -46,22 +47,15 @@ bool AllFree(const TFATInfo& info, std::int64_t cluster, std::int64_t count) {
   return true;
 }
 
-/// Adjacent clusters of a file.
-struct TRun {
-  std::uint32_t Cluster = 0;
-  std::int64_t Count = 0;
-};
-
 }  // namespace
 
 std::uint32_t TFAT::GetNextRecoveryCluster(const TDriveInfo& drive, std::uint32_t cluster) {
   if (const std::uint32_t next = NextCluster(drive, cluster); next != 0) return next;
   // Most files lie in one piece.
   if (IsUnknown(drive, cluster) && IsInside(drive, cluster + 1)) return cluster + 1;
-  FEngine.Pump();
   const auto highest = static_cast<std::uint32_t>(LastCluster(drive));
   const std::uint32_t start = cluster + 1 > highest || cluster + 1 < 2 ? 2 : cluster + 1;
-  if (FATInfo(drive).FATTable.empty() || (!FEngine.Analysing && !FEngine.Recovering)) return start;
+  if (FATInfo(drive).FATTable.empty()) return start;
   const std::uint32_t found = NextFree(FATInfo(drive), start);
   if (found <= highest) return found;
   // Nothing free up to the end: on from the beginning, back to where it started at the most.
@@ -69,137 +63,80 @@ std::uint32_t TFAT::GetNextRecoveryCluster(const TDriveInfo& drive, std::uint32_
   return std::min(NextFree(FATInfo(drive), 2), stop);
 }
 
-/// Moves the read position of the drive one cluster on. A step that no entry of the table names is a
-/// guess: in a live file always, in a deleted one where it leaves the row of free clusters.
-void TFAT::StepOn(TDriveInfo& drive, const TFileInfo& file) {
-  TFATInfo::TReadPosition& position = FATInfo(drive).ReadPosition;
-  const std::uint32_t from = position.Cluster;
-  position.Cluster = GetNextRecoveryCluster(drive, from);
-  ++position.Index;
-  if (NextCluster(drive, from) != 0) return;
-  const bool hasTable = !FATInfo(drive).FATTable.empty();
-  const bool follows =
-      hasTable && position.Cluster == from + 1 && !IsUnknown(drive, from) && !IsUnknown(drive, from + 1);
-  position.Estimated = position.Estimated || !file.blnDeleted || !follows;
-}
+namespace {
 
-/// Moves the read position of the drive to cluster `index` of the file.
-void TFAT::SeekCluster(TDriveInfo& drive, const TFileInfo& file, std::int64_t index) {
-  TFATInfo::TReadPosition& position = FATInfo(drive).ReadPosition;
-  const bool skipping = FEngine.Analysing || FEngine.Recovering;
-  if (position.FirstCluster != file.FirstCluster || position.Index > index || position.Skipping != skipping ||
-      position.Deleted != file.blnDeleted) {
-    position = {file.FirstCluster, 0, static_cast<std::uint32_t>(file.FirstCluster), skipping, file.blnDeleted, false};
+/// The clusters of a file, run by run. A step that no entry of the table names is a guess: in a live file
+/// always, in a deleted one where it leaves the row of free clusters.
+class TClusterChain final : public IExtentSource {
+ public:
+  TClusterChain(TEngine& engine, const TFileInfo& file, std::int64_t clusters)
+      : FEngine(engine),
+        FDrive(file.aDriveNumber),
+        FFirst(static_cast<std::uint32_t>(file.FirstCluster)),
+        FDeleted(file.blnDeleted),
+        FClusters(clusters) {
+    TClusterChain::Rewind();
   }
-  while (position.Index < index && position.Cluster != 0) StepOn(drive, file);
-}
 
-void TFAT::GetFileData(TDriveInfo& drive, TByteDynArray& result, TFile& file, std::int64_t start, std::int64_t size,
-                       int incDataSector) {
+  void Rewind() override {
+    FCluster = FFirst;
+    FIndex = 0;
+    FEstimated = false;
+  }
+
+  bool Next(TExtent& extent) override {
+    if (FCluster == 0 || FIndex >= FClusters || FEngine.Drives().IsWrongNumber(FDrive)) return false;
+    const TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(FDrive)];
+    const std::uint32_t first = FCluster;
+    extent.Estimated = FEstimated;
+    std::uint32_t count = 0;
+    do {
+      ++count;
+      StepOn(drive);
+    } while (first >= 2 && FIndex < FClusters && FCluster == first + count && FEstimated == extent.Estimated &&
+             count < MaxRun);
+    extent.Length = count * ClusterBytes(drive);
+    extent.Place = first < 2 ? -1 : ClusterSector(drive, first) * drive.BytesPerSector;
+    return true;
+  }
+
+ private:
+  static constexpr std::uint32_t MaxRun = 4096;  // clusters of one answer
+
+  void StepOn(const TDriveInfo& drive) {
+    const std::uint32_t from = FCluster;
+    FCluster = FEngine.FAT().GetNextRecoveryCluster(drive, from);
+    ++FIndex;
+    if (NextCluster(drive, from) != 0) return;
+    const bool hasTable = !FATInfo(drive).FATTable.empty();
+    const bool follows = hasTable && FCluster == from + 1 && !IsUnknown(drive, from) && !IsUnknown(drive, from + 1);
+    FEstimated = FEstimated || !FDeleted || !follows;
+  }
+
+  TEngine& FEngine;
+  int FDrive;
+  std::uint32_t FFirst;
+  bool FDeleted;
+  std::int64_t FClusters;  // of the whole file
+  std::uint32_t FCluster = 0;
+  std::int64_t FIndex = 0;  // clusters before `FCluster`
+  bool FEstimated = false;
+};
+
+}  // namespace
+
+bool TFAT::MapStream(TDriveInfo& drive, TFile& file, int /*stream: there is only one*/, TFileStream& result) {
   TFileInfo& info = file.FileInfo;
   ChangeFileFirstCluster(info);
   const std::int64_t clusterBytes = ClusterBytes(drive);
-  if (info.aSize <= 0 || start < 0 || size <= 0 || clusterBytes <= 0) {
-    result.clear();
-    return;
-  }
-  const std::int64_t sectorSize = drive.BytesPerSector;
+  if (info.aSize <= 0 || clusterBytes <= 0) return false;
   // No file has more clusters than the volume: what an entry claims beyond that is garbage.
-  const std::int64_t length = std::min(info.aSize, (ClusterRoom(drive) + 1) * clusterBytes);
-  if (start >= length) {
-    result.clear();
-    return;
-  }
-  const std::int64_t end = start + std::min(size, length - start);
-  // Whole sectors are read straight to their place; what lies before `start` is cut off at last.
-  const std::int64_t from = start / sectorSize * sectorSize;
-  const std::int64_t until = CeilDiv(end, sectorSize) * sectorSize;
-  result.resize(static_cast<std::size_t>(until - from));
-
-  std::int64_t filled = from;  // position in the file up to which the result is filled
-  std::uint32_t before = 0;    // the last cluster read, 0 for none
-  TByteDynArray single;        // one cluster, for reading cluster by cluster
-  const auto sectorOf = [&](std::uint32_t cluster) {
-    return drive.FirstSector + ClusterSector(drive, cluster) + incDataSector;
-  };
-  const auto readCluster = [&](std::uint32_t cluster) {
-    single.resize(static_cast<std::size_t>(clusterBytes));
-    if (IsInside(drive, cluster)) {
-      FEngine.Reader().ReadWhatReads(drive, single, sectorOf(cluster), TReadEffort::Content);
-    } else {
-      FEngine.Reader().NoteFailedRead();
-    }
-  };
-  while (filled < until) {
-    const std::int64_t index = filled / clusterBytes;
-    SeekCluster(drive, info, index);
-    TFATInfo::TReadPosition& position = FATInfo(drive).ReadPosition;
-    if (position.Cluster == 0) break;
-    TRun run{position.Cluster, 1};
-    while ((index + run.Count) * clusterBytes < until) {
-      const std::uint32_t last = position.Cluster;
-      StepOn(drive, info);
-      if (position.Cluster != last + 1 || !IsInside(drive, position.Cluster)) break;
-      ++run.Count;
-    }
-    const std::int64_t runEnd = std::min((index + run.Count) * clusterBytes, until);
-    const std::int64_t skip = filled - index * clusterBytes;
-    std::uint8_t* place = result.data() + (filled - from);
-    const auto wanted = static_cast<std::uint32_t>(runEnd - filled);
-    const std::int64_t sector = sectorOf(run.Cluster) + skip / sectorSize;
-    std::uint32_t got = 0;
-    if (IsInside(drive, run.Cluster)) {
-      got = FEngine.Reader().ReadDriveSectors(drive, place, sector, wanted / sectorSize);
-    }
-    if (got < wanted) {
-      // One by one, so that a fault costs its sector. A sector that cannot be read repeats the bytes
-      // of the cluster before: the output keeps its length and offsets.
-      single.clear();
-      if (before != 0) readCluster(before);
-      for (std::int64_t i = 0; i < run.Count; ++i) {
-        const std::int64_t at = (index + i) * clusterBytes;
-        readCluster(run.Cluster + static_cast<std::uint32_t>(i));
-        const std::int64_t first = std::max(at, filled);
-        const std::int64_t last = std::min(at + clusterBytes, runEnd);
-        if (first >= last) continue;
-        std::memcpy(result.data() + (first - from), single.data() + (first - at),
-                    static_cast<std::size_t>(last - first));
-        FEngine.Pump();
-      }
-    }
-    before = run.Cluster + static_cast<std::uint32_t>(run.Count) - 1;
-    filled = runEnd;
-    FEngine.Pump();
-  }
-  if (FATInfo(drive).ReadPosition.Estimated) FEngine.Reader().NoteEstimatedRead();
-  const std::int64_t good = std::min(filled, end);
-  if (start > from) result.erase(result.begin(), result.begin() + static_cast<std::ptrdiff_t>(start - from));
-  result.resize(static_cast<std::size_t>(std::max<std::int64_t>(good - start, 0)));
-}
-
-void TFAT::GetFileFragments(TFile& file, TFileFragments& result) {
-  result.clear();
-  TFileInfo& info = file.FileInfo;
-  if (FEngine.Drives().IsWrongNumber(info.aDriveNumber)) return;
-  TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(info.aDriveNumber)];
-  ChangeFileFirstCluster(info);
-  const std::int64_t clusterBytes = ClusterBytes(drive);
-  if (clusterBytes <= 0 || info.aSize <= 0) return;
-  const std::int64_t perCluster = FATInfo(drive).SectorsPerCluster;
-  const std::int64_t total = std::min(CeilDiv(info.aSize, clusterBytes), ClusterRoom(drive) + 1);
-  const std::int64_t sectors = CeilDiv(info.aSize, drive.BytesPerSector);
-  for (std::int64_t index = 0; index < total; ++index) {
-    SeekCluster(drive, info, index);
-    const std::uint32_t cluster = FATInfo(drive).ReadPosition.Cluster;
-    if (cluster == 0) break;
-    const std::int64_t sector = ClusterSector(drive, cluster);
-    const std::int64_t count = std::min(perCluster, sectors - index * perCluster);
-    if (!result.empty() && result.back().FirstSectorInDrive + result.back().SectorCount == sector) {
-      result.back().SectorCount += count;
-    } else {
-      result.push_back({sector, index * perCluster, count});
-    }
-  }
+  result.Size = std::min(info.aSize, (ClusterRoom(drive) + 1) * clusterBytes);
+  result.UnitBytes = clusterBytes;
+  result.VolumeBytes = ClusterSector(drive, static_cast<std::uint32_t>(LastCluster(drive) + 1)) * drive.BytesPerSector;
+  result.Unreadable = TUnreadableRule::RepeatUnitBefore;
+  result.Extents.SetSource(std::make_unique<TClusterChain>(FEngine, info, CeilDiv(result.Size, clusterBytes)));
+  return true;
 }
 
 std::int64_t TFAT::GetSizeOnDisk(const TFile& file) const {

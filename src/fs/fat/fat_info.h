@@ -59,18 +59,6 @@ struct TFATInfo {
 
   /// Partition search: what is known of the folders of a volume that was analysed as a whole.
   std::shared_ptr<fat::TWalkState> Walk;
-
-  /// Where the last read of a file's data got to, so that reading on does not walk the chain from
-  /// its start again.
-  struct TReadPosition {
-    std::int64_t FirstCluster = -1;
-    std::int64_t Index = 0;  ///< clusters before `Cluster` in the file
-    std::uint32_t Cluster = 0;
-    bool Skipping = false;   ///< used clusters were passed over (only while a scan or recovery runs)
-    bool Deleted = false;    ///< of a deleted file
-    bool Estimated = false;  ///< a step on the way had to be guessed
-  };
-  TReadPosition ReadPosition;
 };
 
 inline TFATInfo& FATInfo(TDriveInfo& drive) { return drive.Systems.Get<TFATInfo>(); }

@@ -187,7 +187,6 @@ void TFAT::LoadTable(TDriveInfo& drive) {
   for (std::size_t i = 2; i < info.FATTable.size(); ++i) {
     if (info.FATTable[i] == 0) info.FreeClusters[i / 64] |= std::uint64_t{1} << (i % 64);
   }
-  info.ReadPosition = {};
 }
 
 /// The label among the first entries of the root.

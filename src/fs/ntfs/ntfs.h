@@ -20,6 +20,7 @@
 namespace brenlow {
 
 class TEngine;
+struct TFileStream;
 namespace ntfs {
 struct TGeometry;
 class TSearchTraces;
@@ -33,6 +34,13 @@ inline std::int64_t ClusterBytes(const TDriveInfo& drive) {
 inline std::int64_t VolumeClusters(const TDriveInfo& drive) {
   return NTFSInfo(drive).SectorsPerCluster > 0 ? drive.SectorsCount / NTFSInfo(drive).SectorsPerCluster : 0;
 }
+/// First byte of a cluster, from the volume's start; -1 for a number that no volume can have.
+inline std::int64_t PlaceOfCluster(std::int64_t cluster, std::int64_t clusterBytes) {
+  return cluster < 0 || clusterBytes < 1 || cluster > INT64_MAX / 2 / clusterBytes ? -1 : cluster * clusterBytes;
+}
+/// The end of what may be read of a volume, in bytes: its stated end, and the sector after it with the copy of the
+/// boot sector.
+inline std::int64_t VolumeEnd(const TDriveInfo& drive) { return (drive.SectorsCount + 1) * drive.BytesPerSector; }
 }  // namespace ntfs
 
 class TNTFS {
@@ -77,8 +85,10 @@ class TNTFS {
   bool GetSectorByMFTNumber(const TDriveInfo& drive, std::int64_t number, TMFTRecord& place, bool canBeNull) const;
 
   // ---- data ----
-  /// `adsNumber` -1 is the default stream, others count as in `FillADS`.
-  void GetFileData(TDriveInfo& drive, TByteDynArray& result, TFile& file, int adsNumber, std::int64_t start,
+  /// Where the bytes of a stream lie: -1 is the default one, others count as in `FillADS`. False when there is none.
+  bool MapStream(const TDriveInfo& drive, const TFile& file, int adsNumber, TFileStream& result);
+  /// Also for records that no row stands for.
+  void GetFileData(const TDriveInfo& drive, TByteDynArray& result, const TFile& file, int adsNumber, std::int64_t start,
                    std::int64_t size, int incDataSector);
   void FillADS(const TFile& file, TADSDynArray& result);
   void GetFileFragments(TFile& file, TFileFragments& result) {
@@ -121,7 +131,7 @@ class TNTFS {
   void PartRecChangeVolumeName(TDriveInfo& drive);
 
   /// Drops the caches; needed when the drive list changes.
-  void ClearMemory() { FStream = TStream(); }
+  void ClearMemory();
 
  private:
   /// A name of a record: one for each folder that it lies in.
@@ -141,21 +151,7 @@ class TNTFS {
     std::int64_t ListedClusters = 0;
     TString VolumeName;
   };
-  /// A stream of a file, made ready for reading; kept between reads.
-  struct TStream {
-    const TDriveInfo* Drive = nullptr;
-    TMFTRecord Place;
-    std::int64_t Journal = 0;
-    int AdsNumber = -1;
-    bool Resident = false;
-    TByteDynArray Value;         // of a resident stream
-    ntfs::TRuns Runs;            // of all its pieces
-    std::int64_t Size = 0;       // bytes, as the first piece states it
-    std::int64_t ValidSize = 0;  // bytes; what lies behind was never written and reads as zeros
-    bool Compressed = false;
-    bool Damaged = false;  // the record that a resident one lies in did not read whole
-    std::int64_t UnitClusters = 1;
-  };
+  struct TStream;
 
   // Volume.
   bool ReadBootSector(TDriveInfo& drive, std::int64_t sector, bool getFreeSize, bool forSubDrive);
@@ -175,8 +171,6 @@ class TNTFS {
   TByteDynArray ReadAttributeList(const TDriveInfo& drive, const ntfs::TAttribute& attribute);
   TByteDynArray ReadRuns(const TDriveInfo& drive, const ntfs::TRuns& runs, std::int64_t size,
                          std::vector<TByteRange>* unknown = nullptr);
-  bool ReadClusters(const TDriveInfo& drive, std::int64_t cluster, std::int64_t offset, std::span<std::uint8_t> place,
-                    int incDataSector);
   bool AnalyseMFTRecord(TDriveInfo& drive, std::span<const std::uint8_t> buffer, std::size_t start,
                         bool canCheckForAnalysing, TParsed& parsed, std::int64_t mftNumber, std::int64_t sectorNumber,
                         int offsetInSector, bool rootDirFastScan);
@@ -227,13 +221,10 @@ class TNTFS {
   void AddSystemDataFolder(TDriveInfo& drive, int driveNumber);
   TFileInfo SystemDataFolder(int driveNumber, TString& name) const;
   // Data.
-  bool OpenStream(const TDriveInfo& drive, const TFile& file, int adsNumber);
-  void ReadPlain(const TDriveInfo& drive, TByteDynArray& result, std::int64_t start, std::int64_t size,
-                 int incDataSector);
-  void ReadCompressed(const TDriveInfo& drive, TByteDynArray& result, std::int64_t start, std::int64_t size,
-                      int incDataSector);
-  void ReadUnit(const TDriveInfo& drive, std::int64_t unit, std::span<std::uint8_t> bytes, int incDataSector);
-  bool ReadCluster(const TDriveInfo& drive, std::int64_t lcn, std::span<std::uint8_t> place, int incDataSector);
+  TStream GatherStream(const TDriveInfo& drive, const TFile& file, int adsNumber);
+  static ntfs::TRuns JoinPieces(TStream& stream, std::int64_t volumeClusters);
+  template <typename TCallable>
+  TFileStream LayoutOf(const TDriveInfo& drive, const TFile& file, int attributeNumber, TCallable&& inRecord);
   template <typename TCallable>
   void ForEachAttribute(const TDriveInfo& drive, const TFile& file, TCallable&& callable);
 
@@ -246,7 +237,6 @@ class TNTFS {
   ntfs::TRuns FIndexes;
   std::int64_t FLastSector = 0;         // of the last record whose number was known, in a partition search
   std::int64_t FLastSystemSector = -1;  // of the device, of the last record of a system file, in one too
-  TStream FStream;
 };
 
 }  // namespace brenlow

@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Content of files and streams: resident, in clusters, sparse, compressed, over several records.
 #include <algorithm>
-#include <cstring>
+#include <memory>
 
 #include "core/drives.h"
 #include "core/engine.h"
+#include "core/extent_reader.h"
 #include "core/lznt1.h"
 #include "core/numbers.h"
 #include "core/sector_reader.h"
@@ -21,6 +22,8 @@ constexpr std::int64_t LargestUnit = 65536;  // bytes that the stream of one uni
 // A stream that is worth decompressing is never longer than its data, stored chunks and all.
 constexpr std::int64_t LargestPackedUnit = LargestUnit + 2 * 16;
 constexpr unsigned LargestUnitPower = 16;
+
+std::int64_t ClusterCount(const TRuns& runs) { return runs.empty() ? 0 : runs.back().Vcn + runs.back().Count; }
 
 /// The run that holds a cluster of a stream, or the first one after it.
 TRuns::const_iterator RunOf(const TRuns& runs, std::int64_t vcn) {
@@ -41,13 +44,115 @@ bool HasMissing(const TRuns& runs, std::int64_t vcn, std::int64_t count) {
   return false;
 }
 
-/// Whether sectors lie in the volume, the one after its stated end (with the copy of the boot sector)
-/// included.
-bool IsInVolume(const TDriveInfo& drive, std::int64_t first, std::int64_t sectors) {
-  return first >= 0 && first <= drive.SectorsCount && sectors <= drive.SectorsCount + 1 - first;
+/// Part of a run: `count` clusters from the one `skip` clusters after its first.
+TExtent ExtentOf(const TRun& run, std::int64_t skip, std::int64_t count, std::int64_t clusterBytes) {
+  TExtent extent;
+  extent.Length = std::min(count, TExtents::MaxLength / clusterBytes) * clusterBytes;
+  if (run.Lcn >= 0) {
+    extent.Place = PlaceOfCluster(run.Lcn + skip, clusterBytes);
+  } else {
+    extent.Kind = run.Lcn == MissingLcn ? TExtentKind::Lost : TExtentKind::Zeros;
+  }
+  return extent;
 }
 
-std::int64_t ClusterCount(const TRuns& runs) { return runs.empty() ? 0 : runs.back().Vcn + runs.back().Count; }
+void AddRuns(TExtents& extents, const TRuns& runs, std::int64_t clusterBytes) {
+  for (const TRun& run : runs) extents.Add(ExtentOf(run, 0, run.Count, clusterBytes));
+}
+
+/// The runs of a stream that is stored in units, some of them compressed.
+struct TUnits {
+  TRuns Runs;
+  std::int64_t UnitClusters = 1;
+  std::int64_t ClusterBytes = 0;
+
+  /// Clusters of the unit that begins at a cluster; the last one may be shorter.
+  std::int64_t Length(std::int64_t first) const { return std::min(UnitClusters, ClusterCount(Runs) - first); }
+  /// A unit whose first cluster is there and whose last one is not is compressed.
+  bool IsPacked(std::int64_t first) const {
+    return LcnOf(Runs, first) >= 0 && LcnOf(Runs, first + Length(first) - 1) < 0;
+  }
+  /// Clusters of a compressed unit that are there.
+  std::int64_t Present(std::int64_t first) const {
+    std::int64_t present = 1;
+    while (present < Length(first) && LcnOf(Runs, first + present) >= 0) ++present;
+    return present;
+  }
+};
+
+/// The units of a stream one after the other: each stands at its number times its size, whatever became of the
+/// others.
+class TUnitSource final : public IExtentSource {
+ public:
+  explicit TUnitSource(std::shared_ptr<const TUnits> units) : FUnits(std::move(units)) {}
+  void Rewind() override { FNext = FPlainEnd = 0; }
+
+  bool Next(TExtent& extent) override {
+    if (FNext >= ClusterCount(FUnits->Runs)) return false;
+    if (FNext == FPlainEnd && FUnits->IsPacked(FNext)) {
+      extent = PackedUnit();
+      FNext = FPlainEnd = FNext + FUnits->Length(FNext);
+      return true;
+    }
+    const auto run = RunOf(FUnits->Runs, FNext);
+    const std::int64_t runEnd = run->Vcn + run->Count;
+    // All units that lie in one run, or the unit that several runs share.
+    if (FNext == FPlainEnd)
+      FPlainEnd += std::max((runEnd - FNext) / FUnits->UnitClusters * FUnits->UnitClusters, FUnits->Length(FNext));
+    const std::int64_t count = std::min(runEnd, FPlainEnd) - FNext;
+    extent = ExtentOf(*run, FNext - run->Vcn, count, FUnits->ClusterBytes);
+    FNext += count;
+    return true;
+  }
+
+ private:
+  TExtent PackedUnit() const {
+    TExtent unit;
+    unit.Length = FUnits->Length(FNext) * FUnits->ClusterBytes;
+    if (HasMissing(FUnits->Runs, FNext, FUnits->Length(FNext))) {
+      unit.Kind = TExtentKind::Lost;  // where its compressed stream ends is not known
+      return unit;
+    }
+    unit.Kind = TExtentKind::Packed;
+    unit.Place = PlaceOfCluster(LcnOf(FUnits->Runs, FNext), FUnits->ClusterBytes);
+    unit.PackedBytes =
+        static_cast<std::uint32_t>(std::min<std::int64_t>(FUnits->Present(FNext) * FUnits->ClusterBytes, UINT32_MAX));
+    return unit;
+  }
+
+  std::shared_ptr<const TUnits> FUnits;
+  std::int64_t FNext = 0;      // cluster
+  std::int64_t FPlainEnd = 0;  // up to here units are known to be as they stand
+};
+
+/// The first bytes of a compressed unit. A chunk that cannot be had is zeros.
+bool UnpackUnit(TEngine& engine, const TUnits& units, const TDriveInfo& drive, const TExtent& unit,
+                std::span<std::uint8_t> head, int shift) {
+  const std::int64_t first = unit.Offset / units.ClusterBytes;
+  // More than a unit can come from is not even read.
+  const std::int64_t useful = std::min(units.Present(first), CeilDiv(LargestPackedUnit, units.ClusterBytes));
+  TByteDynArray packed(static_cast<std::size_t>(useful * units.ClusterBytes));
+  std::vector<TBufferRange> lost;
+  for (std::int64_t at = 0; at < useful;) {
+    const auto run = RunOf(units.Runs, first + at);
+    const std::int64_t count = std::min(run->Vcn + run->Count - first - at, useful - at);
+    const auto begin = static_cast<std::size_t>(at * units.ClusterBytes);
+    const auto piece = std::span(packed).subspan(begin, static_cast<std::size_t>(count * units.ClusterBytes));
+    const std::size_t before = lost.size();
+    engine.Content().ReadPlace(drive, PlaceOfCluster(LcnOf(units.Runs, first + at), units.ClusterBytes), piece, shift,
+                               &lost);
+    for (std::size_t i = before; i < lost.size(); ++i) lost[i] = {lost[i].First + begin, lost[i].End + begin};
+    at += count;
+  }
+  const auto isUnreadable = [&](std::size_t from, std::size_t until) {
+    return std::any_of(lost.begin(), lost.end(),
+                       [&](const TBufferRange& l) { return l.First < until && from < l.End; });
+  };
+  const auto there = std::min<std::size_t>(head.size(), LargestUnit);
+  const bool whole = SalvageLZNT1(packed, head.first(there), isUnreadable);
+  std::fill(head.begin() + static_cast<std::ptrdiff_t>(there), head.end(), std::uint8_t{0});
+  return whole && there == head.size();
+}
 
 TStringView TypeName(std::int64_t type) {
   switch (type) {
@@ -87,37 +192,6 @@ TStringView TypeName(std::int64_t type) {
 }
 
 }  // namespace
-
-// ---- clusters -------------------------------------------------------------------------------
-
-/// Reads whole sectors from `offset` bytes (whole sectors too) behind the start of a cluster on. A
-/// fault costs a sector, which repeats the bytes of the cluster before it, so that offsets stay; the
-/// result is false then.
-bool TNTFS::ReadClusters(const TDriveInfo& drive, std::int64_t cluster, std::int64_t offset,
-                         std::span<std::uint8_t> place, int incDataSector) {
-  const int sectorSize = drive.BytesPerSector;
-  const std::int64_t first = cluster * NTFSInfo(drive).SectorsPerCluster + offset / sectorSize;
-  const auto sectors = static_cast<std::int64_t>(place.size()) / sectorSize;
-  const bool inside = IsInVolume(drive, first, sectors);
-  const std::int64_t start = drive.FirstSector + first + incDataSector;
-  if (inside && FEngine.Reader().ReadDriveSectors(drive, place.data(), start, sectors) == place.size()) return true;
-  const std::int64_t step = std::max<std::int64_t>(NTFSInfo(drive).SectorsPerCluster, 1);
-  TByteDynArray single(static_cast<std::size_t>(step * sectorSize));
-  bool whole = true;
-  for (std::int64_t at = 0; at < sectors;) {
-    const std::int64_t count = std::min({step - (first + at) % step, sectors - at, step});
-    const auto bytes = std::span(single).first(static_cast<std::size_t>(count * sectorSize));
-    const bool read = inside && FEngine.Reader().ReadWhatReads(drive, bytes, start + at, TReadEffort::Content) == count;
-    if (!read) {
-      FEngine.Reader().NoteFailedRead();
-      whole = false;
-    }
-    std::memcpy(place.data() + at * sectorSize, single.data(), static_cast<std::size_t>(count * sectorSize));
-    at += count;
-    FEngine.Pump();
-  }
-  return whole;
-}
 
 // ---- records of a file ----------------------------------------------------------------------
 
@@ -160,227 +234,125 @@ void TNTFS::ForEachAttribute(const TDriveInfo& drive, const TFile& file, TCallab
   }
 }
 
-/// Makes a stream ready for reading, unless it is the one read last. False when there is none.
-bool TNTFS::OpenStream(const TDriveInfo& drive, const TFile& file, int adsNumber) {
-  TStream& open = FStream;
-  const TFileInfo& info = file.FileInfo;
-  const TMFTRecord key{info.FirstSector >= 0 ? info.FirstSector : info.FirstCluster, info.OffsetInSector};
-  if (open.Drive == &drive && open.Place.Sector == key.Sector && open.Place.Offset == key.Offset &&
-      open.Journal == info.JournalPosition && open.AdsNumber == adsNumber) {
-    if (open.Damaged) FEngine.Reader().NoteFailedRead();
-    return true;
-  }
-  TStream stream;
-  const std::uint64_t failedReads = FEngine.Reader().FailedReads();
+// ---- content --------------------------------------------------------------------------------
+
+/// What the records of a file tell of one of its streams.
+struct TNTFS::TStream {
   struct TPiece {
-    std::int64_t FirstVcn;
+    std::int64_t FirstVcn = 0;
     TRuns Runs;
   };
-  std::vector<TPiece> pieces;
+  bool Found = false;  ///< the record in which it starts
+  bool Resident = false;
+  std::uint32_t Type = 0;
+  TString Name;
+  TByteDynArray Value;         ///< of a resident stream
+  std::int64_t Size = 0;       ///< bytes, as the first piece states it
+  std::int64_t ValidSize = 0;  ///< bytes; what lies after it was never written and reads as zeros
+  bool Compressed = false;
+  unsigned UnitPower = 0;
+  std::vector<TPiece> Pieces;
+
+  void TakeUnit(const TAttribute& attribute) {
+    Compressed = attribute.Compressed() && attribute.CompressionUnit() > 0;
+    UnitPower = std::min(attribute.CompressionUnit(), LargestUnitPower);
+  }
+  void TakeStart(const TAttribute& attribute) {
+    Found = true;
+    Type = attribute.Type();
+    Name = attribute.Name();
+    Resident = !attribute.NonResident();
+    Size = Resident ? attribute.ValueLength() : attribute.RealSize();
+    ValidSize = attribute.ValidSize();
+    TakeUnit(attribute);
+    const auto value = attribute.Value();
+    Value.assign(value.begin(), value.end());
+  }
+};
+
+/// Gathers a stream from all records of the file: the default one, or that of a number of `FillADS`.
+TNTFS::TStream TNTFS::GatherStream(const TDriveInfo& drive, const TFile& file, int adsNumber) {
+  TStream stream;
   int number = -1;
-  bool found = false;
-  struct TUnit {
-    bool Compressed = false;
-    unsigned Power = 0;
-  } unit;  // of a piece met before the start of the stream
-  std::uint32_t type = 0;
-  TString name;
   const std::int64_t clusters = VolumeClusters(drive);
   ForEachAttribute(drive, file, [&](const TMFTRecord&, const TAttribute& attribute) {
     const bool starts = !attribute.NonResident() || attribute.FirstVcn() == 0;
     if (attribute.Type() != 0 && starts) ++number;
     bool wanted = adsNumber < 0 && attribute.Type() == AttrData && attribute.IsDefaultDataStream();
     if (adsNumber >= 0) {
-      wanted = number == adsNumber && (starts || (found && attribute.Type() == type && attribute.Name() == name));
+      const bool goesOn = stream.Found && attribute.Type() == stream.Type && attribute.Name() == stream.Name;
+      wanted = number == adsNumber && (starts || goesOn);
     }
     if (!wanted) return true;
-    if (!starts && !found) unit = {attribute.Compressed(), attribute.CompressionUnit()};
-    if (starts && !found) {
-      found = true;
-      type = attribute.Type();
-      name = attribute.Name();
-      stream.Resident = !attribute.NonResident();
-      stream.Size = stream.Resident ? attribute.ValueLength() : attribute.RealSize();
-      stream.ValidSize = attribute.ValidSize();
-      stream.Compressed = attribute.Compressed() && attribute.CompressionUnit() > 0;
-      stream.UnitClusters = std::int64_t{1} << std::min(attribute.CompressionUnit(), LargestUnitPower);
-      const auto value = attribute.Value();
-      stream.Value.assign(value.begin(), value.end());
-    }
-    if (attribute.NonResident()) pieces.push_back({attribute.FirstVcn(), attribute.Runs(clusters)});
+    if (!stream.Found) starts ? stream.TakeStart(attribute) : stream.TakeUnit(attribute);
+    if (attribute.NonResident()) stream.Pieces.push_back({attribute.FirstVcn(), attribute.Runs(clusters)});
     return true;
   });
-  if (!found) {
-    if (pieces.empty() || adsNumber >= 0) return false;
-    // The record with the start is gone: what the others tell still has its place.
-    stream.Size = stream.ValidSize = info.DefaultSize;
-    stream.Compressed = unit.Compressed && unit.Power > 0;
-    stream.UnitClusters = std::int64_t{1} << std::min(unit.Power, LargestUnitPower);
-  }
-  std::stable_sort(pieces.begin(), pieces.end(),
-                   [](const TPiece& a, const TPiece& b) { return a.FirstVcn < b.FirstVcn; });
-  for (const TPiece& piece : pieces) {
-    const std::int64_t end = ClusterCount(stream.Runs);
+  return stream;
+}
+
+/// The runs of all pieces, in the order of their first clusters.
+TRuns TNTFS::JoinPieces(TStream& stream, std::int64_t volumeClusters) {
+  TRuns runs;
+  std::stable_sort(stream.Pieces.begin(), stream.Pieces.end(),
+                   [](const auto& a, const auto& b) { return a.FirstVcn < b.FirstVcn; });
+  for (const TStream::TPiece& piece : stream.Pieces) {
+    const std::int64_t end = ClusterCount(runs);
     if (stream.Resident || piece.FirstVcn < end) continue;
     // A piece that is missing leaves a gap, as long as that is a length that a volume can have.
-    if (piece.FirstVcn - end > clusters) break;
-    if (piece.FirstVcn > end) stream.Runs.push_back({end, MissingLcn, piece.FirstVcn - end});
+    if (piece.FirstVcn - end > volumeClusters) break;
+    if (piece.FirstVcn > end) runs.push_back({end, MissingLcn, piece.FirstVcn - end});
     for (TRun run : piece.Runs) {
       if (run.Count > INT64_MAX / 2 - piece.FirstVcn - run.Vcn) break;
       run.Vcn += piece.FirstVcn;
-      stream.Runs.push_back(run);
+      runs.push_back(run);
     }
   }
-  stream.Damaged = stream.Resident && FEngine.Reader().FailedReads() != failedReads;
-  stream.Drive = &drive;
-  stream.Place = key;
-  stream.Journal = info.JournalPosition;
-  stream.AdsNumber = adsNumber;
-  open = std::move(stream);
+  return runs;
+}
+
+bool TNTFS::MapStream(const TDriveInfo& drive, const TFile& file, int adsNumber, TFileStream& result) {
+  const std::uint64_t failedReads = FEngine.Reader().FailedReads();
+  TStream stream = GatherStream(drive, file, adsNumber);
+  if (!stream.Found) {
+    if (stream.Pieces.empty() || adsNumber >= 0) return false;
+    // The record with the start is gone: what the others tell still has its place.
+    stream.Size = stream.ValidSize = file.FileInfo.DefaultSize;
+  }
+  result.Size = adsNumber < 0 ? file.FileInfo.DefaultSize : stream.Size;
+  result.UnitBytes = ClusterBytes(drive);
+  result.VolumeBytes = VolumeEnd(drive);
+  if (stream.Resident) {
+    result.InlineDamaged = FEngine.Reader().FailedReads() != failedReads;
+    result.Inline = std::move(stream.Value);
+    result.Extents.Add({.Length = static_cast<std::int64_t>(result.Inline.size()), .Kind = TExtentKind::Inline});
+    return true;
+  }
+  if (result.UnitBytes < 1) return false;
+  TRuns runs = JoinPieces(stream, VolumeClusters(drive));
+  if (stream.Compressed) {
+    const auto units =
+        std::make_shared<TUnits>(TUnits{std::move(runs), std::int64_t{1} << stream.UnitPower, result.UnitBytes});
+    result.Extents.SetSource(std::make_unique<TUnitSource>(units));
+    result.Unpack = [&engine = FEngine, units](const TDriveInfo& of, const TExtent& unit, std::span<std::uint8_t> head,
+                                               int shift) { return UnpackUnit(engine, *units, of, unit, head, shift); };
+    return true;
+  }
+  AddRuns(result.Extents, runs, result.UnitBytes);
+  result.Unreadable = TUnreadableRule::RepeatUnitBefore;
+  if (stream.ValidSize >= 0 && stream.ValidSize < stream.Size) result.ValidSize = stream.ValidSize;
   return true;
 }
 
-// ---- content --------------------------------------------------------------------------------
-
-void TNTFS::GetFileData(TDriveInfo& drive, TByteDynArray& result, TFile& file, int adsNumber, std::int64_t start,
-                        std::int64_t size, int incDataSector) {
-  result.clear();
-  if (start < 0 || size <= 0) return;
-  if (adsNumber < 0 && start >= file.FileInfo.DefaultSize) return;
-  if (!OpenStream(drive, file, adsNumber)) return;
-  const TStream& stream = FStream;
-  const std::int64_t end = adsNumber < 0 ? file.FileInfo.DefaultSize : stream.Size;
-  if (start >= end) return;
-  size = std::min(size, end - start);
-  if (stream.Resident) {
-    const auto length = static_cast<std::int64_t>(stream.Value.size());
-    if (start >= length) return;
-    const auto from = stream.Value.begin() + static_cast<std::ptrdiff_t>(start);
-    result.assign(from, from + static_cast<std::ptrdiff_t>(std::min(size, length - start)));
-  } else if (ClusterBytes(drive) > 0 && stream.Compressed) {
-    ReadCompressed(drive, result, start, size, incDataSector);
-  } else if (ClusterBytes(drive) > 0) {
-    ReadPlain(drive, result, start, size, incDataSector);
-  }
+void TNTFS::GetFileData(const TDriveInfo& drive, TByteDynArray& result, const TFile& file, int adsNumber,
+                        std::int64_t start, std::int64_t size, int incDataSector) {
+  const auto stream = FEngine.Content().Open(
+      drive, file.FileInfo, adsNumber, [&](TFileStream& made) { return MapStream(drive, file, adsNumber, made); });
+  if (!stream) return result.clear();
+  FEngine.Content().Read(drive, *stream, start, size, result, incDataSector);
 }
 
-void TNTFS::ReadPlain(const TDriveInfo& drive, TByteDynArray& result, std::int64_t start, std::int64_t size,
-                      int incDataSector) {
-  const TStream& stream = FStream;
-  const std::int64_t clusterBytes = ClusterBytes(drive);
-  const std::int64_t sectorSize = drive.BytesPerSector;
-  const std::int64_t clusters = ClusterCount(stream.Runs);
-  if (start / clusterBytes >= clusters) return;
-  // Whole sectors are read straight to their place; what lies before `start` is cut off at last.
-  const std::int64_t there = clusters > INT64_MAX / clusterBytes ? INT64_MAX - sectorSize : clusters * clusterBytes;
-  const std::int64_t end = std::min(start + size, there);
-  const std::int64_t from = start / sectorSize * sectorSize;
-  const std::int64_t until = CeilDiv(end, sectorSize) * sectorSize;
-  result.assign(static_cast<std::size_t>(until - from), 0);
-  for (auto run = RunOf(stream.Runs, from / clusterBytes); run != stream.Runs.end(); ++run) {
-    const std::int64_t runStart = run->Vcn * clusterBytes;
-    if (runStart >= until) break;
-    if (run->Lcn == MissingLcn) FEngine.Reader().NoteFailedRead();
-    if (run->Lcn < 0) continue;
-    const std::int64_t first = std::max(from, runStart);
-    const std::int64_t last = std::min(until, (run->Vcn + run->Count) * clusterBytes);
-    const auto place =
-        std::span(result).subspan(static_cast<std::size_t>(first - from), static_cast<std::size_t>(last - first));
-    ReadClusters(drive, run->Lcn, first - runStart, place, incDataSector);
-  }
-  // What was never written is zeros, whatever lies there.
-  const std::int64_t valid = stream.ValidSize;
-  if (valid >= 0 && valid < stream.Size && valid < until) {
-    const std::int64_t zerosFrom = std::max(valid, from);
-    std::fill(result.begin() + (zerosFrom - from), result.end(), std::uint8_t{0});
-  }
-  result.resize(static_cast<std::size_t>(end - from));
-  result.erase(result.begin(), result.begin() + (start - from));
-}
-
-/// Reads a stream of compression units: each stands at its number times its size, whatever became of the
-/// others.
-void TNTFS::ReadCompressed(const TDriveInfo& drive, TByteDynArray& result, std::int64_t start, std::int64_t size,
-                           int incDataSector) {
-  const TStream& stream = FStream;
-  const std::int64_t clusterBytes = ClusterBytes(drive);
-  const std::int64_t clusters = ClusterCount(stream.Runs);
-  if (clusters > INT64_MAX / clusterBytes) return;
-  const std::int64_t unitBytes = stream.UnitClusters * clusterBytes;
-  const std::int64_t end = std::min(start + size, clusters * clusterBytes);
-  TByteDynArray plain;
-  while (start < end) {
-    const std::int64_t unit = start / unitBytes;
-    const std::int64_t skip = start - unit * unitBytes;
-    const std::int64_t count = std::min(unitBytes - skip, end - start);
-    // No more of a long unit than is asked for, in whole clusters.
-    const std::int64_t wanted = std::min(CeilDiv(skip + count, clusterBytes) * clusterBytes, unitBytes);
-    plain.resize(static_cast<std::size_t>(wanted));
-    ReadUnit(drive, unit, plain, incDataSector);
-    result.insert(result.end(), plain.begin() + skip, plain.begin() + (skip + count));
-    start += count;
-    FEngine.Pump();
-  }
-}
-
-/// The first bytes of a unit, in whole clusters. What fails is zeros, and counts as a failed read.
-void TNTFS::ReadUnit(const TDriveInfo& drive, std::int64_t unit, std::span<std::uint8_t> bytes, int incDataSector) {
-  const TRuns& runs = FStream.Runs;
-  const std::int64_t clusterBytes = ClusterBytes(drive);
-  const std::int64_t first = unit * FStream.UnitClusters;
-  const std::int64_t count = std::min(FStream.UnitClusters, ClusterCount(runs) - first);
-  std::fill(bytes.begin(), bytes.end(), std::uint8_t{0});
-  const auto clusterOf = [&](std::span<std::uint8_t> place, std::int64_t index) {
-    return place.subspan(static_cast<std::size_t>(index * clusterBytes), static_cast<std::size_t>(clusterBytes));
-  };
-  const bool missing = HasMissing(runs, first, count);
-  if (missing) FEngine.Reader().NoteFailedRead();
-  const bool packed = LcnOf(runs, first) >= 0 && LcnOf(runs, first + count - 1) < 0;
-  if (!packed) {
-    const std::int64_t asked = std::min(count, static_cast<std::int64_t>(bytes.size()) / clusterBytes);
-    for (std::int64_t i = 0; i < asked; ++i) {
-      const std::int64_t lcn = LcnOf(runs, first + i);
-      if (lcn >= 0) ReadCluster(drive, lcn, clusterOf(bytes, i), incDataSector);
-    }
-    return;
-  }
-  if (missing) return;  // where its stream ends is not known
-  std::int64_t present = 1;
-  while (present < count && LcnOf(runs, first + present) >= 0) ++present;
-  // More than a unit can come from is not even read.
-  const std::int64_t useful = std::min(present, CeilDiv(LargestPackedUnit, clusterBytes));
-  TByteDynArray stream(static_cast<std::size_t>(useful * clusterBytes));
-  std::vector<bool> unreadable(static_cast<std::size_t>(useful));
-  for (std::int64_t i = 0; i < useful; ++i) {
-    const std::int64_t lcn = LcnOf(runs, first + i);
-    unreadable[static_cast<std::size_t>(i)] = !ReadCluster(drive, lcn, clusterOf(stream, i), incDataSector);
-  }
-  const auto isUnreadable = [&](std::size_t from, std::size_t until) {
-    const auto size = static_cast<std::size_t>(clusterBytes);
-    for (std::size_t i = from / size; i * size < until; ++i) {
-      if (unreadable[i]) return true;
-    }
-    return false;
-  };
-  const auto there = std::min<std::size_t>(bytes.size(), LargestUnit);
-  const bool whole = SalvageLZNT1(stream, bytes.first(there), isUnreadable);
-  if (!whole || there < bytes.size()) FEngine.Reader().NoteFailedRead();
-}
-
-/// Reads a cluster, or whole sectors of its start; false, and zeros, when they cannot be read, which counts as a failed
-/// read.
-bool TNTFS::ReadCluster(const TDriveInfo& drive, std::int64_t lcn, std::span<std::uint8_t> place, int incDataSector) {
-  const std::int64_t first = lcn * NTFSInfo(drive).SectorsPerCluster;
-  const auto sectors = static_cast<std::int64_t>(place.size()) / drive.BytesPerSector;
-  TSectorReader& reader = FEngine.Reader();
-  if (IsInVolume(drive, first, sectors)) {
-    const std::int64_t start = drive.FirstSector + first + incDataSector;
-    if (reader.ReadDriveSectors(drive, place.data(), start, sectors) == place.size()) return true;
-  }
-  reader.NoteFailedRead();
-  std::fill(place.begin(), place.end(), std::uint8_t{0});
-  return false;
-}
+void TNTFS::ClearMemory() { FEngine.Content().Forget(); }
 
 // ---- what a file consists of ----------------------------------------------------------------
 
@@ -405,60 +377,46 @@ void TNTFS::FillADS(const TFile& file, TADSDynArray& result) {
   });
 }
 
+/// The clusters of all streams, one after the other, or of the attribute with a number in the walk; `inRecord` is
+/// called with the record of each that lies in one.
+template <typename TCallable>
+TFileStream TNTFS::LayoutOf(const TDriveInfo& drive, const TFile& file, int attributeNumber, TCallable&& inRecord) {
+  TFileStream layout;
+  layout.Size = file.FileInfo.aSize;
+  const std::int64_t clusters = VolumeClusters(drive);
+  int number = -1;
+  ForEachAttribute(drive, file, [&](const TMFTRecord& place, const TAttribute& attribute) {
+    ++number;
+    if (attribute.Type() != AttrData || (attributeNumber >= 0 && attributeNumber != number)) return true;
+    if (attribute.NonResident()) AddRuns(layout.Extents, attribute.Runs(clusters), ClusterBytes(drive));
+    inRecord(!attribute.NonResident(), place);
+    return true;
+  });
+  return layout;
+}
+
 void TNTFS::GetFileFragments(const TFile& file, TFileFragments& result, bool& resident, int adsNumber) {
   result.clear();
   resident = true;
   const TDrives& drives = FEngine.Drives();
   if (drives.IsWrongNumber(file.FileInfo.aDriveNumber)) return;
   const TDriveInfo& drive = drives.List[static_cast<std::size_t>(file.FileInfo.aDriveNumber)];
-  const std::int64_t perCluster = NTFSInfo(drive).SectorsPerCluster;
-  if (perCluster < 1 || drive.BytesPerSector < 1) return;
-  const std::int64_t total = CeilDiv(file.FileInfo.aSize, drive.BytesPerSector);
-  std::int64_t position = 0;
-  int number = -1;
-  ForEachAttribute(drive, file, [&](const TMFTRecord& place, const TAttribute& attribute) {
-    ++number;
-    if (attribute.Type() != AttrData || (adsNumber >= 0 && adsNumber != number)) return true;
-    resident = !attribute.NonResident();
-    if (resident) {
-      result.push_back({place.Sector, 0, 1});
-      return true;
-    }
-    for (const TRun& run : attribute.Runs(VolumeClusters(drive))) {
-      const std::int64_t sectors = std::min(run.Count, total / perCluster + 1) * perCluster;
-      const std::int64_t count = std::min(sectors, total - position);
-      if (count <= 0) return false;
-      const std::int64_t first = run.Lcn < 0 ? -1 : run.Lcn * perCluster;
-      const bool joins =
-          !result.empty() && (first < 0 ? result.back().FirstSectorInDrive < 0
-                                        : result.back().FirstSectorInDrive >= 0 &&
-                                              result.back().FirstSectorInDrive + result.back().SectorCount == first);
-      if (joins) {
-        result.back().SectorCount += count;
-      } else {
-        result.push_back({first, position, count});
-      }
-      position += count;
-    }
-    return true;
+  if (ClusterBytes(drive) < 1) return;
+  TFileStream layout = LayoutOf(drive, file, adsNumber, [&](bool inRecord, const TMFTRecord& place) {
+    resident = inRecord;
+    if (inRecord) result.push_back({place.Sector, 0, 1});
   });
+  const TFileFragments fragments = FragmentsOf(drive, layout);
+  result.insert(result.end(), fragments.begin(), fragments.end());
 }
 
 std::int64_t TNTFS::GetSizeOnDisk(const TFile& file) {
   const TDrives& drives = FEngine.Drives();
   if (drives.IsWrongNumber(file.FileInfo.aDriveNumber)) return 0;
   const TDriveInfo& drive = drives.List[static_cast<std::size_t>(file.FileInfo.aDriveNumber)];
-  if (drive.BytesPerSector < 1 || NTFSInfo(drive).SectorsPerCluster < 1) return 0;
-  const std::int64_t volume = VolumeClusters(drive);
-  std::int64_t clusters = 0;
-  ForEachAttribute(drive, file, [&](const TMFTRecord&, const TAttribute& attribute) {
-    if (attribute.Type() != AttrData || !attribute.NonResident()) return true;
-    for (const TRun& run : attribute.Runs(volume)) {
-      if (run.Lcn >= 0) clusters += run.Count;
-    }
-    return true;
-  });
-  return std::min(clusters, volume) * ClusterBytes(drive);
+  if (ClusterBytes(drive) < 1) return 0;
+  TFileStream layout = LayoutOf(drive, file, -1, [](bool, const TMFTRecord&) {});
+  return std::min(StoredBytes(layout), VolumeClusters(drive) * ClusterBytes(drive));
 }
 
 }  // namespace brenlow

@@ -6,6 +6,7 @@
 
 #include "core/drives.h"
 #include "core/engine.h"
+#include "core/extent_reader.h"
 #include "core/language.h"
 #include "core/text.h"
 #include "fs/ntfs/ntfs.h"
@@ -93,7 +94,7 @@ void TNTFS::FindLostFolderNames(TDriveInfo& drive) {
       if (!FEngine.Analysing || readsLeft-- == 0 || count * clusterBytes > bytesLeft) return;
       bytesLeft -= count * clusterBytes;
       bytes.assign(static_cast<std::size_t>(count * clusterBytes), 0);
-      ReadCluster(drive, run.Lcn + at, bytes, 0);
+      FEngine.Content().ReadPlace(drive, PlaceOfCluster(run.Lcn + at, clusterBytes), bytes);
       FixIndexBlocks(bytes);
       FindFolderNames(bytes, wanted, NTFSInfo(drive).LostFolderNames);
       at += count;

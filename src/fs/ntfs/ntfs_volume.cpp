@@ -5,6 +5,7 @@
 
 #include "core/drives.h"
 #include "core/engine.h"
+#include "core/extent_reader.h"
 #include "core/numbers.h"
 #include "core/sector_reader.h"
 #include "core/text.h"
@@ -341,17 +342,13 @@ TByteDynArray TNTFS::ReadRuns(const TDriveInfo& drive, const TRuns& runs, std::i
     const std::int64_t from = run.Vcn * clusterBytes;
     const std::int64_t until = std::min(from + run.Count * clusterBytes, static_cast<std::int64_t>(bytes.size()));
     if (run.Lcn < 0 || from >= until) continue;
-    TByteDynArray piece(static_cast<std::size_t>(CeilDiv(until - from, drive.BytesPerSector) * drive.BytesPerSector));
-    if (!ReadClusters(drive, run.Lcn, 0, piece, 0) && unknown != nullptr) {
-      const auto length = static_cast<std::int64_t>(piece.size());
-      for (std::int64_t at = 0; at < length; at += clusterBytes) {
-        const std::int64_t count = std::min(clusterBytes, length - at);
-        const auto place = std::span(piece).subspan(static_cast<std::size_t>(at), static_cast<std::size_t>(count));
-        if (ReadCluster(drive, run.Lcn + at / clusterBytes, place, 0)) continue;
-        unknown->push_back({from + at, std::min(from + at + count, until)});
-      }
+    const auto piece = std::span(bytes).subspan(static_cast<std::size_t>(from), static_cast<std::size_t>(until - from));
+    std::vector<TBufferRange> lost;
+    FEngine.Content().ReadPlace(drive, PlaceOfCluster(run.Lcn, clusterBytes), piece, 0, &lost);
+    if (unknown == nullptr) continue;
+    for (const TBufferRange& range : lost) {
+      unknown->push_back({from + static_cast<std::int64_t>(range.First), from + static_cast<std::int64_t>(range.End)});
     }
-    std::copy_n(piece.begin(), until - from, bytes.begin() + from);
   }
   return bytes;
 }
@@ -433,7 +430,10 @@ TPlaceSource TNTFS::PlaceOf(const TFile& file) {
   if (info.blnFolder || drives.IsWrongNumber(info.aDriveNumber)) return info.Place;
   const TDriveInfo& drive = drives.List[static_cast<std::size_t>(info.aDriveNumber)];
   if (drive.GeometrySource != TPlaceSource::Estimated) return info.Place;
-  return OpenStream(drive, file, -1) && FStream.Resident ? info.Place : TPlaceSource::Estimated;
+  TFileStream stream;
+  if (!MapStream(drive, file, -1, stream)) return TPlaceSource::Estimated;
+  const auto first = stream.Extents.At(0, 0);
+  return !first || first->Kind == TExtentKind::Inline ? info.Place : TPlaceSource::Estimated;
 }
 
 bool TNTFS::IsOverwritten(const TFile& file) {

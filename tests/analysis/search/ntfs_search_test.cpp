@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "analysis/analysis.h"
+#include "analysis/file_data.h"
 #include "core/sector_reader.h"
 #include "fs/ntfs/ntfs.h"
 #include "fs/ntfs/ntfs_traces.h"

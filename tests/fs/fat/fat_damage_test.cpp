@@ -6,6 +6,7 @@
 #include <set>
 
 #include "analysis/analysis.h"
+#include "analysis/file_data.h"
 #include "core/sector_reader.h"
 #include "fs/fat/fat.h"
 #include "fs/fat/fat_layout.h"

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "analysis/analysis.h"
+#include "analysis/file_data.h"
 #include "core/sector_reader.h"
 #include "support/fat_builder.h"
 #include "table/files.h"

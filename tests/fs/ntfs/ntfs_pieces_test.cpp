@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "analysis/analysis.h"
+#include "analysis/file_data.h"
 #include "core/lznt1.h"
 #include "fs/ntfs/volume_builder.h"
 

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "analysis/analysis.h"
+#include "analysis/file_data.h"
 #include "core/lznt1.h"
 #include "fs/driver_contract.h"
 #include "fs/ntfs/ntfs_log.h"

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "analysis/analysis.h"
+#include "analysis/file_data.h"
 #include "analysis/tree_walk.h"
 #include "support/images.h"
 #include "table/files.h"

@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "analysis/file_data.h"
+
+#include "analysis/deep/all_fs.h"
+#include "core/drives.h"
+#include "core/engine.h"
+#include "core/extent_reader.h"
+#include "fs/dispatch.h"
+
+namespace brenlow {
+namespace {
+
+TDriveInfo& Drive(TEngine& engine, int number) { return engine.Drives().List[static_cast<std::size_t>(number)]; }
+
+}  // namespace
+
+std::shared_ptr<TFileStream> OpenStream(TEngine& engine, TFile& file, int adsNumber) {
+  const int number = file.FileInfo.aDriveNumber;
+  if (engine.Drives().IsWrongNumber(number)) return nullptr;
+  TDriveInfo& drive = Drive(engine, number);
+  FindFirstClusters(engine, file);
+  return engine.Content().Open(drive, file.FileInfo, adsNumber, [&](TFileStream& stream) {
+    if (file.FileInfo.aDeepAnalyse) return engine.AllFS().MapStream(drive, file, stream);
+    const auto map = [&](auto& driver) { return driver.MapStream(drive, file, adsNumber, stream); };
+    return WithDriver(engine, drive.FileSystem, map, false);
+  });
+}
+
+void GetFileData(TEngine& engine, TByteDynArray& result, TFile& file, int adsNumber, std::int64_t start,
+                 std::int64_t size) {
+  const std::shared_ptr<TFileStream> stream = OpenStream(engine, file, adsNumber);
+  if (!stream) return result.clear();
+  engine.Content().Read(Drive(engine, file.FileInfo.aDriveNumber), *stream, start, size, result);
+}
+
+void GetFileFragments(TEngine& engine, TFile& file, TFileFragments& result) {
+  result.clear();
+  const int number = file.FileInfo.aDriveNumber;
+  if (engine.Drives().IsWrongNumber(number)) return;
+  bool told = false;
+  const auto map = [&](auto& driver) {
+    if constexpr (requires { driver.GetFileFragments(file, result); }) {
+      driver.GetFileFragments(file, result);
+      told = true;
+    }
+    return true;
+  };
+  if (!file.FileInfo.aDeepAnalyse) WithDriver(engine, Drive(engine, number).FileSystem, map, false);
+  if (told) return;
+  if (const auto stream = OpenStream(engine, file, -1)) result = FragmentsOf(Drive(engine, number), *stream);
+}
+
+void FindFirstClusters(TEngine& engine, TFile& file) {
+  const int number = file.FileInfo.aDriveNumber;
+  if (engine.Drives().IsWrongNumber(number) || !file.FileInfo.blnDeleted || file.FileInfo.aDeepAnalyse) return;
+  const auto find = [&](auto& driver) {
+    if constexpr (requires { driver.ChangeFileFirstCluster(file.FileInfo); }) {
+      driver.ChangeFileFirstCluster(file.FileInfo);
+    }
+    return true;
+  };
+  WithDriver(engine, Drive(engine, number).FileSystem, find, false);
+}
+
+void FillADS(TEngine& engine, const TFile& file, TADSDynArray& result) {
+  result.clear();
+  const int number = file.FileInfo.aDriveNumber;
+  if (engine.Drives().IsWrongNumber(number) || file.FileInfo.aDeepAnalyse) return;
+  const auto fill = [&](auto& driver) {
+    if constexpr (requires { driver.FillADS(file, result); }) driver.FillADS(file, result);
+    return true;
+  };
+  WithDriver(engine, Drive(engine, number).FileSystem, fill, false);
+}
+
+bool IsOverwritten(TEngine& engine, const TFile& file) {
+  const int number = file.FileInfo.aDriveNumber;
+  if (engine.Drives().IsWrongNumber(number)) return false;
+  const auto ask = [&](auto& driver) {
+    if constexpr (requires { driver.IsOverwritten(file); }) return driver.IsOverwritten(file);
+    return false;
+  };
+  return WithDriver(engine, Drive(engine, number).FileSystem, ask, false);
+}
+
+TPlaceSource PlaceOf(TEngine& engine, const TFile& file) {
+  const TFileInfo& info = file.FileInfo;
+  if (info.aDeepAnalyse) return TPlaceSource::ByContent;
+  if (engine.Drives().IsWrongNumber(info.aDriveNumber)) return info.Place;
+  const TDriveInfo& drive = Drive(engine, info.aDriveNumber);
+  const auto ask = [&](auto& driver) {
+    if constexpr (requires { driver.PlaceOf(file); }) {
+      return driver.PlaceOf(file);
+    } else {
+      return drive.GeometrySource == TPlaceSource::Estimated ? drive.GeometrySource : info.Place;
+    }
+  };
+  return WithDriver(engine, drive.FileSystem, ask, info.Place);
+}
+
+}  // namespace brenlow
