@@ -257,22 +257,22 @@ void TSectorReader::LeaveOutZone(const TRequest& request, TReadFaults& faults, s
   FLooksForEnd = true;
   const std::int64_t sectors = request.Device.Size() / request.SectorSize;
   const std::int64_t first = from / request.SectorSize;
-  std::int64_t bad = first - 1;
+  const auto reads = [&](std::int64_t sector) { return Reads(request, faults, sector * request.SectorSize); };
   std::int64_t good = sectors;
-  for (std::int64_t step = 1; first + step - 1 < sectors; step *= 2) {
-    const std::int64_t sector = first + step - 1;
-    if (Reads(request, faults, sector * request.SectorSize)) {
-      good = sector;
-      break;
-    }
-    bad = sector;
+  std::int64_t step = 1;
+  for (; good == sectors && first + step - 1 < sectors; step *= 2) {
+    if (reads(first + step - 1)) good = first + step - 1;
   }
-  if (good == sectors && bad < sectors - 1 && Reads(request, faults, (sectors - 1) * request.SectorSize)) {
-    good = sectors - 1;
+  // Past the end: from there back in growing steps. The last sectors may fail for a reason of their own.
+  for (std::int64_t back = 1; good == sectors && sectors - back > first; back *= 2) {
+    if (reads(sectors - back)) good = sectors - back;
   }
+  // The last step that failed before the place that reads.
+  while (step > 1 && first + step - 1 >= good) step /= 2;
+  std::int64_t bad = std::max(first + step - 1, first - 1);
   while (good - bad > 1 && good < sectors) {
     const std::int64_t middle = bad + (good - bad) / 2;
-    (Reads(request, faults, middle * request.SectorSize) ? good : bad) = middle;
+    (reads(middle) ? good : bad) = middle;
   }
   if (good > first) faults.SetLeftOut({from, good * request.SectorSize});
   FLooksForEnd = false;

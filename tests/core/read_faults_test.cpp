@@ -171,6 +171,18 @@ TEST_CASE("scans of a slow disk: a bad zone costs a few failures, single bad sec
   CHECK(half.FailedReads() < 40);
 }
 
+TEST_CASE("scans find what reads between a bad zone and a last sector that fails") {
+  for (const std::int64_t before : {1000, 300, 40}) {
+    CAPTURE(before);
+    TDisk disk(100);
+    disk.Device->FailSectors(Sectors - before, before * 6 / 10);
+    disk.Device->FailSectors(Sectors - 1);
+    disk.Pass(TReadEffort::Scan);
+    CHECK(disk.WrongSectors() <= 7);  // the 4 KiB with the last sector
+    CHECK(disk.FailedReads() < 40);
+  }
+}
+
 TEST_CASE("a scan gives up 4 KiB for a slow bad sector, and not a sector more for a fast one") {
   for (const std::int64_t milliseconds : {0, 100}) {
     TDisk disk(milliseconds);
