@@ -422,6 +422,78 @@ TEST_CASE("hostile and foreign images are refused with a reason before memory is
   }
 }
 
+TEST_CASE("disks whose tables name one block again and again are refused, a few such entries are not") {
+  TTemporaryFolder folder;
+  const std::string path = folder.Path() + "/shared";
+  constexpr std::uint64_t blocks = 64 << 10;  // of 1 MiB, in a file of 2
+  const auto vdi = [&](std::uint64_t shared) {
+    TFileBuilder file(2 * MiB);
+    file.Number(0x40, 0xBEDA107F, 4);
+    file.Number(0x154, 512, 4);
+    file.Number(0x158, MiB, 4);
+    file.Number(0x170, blocks * MiB, 8);
+    file.Number(0x178, MiB, 4);
+    for (std::uint64_t i = 0; i < blocks; ++i) file.Number(512 + i * 4, i < shared ? 0 : 0xFFFFFFFF, 4);
+    return file.Bytes;
+  };
+  const auto qcow = [](bool packed) {  // one table of 8,192 clusters, named 128 times
+    TFileBuilder file(129 * 65536 + 65536);
+    file.Text(0, "QFI\xfb");
+    file.Number(4, 2, 4, false);
+    file.Number(20, 16, 4, false);
+    file.Number(24, 128 * (std::uint64_t{1} << 29), 8, false);
+    file.Number(36, 128, 4, false);
+    file.Number(40, 65536, 8, false);
+    for (std::size_t i = 0; i < 128; ++i) file.Number(65536 + i * 8, 2 * 65536, 8, false);
+    const std::uint64_t entry = packed ? std::uint64_t{1} << 62 | 3 * 65536 : 3 * 65536;
+    for (std::size_t i = 0; i < 8192; ++i) file.Number(2 * 65536 + i * 8, entry, 8, false);
+    if (packed) file.Bytes.resize(5 * 65536);
+    return file.Bytes;
+  };
+  const std::pair<TImage, bool> cases[] = {{vdi(blocks), false}, {vdi(1024), true}, {qcow(false), false}};
+  for (const auto& [bytes, reads] : cases) {
+    WriteFile(path, bytes);
+    const TOpenedDevice opened = OpenSource(path);
+    CHECK((opened.Device != nullptr) == reads);
+    CHECK((opened.Problem == (reads ? TImageProblem::None : TImageProblem::Damaged)));
+  }
+  // A flat file that is named again and again is one file.
+  WriteFile(folder.Path() + "/flat", TImage(MiB));
+  std::filesystem::resize_file(folder.Path() + "/flat", std::uintmax_t{1} << 31);
+  std::ofstream file(folder.Path() + "/many.vmdk");
+  file << "# Disk DescriptorFile\n# Extent description\n";
+  for (int i = 0; i < 100; ++i) file << "RW " << (1 << 22) << " FLAT \"flat\" 0\n";
+  file.close();
+  CHECK((OpenSource(folder.Path() + "/many.vmdk").Problem == TImageProblem::Damaged));
+}
+
+TEST_CASE("a log whose entries all claim a long sequence that is broken costs no more than a sound one") {
+  TTemporaryFolder folder;
+  constexpr std::size_t sector = 4096;
+  constexpr std::size_t length = 64 * MiB;
+  constexpr std::size_t count = length / sector;
+  TVhdx disk(6, 'C');
+  disk.File.Bytes.resize(6 * MiB + length);
+  disk.File.Number(0x10044, length, 4);
+  disk.File.Number(0x10048, 6 * MiB, 8);
+  disk.File.Fill(0x10030, 16, 'L');
+  disk.File.Number(0x10004, 0, 4);
+  disk.File.Number(0x10004, Crc32C(std::span(disk.File.Bytes).subspan(0x10000, 4096), 4), 4);
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::size_t at = 6 * MiB + i * sector;
+    disk.File.Text(at, "loge");
+    disk.File.Number(at + 8, sector, 4);
+    disk.File.Number(at + 12, 0, 4);  // all begin with the first one; in the middle a number is left out
+    disk.File.Number(at + 16, i < count / 2 ? i + 1 : i + 2, 8);
+    disk.File.Fill(at + 32, 16, 'L');
+    disk.File.Number(at + 4, Crc32C(std::span(disk.File.Bytes).subspan(at, sector), 4), 4);
+  }
+  WriteFile(folder.Path() + "/log.vhdx", disk.File.Bytes);
+  const TCpuTime time;
+  CHECK(AllAre(ReadAll(folder.Path() + "/log.vhdx"), 0, MiB, 'C'));  // the first half is a whole sequence
+  CHECK(time.Seconds() < 2.5);
+}
+
 TEST_CASE("a hole of many TiB is passed over at once") {
   TTemporaryFolder folder;
   TFileBuilder qcow(4 * 65536);  // 16 TiB of nothing but one cluster near the end

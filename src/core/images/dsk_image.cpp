@@ -2,8 +2,8 @@
 #include "core/images/dsk_image.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
+#include <tuple>
 #include <utility>
 
 #include "core/lznt1.h"
@@ -13,8 +13,7 @@ namespace brenlow {
 namespace {
 
 // The least that 64 KiB can be packed into is 16 chunks of 6 bytes; a table of shorter ones is none.
-constexpr std::uint16_t ShortestBlock = 16;   // bytes
-constexpr std::size_t TableWindow = 0x80000;  // bytes of the length table read at once
+constexpr std::uint16_t ShortestBlock = 16;  // bytes
 
 class TCompressedImage final : public IDevice {
  public:
@@ -44,16 +43,12 @@ class TCompressedImage final : public IDevice {
   /// Makes a block ready in `FBlock`.
   bool Load(std::int64_t number) {
     if (number == FLoaded) return true;
-    const auto index = static_cast<std::size_t>(number);
-    if (index >= FImage.Table.size()) return false;
     FLoaded = -1;
-    const std::int64_t place = std::llabs(FImage.Table[index]);
-    const std::int64_t next =
-        index + 1 < FImage.Table.size() ? std::llabs(FImage.Table[index + 1]) : FImage.CompressedFileSize;
-    const auto length = static_cast<std::size_t>(std::clamp<std::int64_t>(next - place, 0, dsk::BlockSize));
-    TByteDynArray& stored = FImage.Table[index] < 0 ? FBlock : FStored;
-    stored.resize(length);
-    if (FFile->Read(place, stored) != length) return false;
+    const auto block = number < FImage.Count() ? FImage.Find(number) : std::nullopt;
+    if (!block) return false;
+    TByteDynArray& stored = block->Raw ? FBlock : FStored;
+    stored.resize(static_cast<std::size_t>(block->Length));
+    if (FFile->Read(block->Place, stored) != stored.size()) return false;
     if (&stored == &FStored && !DecompressLZNT1(FStored, FBlock, dsk::BlockSize)) return false;
     FLoaded = number;
     return true;
@@ -67,29 +62,42 @@ class TCompressedImage final : public IDevice {
   TByteDynArray FStored;
 };
 
-TDiskImage ReadTable(IDevice& file, std::int64_t count) {
-  TDiskImage image;
-  image.Compressed = true;
-  image.CompressedFileSize = file.Size();
+}  // namespace
+
+TDiskImage::TDiskImage(IDevice& file, std::int64_t count) : CompressedFileSize(file.Size()), FLengths(file) {
   std::int64_t place = dsk::HeadSize + 2 * count;
-  TByteDynArray window;
-  for (std::int64_t i = 0; i < count; ++i) {
-    const auto at = static_cast<std::size_t>(2 * i) % TableWindow;
-    if (at == 0) {
-      window.assign(static_cast<std::size_t>(std::min<std::int64_t>(TableWindow, 2 * (count - i))), 0);
-      file.Read(dsk::HeadSize + 2 * i, window);
-    }
-    const std::uint16_t length = ReadLe16(window, at);
-    const bool isLast = i + 1 == count;
-    if (length == 0 || (length < ShortestBlock && !isLast) || place >= image.CompressedFileSize) break;
-    const bool raw = length == dsk::StoredRaw;
-    image.Table.push_back(raw ? -place : place);
-    place += raw ? dsk::BlockSize : length;
+  for (; FCount < count; ++FCount) {
+    const std::uint16_t length = StoredLength(FCount).value_or(0);
+    const bool isLast = FCount + 1 == count;
+    if (length == 0 || (length < ShortestBlock && !isLast) || place >= CompressedFileSize) break;
+    if (FCount % Step == 0) Table.push_back(place);
+    place += length == dsk::StoredRaw ? dsk::BlockSize : length;
   }
-  return image;
 }
 
-}  // namespace
+std::optional<std::uint16_t> TDiskImage::StoredLength(std::int64_t number) {
+  const auto length = FLengths.Number(dsk::HeadSize + 2 * number, 2, true);
+  return length ? std::optional(static_cast<std::uint16_t>(*length)) : std::nullopt;
+}
+
+std::optional<TDiskImage::TBlock> TDiskImage::Find(std::int64_t number) {
+  const bool goesOn = FLast >= 0 && number >= FLast && number - FLast < Step;
+  std::int64_t at = goesOn ? FLast : number / Step * Step;
+  std::int64_t place = goesOn ? FLastPlace : Table[static_cast<std::size_t>(number / Step)];
+  for (;; ++at) {
+    const auto length = StoredLength(at);
+    if (!length) return std::nullopt;
+    const bool raw = *length == dsk::StoredRaw;
+    const std::int64_t next = place + (raw ? dsk::BlockSize : *length);
+    if (at == number) {
+      std::tie(FLast, FLastPlace) = std::pair(at, place);
+      // The last one has all that follows.
+      const std::int64_t end = number + 1 < FCount ? next : CompressedFileSize;
+      return TBlock{place, std::clamp<std::int64_t>(end - place, 0, dsk::BlockSize), raw};
+    }
+    place = next;
+  }
+}
 
 bool IsCompressedImage(std::span<const std::uint8_t> head) {
   constexpr std::size_t length = sizeof(dsk::Magic) - 1;
@@ -105,7 +113,7 @@ TOpenedDevice OpenCompressedImage(std::unique_ptr<IDevice> file) {
   const bool sound = size > 0 && size <= INT64_MAX / 2 && count <= room &&
                      count == static_cast<std::uint64_t>(CeilDiv(static_cast<std::int64_t>(size), dsk::BlockSize));
   if (!sound) return {std::move(file), 0};
-  TDiskImage image = ReadTable(*file, static_cast<std::int64_t>(count));
+  TDiskImage image(*file, static_cast<std::int64_t>(count));
   return {std::make_unique<TCompressedImage>(std::move(file), std::move(image), static_cast<std::int64_t>(size)), 0};
 }
 

@@ -15,11 +15,16 @@ namespace {
 using namespace std::string_view_literals;
 
 struct TFormat {
+  const char* Name;
   bool (*Is)(const TImageMarks&);
   TOpenedDevice (*Open)(TImageFile);
 };
-constexpr TFormat Formats[] = {{IsVMwareDisk, OpenVMwareDisk},       {IsVDI, OpenVDI},     {IsVHDX, OpenVHDX},
-                               {IsParallelsDisk, OpenParallelsDisk}, {IsQcow2, OpenQcow2}, {IsVHD, OpenVHD}};
+constexpr TFormat Formats[] = {{"VMDK", IsVMwareDisk, OpenVMwareDisk},
+                               {"VDI", IsVDI, OpenVDI},
+                               {"VHDX", IsVHDX, OpenVHDX},
+                               {"Parallels", IsParallelsDisk, OpenParallelsDisk},
+                               {"qcow2", IsQcow2, OpenQcow2},
+                               {"VHD", IsVHD, OpenVHD}};
 
 /// Formats that are known by their magic only.
 struct TForeign {
@@ -41,6 +46,14 @@ bool HasExtension(std::string_view path, std::string_view extension) {
                     [](char a, char b) { return (a >= 'A' && a <= 'Z' ? a - 'A' + 'a' : a) == b; });
 }
 
+/// The disk inside, refused when its tables promise more than there is.
+TOpenedDevice OpenVirtualDisk(const TFormat& format, TImageFile image) {
+  TOpenedDevice opened = format.Open(std::move(image));
+  auto* disk = dynamic_cast<TVirtualDisk*>(opened.Device.get());
+  if (disk != nullptr && !disk->IsBackedByFiles()) return RefuseImage(TImageProblem::Damaged, format.Name);
+  return opened;
+}
+
 }  // namespace
 
 TOpenedDevice OpenImage(const std::string& path, int depth) {
@@ -50,13 +63,13 @@ TOpenedDevice OpenImage(const std::string& path, int depth) {
   if (IsCompressedImage(marks.Head)) return OpenCompressedImage(std::move(opened.Device));
   TImageFile image{path, std::move(opened.Device), depth};
   for (const TFormat& format : Formats) {
-    if (format.Is(marks)) return format.Open(std::move(image));
+    if (format.Is(marks)) return OpenVirtualDisk(format, std::move(image));
   }
   for (const auto& [magic, name] : Foreign) {
     if (IsAt(marks.Head, 0, magic)) return RefuseImage(TImageProblem::UnknownKind, name);
   }
   // A descriptor that does not begin as they all do.
-  if (HasExtension(path, ".vmdk")) return OpenVMwareDisk(std::move(image));
+  if (HasExtension(path, ".vmdk")) return OpenVirtualDisk(Formats[0], std::move(image));
   return {std::move(image.File), 0};
 }
 

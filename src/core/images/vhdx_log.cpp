@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <utility>
@@ -23,6 +24,7 @@ constexpr std::size_t DescriptorSize = 32;
 constexpr std::size_t MostZeros = 65536;
 constexpr std::int64_t FurthestBeyond = 1 << 30;  // bytes after the file's end that a log may write to
 constexpr std::int64_t HashesOfLog = 4;           // bytes hashed in all, as a multiple of the log's length
+constexpr std::size_t WalksOfLog = 4;             // steps from entry to entry in all, as a multiple of their count
 
 /// Places of the file that the log has other bytes for.
 class TReplayedFile final : public IDevice {
@@ -41,7 +43,15 @@ class TReplayedFile final : public IDevice {
     if (FZeros.size() >= MostZeros || place + length > FFile->Size() + FurthestBeyond) return false;
     FSize = std::max(FSize, place + length);
     FSectors.erase(FSectors.lower_bound(place), FSectors.lower_bound(place + length));
-    FZeros.emplace_back(place, length);
+    std::int64_t end = place + length;
+    auto range = FZeros.upper_bound(place);
+    if (range != FZeros.begin() && std::prev(range)->second >= place) --range;
+    while (range != FZeros.end() && range->first <= end) {  // those that it touches become one with it
+      place = std::min(place, range->first);
+      end = std::max(end, range->second);
+      range = FZeros.erase(range);
+    }
+    FZeros[place] = end;
     return true;
   }
 
@@ -54,9 +64,11 @@ class TReplayedFile final : public IDevice {
     if (static_cast<std::int64_t>(got) < std::min(inFile, static_cast<std::int64_t>(buffer.size()))) return got;
     std::memset(buffer.data() + got, 0, buffer.size() - got);
     const std::int64_t end = position + static_cast<std::int64_t>(buffer.size());
-    for (const auto& [place, length] : FZeros) {
-      const std::int64_t from = std::max(place, position);
-      const std::int64_t until = std::min(place + length, end);
+    auto zeros = FZeros.upper_bound(position);
+    if (zeros != FZeros.begin()) --zeros;
+    for (; zeros != FZeros.end() && zeros->first < end; ++zeros) {
+      const std::int64_t from = std::max(zeros->first, position);
+      const std::int64_t until = std::min(zeros->second, end);
       if (from < until) std::memset(buffer.data() + (from - position), 0, static_cast<std::size_t>(until - from));
     }
     for (auto sector = FSectors.lower_bound(position - Sector + 1); sector != FSectors.end() && sector->first < end;
@@ -77,8 +89,8 @@ class TReplayedFile final : public IDevice {
  private:
   std::unique_ptr<IDevice> FFile;
   std::int64_t FSize;
-  std::vector<std::pair<std::int64_t, std::int64_t>> FZeros;  // before the sectors
-  std::map<std::int64_t, TByteDynArray> FSectors;             // of 4096 bytes, by place
+  std::map<std::int64_t, std::int64_t> FZeros;     // from start to end, apart from each other; below the sectors
+  std::map<std::int64_t, TByteDynArray> FSectors;  // of 4096 bytes, by place
 };
 
 struct TEntry {
@@ -103,15 +115,26 @@ class TLog {
   }
   bool HasEntries() const { return !FEntries.empty(); }
 
-  /// The entries to be carried out, in order; empty when no sequence is whole.
+  /// The entries to be carried out, in order; empty when no sequence is whole. The newest entry that ends one
+  /// counts.
   std::vector<TEntry> ActiveSequence() const {
-    std::vector<TEntry> best;
-    for (const auto& [start, head] : FEntries) {
-      if (!best.empty() && head.Number <= best.back().Number) continue;
-      std::vector<TEntry> sequence = SequenceOf(head);
-      if (!sequence.empty()) best = std::move(sequence);
+    std::vector<const TEntry*> heads;
+    for (const auto& [start, entry] : FEntries) heads.push_back(&entry);
+    std::stable_sort(heads.begin(), heads.end(),
+                     [](const TEntry* a, const TEntry* b) { return a->Number > b->Number; });
+    std::map<std::int64_t, std::uint64_t> lasts;  // by the start of an entry: how far the numbers go on from it
+    for (const TEntry* entry : heads) {
+      const TEntry* next = NextOf(*entry);
+      lasts[entry->Start] = next == nullptr ? entry->Number : lasts[next->Start];
     }
-    return best;
+    std::size_t stepsLeft = WalksOfLog * heads.size();
+    for (const TEntry* head : heads) {
+      const auto tail = FEntries.find(head->Tail);
+      if (tail == FEntries.end() || tail->second.Number > head->Number || head->Number > lasts[head->Tail]) continue;
+      std::vector<TEntry> sequence = SequenceOf(tail->second, *head, stepsLeft);
+      if (!sequence.empty()) return sequence;
+    }
+    return {};
   }
 
   /// False when an entry contradicts itself.
@@ -170,18 +193,19 @@ class TLog {
     return entry;
   }
 
-  /// From the tail that an entry names up to it; empty when one between them is missing.
-  std::vector<TEntry> SequenceOf(const TEntry& head) const {
+  /// The entry that lies after another one and has the number after its number.
+  const TEntry* NextOf(const TEntry& entry) const {
+    const auto next = FEntries.find((entry.Start + entry.Length) % Length());
+    return next != FEntries.end() && next->second.Number == entry.Number + 1 ? &next->second : nullptr;
+  }
+
+  /// From one entry to another; empty when that is not reached. Only entries that overlap can fail here, so the
+  /// steps are bounded in all.
+  std::vector<TEntry> SequenceOf(const TEntry& tail, const TEntry& head, std::size_t& stepsLeft) const {
     std::vector<TEntry> sequence;
-    std::int64_t at = head.Tail;
-    for (std::size_t i = 0; i < FEntries.size(); ++i) {
-      const auto entry = FEntries.find(at);
-      const bool follows =
-          entry != FEntries.end() && (sequence.empty() || entry->second.Number == sequence.back().Number + 1);
-      if (!follows) return {};
-      sequence.push_back(entry->second);
-      if (at == head.Start) return sequence;
-      at = (at + entry->second.Length) % Length();
+    for (const TEntry* entry = &tail; entry != nullptr && stepsLeft > 0; entry = NextOf(*entry), --stepsLeft) {
+      sequence.push_back(*entry);
+      if (entry->Start == head.Start) return sequence;
     }
     return {};
   }

@@ -17,6 +17,10 @@ namespace {
 
 constexpr std::uint64_t LargestTablePart = 64 << 20;  // bytes read in one go
 constexpr int DeepestChain = 64;                      // parents of parents; ends a circle of them
+constexpr int MaxPiecesCounted = 1 << 20;             // for the comparison of a disk with its files
+// A damaged table may name a few blocks twice: so many bytes more than the files have are let pass.
+constexpr std::int64_t SharedBytesAllowed = std::int64_t{4} << 30;
+constexpr std::int64_t BestPacking = 4096;  // times that packed bytes can become more
 
 }  // namespace
 
@@ -114,6 +118,42 @@ std::int64_t TVirtualDisk::NextData(std::int64_t position) {
   at = std::min(at, FSize);
   if (at > position) std::tie(FHoleStart, FHoleEnd) = std::pair(position, at);
   return at;
+}
+
+/// All files together, each counted once.
+std::int64_t TVirtualDisk::BytesOfFiles() const {
+  std::vector<TFileIdentity> counted;
+  std::int64_t bytes = 0;
+  for (const auto& file : FFiles) {
+    if (!file) continue;
+    std::vector<TFileIdentity> origins;
+    file->AddOrigins(origins);
+    const auto isCounted = [&](const TFileIdentity& origin) {
+      return std::find(counted.begin(), counted.end(), origin) != counted.end();
+    };
+    if (!origins.empty() && std::all_of(origins.begin(), origins.end(), isCounted)) continue;
+    counted.insert(counted.end(), origins.begin(), origins.end());
+    bytes += std::min(file->Size(), INT64_MAX / 4 - bytes);
+  }
+  return bytes;
+}
+
+bool TVirtualDisk::IsBackedByFiles() {
+  const std::int64_t allowed = 2 * BytesOfFiles();
+  std::int64_t plain = 0;   // bytes of the disk
+  std::int64_t packed = 0;  // the least that they can take in the file
+  std::int64_t at = 0;
+  for (int pieces = 0; at < FSize && pieces < MaxPiecesCounted; ++pieces) {
+    const TDiskPiece piece = PieceAt(at);
+    if (piece.Kind == TDiskPiece::InFile) {
+      plain += std::clamp<std::int64_t>(piece.File->Size() - piece.Place, 0, std::min(piece.Length, FSize - at));
+    } else if (piece.Kind == TDiskPiece::Packed) {
+      packed += CeilDiv(piece.Length, BestPacking);
+    }
+    if (plain - SharedBytesAllowed > allowed || packed > allowed) return false;
+    at += piece.Length;
+  }
+  return true;
 }
 
 void TVirtualDisk::AddOrigins(std::vector<TFileIdentity>& origins) const {

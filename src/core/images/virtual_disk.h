@@ -39,6 +39,10 @@ class TVirtualDisk : public IDevice {
   std::int64_t NextData(std::int64_t position) final;
   void AddOrigins(std::vector<TFileIdentity>& origins) const final;
 
+  /// False when far more of the disk is said to lie in its files than these have: entries of its tables share
+  /// blocks, as no real disk's do. Bounded: of a very large disk the first part is looked at.
+  bool IsBackedByFiles();
+
  protected:
   /// `size` in bytes. The files are those that its bytes and its map come from.
   TVirtualDisk(std::int64_t size, std::vector<std::unique_ptr<IDevice>> files);
@@ -62,6 +66,7 @@ class TVirtualDisk : public IDevice {
  private:
   std::size_t ReadPiece(const TDiskPiece& piece, std::int64_t position, std::span<std::uint8_t> buffer);
   bool IsFollowedBy(const TDiskPiece& piece, std::int64_t end);
+  std::int64_t BytesOfFiles() const;
 
   std::int64_t FSize;
   std::vector<std::unique_ptr<IDevice>> FFiles;
