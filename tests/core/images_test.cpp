@@ -14,6 +14,7 @@
 #include "core/images/dsk_image.h"
 #include "core/images/image_file.h"
 #include "core/images/image_writer.h"
+#include "core/lznt1.h"
 #include "core/sector_reader.h"
 #include "table/files.h"
 
@@ -121,6 +122,52 @@ TEST_CASE("images: a compressed image stores what does not shrink, and damage gi
   file[16] = 9;
   WriteFile(t.Path, std::string(file.begin(), file.end()));
   CHECK(ReadAll(t.Path) == file);
+}
+
+TEST_CASE("images: a block that would pack into 65,535 bytes, the mark of a stored one, is stored") {
+  TImage block(65536);
+  std::mt19937 random(5);
+  for (std::uint8_t& byte : block) byte = static_cast<std::uint8_t>(random());
+  // The last chunk of 4 KiB packs a little, so that it makes up for the marks of the others.
+  std::fill_n(block.end() - 540, 540, std::uint8_t{0});
+  std::fill_n(block.end() - 3096, 23, std::uint8_t{1});
+  TByteDynArray packed;
+  REQUIRE(CompressLZNT1(block, packed, block.size()));
+  REQUIRE(packed.size() == dsk::StoredRaw);
+  block.resize(2 * 65536, 'x');
+  TSaved t(block);
+  t.Save(true);
+  CHECK(fs::file_size(t.Path) > 65536 + 24 + 4);
+  CHECK(ReadAll(t.Path) == block);
+}
+
+TEST_CASE("images: any block of a long table is found, in any order") {
+  constexpr std::size_t blocks = 700;
+  TByteDynArray packed[2];
+  CompressLZNT1(TImage(65536, 'a'), packed[0], 65536);
+  CompressLZNT1(TImage(65536, 'b'), packed[1], 65536);
+  packed[1].resize(packed[1].size() + 2);  // another length; the stream ends before
+  const auto isRaw = [](std::size_t i) { return i % 100 == 99; };
+  std::string lengths;
+  std::string stream;
+  for (std::size_t i = 0; i < blocks; ++i) {
+    const TByteDynArray& stored = packed[i % 3 == 0];
+    lengths += Le(isRaw(i) ? 0xFFFF : stored.size(), 2);
+    stream += isRaw(i) ? std::string(65536, 'r') : std::string(stored.begin(), stored.end());
+  }
+  TTemporaryFolder folder;
+  WriteFile(folder.Path() + "/long.dsk", "DSK FILE" + Le(blocks * 65536, 8) + Le(blocks, 8) + lengths + stream);
+  const TOpenedDevice opened = OpenSource(folder.Path() + "/long.dsk");
+  REQUIRE(opened.Device->Size() == blocks * 65536);
+  int wrong = 0;
+  for (std::size_t i = 0; i < 3 * blocks; ++i) {
+    const std::size_t number = i < blocks ? i : i * 7919 % blocks;
+    TImage bytes(10);
+    opened.Device->Read(static_cast<std::int64_t>(number * 65536 + 65526), bytes);
+    const char content = isRaw(number) ? 'r' : number % 3 == 0 ? 'b' : 'a';
+    wrong += bytes == TImage(10, static_cast<std::uint8_t>(content)) ? 0 : 1;
+  }
+  CHECK(wrong == 0);
 }
 
 TEST_CASE("images: bad places become zeros, and the map says where they are") {
