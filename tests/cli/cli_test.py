@@ -1,15 +1,13 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: GPL-3.0-or-later
 """Runs the program as a user would: verbs, exit status, messages, JSON, stop."""
-import hashlib
 import json
 import os
 import pathlib
 import subprocess
 import unittest
 
-from fat_image import fat16
-from support import CLI, DATA, ENVIRONMENT, Held, TestCase, digest, main, mbr, mounted, run
+from support import CLI, DATA, ENVIRONMENT, TestCase, digest, main, mbr, run
 
 
 class Program(TestCase):
@@ -89,88 +87,6 @@ class Program(TestCase):
         self.assertEqual(len(run("types", "--json").stdout.splitlines()), 41)
         self.assertIn("JPEG Image", run("types").stdout)
 
-    def test_image(self):
-        folder = self.target()
-        out = folder / "copy.dsk"
-        self.assertEqual(run("image", self.stick, "--out", folder / "copy.img").returncode, 0)
-        self.assertEqual(digest(folder / "copy.img"), self.before)
-        r = run("image", self.stick, "--out", out)
-        self.assertEqual(r.returncode, 0, r.stderr)
-        self.assertIn(str(out), r.stdout)
-        self.assertEqual(digest(out), self.before)
-        for arguments in (["--out", out], ["--out", self.stick], ["--out", folder / "b.dsk", "--first", "99999999"],
-                          ["--out", folder / "b.dsk", "--compressed", "--map", folder / "map"], ["--out", folder / "b.dsk", "--drive", "7"],
-                          ["--out", folder / "b.dsk", "--map", folder / "../" / folder.name / "b.dsk"],
-                          ["--out", folder / "b.dsk", "--map", folder / "b.dsk.partial"], ["--out", folder / "b.new", "--map", folder / "b"],
-                          ["--out", folder / "b", "--map", folder / "../" / folder.name / "b.partial"]):
-            r = run("image", self.stick, *arguments)
-            self.assertEqual(r.returncode, 2, arguments)
-            self.assertTrue(r.stderr)
-        self.assertEqual(run("image", self.stick, "--out", out, "--compressed", "--overwrite").returncode, 0)
-        self.assertLess(out.stat().st_size, self.stick.stat().st_size // 10)
-        self.assertEqual(run("ls", out).stdout.splitlines()[1:], run("ls", self.stick).stdout.splitlines()[1:])
-        r = run("image", self.stick, "--out", folder / "part.dsk", "--first", "10", "--count", "20", "--json")
-        self.assertEqual(json.loads(r.stdout), {"path": str(folder / "part.dsk"), "size": 10240, "unreadable_sectors": 0})
-        self.assertEqual((folder / "part.dsk").read_bytes(), self.stick.read_bytes()[5120:5120 + 10240])
-        # What an earlier run got off the source is not thrown away unless asked for.
-        part = folder / "again.dsk.partial"
-        part.write_text("all that there is")
-        r = run("image", self.stick, "--out", folder / "again.dsk")
-        self.assertEqual((r.returncode, part.read_text()), (2, "all that there is"))
-        self.assertIn(str(part), r.stderr)
-        self.assertEqual(run("image", self.stick, "--out", folder / "again.dsk", "--overwrite").returncode, 0)
-        # The places that a map calls bad are unreadable, and whoever recovers hears of it.
-        picture = next(json.loads(line) for line in run("ls", self.stick, "--json", "--path", "beach 1.png").stdout.splitlines())
-        start = self.stick.read_bytes().index(b"\x89PNG")
-        size = self.stick.stat().st_size
-        (folder / "map").write_text("0x0 ? 1\n0x0 0x%X +\n0x%X 0x200 -\n0x%X 0x%X +\n" % (start, start, start + 512, size - start - 512))
-        r = run("recover", self.stick, "--map", folder / "map", "--out", folder / "found", "--json")
-        outcomes = {row["name"]: row["outcome"] for row in map(json.loads, r.stdout.splitlines()[:-1])}
-        self.assertEqual((r.returncode, outcomes[picture["name"]], outcomes["letter 1.txt"]), (1, "unreadable", "whole"))
-        (folder / "map").write_text("0x0 ? 1\n0x0 0x1000 +\n")
-        self.assertEqual(run("ls", self.stick, "--map", folder / "map").returncode, 2)
-
-    def test_image_killed_and_resumed(self):
-        folder = self.target()
-        source, out, table = folder / "source.img", folder / "out.dsk", folder / "out.map"
-        block = os.urandom(1 << 20)
-        with open(source, "wb") as f:
-            for i in range(32):
-                f.write(i.to_bytes(8, "little") + block[8:])
-        arguments = ["image", source, "--out", out, "--map", table]
-        done = [0]
-        for at in (20, 30, 40):
-            # The map is kept each 5 s; the clock goes a second a look.
-            Held(*arguments, HOLD_SOURCE=source, HOLD_AT_READ=at, CLOCK_STEP=1000).kill()
-            self.assertFalse(out.exists(), "half an image has no name")
-            rows = [line.split() for line in table.read_text().splitlines() if not line.startswith("#")][1:]
-            done.append(sum(int(size, 16) for _, size, status in rows if status == "+"))
-            self.assertGreater(done[-1], done[-2], "what a run got is kept")
-            self.assertLess(done[-1], source.stat().st_size)
-        r = run(*arguments)
-        self.assertEqual(r.returncode, 0, r.stderr)
-        self.assertEqual(digest(out), digest(source))
-        self.assertTrue(table.read_text().rstrip().endswith("+"))
-
-    def test_find(self):
-        folder = self.target()
-        disk = folder / "lost.img"
-        stick = self.stick.read_bytes()
-        disk.write_bytes(bytes(63 * 512) + stick + bytes(3 << 20))
-        for options in ([], ["--scan"], ["--systems", "fat"], ["--first", "63"]):
-            r = run("find", disk, "--json", *options)
-            self.assertEqual(r.returncode, 0, r.stderr)
-            self.assertEqual([json.loads(line) for line in r.stdout.splitlines()],
-                             [{"first_sector": 63, "sectors": len(stick) // 512, "file_system": "FAT32", "name": "DEMOSTICK", "size": len(stick)}])
-        r = run("find", disk, "--systems", "ntfs")
-        self.assertEqual((r.returncode, r.stdout), (1, ""))
-        self.assertIn("--first", run("find", disk).stdout)
-        want = run("ls", self.stick).stdout.splitlines()[1:]
-        self.assertEqual(run("ls", disk, "--first", "63", "--count", str(len(stick) // 512)).stdout.splitlines()[1:], want)
-        self.assertIn("README.TXT", run("ls", disk, "--scan").stdout)
-        self.assertEqual(run("recover", disk, "--scan", "--out", folder / "found").returncode, 0)
-        self.assertEqual((folder / "found/Documents/letter 2.txt").stat().st_size, 1800)
-
     def test_json(self):
         rows = [json.loads(line) for line in run("ls", self.stick, "--json").stdout.splitlines()]
         row = next(r for r in rows if r["name"] == "letter 1.txt")
@@ -232,116 +148,6 @@ class Program(TestCase):
         r = run("recover", image, "--out", self.target())
         self.assertEqual(r.returncode, 1)
         self.assertIn(last["name"] + ": parts of it lie where the source cannot be read", r.stdout)
-
-    def image(self, files):
-        path = self.target() / "made.img"
-        path.write_bytes(fat16(files))
-        return path
-
-    def test_taken_names(self):
-        image = self.image([("a.txt", b"new a", False), ("b.txt", b"new b", False), ("a.txt", b"old a", True)])
-        for how, a, b, others in (("replace", b"new a", b"new b", {"a (2).txt": b"old a"}), ("skip", b"mine", b"new b", {"a (2).txt": b"old a"}),
-                                  ("rename", b"mine", b"new b", {"a (2).txt": b"new a", "a (2) (2).txt": b"old a"})):
-            out = self.target()
-            (out / "a.txt").write_bytes(b"mine")
-            r = run("recover", image, "--out", out, "--conflict", how)
-            self.assertEqual(r.returncode, 0, r.stderr)
-            self.assertEqual((out / "a.txt").read_bytes(), a)
-            self.assertEqual((out / "b.txt").read_bytes(), b)
-            self.assertEqual("1 file skipped" in r.stdout, how == "skip")
-            found = {p.name: p.read_bytes() for p in out.iterdir() if p.name not in ("a.txt", "b.txt")}
-            self.assertEqual(sorted(found.values()), sorted(others.values()), how)
-
-    def test_names_and_folders(self):
-        image = self.image([("a:b?.txt", b"1", False), ("sub", [("c.txt", b"2", False), ("a:b?.txt", b"3", True)], False)])
-        out = self.target()
-        self.assertEqual(run("recover", image, "--out", out, "--replace-symbols", "-").returncode, 0)
-        self.assertEqual({str(p.relative_to(out)) for p in out.rglob("*")}, {"a-b-.txt", "sub", "sub/c.txt", "sub/a-b-.txt"})
-        out = self.target()
-        self.assertEqual(run("recover", image, "--out", out, "--flat").returncode, 0)
-        self.assertEqual({p.name: p.read_bytes() for p in out.iterdir()}, {"a_b_.txt": b"1", "c.txt": b"2", "a_b_ (2).txt": b"3"})
-        for wrong in ("/", "ab", ""):
-            self.assertEqual(run("recover", image, "--out", out, "--replace-symbols", wrong).returncode, 2)
-
-    def test_hostile_names(self):
-        long = "\u20ac" * 100 + ".jpeg"  # 305 bytes of UTF-8
-        names = ["..", "../../up", "a/b", "nul\0tab\t\x1b[2J", long, "link", "\ud800lone", ".brenlow-partial", "CON. "]
-        inner = [(name, name.encode("utf-16-le", "surrogatepass"), False) for name in names]
-        image = self.image(inner + [("..", inner, False), ("/", [("deep", b"x", False)], False), ("linked", [("f", b"y", False)], False)])
-        top = self.target()
-        out, elsewhere = top / "out", top / "elsewhere"
-        out.mkdir(), elsewhere.mkdir()
-        (out / "link").symlink_to(elsewhere / "stolen")
-        (out / "linked").symlink_to(elsewhere)
-        report = top / "report.jsonl"
-        for how in ("rename", "replace"):
-            r = run("recover", image, "--out", out, "--conflict", how, "--report", report)
-            self.assertEqual(r.returncode, 0, r.stderr + r.stdout)
-            self.assertEqual(sorted(p.name for p in top.iterdir()), ["elsewhere", "out", "report.jsonl"])
-            self.assertEqual(list(elsewhere.iterdir()), [])
-            rows = [json.loads(line) for line in report.read_text().splitlines()]
-            report.unlink()  # the next run would add its lines
-            self.assertEqual(len(rows), 2 * len(names) + 2)
-            for row in rows:
-                target = out / row["target"]
-                self.assertFalse(target.is_symlink())
-                self.assertEqual(hashlib.sha256(target.read_bytes()).hexdigest(), row["sha256"])
-                self.assertEqual(target.stat().st_size, row["size"])
-                self.assertFalse({c for c in target.name if ord(c) < 32 or c in '\\/:*?"<>|'})
-            self.assertEqual(len({row["target"] for row in rows}), len(rows))
-            self.assertNotIn("\x1b", r.stdout)
-
-    def test_long_paths(self):
-        name = "n" * 200
-        image = self.image([(name + "1.txt", b"1", False), (name + "2.txt", b"2", False), (name, [(name + ".txt", b"3", False)], False)])
-        out = self.target() / ("p" * 80)
-        self.assertEqual(run("recover", image, "--out", out).returncode, 0)
-        self.assertEqual((out / name / (name + ".txt")).read_bytes(), b"3")
-        out = self.target() / ("p" * 80)
-        self.assertEqual(run("recover", image, "--out", out, "--long-paths", "shorten").returncode, 0)
-        # Nothing leaves the target folder, nothing is lost where shortened names meet.
-        self.assertEqual(sorted(p.read_bytes() for p in out.rglob("*") if p.is_file()), [b"1", b"2", b"3"])
-        self.assertTrue(all(len(p.name) <= 104 for p in out.rglob("*") if p.is_file()))
-
-    def test_full_and_read_only_targets(self):
-        folder = self.target()
-        image = self.image([("first.bin", os.urandom(20000), False), ("large.bin", os.urandom(300000), False), ("small.bin", b"s" * 100, False)])
-        list_it = '"$1" recover "$2" --out "$3"; status=$?; ls "$3"; exit $status'
-        r = mounted("size=128k", list_it, folder, CLI, image, folder)
-        if r is None:
-            self.skipTest("mount namespaces are not allowed here")
-        self.assertEqual(r.returncode, 1)
-        self.assertIn("The target is full.", r.stdout)
-        self.assertIn("could not be written: No space left on device", r.stdout)
-        # What fits is there, the rest is marked as a part, and nothing is left of a file without content.
-        self.assertEqual(r.stdout.splitlines()[-2:], ["first.bin", "large.bin.partial"])
-        self.assertIn("small.bin: could not be written", r.stdout)
-        r = mounted("ro", '"$1" recover "$2" --out "$3"', folder, CLI, image, folder)
-        self.assertEqual(r.returncode, 2)
-        self.assertIn("Read-only file system", r.stderr)
-
-    def test_killed_and_run_again(self):
-        files = [("folder %d" % f, [("file %d.bin" % i, bytes([f, i]) * (100 + 37 * i), False) for i in range(60)] + [("file 7.bin", b"deleted", True)], False) for f in range(60)]
-        image = self.image(files)
-        complete = self.target()
-        self.assertEqual(run("recover", image, "--out", complete).returncode, 0)
-        expected = {p.relative_to(complete): p.read_bytes() for p in complete.rglob("*") if p.is_file()}
-        self.assertEqual(len(expected), 60 * 61)
-        for named in (1, 2, 1000, len(expected)):
-            out = self.target()
-            Held("recover", image, "--out", out, HOLD_AT_NAME=named).kill()
-            left = {p.relative_to(out): p.read_bytes() for p in out.rglob("*") if p.is_file()}
-            partial = {p for p in left if p.name.startswith(".brenlow")}
-            self.assertLessEqual(len(partial), 2)
-            self.assertEqual(len(left) - len(partial), named - 1)
-            for path in left.keys() - partial:
-                self.assertEqual(left[path], expected[path])
-            r = run("recover", image, "--out", out, "--conflict", "skip")
-            self.assertEqual(r.returncode, 0, r.stderr)
-            again = {p.relative_to(out): p.read_bytes() for p in out.rglob("*") if p.is_file()}
-            for path in again.keys() - expected.keys():
-                self.assertTrue(path.name.startswith(".brenlow"))
-            self.assertEqual({p: again[p] for p in expected}, expected)
 
     def test_specimens(self):
         specimens = DATA.resolve().parents[2] / "shared/specimens/ntfs"

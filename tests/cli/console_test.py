@@ -9,7 +9,6 @@ import signal
 import subprocess
 import unittest
 
-from fat_image import fat16
 from support import CLI, ENVIRONMENT, LIMIT, Held, TestCase, hold_environment, main, run
 
 
@@ -30,11 +29,6 @@ def on_terminal(*arguments, **hold):
 
 
 class Console(TestCase):
-    def image(self, files):
-        path = self.target() / "made.img"
-        path.write_bytes(fat16(files))
-        return path
-
     def many(self):
         """An image whose files are many enough for a stop between them: path and contents by name."""
         files = {"file %02d.bin" % i: bytes([i]) * (3000 + i) for i in range(40)}

@@ -2,7 +2,7 @@
 """Builds small FAT16 volumes with any names, those that no tool writes included."""
 import struct
 
-SECTOR, CLUSTER, CLUSTERS, ROOT_ENTRIES = 512, 2048, 20000, 512
+SECTOR, CLUSTER, CLUSTERS, ROOT_ENTRIES = 512, 512, 20000, 512
 TABLE_SECTORS = (CLUSTERS + 2) * 2 // SECTOR + 1
 TIMES = (0x8A83, 0x52A3)  # 2021-05-03 17:20:06
 

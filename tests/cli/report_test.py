@@ -5,7 +5,6 @@ import json
 import os
 import subprocess
 
-from fat_image import fat16
 from support import CLI, ENVIRONMENT, TestCase, digest, main, mounted, run
 
 
@@ -14,11 +13,6 @@ def lines(text):
 
 
 class Report(TestCase):
-    def image(self, files):
-        path = self.target() / "made.img"
-        path.write_bytes(fat16(files))
-        return path
-
     def test_wrong_targets_cost_no_scan(self):
         """The source has nothing to find: whoever scans first would say so."""
         empty, folder = self.image([]), self.target()

@@ -10,6 +10,8 @@ import sys
 import tempfile
 import unittest
 
+from fat_image import fat16
+
 CLI, DATA = sys.argv[1], pathlib.Path(sys.argv[2])
 FAILING_READ = sys.argv[3] if len(sys.argv) > 3 else None
 HOLD = sys.argv[4] if len(sys.argv) > 4 else None
@@ -121,6 +123,12 @@ class TestCase(unittest.TestCase):
 
     def target(self):
         return pathlib.Path(tempfile.mkdtemp(dir=self.folder.name))
+
+    def image(self, files):
+        """A made volume, see fat_image.py."""
+        path = self.target() / "made.img"
+        path.write_bytes(fat16(files))
+        return path
 
 
 def main():

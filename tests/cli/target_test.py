@@ -1,19 +1,14 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: GPL-3.0-or-later
 """The target of a recovery: one run at a time, nothing left behind, no more written than a source can hold."""
+import os
 import re
 import struct
 
-from fat_image import fat16
-from support import Held, TestCase, main, run
+from support import CLI, Held, TestCase, main, mounted, run
 
 
 class TargetTest(TestCase):
-    def image(self, files):
-        path = self.target() / "made.img"
-        path.write_bytes(fat16(files))
-        return path
-
     def content(self, folder):
         return {str(p.relative_to(folder)): p.read_bytes() for p in folder.rglob("*") if p.is_file()}
 
@@ -57,6 +52,46 @@ class TargetTest(TestCase):
         self.assertEqual(sorted(self.content(out)), ["small01.bin", "small02.bin"])
         self.assertEqual(run("recover", image, "--out", out, "--allow-expand").returncode, 1)
         self.assertEqual(len(self.content(out)), 14)
+
+    def test_full_and_read_only_targets(self):
+        folder = self.target()
+        image = self.image([("first.bin", os.urandom(20000), False), ("large.bin", os.urandom(300000), False), ("small.bin", b"s" * 100, False)])
+        list_it = '"$1" recover "$2" --out "$3"; status=$?; ls "$3"; exit $status'
+        r = mounted("size=128k", list_it, folder, CLI, image, folder)
+        if r is None:
+            self.skipTest("mount namespaces are not allowed here")
+        self.assertEqual(r.returncode, 1)
+        self.assertIn("The target is full.", r.stdout)
+        self.assertIn("could not be written: No space left on device", r.stdout)
+        # What fits is there, the rest is marked as a part, and nothing is left of a file without content.
+        self.assertEqual(r.stdout.splitlines()[-2:], ["first.bin", "large.bin.partial"])
+        self.assertIn("small.bin: could not be written", r.stdout)
+        r = mounted("ro", '"$1" recover "$2" --out "$3"', folder, CLI, image, folder)
+        self.assertEqual(r.returncode, 2)
+        self.assertIn("Read-only file system", r.stderr)
+
+    def test_killed_and_run_again(self):
+        files = [("folder %d" % f, [("file %d.bin" % i, bytes([f, i]) * (100 + 37 * i), False) for i in range(60)] + [("file 7.bin", b"deleted", True)], False) for f in range(60)]
+        image = self.image(files)
+        complete = self.target()
+        self.assertEqual(run("recover", image, "--out", complete).returncode, 0)
+        expected = {p.relative_to(complete): p.read_bytes() for p in complete.rglob("*") if p.is_file()}
+        self.assertEqual(len(expected), 60 * 61)
+        for named in (1, 2, 1000, len(expected)):
+            out = self.target()
+            Held("recover", image, "--out", out, HOLD_AT_NAME=named).kill()
+            left = {p.relative_to(out): p.read_bytes() for p in out.rglob("*") if p.is_file()}
+            partial = {p for p in left if p.name.startswith(".brenlow")}
+            self.assertLessEqual(len(partial), 2)
+            self.assertEqual(len(left) - len(partial), named - 1)
+            for path in left.keys() - partial:
+                self.assertEqual(left[path], expected[path])
+            r = run("recover", image, "--out", out, "--conflict", "skip")
+            self.assertEqual(r.returncode, 0, r.stderr)
+            again = {p.relative_to(out): p.read_bytes() for p in out.rglob("*") if p.is_file()}
+            for path in again.keys() - expected.keys():
+                self.assertTrue(path.name.startswith(".brenlow"))
+            self.assertEqual({p: again[p] for p in expected}, expected)
 
 
 if __name__ == "__main__":
