@@ -10,9 +10,9 @@
 #include "cli/rows.h"
 #include "cli/session.h"
 #include "cli/verb_options.h"
+#include "core/driver_calls.h"
 #include "core/sizes.h"
 #include "core/text.h"
-#include "fs/ntfs/ntfs_info.h"
 
 namespace brenlow::cli {
 namespace {
@@ -108,10 +108,9 @@ const char* StyleName(PARTITION_STYLE style) {
 
 std::int64_t FreeBytes(const TDriveInfo& drive) { return std::max<std::int64_t>(drive.aFreeSize, 0); }
 
-std::int64_t ClusterSize(const TDriveInfo& drive) { return drive.DefaultSectorsPerCluster * drive.BytesPerSector; }
-
 /// `style` is the partition table of a disk, empty for a volume.
-std::string InfoLine(const TDriveInfo& drive, int number, const std::string& style, const std::string& role) {
+std::string InfoLine(TEngine& engine, const TDriveInfo& drive, int number, const std::string& style,
+                     const std::string& role) {
   TJsonLine line;
   line.Number("number", number).Text("type", RowType(drive)).Text("name", drive.Caption);
   line.Text("source", PathFromText(drive.Drive)).Number("size", SizeOf(drive));
@@ -122,18 +121,16 @@ std::string InfoLine(const TDriveInfo& drive, int number, const std::string& sty
   line.TextOrNull("partition_name", ToUtf8(drive.PartitionName));
   line.TextOrNull("file_system", SystemName(drive)).TextOrNull("geometry", GeometryCode(drive));
   if (drive.FileSystem != TFileSystem::fsUnknown) {
-    line.TextOrNull("label", ToUtf8(drive.VolumeName)).Number("cluster_size", ClusterSize(drive));
+    line.TextOrNull("label", ToUtf8(drive.VolumeName)).Number("cluster_size", engine.Drivers().AllocationUnit(drive));
     line.Number("free", FreeBytes(drive));
     line.Number("used", std::max<std::int64_t>(SizeOf(drive) - FreeBytes(drive), 0));
-    if (drive.FileSystem == TFileSystem::fsNTFS) {
-      line.Number("record_size", NTFSInfo(drive).MFTRecordSize).Number("records", NTFSInfo(drive).MFTRecordCount);
-    }
+    for (const TDriveProperty& property : engine.Drivers().Properties(drive)) line.Number(property.Key, property.Value);
   }
   return line.Take();
 }
 
-std::string InfoText(const TLanguage& texts, const TDriveInfo& drive, int number, const std::string& style,
-                     const std::string& role) {
+std::string InfoText(TEngine& engine, const TLanguage& texts, const TDriveInfo& drive, int number,
+                     const std::string& style, const std::string& role) {
   const auto row = [&](TText name, const std::string& value) {
     return fmt::format("  {:16} {}\n", texts.Utf8(name), value);
   };
@@ -156,11 +153,10 @@ std::string InfoText(const TLanguage& texts, const TDriveInfo& drive, int number
     text += row(TText::PropertyKnownBy, texts.Utf8(TText::KnownByCopies));
   }
   text += row(TText::InfoLabel, drive.VolumeName.empty() ? "-" : Printable(ToUtf8(drive.VolumeName)));
-  text += row(TText::InfoClusterSize, SizeText(ClusterSize(drive)));
+  text += row(TText::InfoClusterSize, SizeText(engine.Drivers().AllocationUnit(drive)));
   text += row(TText::InfoFree, SizeText(FreeBytes(drive)));
-  if (drive.FileSystem == TFileSystem::fsNTFS) {
-    text += row(TText::InfoRecordSize, SizeText(NTFSInfo(drive).MFTRecordSize));
-    text += row(TText::InfoRecords, std::to_string(NTFSInfo(drive).MFTRecordCount));
+  for (const TDriveProperty& property : engine.Drivers().Properties(drive)) {
+    text += row(property.Label, property.IsSize ? SizeText(property.Value) : std::to_string(property.Value));
   }
   return text;
 }
@@ -214,8 +210,8 @@ int ShowInfo(const TOptions& options) {
     const std::string style = isDisk ? StyleName(engine.Drives().GetPhysicalPartitionStyle(i)) : "";
     const TDriveInfo& drive = Drive(engine, i);
     const std::string role = ToUtf8(engine.Drives().GetPartitionTypeCaption(drive));
-    output.Write(options.Json ? InfoLine(drive, i + 1, style, role)
-                              : InfoText(options.Texts, drive, i + 1, style, role));
+    output.Write(options.Json ? InfoLine(engine, drive, i + 1, style, role)
+                              : InfoText(engine, options.Texts, drive, i + 1, style, role));
   }
   return AllDone;
 }

@@ -10,6 +10,7 @@
 #include "cli/findings.h"
 #include "cli/rows.h"
 #include "cli/selection.h"
+#include "core/families.h"
 #include "core/images/image_file.h"
 #include "core/images/rescue_map.h"
 #include "core/sector_reader.h"
@@ -116,24 +117,20 @@ void ApplyOptions(TEngine& engine, const TOptions& options) {
   fat.SetOemCodePage(options.CodePage);
 }
 
-TFileSystems ChosenSystems(const TOptions& options) {
-  TFileSystems systems;
-  for (const std::string& name : options.Systems) {
-    if (name == "fat") {
-      for (const TFileSystem system : {TFileSystem::fsFAT12, TFileSystem::fsFAT16, TFileSystem::fsFAT32}) {
-        systems.Add(system);
-      }
-    }
-    if (name == "ntfs") systems.Add(TFileSystem::fsNTFS);
+TPartRecSystems ChosenFamilies(const TOptions& options) {
+  TPartRecSystems chosen;
+  for (const TFamily& family : Families()) {
+    const auto& names = options.Systems;
+    if (std::find(names.begin(), names.end(), family.ScriptName) != names.end()) chosen.Add(family.Bit);
   }
-  return systems;
+  return chosen;
 }
 
+TFileSystems ChosenSystems(const TOptions& options) { return SystemsOf(ChosenFamilies(options)); }
+
 TPartRecSystems ChosenSearch(const TOptions& options) {
-  TPartRecSystems search;
-  const TFileSystems systems = ChosenSystems(options);
-  if (systems.Empty() || systems.Has(TFileSystem::fsFAT32)) search.Add(TPartRecSystem::FAT);
-  if (systems.Empty() || systems.Has(TFileSystem::fsNTFS)) search.Add(TPartRecSystem::NTFS);
+  TPartRecSystems search = ChosenFamilies(options);
+  if (search.Empty()) search = ServedFamilies();
   if (options.Deep) search.Add(TPartRecSystem::DeepAnalysis);
   return search;
 }

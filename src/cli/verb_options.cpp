@@ -9,6 +9,7 @@
 
 #include "cli/option_values.h"
 #include "cli/usage.h"
+#include "core/families.h"
 
 namespace brenlow::cli {
 namespace {
@@ -20,6 +21,16 @@ bool EndsWithList(const std::vector<std::string>& words) {
   return std::any_of(std::begin(lists), std::end(lists), [&](std::string_view option) {
     return before == option || words.back().starts_with(std::string(option) + "=");
   });
+}
+
+/// The families of file systems that can be asked for, in the order of the alphabet.
+std::vector<std::string> ServedNames() {
+  std::vector<std::string> names;
+  for (const TFamily& family : Families()) {
+    if (ServedFamilies().Has(family.Bit)) names.emplace_back(family.ScriptName);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
 /// An option that takes a list and may be given several times: "jpg,png", "jpg, png", "jpg png".
@@ -100,7 +111,7 @@ void AddSearchOptions(CLI::App& verb, TOptions& options) {
   verb.add_flag("--retry", options.Retry, texts.Utf8(TText::HelpRetry));
   verb.add_option("--map", options.Map, texts.Utf8(TText::HelpSourceMap))->type_name("FILE");
   verb.add_flag("--scan", options.Scan, texts.Utf8(TText::HelpScan));
-  AddListOption(verb, "--systems", options.Systems, {"fat", "ntfs"}, options)
+  AddListOption(verb, "--systems", options.Systems, ServedNames(), options)
       ->description(texts.Utf8(TText::HelpSystems))
       ->type_name("LIST");
 }

@@ -2,19 +2,20 @@
 #include "core/drives.h"
 
 #include <algorithm>
+#include <set>
 #include <string_view>
 #include <type_traits>
 #include <utility>
 
 #include "core/device/device.h"
 #include "core/device/system_disks.h"
+#include "core/driver_calls.h"
 #include "core/engine.h"
+#include "core/families.h"
 #include "core/language.h"
 #include "core/numbers.h"
 #include "core/sizes.h"
 #include "core/text.h"
-#include "fs/fat/fat_info.h"
-#include "fs/ntfs/ntfs_info.h"
 
 namespace brenlow {
 namespace {
@@ -23,6 +24,18 @@ static_assert(std::is_nothrow_move_constructible_v<TDriveInfo>, "the registry mo
 
 constexpr std::int64_t SmallestVolume = 0x800000;  // bytes; table entries below it get no row
 constexpr int SuperblockSectors = 136;             // up to the superblock at 64 KiB, with its sector
+
+/// The sectors near a volume's start where file systems describe themselves, ascending.
+std::set<std::int64_t> DescribingSectors(int bytesPerSector) {
+  std::set<std::int64_t> sectors;
+  for (const TFamily& family : Families()) {
+    for (const TFamilyMember& member : family.Members) sectors.insert(member.SuperblockAt / bytesPerSector);
+    for (const std::int64_t copy : family.CopySectors) {
+      if (copy != AfterVolume) sectors.insert(copy);
+    }
+  }
+  return sectors;
+}
 
 TString SizeCaption(std::int64_t bytes) { return FromUtf8(SizeText(bytes)); }
 
@@ -195,7 +208,7 @@ int TDrives::AddLeftover(const TDriveInfo& bounds, TFileSystem system) {
   drive.DriveLetter.clear();
   drive.CaptionKind = TCaptionKind::TableVolume;
   drive.CanBeAnalysed = true;
-  if (!GetInfo(drive, false, true, false) || !FEngine.HoldsFolders(drive)) return -1;
+  if (!GetInfo(drive, false, true, false) || !FEngine.Drivers().HoldsFolders(drive)) return -1;
   SetDefaultInfo(drive);
   return Add(drive, false);
 }
@@ -257,6 +270,17 @@ void TDrives::AddUnallocatedSpaces(const TPhysicalDrive& disk, TVolumes& volumes
   addGap(end);
 }
 
+/// The file system that the table's type of a partition stands for, where there is a driver for it.
+TFileSystem TDrives::Promised(PARTITION_STYLE style, const TVolume& volume) const {
+  TFileSystem system = TFileSystem::fsUnknown;
+  if (style == PARTITION_STYLE::PARTITION_STYLE_MBR) {
+    system = FileSystemOfIndicator(volume.MBRRecord.Structure.SystemIndicator);
+  } else if (style == PARTITION_STYLE::PARTITION_STYLE_GPT) {
+    system = FileSystemOfGuid(volume.GPTRecord.PartitionType);
+  }
+  return FEngine.Drivers().HasDriver(system) ? system : TFileSystem::fsUnknown;
+}
+
 TIntegerDynArray TDrives::AddTableVolume(const TPhysicalDrive& disk, const TVolume& volume, bool unallocated,
                                          const TDriveInfo& like) {
   const auto bytesPerSector = static_cast<int>(disk.DiskGeometry.BytesPerSector);
@@ -286,9 +310,7 @@ TIntegerDynArray TDrives::AddTableVolume(const TPhysicalDrive& disk, const TVolu
   drive.BytesPerSector = bytesPerSector;
   if (!unallocated) {
     drive.CaptionKind = TCaptionKind::TableVolume;
-    const bool isMBR = disk.PartitionStyle == PARTITION_STYLE::PARTITION_STYLE_MBR;
-    const std::uint8_t indicator = volume.MBRRecord.Structure.SystemIndicator;
-    return AddVolume(std::move(drive), isMBR ? FileSystemOfIndicator(indicator) : TFileSystem::fsUnknown);
+    return AddVolume(std::move(drive), Promised(disk.PartitionStyle, volume));
   }
   SetDefaultInfo(drive);
   drive.CaptionKind = TCaptionKind::UnallocatedSpace;
@@ -490,8 +512,8 @@ void TDrives::SetDefaultInfo(TDriveInfo& drive) {
   drive.DefaultFirstSector = drive.FirstSector;
   drive.DefaultBytesPerSector = drive.BytesPerSector;
   drive.DefaultSectorsCount = drive.SectorsCount;
-  const bool isNTFS = drive.FileSystem == TFileSystem::fsNTFS;
-  drive.DefaultSectorsPerCluster = isNTFS ? NTFSInfo(drive).SectorsPerCluster : FATInfo(drive).SectorsPerCluster;
+  const std::int64_t unit = FEngine.Drivers().AllocationUnit(drive);
+  drive.DefaultSectorsPerCluster = drive.BytesPerSector > 0 ? unit / drive.BytesPerSector : 0;
 }
 
 void TDrives::ResetDefaultInfo(int number) {
@@ -518,7 +540,7 @@ bool TDrives::WholeVolume(TDriveInfo& drive, TFileSystem system, TPlaceSource so
   TDriveInfo volume = drive;
   volume.FileSystem = system;
   volume.GeometrySource = source;
-  if (!FEngine.HasDriver(system)) {
+  if (!FEngine.Drivers().HasDriver(system)) {
     drive = std::move(volume);
     return true;
   }
@@ -542,14 +564,14 @@ std::vector<TDriveInfo> TDrives::WholeVolumes(const TDriveInfo& drive, const TRe
   const auto offer = [&](TFileSystem system, TPlaceSource source, bool mustHoldFolders) {
     TDriveInfo volume = drive;
     if (system == TFileSystem::fsUnknown || !WholeVolume(volume, system, source, statedSectorSize)) return;
-    if (!mustHoldFolders || FEngine.HoldsFolders(volume)) wholes.push_back(std::move(volume));
+    if (!mustHoldFolders || FEngine.Drivers().HoldsFolders(volume)) wholes.push_back(std::move(volume));
   };
   const bool inBootArea = found.System != TFileSystem::fsUnknown && found.Source == TPlaceSource::Stored;
   bool hasTable = disk.TableIsSound && !disk.Volumes.empty();
   if (inBootArea) {
     // Boot code may look like a table: one beside the boot sector of a volume must be sound and lead to
     // volumes. Beside what is known by name only, which formatting may have left behind, either will do.
-    const bool served = FEngine.HasDriver(found.System);
+    const bool served = FEngine.Drivers().HasDriver(found.System);
     const bool leads = CountKnownSystems(drive, disk.Volumes) > 0;
     hasTable = served ? hasTable && leads : hasTable || leads;
     if (served || !hasTable) offer(found.System, found.Source, false);
@@ -597,7 +619,7 @@ std::vector<TDriveInfo> TDrives::DetectWholeSource(TDriveInfo& drive, TPhysicalD
     drive.BytesPerSector = bytesPerSector;
     drive.SectorsCount = size / bytesPerSector;
     const TRecognised recognised = Recognise(drive);
-    const bool isVolume = FEngine.HasDriver(recognised.System) && recognised.Source == TPlaceSource::Stored;
+    const bool isVolume = FEngine.Drivers().HasDriver(recognised.System) && recognised.Source == TPlaceSource::Stored;
     TPhysicalDrive found;
     // A volume's boot sector that holds no table spares the hunt for one.
     if (!isVolume || FEngine.Partitions().HasTableSector(drive)) FEngine.Partitions().GetPhysicalDrive(drive, found);
@@ -692,7 +714,7 @@ bool TDrives::IsDiskIn(int number, bool canShowMessages) {
 bool TDrives::IsEmpty(int number) const {
   if (IsWrongNumber(number)) return true;
   const TDriveInfo& drive = List[static_cast<std::size_t>(number)];
-  return drive.ParentClusters.Empty() && NTFSInfo(drive).UnknownFirstClusterFiles.empty();
+  return drive.ParentClusters.Empty() && !FEngine.Drivers().HasWaitingFiles(drive);
 }
 
 bool TDrives::IsEmpty(int number, std::int64_t parent) const {
@@ -716,7 +738,7 @@ void TDrives::CloseDisks(TIntegerDynArray numbers) {
 }
 
 bool TDrives::CanBeAnalysed(int number) const {
-  return !IsWrongNumber(number) && FEngine.HasDriver(List[static_cast<std::size_t>(number)].FileSystem);
+  return !IsWrongNumber(number) && FEngine.Drivers().HasDriver(List[static_cast<std::size_t>(number)].FileSystem);
 }
 
 bool TDrives::Same(const TDriveInfo& drive1, const TDriveInfo& drive2) {
@@ -750,7 +772,7 @@ bool TDrives::GetInfo(TDriveInfo& drive, bool canGetFloppy, bool canGetIfAnalyze
   if (IsFloppy(drive) && !canGetFloppy) return false;
   if (!canGetIfAnalyzed && drive.BytesPerSector > 0) return true;
   // Drivers know where the copies of their boot sectors are: the first sector may be unreadable.
-  const bool result = FEngine.GetDriveInfo(drive, canFillClustersUsage);
+  const bool result = FEngine.Drivers().GetDriveInfo(drive, canFillClustersUsage);
   if (drive.BytesPerSector <= 0 && drive.SectorsCount > 0) drive.BytesPerSector = GetBytesPerSector(drive);
   return result;
 }
@@ -772,9 +794,7 @@ TDrives::TRecognised TDrives::Recognise(const TDriveInfo& drive) {
   std::uint32_t got = FEngine.Reader().ReadDriveSectors(drive, head.data(), drive.FirstSector, sectors);
   if (got == 0) {
     // A bad place somewhere among them: only the sectors where a file system describes itself.
-    for (const std::int64_t at : {std::int64_t{0}, std::int64_t{512}, std::int64_t{1024},
-                                  std::int64_t{6} * bytesPerSector, std::int64_t{8192}, std::int64_t{65536}}) {
-      const std::int64_t sector = at / bytesPerSector;
+    for (const std::int64_t sector : DescribingSectors(bytesPerSector)) {
       if (sector >= sectors) continue;
       std::uint8_t* place = head.data() + sector * bytesPerSector;
       if (FEngine.Reader().ReadDriveSectors(drive, place, drive.FirstSector + sector, 1) != 0) {
@@ -785,7 +805,7 @@ TDrives::TRecognised TDrives::Recognise(const TDriveInfo& drive) {
   head.resize(got);
   TRecognised found;
   IsPartition(head, 0, true, found.System, bytesPerSector);
-  const TCopyFound copy = FEngine.RecogniseByCopy(drive, head, bytesPerSector, found.System);
+  const TCopyFound copy = FEngine.Drivers().RecogniseByCopy(drive, head, bytesPerSector, found.System);
   found.SoundCopy = copy.Sound;
   if (found.System != TFileSystem::fsUnknown) {
     if (copy.Sound) found.Leftover = copy.System;
@@ -798,18 +818,11 @@ TDrives::TRecognised TDrives::Recognise(const TDriveInfo& drive) {
 
 bool TDrives::IsPartition(std::span<const std::uint8_t> buffer, std::size_t start, bool addSuperblockOffset,
                           TFileSystem& fileSystem, int bytesPerSector) const {
-  fileSystem = FEngine.RecogniseFileSystem(buffer, start, addSuperblockOffset, bytesPerSector);
+  fileSystem = FEngine.Drivers().Recognise(buffer, start, addSuperblockOffset, bytesPerSector);
   return fileSystem != TFileSystem::fsUnknown;
 }
 
-TStringView TDrives::GetSystemNameBySystem(TFileSystem system) {
-  constexpr TStringView names[] = {
-      u"",          u"FAT12", u"FAT16", u"FAT32",      u"exFAT",      u"NTFS",     u"ReFS", u"APFS", u"HFS+",
-      u"Ext2",      u"Ext3",  u"Ext4",  u"XFS",        u"Btrfs",      u"ReiserFS", u"UFS1", u"UFS2", u"HikvisionFS",
-      u"BitLocker", u"LUKS",  u"LVM2",  u"Linux RAID", u"Linux swap", u"ISO 9660", u"UDF",  u"F2FS"};
-  const auto index = static_cast<std::size_t>(system);
-  return index < std::size(names) ? names[index] : TStringView();
-}
+TStringView TDrives::GetSystemNameBySystem(TFileSystem system) { return FileSystemCaption(system); }
 
 TString TDrives::GetPartitionTypeCaption(const TDriveInfo& drive) const {
   using enum TPartitionType;

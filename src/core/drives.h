@@ -26,8 +26,8 @@ struct TPartRecInfo {
   int MainDrive = -1;
   TIntegerDynArray Volumes;
   std::vector<TDriveInfo> FoundDrives;  ///< boot sectors found and not yet confirmed
-  TFileSystem DefaultFATSystem = TFileSystem::fsFAT32;
-  bool LastNTFSFileIsSystem = false;
+  /// Of each family that is searched and can be found without a boot sector: what an empty candidate is.
+  std::vector<TFileSystem> Candidates;
 };
 
 /// Why a source cannot be opened.
@@ -80,9 +80,9 @@ class TDrives {
   void CopyInfo(int source, int destination);
   /// Copies what the file system of a drive says of it.
   void CopySystemsInfo(int source, int destination);
-  static void CopySystemsInfo(const TDriveInfo& from, TDriveInfo& to);
+  void CopySystemsInfo(const TDriveInfo& from, TDriveInfo& to);
   /// Remembers the live values as the detected ones.
-  static void SetDefaultInfo(TDriveInfo& drive);
+  void SetDefaultInfo(TDriveInfo& drive);
   /// Takes the detected values back and looks at the source again.
   void ResetDefaultInfo(int number);
 
@@ -181,19 +181,21 @@ class TDrives {
   static constexpr std::int64_t LargestNoVolume = 0x9FFFFF;  ///< bytes; a volume is larger
   void PartRecClearInfo(int number);
   int PartRecAddSubdrive(int parentDrive, TFileSystem fileSystem);
-  /// The sub-drive that takes a found boot sector's values: the first empty one of its file system,
-  /// or a new one; -1 when there is no such parent or found drive.
   /// Whether the volume begins inside another one, known or found.
   bool PartRecIsCovered(int number, const TDriveInfo& volume) const;
+  /// Whether the volume begins in a sub-drive that is a volume itself: an image in a file, say.
+  bool PartRecIsTaken(int number, const TDriveInfo& volume) const;
+  /// The sub-drive that takes a found boot sector's values: the first empty one of its family, or a new one;
+  /// -1 when there is no such parent or found drive.
   int PartRecDriveForFound(int parentDrive, int foundDriveNumber);
   void PartRecApplyFoundDriveInfoToDrive(int driveNumber, int foundDriveNumber);
   /// Where the partition table says that a volume begins, it is tried as each format.
   void PartRecCheckForExistPartition(int number, std::int64_t sectorNumber);
   /// Notes a boot sector; `buffer` begins at the sector. True when it is a new one.
   bool PartRecCheckForNewPartition(int number, std::int64_t sectorNumber, std::span<const std::uint8_t> buffer);
-  /// Closes sub-drives that end before the sector, or with `deleteNTFSTruncated` those of NTFS that
-  /// no boot sector has confirmed; of each format one stays open.
-  void PartRecCheckSubDrivesForEnd(std::int64_t sectorNumber, bool deleteNTFSTruncated);
+  /// Closes sub-drives that end before the sector, or with `deleteTruncated` those that no boot sector has
+  /// confirmed; of each family with candidates one stays open.
+  void PartRecCheckSubDrivesForEnd(std::int64_t sectorNumber, bool deleteTruncated);
   /// A volume somewhere on a drive, with what does not depend on its place.
   TDriveInfo PartOf(const TDriveInfo& parent) const;
 
@@ -218,6 +220,7 @@ class TDrives {
     TFileSystem Leftover = TFileSystem::fsUnknown;
   };
   TRecognised Recognise(const TDriveInfo& drive);
+  TFileSystem Promised(PARTITION_STYLE style, const TVolume& volume) const;
   TIntegerDynArray AddVolume(TDriveInfo drive, TFileSystem promised);
   int AddLeftover(const TDriveInfo& bounds, TFileSystem system);
   TIntegerDynArray AddTableVolumes(const TPhysicalDrive& disk, const TDriveInfo& like);
@@ -246,9 +249,13 @@ class TDrives {
   void FindInAllSectors(const TFindRange& range);
   int AddFoundPartition(const TFindRange& range, std::span<const std::uint8_t> buffer, std::int64_t sector,
                         bool addSuperblockOffset);
-  TFoundState IsNewFoundPartition(const TDriveInfo& volume, std::span<const std::uint8_t> boot, int& known);
+  TFoundState IsNewFoundPartition(const TDriveInfo& volume, std::span<const std::uint8_t> buffer,
+                                  bool addSuperblockOffset, int& known);
   int PartRecEmptySubdrive(int parentDrive, TFileSystem fileSystem) const;
+  void PartRecMoveCandidate(int number, TFileSystem system, std::int64_t firstSector, const TDriveInfo& known);
+  bool PartRecIsWhole(int number, const TDriveInfo& sub) const;
   bool PartRecIsKnownStart(int number, std::int64_t firstSector, TFileSystem system) const;
+  bool PartRecIsCopy(int number, const TDriveInfo& volume) const;
 
   TEngine& FEngine;
   TPhysicalDrives FPhysicalDrives;

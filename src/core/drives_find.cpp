@@ -2,8 +2,10 @@
 // The quick search for lost partitions: boot sectors only.
 #include <algorithm>
 
+#include "core/driver_calls.h"
 #include "core/drives.h"
 #include "core/engine.h"
+#include "core/families.h"
 #include "core/partitions.h"
 #include "core/sector_reader.h"
 
@@ -116,13 +118,13 @@ int TDrives::AddFoundPartition(const TFindRange& range, std::span<const std::uin
   volume.DriveTypes.Add(TDriveType::dtFound);
   volume.FileSystem = system;
   volume.FirstSector = parent.FirstSector + sector;
-  if (!FEngine.SetVolumeBounds(volume, buffer)) return -1;
+  if (!FEngine.Drivers().SetVolumeBounds(volume, buffer, addSuperblockOffset)) return -1;
   const std::int64_t end = parent.FirstSector + parent.SectorsCount;
   const bool inside = volume.FirstSector >= parent.FirstSector && volume.FirstSector <= end - volume.SectorsCount;
   if (!inside || volume.SectorsCount <= LargestNoVolume / sectorSize) return -1;
 
   int known = -1;
-  switch (IsNewFoundPartition(volume, buffer, known)) {
+  switch (IsNewFoundPartition(volume, buffer, addSuperblockOffset, known)) {
     case TFoundState::Refused:
       return -1;
     case TFoundState::Known:
@@ -135,7 +137,8 @@ int TDrives::AddFoundPartition(const TFindRange& range, std::span<const std::uin
   volume.ReceivedType = TReceivedType::rtAutodetected;
   volume.CaptionKind = TCaptionKind::TableVolume;
   volume.IsSubDrive = true;
-  if (volume.FirstSector != parent.FirstSector + sector) volume.GeometrySource = TPlaceSource::FromCopy;
+  const std::int64_t before = addSuperblockOffset ? 0 : SuperblockAt(system) / sectorSize;
+  if (volume.FirstSector != parent.FirstSector + sector - before) volume.GeometrySource = TPlaceSource::FromCopy;
   SetDefaultInfo(volume);
   const int added = Add(volume, true);
   List[static_cast<std::size_t>(range.Drive)].SubDrives.push_back(added);
@@ -144,9 +147,8 @@ int TDrives::AddFoundPartition(const TFindRange& range, std::span<const std::uin
   return added;
 }
 
-TDrives::TFoundState TDrives::IsNewFoundPartition(const TDriveInfo& volume, std::span<const std::uint8_t> boot,
-                                                  int& known) {
-  constexpr std::int64_t copiesOfFAT = 31;  // sectors before and behind
+TDrives::TFoundState TDrives::IsNewFoundPartition(const TDriveInfo& volume, std::span<const std::uint8_t> buffer,
+                                                  bool addSuperblockOffset, int& known) {
   bool clashes = false;
   for (int i = 0; i < static_cast<int>(List.size()); ++i) {
     const TDriveInfo& other = List[static_cast<std::size_t>(i)];
@@ -155,14 +157,14 @@ TDrives::TFoundState TDrives::IsNewFoundPartition(const TDriveInfo& volume, std:
       known = i;
       return TFoundState::Known;
     }
-    const std::int64_t distance = volume.FirstSector - other.FirstSector;
-    if (IsFAT(volume.FileSystem) && std::abs(distance) <= copiesOfFAT) return TFoundState::Refused;
+    if (FEngine.Drivers().IsCopyOf(volume, other)) return TFoundState::Refused;
     // The copy of a boot sector, at the end of a known NTFS volume, has led back to that volume's start:
     // what begins there in its own right is a volume.
     clashes = clashes || Overlaps(volume, other);
   }
   // Two volumes in one place: the later one must show more than its boot sector.
-  return clashes && !FEngine.IsVolumeSound(volume, boot) ? TFoundState::Refused : TFoundState::New;
+  const bool refused = clashes && !FEngine.Drivers().IsVolumeSound(volume, buffer, addSuperblockOffset);
+  return refused ? TFoundState::Refused : TFoundState::New;
 }
 
 }  // namespace brenlow

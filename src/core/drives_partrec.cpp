@@ -3,11 +3,10 @@
 // sectors, confirmation and closing.
 #include <algorithm>
 
+#include "core/driver_calls.h"
 #include "core/drives.h"
 #include "core/engine.h"
-#include "core/numbers.h"
-#include "fs/fat/fat_info.h"
-#include "fs/ntfs/ntfs_info.h"
+#include "core/families.h"
 
 namespace brenlow {
 namespace {
@@ -15,31 +14,16 @@ namespace {
 // Boot sectors that wait for their confirmation; a source of nothing but boot sectors has no more.
 constexpr std::size_t MostFoundDrives = 1024;
 constexpr std::size_t MostSubDrives = 1024;
-constexpr std::int64_t BackupOfFAT32 = 6;  // sectors behind the boot sector
-
-/// FAT12, FAT16 and FAT32 share their candidates.
-bool SameFamily(TFileSystem a, TFileSystem b) { return a == b || (IsFAT(a) && IsFAT(b)); }
-
-/// The bit that a file system has in the search.
-TPartRecSystem PartRecSystemOf(TFileSystem system) {
-  return IsFAT(system) ? TPartRecSystem::FAT : TPartRecSystem::NTFS;
-}
 
 }  // namespace
 
 void TDrives::PartRecClearInfo(int number) {
-  constexpr std::int64_t largestFAT16 = 2097152;  // KiB
   PartRecInfo = TPartRecInfo();
   PartRecInfo.MainDrive = number;
   if (IsWrongNumber(number)) return;
-  TDriveInfo& drive = List[static_cast<std::size_t>(number)];
+  const TDriveInfo& drive = List[static_cast<std::size_t>(number)];
   PartRecInfo.Volumes = drive.Volumes;
-  const std::int64_t size = drive.SectorsCount * GetBytesPerSector(drive) / 1024;
-  if (IsFloppy(drive)) {
-    PartRecInfo.DefaultFATSystem = TFileSystem::fsFAT12;
-  } else {
-    PartRecInfo.DefaultFATSystem = size == 0 || size > largestFAT16 ? TFileSystem::fsFAT32 : TFileSystem::fsFAT16;
-  }
+  PartRecInfo.Candidates = FEngine.Drivers().PartRecCandidates(drive);
 }
 
 int TDrives::PartRecAddSubdrive(int parentDrive, TFileSystem fileSystem) {
@@ -50,7 +34,7 @@ int TDrives::PartRecAddSubdrive(int parentDrive, TFileSystem fileSystem) {
   if (number < 0) return -1;
   TDriveInfo& drive = List[static_cast<std::size_t>(number)];
   drive.FileSystem = drive.DefaultSystem = fileSystem;
-  NTFSInfo(drive).CanBeTruncated = fileSystem == TFileSystem::fsNTFS;
+  FEngine.Drivers().PartRecSubdriveAdded(drive);
   FEngine.BeginDriveFiles(number);
   return number;
 }
@@ -60,7 +44,8 @@ int TDrives::PartRecEmptySubdrive(int parentDrive, TFileSystem fileSystem) const
   for (const int sub : List[static_cast<std::size_t>(parentDrive)].SubDrives) {
     const TDriveInfo& drive = List[static_cast<std::size_t>(sub)];
     // A volume that was analysed is none, though it holds no file.
-    const bool isCandidate = drive.CanBeAnalysed && SameFamily(drive.FileSystem, fileSystem) && !FATInfo(drive).Walk;
+    const bool isCandidate =
+        drive.CanBeAnalysed && SameFamily(drive.FileSystem, fileSystem) && !FEngine.Drivers().PartRecIsAnalysed(drive);
     if (isCandidate && IsEmpty(sub)) return sub;
   }
   return -1;
@@ -98,26 +83,25 @@ void TDrives::PartRecCheckForExistPartition(int number, std::int64_t sectorNumbe
     return !IsWrongNumber(known) && List[static_cast<std::size_t>(known)].FirstSector == absolute;
   });
   if (volume == PartRecInfo.Volumes.end()) return;
-  const std::int64_t sectors = List[static_cast<std::size_t>(*volume)].SectorsCount;
-  const bool isGap = List[static_cast<std::size_t>(*volume)].ReceivedType == TReceivedType::rtByUnallocatedSpace;
-  const auto moveHere = [&](TPartRecSystem bit, TFileSystem system) {
-    if (!FEngine.PartRecSystems.Has(bit)) return;
-    int sub = PartRecEmptySubdrive(number, system);
-    if (sub < 0) sub = PartRecAddSubdrive(number, system);
-    if (sub < 0) return;
-    TDriveInfo& drive = List[static_cast<std::size_t>(sub)];
-    drive.FileSystem = system;
-    drive.Systems.Clear();
-    drive.FirstSector = absolute;
-    // A gap between partitions says where a lost volume may begin, not how long it is.
-    drive.SectorsCount = isGap && system == TFileSystem::fsNTFS ? 0 : sectors;
-    SetDefaultInfo(drive);
-    FEngine.PartRecVolumeKnown(sub);
-    TDriveInfo& placed = List[static_cast<std::size_t>(sub)];
-    if (placed.SectorsCount <= 0) placed.SectorsCount = placed.DefaultSectorsCount = sectors;
-  };
-  moveHere(TPartRecSystem::FAT, PartRecInfo.DefaultFATSystem);
-  moveHere(TPartRecSystem::NTFS, TFileSystem::fsNTFS);
+  const TDriveInfo known = List[static_cast<std::size_t>(*volume)];
+  for (const TFileSystem system : PartRecInfo.Candidates) PartRecMoveCandidate(number, system, absolute, known);
+}
+
+/// An empty candidate, or a new one, is the volume that is known to begin there.
+void TDrives::PartRecMoveCandidate(int number, TFileSystem system, std::int64_t firstSector, const TDriveInfo& known) {
+  int sub = PartRecEmptySubdrive(number, system);
+  if (sub < 0) sub = PartRecAddSubdrive(number, system);
+  if (sub < 0) return;
+  TDriveInfo& drive = List[static_cast<std::size_t>(sub)];
+  drive.FileSystem = system;
+  drive.Systems.Clear();
+  drive.FirstSector = firstSector;
+  drive.SectorsCount = known.SectorsCount;
+  FEngine.Drivers().PartRecVolumeKnown(drive, known.ReceivedType == TReceivedType::rtByUnallocatedSpace);
+  SetDefaultInfo(drive);
+  FEngine.Drivers().PartRecDriveAdded(sub);
+  TDriveInfo& placed = List[static_cast<std::size_t>(sub)];
+  if (placed.SectorsCount <= 0) placed.SectorsCount = placed.DefaultSectorsCount = known.SectorsCount;
 }
 
 /// Whether a sub-drive or a found boot sector of that family begins there.
@@ -135,70 +119,93 @@ bool TDrives::PartRecIsKnownStart(int number, std::int64_t firstSector, TFileSys
          });
 }
 
+/// True for a sub-drive with the bounds of the whole drive, which say nothing: a candidate.
+bool TDrives::PartRecIsWhole(int number, const TDriveInfo& sub) const {
+  const TDriveInfo& main = List[static_cast<std::size_t>(number)];
+  return sub.FirstSector == main.FirstSector && sub.SectorsCount == main.SectorsCount;
+}
+
 bool TDrives::PartRecIsCovered(int number, const TDriveInfo& volume) const {
   const TDriveInfo& main = List[static_cast<std::size_t>(number)];
   const auto covers = [&](const TDriveInfo& drive) {
     return drive.FirstSector < volume.FirstSector && volume.FirstSector < drive.FirstSector + drive.SectorsCount;
   };
   const auto isVolume = [&](int sub) {
-    // A candidate has the bounds of the whole drive, which says nothing.
     const TDriveInfo& drive = List[static_cast<std::size_t>(sub)];
-    return FATInfo(drive).Walk ||
-           (!IsEmpty(sub) && (drive.FirstSector != main.FirstSector || drive.SectorsCount != main.SectorsCount));
+    return FEngine.Drivers().PartRecIsAnalysed(drive) || (!IsEmpty(sub) && !PartRecIsWhole(number, drive));
   };
   return std::any_of(PartRecInfo.FoundDrives.begin(), PartRecInfo.FoundDrives.end(), covers) ||
          std::any_of(main.SubDrives.begin(), main.SubDrives.end(),
                      [&](int sub) { return isVolume(sub) && covers(List[static_cast<std::size_t>(sub)]); });
 }
 
+bool TDrives::PartRecIsTaken(int number, const TDriveInfo& volume) const {
+  const TIntegerDynArray& subs = List[static_cast<std::size_t>(number)].SubDrives;
+  return std::any_of(subs.begin(), subs.end(), [&](int sub) {
+    const TDriveInfo& drive = List[static_cast<std::size_t>(sub)];
+    const bool whole = PartRecIsWhole(number, drive) && !FEngine.Drivers().PartRecIsAnalysed(drive);
+    return !IsEmpty(sub) && !whole && volume.FirstSector >= drive.FirstSector &&
+           volume.FirstSector < drive.FirstSector + drive.SectorsCount;
+  });
+}
+
+/// Whether a volume of the family begins where this find would be a copy of its boot sector.
+bool TDrives::PartRecIsCopy(int number, const TDriveInfo& volume) const {
+  const auto copies = FamilyOf(volume.FileSystem)->CopySectors;
+  return std::any_of(copies.begin(), copies.end(), [&](std::int64_t copy) {
+    return copy != AfterVolume && PartRecIsKnownStart(number, volume.FirstSector - copy, volume.FileSystem);
+  });
+}
+
 bool TDrives::PartRecCheckForNewPartition(int number, std::int64_t sectorNumber, std::span<const std::uint8_t> buffer) {
   if (PartRecInfo.FoundDrives.size() >= MostFoundDrives) return false;
   TFileSystem system = TFileSystem::fsUnknown;
   const int sectorSize = GetBytesPerSector(number);
-  if (!IsPartition(buffer, 0, false, system, sectorSize) || !FEngine.PartRecSystems.Has(PartRecSystemOf(system)))
-    return false;
+  if (!IsPartition(buffer, 0, false, system, sectorSize)) return false;
+  const TFamily* family = FamilyOf(system);
+  if (family == nullptr || !FEngine.PartRecSystems.Has(family->Bit)) return false;
   const TDriveInfo& parent = List[static_cast<std::size_t>(number)];
   TDriveInfo volume = PartOf(parent);
   volume.FileSystem = system;
   volume.FirstSector = parent.FirstSector + sectorNumber;
-  if (!FEngine.SetVolumeBounds(volume, buffer)) return false;
+  if (!FEngine.Drivers().SetVolumeBounds(volume, buffer, false)) return false;
   if (PartRecIsKnownStart(number, volume.FirstSector, system)) return false;
-  if (IsFAT(system)) {
-    const bool oneSize = (ReadLe16(buffer, 0x13) != 0) != (ReadLe32(buffer, 0x20) != 0);
-    if (!oneSize || PartRecIsKnownStart(number, volume.FirstSector - BackupOfFAT32, system)) return false;
-  }
+  if (!FEngine.Drivers().PartRecAccepts(volume, buffer) || PartRecIsCopy(number, volume)) return false;
   // A small volume must show more than its boot sector, and lie in no other one as an image in a file does.
   const bool large = volume.SectorsCount * sectorSize > LargestNoVolume;
-  if (!large && (!IsFAT(system) || PartRecIsCovered(number, volume) || !FEngine.IsVolumeSound(volume, buffer))) {
+  if (!large && (!family->MayBeSmall || PartRecIsCovered(number, volume) ||
+                 !FEngine.Drivers().IsVolumeSound(volume, buffer, false))) {
     return false;
   }
   if (volume.SectorsCount > parent.SectorsCount) return false;
   volume.aFreeSize = 0;  // counted when the volume is confirmed: that takes its whole table
-  if (volume.FirstSector < parent.FirstSector || !FEngine.GetDriveInfo(volume, false)) return false;
+  if (volume.FirstSector < parent.FirstSector || !FEngine.Drivers().GetDriveInfo(volume, false)) return false;
   volume.aFreeSize = -1;
   PartRecInfo.FoundDrives.push_back(std::move(volume));
   return true;
 }
 
-void TDrives::PartRecCheckSubDrivesForEnd(std::int64_t sectorNumber, bool deleteNTFSTruncated) {
+void TDrives::PartRecCheckSubDrivesForEnd(std::int64_t sectorNumber, bool deleteTruncated) {
   const int main = PartRecInfo.MainDrive;
   if (IsWrongNumber(main)) return;
   const std::int64_t position = List[static_cast<std::size_t>(main)].FirstSector + sectorNumber;
-  bool openFAT = false;
-  bool openNTFS = false;
-  for (const int sub : List[static_cast<std::size_t>(main)].SubDrives) {
+  TPartRecSystems open;
+  for (std::size_t i = List[static_cast<std::size_t>(main)].SubDrives.size(); i-- > 0;) {
+    const int sub = List[static_cast<std::size_t>(main)].SubDrives[i];
     TDriveInfo& drive = List[static_cast<std::size_t>(sub)];
     if (!drive.CanBeAnalysed) continue;
-    const bool ends = deleteNTFSTruncated ? drive.FileSystem == TFileSystem::fsNTFS && NTFSInfo(drive).CanBeTruncated
-                                          : drive.FirstSector + drive.SectorsCount < position;
-    if (ends) drive.CanBeAnalysed = false;
-    openFAT = openFAT || (!ends && IsFAT(drive.FileSystem));
-    openNTFS = openNTFS || (!ends && drive.FileSystem == TFileSystem::fsNTFS);
+    const bool ends = deleteTruncated ? FEngine.Drivers().PartRecCanBeTruncated(drive)
+                                      : drive.FirstSector + drive.SectorsCount < position;
+    if (!ends) {
+      if (const TFamily* family = FamilyOf(drive.FileSystem); family != nullptr) open.Add(family->Bit);
+      continue;
+    }
+    FEngine.Drivers().PartRecDriveAnalysed(sub);
+    List[static_cast<std::size_t>(sub)].CanBeAnalysed = false;
   }
-  if (FEngine.PartRecSystems.Has(TPartRecSystem::FAT) && !openFAT) {
-    PartRecAddSubdrive(main, PartRecInfo.DefaultFATSystem);
+  for (const TFileSystem candidate : PartRecInfo.Candidates) {
+    if (!open.Has(FamilyOf(candidate)->Bit)) PartRecAddSubdrive(main, candidate);
   }
-  if (FEngine.PartRecSystems.Has(TPartRecSystem::NTFS) && !openNTFS) PartRecAddSubdrive(main, TFileSystem::fsNTFS);
 }
 
 }  // namespace brenlow

@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <span>
 
 #include "core/types.h"
 
@@ -14,6 +13,7 @@ namespace brenlow {
 
 class TAllFS;
 class TDeviceTable;
+class TDriverCalls;
 class TDrives;
 class TExtentReader;
 class TFAT;
@@ -31,12 +31,6 @@ enum class TText : std::uint16_t;
 struct TEngineMessage {
   TText Id{};
   TString Text;
-};
-
-/// A file system known by a copy of its boot sector.
-struct TCopyFound {
-  TFileSystem System = TFileSystem::fsUnknown;
-  bool Sound = false;  ///< more than the copy speaks for it: its table is where it says
 };
 
 /// Exactly one thread at a time runs engine code. Only the go-on flags may be cleared from
@@ -83,30 +77,8 @@ class TEngine {
   /// Time may have passed, as when a device was read: the next call of `Pump` looks at the clock.
   void PumpSoon() { FPumpCalls |= 15U; }
 
-  // ---- what the drive registry needs of the drivers and of the file table ----
-  /// Tests a boot sector or superblock against all drivers, the weakest test last.
-  /// `addSuperblockOffset`: the buffer begins at the volume's start.
-  TFileSystem RecogniseFileSystem(std::span<const std::uint8_t> buffer, std::size_t start, bool addSuperblockOffset,
-                                  int bytesPerSector);
-  /// Looks for the copies of a boot sector, near the start of a volume (`head` begins there) and at
-  /// its end. Copies of the file system `known` are left out.
-  TCopyFound RecogniseByCopy(const TDriveInfo& drive, std::span<const std::uint8_t> head, int bytesPerSector,
-                             TFileSystem known);
-  /// False for what is known by name only.
-  bool HasDriver(TFileSystem system);
-  /// For a volume that only a leftover copy tells of: true when its root folder or its table of records
-  /// is still there. The record is filled.
-  bool HoldsFolders(const TDriveInfo& volume);
-  /// Lets the driver of the drive's file system fill the record; false when it cannot.
-  bool GetDriveInfo(TDriveInfo& drive, bool fillTable);
-  /// Sets the bounds of a volume whose boot sector was met at its `FirstSector`, going back to the
-  /// volume's start from a copy. False for a boot sector that leads nowhere.
-  bool SetVolumeBounds(TDriveInfo& volume, std::span<const std::uint8_t> boot);
-  /// True when more than the boot sector speaks for the volume.
-  bool IsVolumeSound(const TDriveInfo& volume, std::span<const std::uint8_t> boot);
-  /// A sub-drive of a partition search now lies where a volume is known to begin.
-  void PartRecVolumeKnown(int driveNumber);
-  /// Drive records have moved: whatever the drivers keep of them is dropped.
+  // ---- what the drive registry needs of upper layers ----
+  /// Drive records have moved: whatever is kept of them is dropped.
   void DriveListChanged();
   void ClearDriveFiles(int driveNumber, bool deleteDrive);
   void BeginDriveFiles(int driveNumber);
@@ -116,6 +88,8 @@ class TEngine {
   /// Changes all texts, those of known drives and files included.
   void ChangeLanguage(TLanguage language);
   TDeviceTable& Devices() { return *FDevices; }
+  /// What the registry asks the drivers.
+  TDriverCalls& Drivers() { return *FDrivers; }
   TSectorReader& Reader() { return *FReader; }
   TExtentReader& Content() { return *FContent; }
   TPartitionsInfo& Partitions() { return *FPartitions; }
@@ -140,6 +114,7 @@ class TEngine {
   std::unique_ptr<TExtentReader> FContent;
   std::unique_ptr<TPartitionsInfo> FPartitions;
   std::unique_ptr<TDrives> FDrives;
+  std::unique_ptr<TDriverCalls> FDrivers;
   std::unique_ptr<TFileSignatures> FSignatures;
   std::unique_ptr<TFiles> FFiles;
   std::unique_ptr<TFolders> FFolders;

@@ -393,28 +393,4 @@ TString PartitionName(const TGPTRecord& record) {
   return TString(Trim(TStringView(record.Name.data(), static_cast<std::size_t>(end - record.Name.begin()))));
 }
 
-TFileSystem FileSystemOfIndicator(std::uint8_t indicator) {
-  switch (indicator) {
-    case 1:
-    case 17:
-      return TFileSystem::fsFAT12;
-    case 4:
-    case 6:
-    case 14:
-    case 20:
-    case 22:
-    case 30:
-      return TFileSystem::fsFAT16;
-    case 11:
-    case 12:
-    case 27:
-    case 28:
-      return TFileSystem::fsFAT32;
-    case 7:
-      return TFileSystem::fsNTFS;
-    default:
-      return TFileSystem::fsUnknown;
-  }
-}
-
 }  // namespace brenlow

@@ -117,7 +117,4 @@ class TPartitionsInfo {
 /// The name in an entry of a GPT: up to the first 0 unit, without blanks at its ends.
 TString PartitionName(const TGPTRecord& record);
 
-/// The file system that the type byte of an MBR entry promises; `fsUnknown` for all others.
-TFileSystem FileSystemOfIndicator(std::uint8_t indicator);
-
 }  // namespace brenlow

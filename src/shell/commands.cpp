@@ -11,6 +11,7 @@
 #include "core/device/device.h"
 #include "core/drives.h"
 #include "core/engine.h"
+#include "core/families.h"
 #include "core/language.h"
 #include "core/sector_reader.h"
 #include "core/text.h"
@@ -357,7 +358,7 @@ void TCommands::RunMaster(const TMasterChoice& choice) {
   SelectNode(folders.GetDriveRootNode(choice.Drive));
   // On a disk one pass looks for volumes and for content.
   if (choice.Lost || (choice.Deep && drives.IsPhysical(choice.Drive))) {
-    TPartRecSystems systems{TPartRecSystem::FAT, TPartRecSystem::NTFS};
+    TPartRecSystems systems = ServedFamilies();
     if (choice.Deep) systems.Add(TPartRecSystem::DeepAnalysis);
     ScanForPartitions(choice.Drive, systems);
   } else {

@@ -4,13 +4,12 @@
 #include <algorithm>
 
 #include "analysis/file_data.h"
+#include "core/driver_calls.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/language.h"
 #include "core/sizes.h"
 #include "core/text.h"
-#include "fs/fat/fat_info.h"
-#include "fs/ntfs/ntfs_info.h"
 #include "table/files.h"
 
 namespace brenlow {
@@ -104,8 +103,8 @@ class TSheet {
     Add(sheet.Details, TText::PropertyFirstSector, NumberText(drive.FirstSector));
     Add(sheet.Details, TText::PropertySectors, NumberText(drive.SectorsCount));
     Add(sheet.Details, TText::PropertySectorSize, FromUtf8(SizeText(drive.BytesPerSector)));
-    if (const int sectors = SectorsPerCluster(drive); sectors > 0) {
-      Add(sheet.Details, TText::PropertyClusterSize, FromUtf8(SizeText(std::int64_t{sectors} * drive.BytesPerSector)));
+    if (const std::int64_t unit = FEngine.Drivers().AllocationUnit(drive); unit > 0) {
+      Add(sheet.Details, TText::PropertyClusterSize, FromUtf8(SizeText(unit)));
     }
   }
 
@@ -144,11 +143,6 @@ class TSheet {
   /// Nothing for what is not known.
   static void Add(std::vector<TProperty>& lines, TText label, TString value) {
     if (!value.empty()) lines.push_back({label, std::move(value)});
-  }
-
-  static int SectorsPerCluster(const TDriveInfo& drive) {
-    if (IsFAT(drive.FileSystem)) return FATInfo(drive).SectorsPerCluster;
-    return drive.FileSystem == TFileSystem::fsNTFS ? NTFSInfo(drive).SectorsPerCluster : 0;
   }
 
   TEngine& FEngine;

@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "core/families.h"
 #include "support/fat_builder.h"
 #include "support/images.h"
 

@@ -8,12 +8,12 @@
 #include <vector>
 
 #include "analysis/deep/all_fs.h"
-#include "analysis/search/lost_ntfs.h"
+#include "core/driver_calls.h"
 #include "core/drives.h"
 #include "core/engine.h"
+#include "core/families.h"
 #include "core/sector_reader.h"
-#include "fs/fat/fat.h"
-#include "fs/ntfs/ntfs.h"
+#include "fs/dispatch.h"
 #include "table/files.h"
 
 namespace brenlow {
@@ -22,6 +22,12 @@ namespace {
 constexpr std::int64_t UsualBlock = 512;       // sectors
 constexpr std::int64_t VMwareBlock = 128;      // sectors: a grain
 constexpr std::int64_t MergeTolerance = 1025;  // sectors that a drive may be longer than its only volume
+
+/// Whether any file system is looked for, and not content alone.
+bool WantsVolumes(TPartRecSystems systems) {
+  systems.Remove(TPartRecSystem::DeepAnalysis);
+  return !systems.Empty();
+}
 
 class TPartitionSearch {
  public:
@@ -33,13 +39,9 @@ class TPartitionSearch {
         FFirst(Drive(driveNumber).FirstSector),
         FSectors(Drive(driveNumber).SectorsCount),
         FDeep(engine.PartRecSystems.Has(TPartRecSystem::DeepAnalysis)),
-        FLostNTFS(engine, driveNumber) {
-    engine.NTFS().OnPartRecConfirmed = [this](std::int64_t sector) {
-      FDrives.PartRecCheckSubDrivesForEnd(sector, true);
-    };
-  }
+        FVolumes(WantsVolumes(engine.PartRecSystems)) {}
   ~TPartitionSearch() {
-    FEngine.NTFS().OnPartRecConfirmed = nullptr;
+    ForEachDriver(FEngine, [](auto& driver) { driver::PartRecClear(driver); });
     FEngine.Files().ForgetAdded();
   }
   TPartitionSearch(const TPartitionSearch&) = delete;
@@ -47,11 +49,10 @@ class TPartitionSearch {
 
   void Begin() {
     FDrives.PartRecClearInfo(FMain);
-    FEngine.FAT().PartRecDoBeforeAnalyse();
+    ForEachWanted([&](auto& driver) { driver::PartRecDoBeforeAnalyse(driver, FMain); });
     Drive(FMain).DeepAnalysed = TAnalyseInformation::aiPartial;
     if (FDeep) FEngine.AllFS().DoBeforeDeepAnalyse(FMain);
-    if (Wants(TPartRecSystem::FAT)) FDrives.PartRecAddSubdrive(FMain, FDrives.PartRecInfo.DefaultFATSystem);
-    if (Wants(TPartRecSystem::NTFS)) FDrives.PartRecAddSubdrive(FMain, TFileSystem::fsNTFS);
+    for (const TFileSystem candidate : FDrives.PartRecInfo.Candidates) FDrives.PartRecAddSubdrive(FMain, candidate);
   }
 
   void Run() {
@@ -88,16 +89,20 @@ class TPartitionSearch {
       FEngine.Files().AddDeepAnalyseDir(FMain, false);
     }
     if (FEngine.Analysing) ConfirmSoundVolumes();
-    if (FEngine.Analysing && Wants(TPartRecSystem::FAT)) ConfirmVolumesOfTables();
-    FinishFATVolumes();
-    PlaceNTFS();
+    ForEachWanted([&](auto& driver) { driver::PartRecFinishVolumes(driver, FMain); });
     PartRecDoAfterAnalyse();
     FDrives.UpdateSubDrivesCaptions(FMain);
   }
 
  private:
   TDriveInfo& Drive(int number) { return FDrives.List[static_cast<std::size_t>(number)]; }
-  bool Wants(TPartRecSystem system) const { return FEngine.PartRecSystems.Has(system); }
+  /// Every driver whose family is searched for.
+  template <typename TCallable>
+  void ForEachWanted(TCallable&& callable) {
+    ForEachDriver(FEngine, [&](auto& driver) {
+      if (FEngine.PartRecSystems.Has(std::remove_reference_t<decltype(driver)>::Family)) callable(driver);
+    });
+  }
 
   /// The first sector from the given one on that holds something that reads, or that a rule asks for by
   /// its number.
@@ -113,16 +118,11 @@ class TPartitionSearch {
 
   /// False when the search was stopped.
   bool WalkBlock(std::span<const std::uint8_t> buffer, std::int64_t first, std::int64_t count) {
+    ForEachWanted([&](auto& driver) { driver::PartRecAnalyseSectors(driver, buffer, FMain, first); });
     for (std::int64_t i = 0; i < count; ++i) {
       const auto start = static_cast<std::size_t>(i * FSectorSize);
       FLastSector = first + i;
-      if (Wants(TPartRecSystem::FAT) || Wants(TPartRecSystem::NTFS)) {
-        FDrives.PartRecCheckForExistPartition(FMain, first + i);
-        if (Wants(TPartRecSystem::NTFS)) FLostNTFS.NoteSector(buffer.subspan(start), first + i);
-        CheckForNewPartition(buffer.subspan(start), first + i);
-        FDrives.PartRecCheckSubDrivesForEnd(first + i, false);
-      }
-      if (Wants(TPartRecSystem::FAT)) FEngine.FAT().PartRecAnalyseForNewDrive(buffer, start, FMain, first + i);
+      if (FVolumes) LookForVolumes(buffer, start, first + i);
       if (FDeep) FEngine.AllFS().DeepAnalyseSystem(buffer, start, first + i);
       if (!FeedSubDrives(buffer, start, first + i)) return false;
       FEngine.Pump();
@@ -131,65 +131,39 @@ class TPartitionSearch {
     return true;
   }
 
+  void LookForVolumes(std::span<const std::uint8_t> buffer, std::size_t start, std::int64_t sector) {
+    const auto bytes = buffer.subspan(start);
+    FDrives.PartRecCheckForExistPartition(FMain, sector);
+    ForEachWanted([&](auto& driver) { driver::PartRecNoteSector(driver, bytes, FMain, sector); });
+    CheckForNewPartition(bytes, sector);
+    FDrives.PartRecCheckSubDrivesForEnd(sector, false);
+    ForEachWanted([&](auto& driver) { driver::PartRecAnalyseForNewDrive(driver, buffer, start, FMain, sector); });
+  }
+
   void CheckForNewPartition(std::span<const std::uint8_t> bytes, std::int64_t sector) {
     if (!FDrives.PartRecCheckForNewPartition(FMain, sector, bytes)) return;
-    // The copy at the end of a volume whose own boot sector is gone: all its records went by before.
+    // The copy at the end of a volume whose own boot sector is gone: all that would confirm it went by before.
     const TDriveInfo& found = FDrives.PartRecInfo.FoundDrives.back();
-    if (found.FileSystem != TFileSystem::fsNTFS || found.FirstSector >= FFirst + sector) return;
-    ConfirmNTFS(static_cast<int>(FDrives.PartRecInfo.FoundDrives.size()) - 1);
-  }
-
-  /// Takes a found boot sector at its word: the volume is analysed as a whole. False when there are
-  /// too many volumes already.
-  bool ConfirmNTFS(int found) {
-    const int target = FDrives.PartRecAddSubdrive(FMain, TFileSystem::fsNTFS);
-    if (target < 0) return false;
-    FDrives.PartRecApplyFoundDriveInfoToDrive(target, found);
-    NTFSInfo(Drive(target)).CanBeTruncated = false;
-    FEngine.NTFS().PartRecDriveAdded(target);
-    FConfirmed.push_back(target);
-    return true;
-  }
-
-  /// Records that went by before their volume was known, or whose volume has no boot sector.
-  void PlaceNTFS() {
-    if (!Wants(TPartRecSystem::NTFS)) return;
-    if (!FEngine.Analysing) {
-      FLostNTFS.PlaceCandidates();
-      return;
-    }
-    FLostNTFS.PlaceVolumes();
-  }
-
-  /// False for a sub-drive that has nothing but the file system's own files.
-  bool HoldsFiles(int sub) {
-    const TFileArray& list = FEngine.Files().List;
-    bool holds = !NTFSInfo(Drive(sub)).UnknownFirstClusterFiles.empty();
-    for (std::size_t i = 0; i < list.size() && !holds; ++i) {
-      const TFile& row = list[i];
-      holds = row.FileInfo.aDriveNumber == sub && row.ParentCluster != SpecialCluster::NTFSSystemData &&
-              row.FileInfo.FirstCluster != SpecialCluster::NTFSSystemData;
-    }
-    return holds;
+    if (found.FirstSector + found.SectorsCount > FFirst + sector) return;
+    Confirm(static_cast<int>(FDrives.PartRecInfo.FoundDrives.size()) - 1);
   }
 
   /// The sector for each open sub-drive. False when the search was stopped.
   bool FeedSubDrives(std::span<const std::uint8_t> buffer, std::size_t start, std::int64_t sector) {
-    bool canCheckNewDrive = true;
+    TPartRecSystems fed;
     // By position: sub-drives come in while this goes on.
     for (std::size_t i = 0; i < Drive(FMain).SubDrives.size(); ++i) {
       const int sub = Drive(FMain).SubDrives[i];
       const TDriveInfo& drive = Drive(sub);
       const std::int64_t relative = FFirst + sector - drive.FirstSector;
       if (!drive.CanBeAnalysed || relative < 0 || relative >= drive.SectorsCount) continue;
-      if (IsFAT(drive.FileSystem)) {
-        FEngine.FAT().PartRecAnalyseSector(buffer, start, sub, relative);
-      } else if (drive.FileSystem == TFileSystem::fsNTFS) {
-        FEngine.NTFS().PartRecAnalyseSector(buffer, start, sub, relative, canCheckNewDrive);
-        canCheckNewDrive = false;
-      } else {
-        continue;
-      }
+      const auto feed = [&](auto& driver) {
+        constexpr TPartRecSystem family = std::remove_reference_t<decltype(driver)>::Family;
+        const bool first = !fed.Has(family);
+        fed.Add(family);
+        return driver::PartRecAnalyseSector(driver, buffer, start, sub, relative, first);
+      };
+      if (!WithDriver(FEngine, drive.FileSystem, feed, false)) continue;
       FEngine.Pump();
       if (!FEngine.Analysing) return false;
     }
@@ -201,77 +175,43 @@ class TPartitionSearch {
   void ConfirmSoundVolumes() {
     const auto& found = FDrives.PartRecInfo.FoundDrives;
     for (std::size_t i = 0; i < found.size();) {
-      const bool confirmed = IsSound(found[i]) && !IsCovered(found[i]) && Confirm(static_cast<int>(i));
+      const bool confirmed =
+          IsSound(found[i]) && !FDrives.PartRecIsTaken(FMain, found[i]) && Confirm(static_cast<int>(i));
       if (!confirmed) ++i;
     }
   }
 
-  /// Volumes of a sound source do not overlap: a crafted one must not have the same place searched for each.
-  void FinishFATVolumes() {
-    constexpr std::int64_t mostTimes = 4;
-    std::int64_t searched = 0;
-    for (const int sub : Drive(FMain).SubDrives) {
-      if (!IsFAT(Drive(sub).FileSystem) || !FATInfo(Drive(sub)).Walk) continue;
-      searched += Drive(sub).SectorsCount;
-      FEngine.FAT().PartRecFinishVolume(sub, searched <= mostTimes * FSectors);
-    }
-  }
-
-  /// FAT volumes without a boot sector of which too few folders were met to be sure.
-  void ConfirmVolumesOfTables() {
-    const auto isFree = [this](const TDriveInfo& volume) { return !IsCovered(volume); };
-    int count = FEngine.FAT().PartRecAddTableVolumes(FMain, isFree);
-    for (; count > 0; --count) {
-      const int target =
-          FDrives.PartRecDriveForFound(FMain, static_cast<int>(FDrives.PartRecInfo.FoundDrives.size()) - 1);
-      FEngine.FAT().PartRecAnalyseVolume(target, true);
-    }
-  }
-
   bool IsSound(const TDriveInfo& volume) {
-    constexpr std::int64_t copyOfFAT32 = 6;  // sectors behind the start
     TByteDynArray boot(static_cast<std::size_t>(FSectorSize));
-    for (const std::int64_t at : {std::int64_t{0}, IsFAT(volume.FileSystem) ? copyOfFAT32 : volume.SectorsCount}) {
+    TInt64DynArray places{SuperblockAt(volume.FileSystem) / FSectorSize};
+    for (const std::int64_t copy : FamilyOf(volume.FileSystem)->CopySectors) {
+      places.push_back(copy == AfterVolume ? volume.SectorsCount : copy);
+    }
+    return std::any_of(places.begin(), places.end(), [&](std::int64_t at) {
       TFileSystem system = TFileSystem::fsUnknown;
       const bool read = FEngine.Reader().ReadDriveSectors(volume, boot.data(), volume.FirstSector + at, 1) != 0;
       const bool isBoot = read && FDrives.IsPartition(boot, 0, false, system, static_cast<int>(FSectorSize));
-      if (isBoot && FEngine.IsVolumeSound(volume, boot)) return true;
-    }
-    return false;
+      return isBoot && FEngine.Drivers().IsVolumeSound(volume, boot, false);
+    });
   }
 
   /// The found boot sector goes over to a sub-drive; false when there are too many.
   bool Confirm(int found) {
     const TFileSystem system = FDrives.PartRecInfo.FoundDrives[static_cast<std::size_t>(found)].FileSystem;
-    if (system == TFileSystem::fsNTFS) return ConfirmNTFS(found);
-    const int target = FDrives.PartRecDriveForFound(FMain, found);
-    if (target < 0) return false;
-    FEngine.FAT().PartRecAnalyseVolume(target);
-    FConfirmed.push_back(target);
-    return true;
-  }
-
-  /// True for a volume that lies inside one that was confirmed: an image in a file, say.
-  bool IsCovered(const TDriveInfo& volume) {
-    const TIntegerDynArray& subs = Drive(FMain).SubDrives;
-    return std::any_of(subs.begin(), subs.end(), [&](int sub) {
-      const TDriveInfo& drive = Drive(sub);
-      const bool whole = drive.FirstSector == FFirst && drive.SectorsCount == FSectors && !FATInfo(drive).Walk;
-      return !FDrives.IsEmpty(sub) && !whole && volume.FirstSector >= drive.FirstSector &&
-             volume.FirstSector < drive.FirstSector + drive.SectorsCount;
-    });
+    const auto confirm = [&](auto& driver) { return driver::PartRecConfirm(driver, FDrives, FMain, found); };
+    const int target = WithDriver(FEngine, system, confirm, -1);
+    if (target >= 0) FConfirmed.push_back(target);
+    return target >= 0;
   }
 
   void PartRecDoAfterAnalyse() {
     const TIntegerDynArray subs = Drive(FMain).SubDrives;
     for (auto sub = subs.rbegin(); sub != subs.rend(); ++sub) {
       const bool confirmed = std::find(FConfirmed.begin(), FConfirmed.end(), *sub) != FConfirmed.end();
-      // Of a candidate for NTFS, the system's files alone (a mirror left behind) make no volume.
-      const bool candidate = TLostNTFS::IsCandidate(Drive(*sub));
-      const bool empty = candidate ? !HoldsFiles(*sub) : FDrives.IsEmpty(*sub);
-      if (empty && !confirmed) FDrives.Delete(*sub);
+      const auto keep = [&](auto& driver) { return driver::PartRecIsWorthKeeping(driver, FDrives, *sub); };
+      if (!confirmed && !WithDriver(FEngine, Drive(*sub).FileSystem, keep, false)) FDrives.Delete(*sub);
     }
-    if (Wants(TPartRecSystem::NTFS)) FEngine.NTFS().PartRecDoAfterAnalyse(FMain);
+    ForEachWanted([&](auto& driver) { driver::PartRecDoAfterAnalyse(driver, FMain); });
     if (Drive(FMain).SubDrives.empty()) return;
     if (IsOnlyVolume()) {
       MergeOnlyVolume();
@@ -284,7 +224,11 @@ class TPartitionSearch {
   }
 
   void Finish(int number) {
-    if (Drive(number).FileSystem == TFileSystem::fsNTFS) FEngine.NTFS().DoAfterAnalyse(Drive(number));
+    const auto finish = [&](auto& driver) {
+      driver::DoAfterAnalyse(driver, Drive(number));
+      return true;
+    };
+    WithDriver(FEngine, Drive(number).FileSystem, finish, false);
     FEngine.Files().DoAfterAnalyse(number);
   }
 
@@ -315,7 +259,7 @@ class TPartitionSearch {
   std::int64_t FFirst;
   std::int64_t FSectors;
   bool FDeep;
-  TLostNTFS FLostNTFS;
+  bool FVolumes;
   std::int64_t FLastSector = 0;
   TIntegerDynArray FConfirmed;  // by more than records and folders: they stay though they are empty
 };

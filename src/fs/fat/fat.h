@@ -11,6 +11,7 @@
 #include <span>
 
 #include "core/drive_records.h"
+#include "core/driver_calls.h"
 #include "core/file_records.h"
 #include "core/types.h"
 #include "fs/fat/fat_entry.h"
@@ -33,6 +34,8 @@ enum class TLostFolderSearch {
 
 class TFAT {
  public:
+  static constexpr TPartRecSystem Family = TPartRecSystem::FAT;
+
   explicit TFAT(TEngine& engine) : FEngine(engine) {}
 
   TLostFolderSearch LostFolderSearch = TLostFolderSearch::WhenNeeded;
@@ -42,14 +45,19 @@ class TFAT {
   // ---- recognition ----
   bool IsPartition(std::span<const std::uint8_t> buffer, std::size_t start) const;
   TFileSystem GetFileSystem(std::span<const std::uint8_t> buffer, std::size_t start) const;
-  /// True when the sixth sector after the first of `head` holds the copy of a FAT32 boot sector.
-  bool IsBackupBootSector(std::span<const std::uint8_t> head, int bytesPerSector) const;
+  /// FAT32 by the copy of its boot sector, six sectors after the first.
+  TCopyFound RecogniseByCopy(const TDriveInfo& drive, std::span<const std::uint8_t> head, int bytesPerSector);
   /// Takes the length from a boot sector; one that is FAT32's copy leads back to the volume's start.
   bool SetVolumeBounds(TDriveInfo& volume, std::span<const std::uint8_t> boot);
   /// True when one of the allocation tables begins as the boot sector says.
   bool IsVolumeSound(const TDriveInfo& volume, std::span<const std::uint8_t> boot);
   /// True when the root folder begins with entries as they must be, at least one, and nothing else.
-  bool HasSoundRoot(const TDriveInfo& volume);
+  bool HoldsFolders(const TDriveInfo& volume);
+  /// What looks like a boot sector so close to a known volume, on either side, is a copy.
+  static bool IsCopyOf(const TDriveInfo& volume, const TDriveInfo& known);
+  static std::int64_t AllocationUnit(const TDriveInfo& drive) {
+    return std::int64_t{FATInfo(drive).SectorsPerCluster} * drive.BytesPerSector;
+  }
   /// Reads the boot sector or its copy and fills `FATInfo`; `fillTable` asks for the table too.
   bool GetDriveInfo(TDriveInfo& drive, bool fillTable);
   /// Loads table number `fatNumber` (from 0); sectors that cannot be read come from the table after it.
@@ -81,7 +89,12 @@ class TFAT {
   TPlaceSource PlaceOf(const TFile& file) const;
 
   // ---- partition search ----
-  void PartRecDoBeforeAnalyse();
+  void PartRecDoBeforeAnalyse(int /*parentDrive*/) { FTables.Clear(); }
+  void PartRecClear() { FTables.Clear(); }
+  /// The width that is likely on a drive of the size.
+  TFileSystem PartRecCandidate(const TDriveInfo& parentDrive) const;
+  static bool PartRecAccepts(const TDriveInfo& volume, std::span<const std::uint8_t> boot);
+  static bool PartRecIsAnalysed(const TDriveInfo& drive) { return FATInfo(drive).Walk != nullptr; }
   void PartRecAnalyseSector(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
                             std::int64_t sectorNumber);
   void PartRecAnalyseForNewDrive(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
@@ -92,13 +105,13 @@ class TFAT {
   /// Analyses a volume whose geometry is known from its root. What the search meets later adds folders
   /// that nothing leads to. `byTables`: it has no boot sector to read.
   void PartRecAnalyseVolume(int driveNumber, bool byTables = false);
-  /// The pass is over. With `lostFolders` those of such a volume, as an analysis of it alone looks for them.
-  void PartRecFinishVolume(int driveNumber, bool lostFolders);
-  /// Volumes that only their tables and fewer than two folders speak for, as `FoundDrives`. `isFree`
-  /// tells whether no other volume lies there. Returns their count.
-  int PartRecAddTableVolumes(int driveNumber, const std::function<bool(const TDriveInfo&)>& isFree);
+  int PartRecConfirm(int parentDrive, int found);
+  /// The pass is over: adds volumes without a boot sector of which too few folders were met to be sure, and
+  /// looks for lost folders on all that were analysed as a whole.
+  void PartRecFinishVolumes(int parentDrive);
 
  private:
+  bool IsBackupBootSector(std::span<const std::uint8_t> head, int bytesPerSector) const;
   bool IsTableStart(const TDriveInfo& volume, std::span<const std::uint8_t> boot, std::int64_t sector);
   bool ReadBootSector(TDriveInfo& drive, std::int64_t sector, bool fillTable);
   void ReadVolumeName(TDriveInfo& drive, std::span<const std::uint8_t> boot);
@@ -113,6 +126,9 @@ class TFAT {
   void AddCandidateBySpace(TDriveInfo& drive, TFileInfo& file);
   void LoadTable(TDriveInfo& drive);
   bool ReadRootLabel(TDriveInfo& drive);
+  int AddTableVolumes(int driveNumber);
+  void ConfirmVolumesOfTables(int parentDrive);
+  void FinishVolume(int driveNumber, bool lostFolders);
   bool IsKnownTable(int driveNumber, const fat::TTablePair& pair) const;
   TDriveInfo VolumeOfTables(int driveNumber, const fat::TTablePair& pair, int sectorsPerCluster) const;
   void AddFoundTables(int driveNumber, const fat::TTablePair& pair, int sectorsPerCluster, TPlaceSource source);

@@ -85,7 +85,23 @@ bool IsOneSector(TFATInfo& info, std::int64_t dataFirst) {
 
 }  // namespace
 
-void TFAT::PartRecDoBeforeAnalyse() { FTables.Clear(); }
+TFileSystem TFAT::PartRecCandidate(const TDriveInfo& parentDrive) const {
+  constexpr std::int64_t largestFAT16 = 2097152;  // KiB
+  if (TDrives::IsFloppy(parentDrive)) return TFileSystem::fsFAT12;
+  const std::int64_t size = parentDrive.SectorsCount * FEngine.Drives().GetBytesPerSector(parentDrive) / 1024;
+  return size == 0 || size > largestFAT16 ? TFileSystem::fsFAT32 : TFileSystem::fsFAT16;
+}
+
+/// One of the two fields for the count of sectors is used.
+bool TFAT::PartRecAccepts(const TDriveInfo& /*volume*/, std::span<const std::uint8_t> boot) {
+  return (ReadLe16(boot, TotalSectors16At) != 0) != (ReadLe32(boot, TotalSectors32At) != 0);
+}
+
+int TFAT::PartRecConfirm(int parentDrive, int found) {
+  const int target = FEngine.Drives().PartRecDriveForFound(parentDrive, found);
+  PartRecAnalyseVolume(target);
+  return target;
+}
 
 void TFAT::PartRecAnalyseSector(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
                                 std::int64_t sectorNumber) {
@@ -199,7 +215,32 @@ void TFAT::PartRecAnalyseVolume(int driveNumber, bool byTables) {
   walk.WalkWaiting(false);
 }
 
-void TFAT::PartRecFinishVolume(int driveNumber, bool lostFolders) {
+/// Volumes of a sound source do not overlap: a crafted one must not have the same place searched for each.
+void TFAT::PartRecFinishVolumes(int parentDrive) {
+  constexpr std::int64_t mostTimes = 4;
+  if (FEngine.Analysing) ConfirmVolumesOfTables(parentDrive);
+  const std::vector<TDriveInfo>& list = FEngine.Drives().List;
+  const TDriveInfo& main = list[static_cast<std::size_t>(parentDrive)];
+  std::int64_t searched = 0;
+  for (const int sub : main.SubDrives) {
+    const TDriveInfo& drive = list[static_cast<std::size_t>(sub)];
+    if (!IsFAT(drive.FileSystem) || !FATInfo(drive).Walk) continue;
+    searched += drive.SectorsCount;
+    FinishVolume(sub, searched <= mostTimes * main.SectorsCount);
+  }
+}
+
+/// FAT volumes without a boot sector of which too few folders were met to be sure.
+void TFAT::ConfirmVolumesOfTables(int parentDrive) {
+  TDrives& drives = FEngine.Drives();
+  for (int count = AddTableVolumes(parentDrive); count > 0; --count) {
+    const int last = static_cast<int>(drives.PartRecInfo.FoundDrives.size()) - 1;
+    PartRecAnalyseVolume(drives.PartRecDriveForFound(parentDrive, last), true);
+  }
+}
+
+/// With `lostFolders` those of such a volume, as an analysis of it alone looks for them.
+void TFAT::FinishVolume(int driveNumber, bool lostFolders) {
   if (FEngine.Drives().IsWrongNumber(driveNumber)) return;
   TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
   if (!IsFAT(drive.FileSystem) || !FATInfo(drive).Walk) return;
@@ -334,10 +375,11 @@ void TFAT::VoteByRootFiles(int driveNumber, TTablePair& pair) {
   }
 }
 
-int TFAT::PartRecAddTableVolumes(int driveNumber, const std::function<bool(const TDriveInfo&)>& isFree) {
+/// Volumes that only their tables and fewer than two folders speak for, as `FoundDrives`. Returns their count.
+int TFAT::AddTableVolumes(int driveNumber) {
   int added = 0;
   for (TTablePair& pair : FTables.Pairs) {
-    if (!isFree(VolumeOfTables(driveNumber, pair, 1))) continue;
+    if (FEngine.Drives().PartRecIsTaken(driveNumber, VolumeOfTables(driveNumber, pair, 1))) continue;
     VoteByRootFiles(driveNumber, pair);
     const int voted = pair.SectorsPerCluster();
     const TPlaceSource source = pair.MostVotes() >= 2 ? TPlaceSource::Stored : TPlaceSource::Estimated;

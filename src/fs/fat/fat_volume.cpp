@@ -70,6 +70,7 @@ TFileSystem TFAT::GetFileSystem(std::span<const std::uint8_t> buffer, std::size_
                     ReadLe16(boot, ReservedSectorsAt), tableSectors * tables, sectorsPerCluster);
 }
 
+/// True when the sixth sector after the first of `head` holds the copy of a FAT32 boot sector.
 bool TFAT::IsBackupBootSector(std::span<const std::uint8_t> head, int bytesPerSector) const {
   const std::size_t at = static_cast<std::size_t>(BackupBootSector) * static_cast<std::size_t>(bytesPerSector);
   if (!IsPartition(head, at)) return false;
@@ -85,6 +86,17 @@ bool TFAT::IsTableStart(const TDriveInfo& volume, std::span<const std::uint8_t> 
   if (FEngine.Reader().ReadDriveSectors(volume, table.data(), sector, 1) != table.size()) return false;
   const std::uint8_t media = boot[MediaAt];
   return table[0] == media && media >= 0xF0 && (table[1] == 0xFF || table[1] == 0x0F) && table[2] == 0xFF;
+}
+
+TCopyFound TFAT::RecogniseByCopy(const TDriveInfo& drive, std::span<const std::uint8_t> head, int bytesPerSector) {
+  if (!IsBackupBootSector(head, bytesPerSector)) return {};
+  const auto copy = head.subspan(static_cast<std::size_t>(BackupBootSector * bytesPerSector));
+  return {TFileSystem::fsFAT32, IsVolumeSound(drive, copy)};
+}
+
+bool TFAT::IsCopyOf(const TDriveInfo& volume, const TDriveInfo& known) {
+  constexpr std::int64_t reach = 31;  // sectors
+  return std::abs(volume.FirstSector - known.FirstSector) <= reach;
 }
 
 bool TFAT::SetVolumeBounds(TDriveInfo& volume, std::span<const std::uint8_t> boot) {
@@ -105,7 +117,7 @@ bool TFAT::IsVolumeSound(const TDriveInfo& volume, std::span<const std::uint8_t>
   return IsTableStart(volume, boot, table) || IsTableStart(volume, boot, table + size);
 }
 
-bool TFAT::HasSoundRoot(const TDriveInfo& volume) {
+bool TFAT::HoldsFolders(const TDriveInfo& volume) {
   constexpr std::uint8_t undefinedAttributes = 0xC0;
   TByteDynArray sector(static_cast<std::size_t>(FEngine.Drives().GetBytesPerSector(volume)));
   const std::int64_t root = volume.FirstSector + FATInfo(volume).RootDirFirstSector;

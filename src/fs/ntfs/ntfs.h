@@ -7,10 +7,12 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <span>
 #include <vector>
 
 #include "core/drive_records.h"
+#include "core/driver_calls.h"
 #include "core/file_records.h"
 #include "core/types.h"
 #include "fs/ntfs/ntfs_info.h"
@@ -23,6 +25,7 @@ class TEngine;
 struct TFileStream;
 namespace ntfs {
 struct TGeometry;
+class TLostVolumes;
 class TSearchTraces;
 struct TNTFSLogImage;
 
@@ -45,24 +48,28 @@ inline std::int64_t VolumeEnd(const TDriveInfo& drive) { return (drive.SectorsCo
 
 class TNTFS {
  public:
-  explicit TNTFS(TEngine& engine) : FEngine(engine) {}
+  static constexpr TPartRecSystem Family = TPartRecSystem::NTFS;
+
+  explicit TNTFS(TEngine& engine);
+  ~TNTFS();
 
   /// Asked before a file without a known record number is kept; unset means yes.
   std::function<bool(const TFileInfo&)> OnCanFileBeAddedToUFCF;
-  /// A partition search has confirmed a volume by the record at this sector: what ends before it can
-  /// be closed.
-  std::function<void(std::int64_t sectorNumber)> OnPartRecConfirmed;
 
   // ---- recognition ----
   bool IsPartition(std::span<const std::uint8_t> buffer, std::size_t start) const;
-  /// True when the last sector of the drive holds the copy of a boot sector of just this drive.
-  bool IsBackupAtEnd(const TDriveInfo& drive);
+  /// By the copy of a boot sector of just this drive in its last sector.
+  TCopyFound RecogniseByCopy(const TDriveInfo& drive, std::span<const std::uint8_t> head, int bytesPerSector);
   bool IsMFT(std::span<const std::uint8_t> buffer, std::size_t start) const { return ntfs::IsMFT(buffer, start); }
   /// Takes the length from a boot sector; where the table of records does not lie as it says, it may
   /// be the copy behind the volume's end, which leads back to the start.
   bool SetVolumeBounds(TDriveInfo& volume, std::span<const std::uint8_t> boot);
   /// True when a record begins where the boot sector sees the table or its mirror.
   bool IsVolumeSound(const TDriveInfo& volume, std::span<const std::uint8_t> boot);
+  /// True when the table of records is still there.
+  static bool HoldsFolders(const TDriveInfo& volume) { return NTFSInfo(volume).MFTRecordCount > 0; }
+  static std::int64_t AllocationUnit(const TDriveInfo& drive) { return ntfs::ClusterBytes(drive); }
+  static std::vector<TDriveProperty> Properties(const TDriveInfo& drive);
   /// Fills the volume fields from the boot sector or one of its copies. `forSubDrive` leaves the
   /// table of records alone.
   bool GetDriveInfo(TDriveInfo& drive, bool /*fillTable: it always is*/) { return GetDriveInfo(drive, true, false); }
@@ -104,6 +111,22 @@ class TNTFS {
   /// How it is known where the content lies. What lies in the record itself needs no geometry.
   TPlaceSource PlaceOf(const TFile& file);
   // ---- partition search ----
+  void PartRecDoBeforeAnalyse(int parentDrive);
+  void PartRecClear();
+  static TFileSystem PartRecCandidate(const TDriveInfo& /*parentDrive*/) { return TFileSystem::fsNTFS; }
+  static void PartRecSubdriveAdded(TDriveInfo& drive) { NTFSInfo(drive).CanBeTruncated = true; }
+  static bool PartRecCanBeTruncated(const TDriveInfo& drive) { return NTFSInfo(drive).CanBeTruncated; }
+  /// The length of a gap is not that of the volume: a boot sector may say it.
+  static void PartRecVolumeKnown(TDriveInfo& drive, bool isGap) {
+    if (isGap) drive.SectorsCount = 0;
+  }
+  static bool HasWaitingFiles(const TDriveInfo& drive) { return !NTFSInfo(drive).UnknownFirstClusterFiles.empty(); }
+  void PartRecNoteSector(std::span<const std::uint8_t> bytes, int parentDrive, std::int64_t sector);
+  int PartRecConfirm(int parentDrive, int found);
+  /// Records that went by before their volume was known, or whose volume has no boot sector.
+  void PartRecFinishVolumes(int parentDrive);
+  /// Of a candidate, the system's files alone (a mirror left behind) make no volume.
+  bool PartRecIsWorthKeeping(int driveNumber) const;
   /// Enters the records that begin in a sector, at any of its 512-byte slices.
   void PartRecAnalyseSector(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
                             std::int64_t sectorNumber, bool canCheckNewDrive);
@@ -154,6 +177,7 @@ class TNTFS {
   struct TStream;
 
   // Volume.
+  bool IsBackupAtEnd(const TDriveInfo& drive);
   bool ReadBootSector(TDriveInfo& drive, std::int64_t sector, bool getFreeSize, bool forSubDrive);
   /// Clusters of the volume that its device really has.
   std::int64_t BackedClusters(const TDriveInfo& drive) const;
@@ -235,8 +259,10 @@ class TNTFS {
   TParsed FParsed;
   /// Where indexes of folders lie, in an analysis; their free room may name folders that are gone.
   ntfs::TRuns FIndexes;
-  std::int64_t FLastSector = 0;         // of the last record whose number was known, in a partition search
-  std::int64_t FLastSystemSector = -1;  // of the device, of the last record of a system file, in one too
+  std::int64_t FLastSector = 0;                      // of the last record whose number was known, in a partition search
+  bool LastNTFSFileIsSystem = false;                 // the record before was of a system file, in one too
+  std::int64_t FLastSystemSector = -1;               // of the device, of the last record of a system file, in one too
+  std::unique_ptr<ntfs::TLostVolumes> FLostVolumes;  // during a partition search
 };
 
 }  // namespace brenlow

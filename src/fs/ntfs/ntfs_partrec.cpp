@@ -10,6 +10,7 @@
 #include "core/numbers.h"
 #include "core/text.h"
 #include "fs/ntfs/ntfs.h"
+#include "fs/ntfs/ntfs_lost_volumes.h"
 #include "fs/ntfs/ntfs_traces.h"
 #include "table/files.h"
 
@@ -35,6 +36,51 @@ std::int64_t SectorOfRecord(const TDriveInfo& drive, std::int64_t number) {
 }
 
 }  // namespace
+
+TNTFS::TNTFS(TEngine& engine) : FEngine(engine) {}
+TNTFS::~TNTFS() = default;
+
+void TNTFS::PartRecDoBeforeAnalyse(int parentDrive) {
+  LastNTFSFileIsSystem = false;
+  FLostVolumes = std::make_unique<TLostVolumes>(FEngine, parentDrive);
+}
+
+void TNTFS::PartRecClear() { FLostVolumes.reset(); }
+
+void TNTFS::PartRecNoteSector(std::span<const std::uint8_t> bytes, int /*parentDrive*/, std::int64_t sector) {
+  FLostVolumes->NoteSector(bytes, sector);
+}
+
+int TNTFS::PartRecConfirm(int parentDrive, int found) {
+  TDrives& drives = FEngine.Drives();
+  const int target = drives.PartRecAddSubdrive(parentDrive, TFileSystem::fsNTFS);
+  if (target < 0) return -1;
+  drives.PartRecApplyFoundDriveInfoToDrive(target, found);
+  NTFSInfo(drives.List[static_cast<std::size_t>(target)]).CanBeTruncated = false;
+  PartRecDriveAdded(target);
+  return target;
+}
+
+void TNTFS::PartRecFinishVolumes(int /*parentDrive*/) {
+  if (FEngine.Analysing) {
+    FLostVolumes->PlaceVolumes();
+  } else {
+    FLostVolumes->PlaceCandidates();
+  }
+}
+
+bool TNTFS::PartRecIsWorthKeeping(int driveNumber) const {
+  const TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(driveNumber)];
+  if (!TLostVolumes::IsCandidate(drive)) return !FEngine.Drives().IsEmpty(driveNumber);
+  const TFileArray& list = FEngine.Files().List;
+  bool holds = !NTFSInfo(drive).UnknownFirstClusterFiles.empty();
+  for (std::size_t i = 0; i < list.size() && !holds; ++i) {
+    const TFile& row = list[i];
+    holds = row.FileInfo.aDriveNumber == driveNumber && row.ParentCluster != SpecialCluster::NTFSSystemData &&
+            row.FileInfo.FirstCluster != SpecialCluster::NTFSSystemData;
+  }
+  return holds;
+}
 
 void TNTFS::PartRecAnalyseSector(std::span<const std::uint8_t> buffer, std::size_t start, int driveNumber,
                                  std::int64_t sectorNumber, bool canCheckNewDrive) {
@@ -68,8 +114,8 @@ TNTFS::TNewDrive TNTFS::CheckNewDrive(std::span<const std::uint8_t> buffer, std:
   const std::int64_t absolute = current.FirstSector + sectorNumber;
   // System files of another volume, whose mirror may come just before, are another run.
   const bool goesOn = FLastSystemSector >= 0 && absolute == FLastSystemSector + RecordSectors(current);
-  const bool wasSystem = search.LastNTFSFileIsSystem && goesOn;
-  search.LastNTFSFileIsSystem = number >= 0;
+  const bool wasSystem = LastNTFSFileIsSystem && goesOn;
+  LastNTFSFileIsSystem = number >= 0;
   if (number >= 0) FLastSystemSector = absolute;
   if (wasSystem || number < 0) return TNewDrive::None;
   for (std::size_t i = 0; i < search.FoundDrives.size(); ++i) {
@@ -79,7 +125,7 @@ TNTFS::TNewDrive TNTFS::CheckNewDrive(std::span<const std::uint8_t> buffer, std:
     const int target = drives.PartRecDriveForFound(search.MainDrive, static_cast<int>(i));
     if (target < 0) return TNewDrive::None;
     NTFSInfo(drives.List[static_cast<std::size_t>(target)]).CanBeTruncated = false;
-    if (OnPartRecConfirmed) OnPartRecConfirmed(sectorNumber);
+    drives.PartRecCheckSubDrivesForEnd(sectorNumber, true);
     PartRecDriveAdded(target);
     if (target != driveNumber) return TNewDrive::Analysed;
     const TDriveInfo& drive = drives.List[static_cast<std::size_t>(driveNumber)];
@@ -169,7 +215,7 @@ void TNTFS::PartRecPlaceVolume(TDriveInfo& drive, const TGeometry& geometry, con
   info.SectorsPerCluster = geometry.SectorsPerCluster;
   info.MFTRecordSize = geometry.MFTRecordSize > 0 ? geometry.MFTRecordSize : traces.MFTRecordSize();
   if (info.MFTRecordSize == 0) info.MFTRecordSize = UsualRecordSize;
-  TDrives::SetDefaultInfo(drive);
+  FEngine.Drives().SetDefaultInfo(drive);
   // The record of the table that was met, or its copy in the mirror, when its runs lead to records.
   PartRecTakeTable(drive, traces);
   const std::vector<TMFTRun> met = info.MFTStructure;

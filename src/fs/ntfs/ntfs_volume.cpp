@@ -6,6 +6,7 @@
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/extent_reader.h"
+#include "core/language.h"
 #include "core/numbers.h"
 #include "core/sector_reader.h"
 #include "core/text.h"
@@ -55,6 +56,7 @@ bool TNTFS::IsPartition(std::span<const std::uint8_t> buffer, std::size_t start)
          std::all_of(&boot[0x0E], &boot[0x15], [](std::uint8_t c) { return c == 0; });
 }
 
+/// True when the last sector of the drive holds the copy of a boot sector of just this drive.
 bool TNTFS::IsBackupAtEnd(const TDriveInfo& drive) {
   const int bytesPerSector = FEngine.Drives().GetBytesPerSector(drive);
   TByteDynArray sector(static_cast<std::size_t>(bytesPerSector));
@@ -97,6 +99,19 @@ bool TNTFS::IsVolumeSound(const TDriveInfo& volume, std::span<const std::uint8_t
     return HasRecordOfRun(volume, sector, records);
   };
   return has(0x30, systemRecords) || has(0x38, mirroredRecords);
+}
+
+TCopyFound TNTFS::RecogniseByCopy(const TDriveInfo& drive, std::span<const std::uint8_t> /*head*/, int bytesPerSector) {
+  if (!IsBackupAtEnd(drive)) return {};
+  TByteDynArray copy(static_cast<std::size_t>(bytesPerSector));
+  FEngine.Reader().ReadDriveSectors(drive, copy.data(), drive.FirstSector + drive.SectorsCount - 1, 1);
+  return {TFileSystem::fsNTFS, IsVolumeSound(drive, copy)};
+}
+
+std::vector<TDriveProperty> TNTFS::Properties(const TDriveInfo& drive) {
+  const TNTFSInfo& info = NTFSInfo(drive);
+  return {{TText::InfoRecordSize, "record_size", info.MFTRecordSize, true},
+          {TText::InfoRecords, "records", info.MFTRecordCount, false}};
 }
 
 bool TNTFS::SetVolumeBounds(TDriveInfo& volume, std::span<const std::uint8_t> boot) {

@@ -17,6 +17,7 @@
 #include <QVBoxLayout>
 
 #include "core/drives.h"
+#include "core/families.h"
 #include "core/language.h"
 #include "shell/desk.h"
 #include "shell/desktop/icons.h"
@@ -26,22 +27,8 @@
 namespace brenlow::desktop {
 namespace {
 
-struct TSystemBox {
-  const char* Caption;
-  TPartRecSystem System;
-};
-// The systems that there are drivers for.
-constexpr TSystemBox SystemBoxes[] = {{"NTFS", TPartRecSystem::NTFS}, {"FAT", TPartRecSystem::FAT}};
-
-TFileSystems FileSystemsOf(const TPartRecSystems& chosen) {
-  TFileSystems systems;
-  if (chosen.Has(TPartRecSystem::NTFS)) systems.Add(TFileSystem::fsNTFS);
-  if (!chosen.Has(TPartRecSystem::FAT)) return systems;
-  for (const TFileSystem system : {TFileSystem::fsFAT12, TFileSystem::fsFAT16, TFileSystem::fsFAT32}) {
-    systems.Add(system);
-  }
-  return systems;
-}
+/// A search looks for the first families of the table unless told otherwise.
+bool IsCheckedAtFirst(const TFamily& family) { return &family - Families().data() < 3; }
 
 }  // namespace
 
@@ -86,12 +73,14 @@ QWidget* TfFindPartitions::MakeOptions(int drive) {
 
   auto* systems = new QGroupBox(Caption(TText::FindPartitionsSystems), page);
   auto* grid = new QGridLayout(systems);
-  for (const TSystemBox& box : SystemBoxes) {
-    auto* check = new QCheckBox(QLatin1String(box.Caption), systems);
-    check->setChecked(true);
+  for (const TFamily& family : Families()) {
+    if (!ServedFamilies().Has(family.Bit)) continue;
+    const auto caption = static_cast<int>(family.Caption.size());
+    auto* check = new QCheckBox(QLatin1String(family.Caption.data(), caption), systems);
+    check->setChecked(IsCheckedAtFirst(family));
     const int at = static_cast<int>(FSystems.size());
     grid->addWidget(check, at / 4, at % 4);
-    FSystems.emplace_back(check, box.System);
+    FSystems.emplace_back(check, family.Bit);
   }
   layout->addWidget(systems);
 
@@ -151,7 +140,7 @@ void TfFindPartitions::Search() {
   const QPointer<TfFindPartitions> self(this);
   if (FThorough->isChecked()) {
     // With all boxes clear every system counts.
-    if (chosen.Empty()) chosen = {TPartRecSystem::NTFS, TPartRecSystem::FAT};
+    if (chosen.Empty()) chosen = ServedFamilies();
     FDesk.Do([&desk = FDesk, drive, chosen, self](TCommands& commands) {
       commands.ScanForPartitions(drive, chosen);
       desk.ForDrives(
@@ -164,7 +153,7 @@ void TfFindPartitions::Search() {
     });
     return;
   }
-  FDesk.Do([&desk = FDesk, drive, first = FRange->First(), count = FRange->Count(), systems = FileSystemsOf(chosen),
+  FDesk.Do([&desk = FDesk, drive, first = FRange->First(), count = FRange->Count(), systems = SystemsOf(chosen),
             self](TCommands& commands) {
     desk.WatchFound([self](const TDriveSnapshot& volume) {
       if (self != nullptr) self->AddFound(volume);

@@ -472,12 +472,11 @@ TEST_CASE("NTFS: a record where a found boot sector expects it confirms the volu
   engine.Drives().PartRecInfo.MainDrive = number;
   engine.Drives().PartRecInfo.FoundDrives = {elsewhere, found};
   const int sub = engine.Drives().PartRecAddSubdrive(number, TFileSystem::fsNTFS);
-  std::int64_t confirmed = -1;
-  engine.NTFS().OnPartRecConfirmed = [&](std::int64_t sector) { confirmed = sector; };
+  const int candidate = engine.Drives().PartRecAddSubdrive(number, TFileSystem::fsNTFS);
   const std::int64_t sector = start + 4 * 8;  // record 0
   engine.NTFS().PartRecAnalyseSector(std::span(disk).subspan(static_cast<std::size_t>(sector) * 512, 1024), 0, sub,
                                      sector, true);
-  CHECK(confirmed == sector);
+  CHECK_FALSE(DriveOf(engine, candidate).CanBeAnalysed);  // no other volume's records are to go there
   CHECK(DriveOf(engine, sub).FirstSector == start);
   CHECK(engine.Drives().PartRecInfo.FoundDrives.size() == 1);
   const auto truth = LoadTruth("lab-ntfs.truth.tsv");

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "analysis/search/lost_ntfs.h"
+#include "fs/ntfs/ntfs_lost_volumes.h"
 
 #include <algorithm>
 
@@ -8,9 +8,7 @@
 #include "fs/ntfs/ntfs.h"
 #include "table/files.h"
 
-namespace brenlow {
-
-using ntfs::TGeometry;
+namespace brenlow::ntfs {
 
 namespace {
 
@@ -18,7 +16,7 @@ constexpr std::size_t MostNewTables = 256;  // each takes a look at all records 
 
 }  // namespace
 
-TLostNTFS::TLostNTFS(TEngine& engine, int mainDrive)
+TLostVolumes::TLostVolumes(TEngine& engine, int mainDrive)
     : FEngine(engine),
       FDrives(engine.Drives()),
       FMain(mainDrive),
@@ -26,22 +24,22 @@ TLostNTFS::TLostNTFS(TEngine& engine, int mainDrive)
       FSectors(Drive(mainDrive).SectorsCount),
       FSectorSize(engine.Drives().GetBytesPerSector(mainDrive)) {}
 
-TDriveInfo& TLostNTFS::Drive(int number) const { return FDrives.List[static_cast<std::size_t>(number)]; }
+TDriveInfo& TLostVolumes::Drive(int number) const { return FDrives.List[static_cast<std::size_t>(number)]; }
 
-void TLostNTFS::NoteSector(std::span<const std::uint8_t> bytes, std::int64_t sector) {
+void TLostVolumes::NoteSector(std::span<const std::uint8_t> bytes, std::int64_t sector) {
   FTraces.NoteSector(bytes, FFirst + sector, FSectorSize);
 }
 
-bool TLostNTFS::IsCandidate(const TDriveInfo& drive) {
+bool TLostVolumes::IsCandidate(const TDriveInfo& drive) {
   return drive.FileSystem == TFileSystem::fsNTFS &&
          (NTFSInfo(drive).CanBeTruncated || NTFSInfo(drive).SectorsPerCluster < 1);
 }
 
-bool TLostNTFS::IsConfirmed(int sub) const {
+bool TLostVolumes::IsConfirmed(int sub) const {
   return Drive(sub).FileSystem == TFileSystem::fsNTFS && !IsCandidate(Drive(sub));
 }
 
-std::vector<TGeometry> TLostNTFS::KnownGeometries() const {
+std::vector<TGeometry> TLostVolumes::KnownGeometries() const {
   std::vector<TGeometry> known;
   for (const int sub : Drive(FMain).SubDrives) {
     const TDriveInfo& drive = Drive(sub);
@@ -52,7 +50,7 @@ std::vector<TGeometry> TLostNTFS::KnownGeometries() const {
 }
 
 /// Where a volume of unknown length ends at the latest: with the drive, or where the next one begins.
-std::int64_t TLostNTFS::EndOf(std::int64_t firstSector, const std::vector<TGeometry>& volumes) const {
+std::int64_t TLostVolumes::EndOf(std::int64_t firstSector, const std::vector<TGeometry>& volumes) const {
   std::int64_t end = FFirst + FSectors;
   const auto consider = [&](std::int64_t start) {
     if (start > firstSector) end = std::min(end, start);
@@ -62,7 +60,7 @@ std::int64_t TLostNTFS::EndOf(std::int64_t firstSector, const std::vector<TGeome
   return end;
 }
 
-void TLostNTFS::PlaceVolumes() {
+void TLostVolumes::PlaceVolumes() {
   TIntegerDynArray withNewTable;
   const std::vector<TGeometry> volumes = FTraces.Volumes(KnownGeometries(), FFirst, FSectorSize);
   for (const TGeometry& volume : volumes) {
@@ -91,7 +89,7 @@ void TLostNTFS::PlaceVolumes() {
   ProbeCandidates();
 }
 
-void TLostNTFS::PlaceCandidates() {
+void TLostVolumes::PlaceCandidates() {
   const std::vector<TGeometry> volumes = FTraces.Volumes(KnownGeometries(), FFirst, FSectorSize);
   if (!volumes.empty()) {
     const TGeometry& best = volumes.front();
@@ -112,7 +110,7 @@ void TLostNTFS::PlaceCandidates() {
 }
 
 /// Records that nothing tells the volume of: as if it were all of the drive.
-void TLostNTFS::ProbeCandidates() {
+void TLostVolumes::ProbeCandidates() {
   for (const int sub : Drive(FMain).SubDrives) {
     TDriveInfo& drive = Drive(sub);
     if (!IsCandidate(drive) || NTFSInfo(drive).SectorsPerCluster > 0 || FDrives.IsEmpty(sub)) continue;
@@ -121,7 +119,7 @@ void TLostNTFS::ProbeCandidates() {
   }
 }
 
-std::vector<TLostNTFS::TVolume> TLostNTFS::ConfirmedVolumes() const {
+std::vector<TLostVolumes::TVolume> TLostVolumes::ConfirmedVolumes() const {
   std::vector<TVolume> volumes;
   for (const int sub : Drive(FMain).SubDrives) {
     const TDriveInfo& drive = Drive(sub);
@@ -134,7 +132,7 @@ std::vector<TLostNTFS::TVolume> TLostNTFS::ConfirmedVolumes() const {
 /// Takes the records of confirmed volumes out of the candidates, which met them before the volume was
 /// known, and those that were met of volumes that have a table only now. What is left of a candidate
 /// that holds nothing but system files goes too. The result is ordered by volume and place.
-std::vector<TLostNTFS::TMet> TLostNTFS::TakeFromCandidates(const TIntegerDynArray& withNewTable) {
+std::vector<TLostVolumes::TMet> TLostVolumes::TakeFromCandidates(const TIntegerDynArray& withNewTable) {
   const std::vector<TVolume> volumes = ConfirmedVolumes();
   std::vector<bool> gives(FDrives.List.size());
   for (const int sub : Drive(FMain).SubDrives) gives[static_cast<std::size_t>(sub)] = IsCandidate(Drive(sub));
@@ -167,4 +165,4 @@ std::vector<TLostNTFS::TMet> TLostNTFS::TakeFromCandidates(const TIntegerDynArra
   return met;
 }
 
-}  // namespace brenlow
+}  // namespace brenlow::ntfs

@@ -16,10 +16,12 @@ class TEngine;
 class TDrives;
 struct TDriveInfo;
 
-class TLostNTFS {
+namespace ntfs {
+
+class TLostVolumes {
  public:
   /// `mainDrive` is the drive under search.
-  TLostNTFS(TEngine& engine, int mainDrive);
+  TLostVolumes(TEngine& engine, int mainDrive);
 
   /// Takes note of a sector of the pass (counted from the drive's start); `bytes` may go on after it.
   void NoteSector(std::span<const std::uint8_t> bytes, std::int64_t sector);
@@ -47,8 +49,8 @@ class TLostNTFS {
 
   TDriveInfo& Drive(int number) const;
   bool IsConfirmed(int sub) const;
-  std::vector<ntfs::TGeometry> KnownGeometries() const;
-  std::int64_t EndOf(std::int64_t firstSector, const std::vector<ntfs::TGeometry>& volumes) const;
+  std::vector<TGeometry> KnownGeometries() const;
+  std::int64_t EndOf(std::int64_t firstSector, const std::vector<TGeometry>& volumes) const;
   std::vector<TVolume> ConfirmedVolumes() const;
   std::vector<TMet> TakeFromCandidates(const TIntegerDynArray& withNewTable);
   void ProbeCandidates();
@@ -59,7 +61,8 @@ class TLostNTFS {
   std::int64_t FFirst;
   std::int64_t FSectors;
   int FSectorSize;
-  ntfs::TSearchTraces FTraces;
+  TSearchTraces FTraces;
 };
 
+}  // namespace ntfs
 }  // namespace brenlow
