@@ -77,7 +77,8 @@ struct TFileInfo {
   bool blnFragmented : 1 = false;
   bool blnChecked : 1 = true;
   TFirstClusterInfo FirstClusterInfo = TFirstClusterInfo::fciNormal;
-  TPlaceSource Place = TPlaceSource::Stored;  ///< of this row; ask `PlaceOf` for the whole answer
+  TPlaceSource Place : 4 = TPlaceSource::Stored;  ///< of this row; ask `PlaceOf` for the whole answer
+  TFileKind Kind : 4 = TFileKind::Regular;        ///< of what is not a folder
 };
 
 /// One row of a file table. `ParentCluster` is the `FirstCluster` of the folder it lies in.

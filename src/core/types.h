@@ -146,6 +146,16 @@ enum class TPlaceSource : std::uint8_t {
   ByContent,  ///< where a file of this kind begins, whatever the file system says
 };
 
+/// What a file is, where its file system knows more than files and folders.
+enum class TFileKind : std::uint8_t {
+  Regular,
+  SymbolicLink,  ///< its content is the path that it leads to
+  Pipe,
+  CharacterDevice,
+  BlockDevice,
+  Socket,
+};
+
 /// Special values of `TFileInfo::FirstCluster` and `TFile::ParentCluster`.
 namespace SpecialCluster {
 inline constexpr std::int64_t Unselected = -1;

@@ -152,7 +152,7 @@ std::vector<std::string_view> Split(std::string_view table) {
 
 }  // namespace
 
-bool IsOfKind(TFileKind kind, TStringView name) {
+bool IsOfKind(TContentKind kind, TStringView name) {
   static const std::vector<std::string_view> tables[] = {
       Split(ArchiveExtensions),  Split(AudioExtensions), Split(DatabaseExtensions),
       Split(DocumentExtensions), Split(ImageExtensions), Split(VideoExtensions),
@@ -164,10 +164,11 @@ bool IsOfKind(TFileKind kind, TStringView name) {
 
 bool PassesKindFilter(const TFileFilter& filter, TStringView name) {
   if (filter.AllFiles) return true;
-  return (filter.Archive && IsOfKind(TFileKind::Archive, name)) || (filter.Audio && IsOfKind(TFileKind::Audio, name)) ||
-         (filter.Database && IsOfKind(TFileKind::Database, name)) ||
-         (filter.Document && IsOfKind(TFileKind::Document, name)) ||
-         (filter.Image && IsOfKind(TFileKind::Image, name)) || (filter.Video && IsOfKind(TFileKind::Video, name));
+  return (filter.Archive && IsOfKind(TContentKind::Archive, name)) ||
+         (filter.Audio && IsOfKind(TContentKind::Audio, name)) ||
+         (filter.Database && IsOfKind(TContentKind::Database, name)) ||
+         (filter.Document && IsOfKind(TContentKind::Document, name)) ||
+         (filter.Image && IsOfKind(TContentKind::Image, name)) || (filter.Video && IsOfKind(TContentKind::Video, name));
 }
 
 }  // namespace brenlow

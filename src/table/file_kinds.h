@@ -7,10 +7,10 @@
 
 namespace brenlow {
 
-enum class TFileKind { Archive, Audio, Database, Document, Image, Video };
+enum class TContentKind { Archive, Audio, Database, Document, Image, Video };
 
 /// True when the extension of `name` stands in the table of that kind.
-bool IsOfKind(TFileKind kind, TStringView name);
+bool IsOfKind(TContentKind kind, TStringView name);
 
 /// True when the filter wants all files or one of the kinds that the name belongs to.
 bool PassesKindFilter(const TFileFilter& filter, TStringView name);

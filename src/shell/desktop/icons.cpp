@@ -138,10 +138,13 @@ const char* NameOf(TEntryKind kind) {
 }
 
 const char* NameOfFile(TStringView name) {
-  constexpr std::pair<TFileKind, const char*> kinds[] = {
-      {TFileKind::Document, "x-office-document"}, {TFileKind::Image, "image-x-generic"},
-      {TFileKind::Audio, "audio-x-generic"},      {TFileKind::Video, "video-x-generic"},
-      {TFileKind::Archive, "package-x-generic"},  {TFileKind::Database, "application-vnd.oasis.opendocument.database"}};
+  constexpr std::pair<TContentKind, const char*> kinds[] = {
+      {TContentKind::Document, "x-office-document"},
+      {TContentKind::Image, "image-x-generic"},
+      {TContentKind::Audio, "audio-x-generic"},
+      {TContentKind::Video, "video-x-generic"},
+      {TContentKind::Archive, "package-x-generic"},
+      {TContentKind::Database, "application-vnd.oasis.opendocument.database"}};
   // Many extensions stand in several tables; the first that fits is what most people mean.
   for (const auto& [kind, icon] : kinds) {
     if (IsOfKind(kind, name)) return icon;
