@@ -18,7 +18,7 @@ TfAbout::TfAbout(const TLanguage& texts, QWidget* parent) : TForm("TfAbout", TTe
   icon->setPixmap(Icon("drive-harddisk").pixmap(64));
   icon->setAlignment(Qt::AlignHCenter);
   auto* text =
-      new QLabel(QStringLiteral("<h3>Brenlow Partition Recovery 4.0</h3>") +
+      new QLabel(QStringLiteral("<h3>Brenlow Partition Recovery " BRENLOW_VERSION "</h3>") +
                      Caption(TText::AboutText).toHtmlEscaped().replace(QLatin1Char('\n'), QStringLiteral("<br>")),
                  this);
   text->setTextFormat(Qt::RichText);

@@ -24,7 +24,7 @@ using namespace brenlow::desktop;
 
 constexpr std::chrono::seconds EndTime{3};  // that the engine has to answer in
 
-const QString InstanceName = QStringLiteral("Brenlow Partition Recovery 4.0 FileCommand");
+const QString InstanceName = QStringLiteral("Brenlow Partition Recovery " BRENLOW_VERSION " FileCommand");
 
 bool AsksFor(int argc, char** argv, std::string_view option) {
   return std::any_of(argv + std::min(argc, 1), argv + argc, [&](const char* argument) { return argument == option; });
@@ -79,7 +79,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   QApplication application(argc, argv);
-  QApplication::setApplicationName(QStringLiteral("Brenlow Partition Recovery 4.0"));
+  QApplication::setApplicationName(QStringLiteral("Brenlow Partition Recovery " BRENLOW_VERSION));
   QApplication::setDesktopFileName(QStringLiteral("brenlow"));
   const QString argument = Argument(QApplication::arguments());
   if (IsInArchive(program)) {

@@ -50,7 +50,7 @@ void OpenQuestion(TFormType* form, std::function<void(TAnswer)> answer) {
 TfMain::TfMain(TSettings& settings, TLanguage language, std::string languages)
     : FSettings(settings), FLanguage(std::move(language)), FLanguageFolder(std::move(languages)) {
   setObjectName(QStringLiteral("TfMain"));
-  setWindowTitle(QStringLiteral("Brenlow Partition Recovery 4.0"));
+  setWindowTitle(QStringLiteral("Brenlow Partition Recovery " BRENLOW_VERSION));
   setWindowIcon(Icon("drive-harddisk"));
   setAcceptDrops(true);
   FDesk = std::make_unique<TDesk>(settings, FLanguage, *this, [this](TDesk::TJob job) {
