@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 
 #include "core/device/device.h"
@@ -103,6 +104,35 @@ TEST_CASE("a failed open stays failed until another path is read or all is close
   CHECK(devices.Get(other) != nullptr);  // both stay open at once
   CHECK(devices.Get(late)->Size() == 1024);
   CHECK(OpenDevice(folder.Path()).Error == EISDIR);
+  // A file that took the name of an open one is seen once that was closed.
+  std::ofstream(PathFromText(other) + ".new") << std::string(2048, 'y');
+  std::filesystem::rename(PathFromText(other) + ".new", PathFromText(other));
+  CHECK(devices.Get(other)->Size() == 1024);
+  devices.Close(other);
+  CHECK(devices.Get(other)->Size() == 2048);
+  // A device of the program's own goes before the file of that name, and stays when all is closed.
+  devices.Insert(other, std::make_unique<TMemoryDevice>(TImage(512)));
+  CHECK(devices.Get(other)->Size() == 512);
+  devices.CloseAll();
+  CHECK(devices.Get(other)->Size() == 512);
+}
+
+TEST_CASE("what failed beyond the end of one drive is not held against another one in the same variable") {
+  TEngine engine;
+  auto device = std::make_unique<TMemoryDevice>(TImage(200 * 512));
+  device->BadSectors = {120};
+  engine.Devices().Insert(u"/two.img", std::move(device));
+  TDriveInfo drive;
+  drive.Drive = u"/two.img";
+  drive.BytesPerSector = 512;
+  drive.SectorsCount = 100;
+  TByteDynArray sector(512);
+  const auto read = [&](std::int64_t at) { return engine.Reader().ReadDriveSectors(drive, sector.data(), at, 1); };
+  CHECK(read(120) == 0);
+  CHECK(read(130) == 0);  // not asked for any more
+  drive.FirstSector = 50;
+  drive.SectorsCount = 50;
+  CHECK(read(130) == 512);
 }
 
 TEST_CASE("drive keys: short texts are numbers and letters, long ones paths") {
