@@ -10,6 +10,7 @@
 #include <fstream>
 #include <iterator>
 #include <random>
+#include <utility>
 
 #include "core/images/dsk_image.h"
 #include "core/images/image_file.h"
@@ -73,6 +74,29 @@ struct TSaved {
 };
 
 }  // namespace
+
+TEST_CASE("a stop of all scans ends an image, and two runs never write one image") {
+  TSaved t(Mixed(4000));
+  TImageResult second;
+  bool begun = false;
+  t.Engine.Drives().OnProgressChanged = [&](double position) {
+    if (position <= 0 || std::exchange(begun, true)) return;
+    TEngine other;
+    const TMounted source = Mount(other, Mixed(4000));
+    second = other.Drives().Save(source.Number, 0, 4000, t.Path, false, "");
+    t.Engine.StopScans();
+  };
+  const TImageResult first = t.Save(false);
+  CHECK(second.SystemError == EWOULDBLOCK);
+  CHECK(second.Path == t.Path + ".partial");
+  CHECK(first.Stopped);
+  CHECK(first.SystemError == 0);
+  CHECK_FALSE(fs::exists(t.Path));
+  CHECK(fs::exists(t.Path + ".partial"));
+  t.Engine.Drives().OnProgressChanged = nullptr;
+  CHECK_FALSE(t.Save(false).Stopped);
+  CHECK((FileBytes(t.Path) == Mixed(4000)));
+}
 
 TEST_CASE("images: raw and compressed ones read back as the source, names end in .dsk") {
   for (const std::size_t sectors : {std::size_t{384}, std::size_t{1000}}) {  // whole blocks, and a rest

@@ -2,6 +2,8 @@
 #include "core/images/image_writer.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -34,9 +36,31 @@ void PutLe(std::uint8_t* at, std::uint64_t value, int size) {
 
 std::string PartialName(const std::string& path) { return path + ".partial"; }
 
-/// The descriptor of the file that becomes the image, or -1 with errno.
-int OpenPartial(const std::string& path, int flags) {
-  return OpenOrCreate(AT_FDCWD, PartialName(path).c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | flags, 0666);
+/// True when the name still means the open file.
+bool HasName(const std::string& path, int file) {
+  struct stat named {
+  }, open{};
+  return ::lstat(path.c_str(), &named) == 0 && ::fstat(file, &open) == 0 && named.st_dev == open.st_dev &&
+         named.st_ino == open.st_ino;
+}
+
+/// The file that becomes the image, locked against other runs; -1 with errno, EWOULDBLOCK while another run writes it.
+/// With `isNew` it is empty.
+int OpenPartial(const std::string& path, bool isNew) {
+  constexpr int flags = O_RDWR | O_CLOEXEC | O_NOFOLLOW;
+  const std::string partial = PartialName(path);
+  const int file = OpenOrCreate(AT_FDCWD, partial.c_str(), flags, 0666);
+  if (file < 0) return -1;
+  int error = 0;
+  // Some file systems have no locks.
+  if (::flock(file, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) error = EWOULDBLOCK;
+  // A run that has just ended gave the file its name.
+  if (error == 0 && !HasName(partial, file)) error = EWOULDBLOCK;
+  if (error == 0 && isNew && ::ftruncate64(file, 0) != 0) error = errno;
+  if (error == 0) return file;
+  ::close(file);
+  errno = error;
+  return -1;
 }
 
 }  // namespace
@@ -99,7 +123,7 @@ TImageResult TImageWriter::WriteRaw(const std::string& path, const std::string& 
     if (refused.SystemError != 0) return refused;
     FEngine.Reader().ForgetFaults();
   }
-  const int file = OpenPartial(path, resumes ? 0 : O_TRUNC);
+  const int file = OpenPartial(path, !resumes);
   if (file < 0) return Close(-1, path, errno);
   int error = ::ftruncate64(file, FSize) == 0 ? 0 : errno;
   if (error == 0) error = KeepMap(file, map, mapPath, true);
@@ -185,7 +209,7 @@ int TImageWriter::KeepMap(int file, const TRescueMap& map, const std::string& ma
 // ---- compressed -----------------------------------------------------------------------------
 
 TImageResult TImageWriter::WriteCompressed(const std::string& path) {
-  const int file = OpenPartial(path, O_TRUNC);
+  const int file = OpenPartial(path, true);
   if (file < 0) return Close(-1, path, errno);
   FEngine.Reader().TriesEverySector = true;  // there is one pass only
   const int error = WriteBlocks(file);

@@ -16,8 +16,8 @@ class TEngine;
 struct TDriveInfo;
 
 struct TImageResult {
-  /// errno of what the target refused; EINVAL: the map belongs to something else; `TSourceGuard::Refused`:
-  /// `Path` belongs to a source or lies on this one
+  /// errno of what the target refused; EWOULDBLOCK: another run writes this image; EINVAL: the map belongs to something
+  /// else; `TSourceGuard::Refused`: `Path` belongs to a source or lies on this one
   int SystemError = 0;
   bool Stopped = false;
   std::int64_t UnreadableSectors = 0;  ///< sectors of the source that are zeros in the image in place of what they hold
