@@ -3,13 +3,16 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
 #include "analysis/file_data.h"
 #include "core/drives.h"
 #include "core/engine.h"
+#include "core/text.h"
 #include "table/files.h"
+#include "table/signatures.h"
 
 namespace brenlow::cli {
 namespace {
@@ -27,7 +30,9 @@ class TClaims {
 
   bool Has(const TFileInfo& deep) const {
     const std::int64_t place = PlaceOfSector(deep, deep.FirstCluster);
-    if (FStarts.contains(place)) return true;
+    // What reaches beyond the row that begins there, up to an end mark of its own, is another file.
+    const auto start = FStarts.find(place);
+    if (start != FStarts.end() && (deep.aSize <= start->second || !HasEndMark(deep))) return true;
     const auto after = std::upper_bound(FLive.begin(), FLive.end(), place,
                                         [](std::int64_t at, const TRange& range) { return at < range.First; });
     return after != FLive.begin() && place < std::prev(after)->End;
@@ -44,6 +49,13 @@ class TClaims {
     return (drive.FirstSector + sector) * FEngine.Drives().GetBytesPerSector(drive);
   }
 
+  /// Whether the size of a file found by its content was measured, not just taken up to the next file.
+  bool HasEndMark(const TFileInfo& deep) const {
+    const TFileSignatures& signatures = FEngine.Signatures();
+    const int row = signatures.FirstRowOf(u"." + LowerCase(Extension(deep.strName)));
+    return row >= 0 && !signatures.Signatures()[static_cast<std::size_t>(row)].Footer.empty();
+  }
+
   void Add(TFile& file) {
     const TFileInfo& info = file.FileInfo;
     if (info.blnFolder || info.aDeepAnalyse || info.aSize <= 0 || FEngine.Drives().IsWrongNumber(info.aDriveNumber))
@@ -51,7 +63,8 @@ class TClaims {
     if (PlaceOf(FEngine, file) == TPlaceSource::Estimated || IsOverwritten(FEngine, file)) return;
     GetFileFragments(FEngine, file, FFragments);
     if (FFragments.empty()) return;
-    FStarts.insert(PlaceOfSector(info, FFragments.front().FirstSectorInDrive));
+    std::int64_t& size = FStarts[PlaceOfSector(info, FFragments.front().FirstSectorInDrive)];
+    size = std::max(size, info.aSize);
     if (info.blnDeleted) return;
     for (const TFileFragment& fragment : FFragments) {
       FLive.push_back({PlaceOfSector(info, fragment.FirstSectorInDrive),
@@ -62,7 +75,7 @@ class TClaims {
   TEngine& FEngine;
   TFileFragments FFragments;
   std::vector<TRange> FLive;
-  std::unordered_set<std::int64_t> FStarts;
+  std::unordered_map<std::int64_t, std::int64_t> FStarts;  // of files in rows, to the largest size there
 };
 
 }  // namespace

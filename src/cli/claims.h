@@ -8,7 +8,7 @@ class TEngine;
 namespace brenlow::cli {
 
 /// Drops the files of a deep analysis that file systems list as well: those that begin within a live
-/// file, or where a deleted one begins. Rows whose place is a guess or belongs to others by now drop
+/// file, or where a deleted one begins. Rows whose place is a guess or has been overwritten drop
 /// nothing.
 void DropClaimedDeepFiles(TEngine& engine);
 

@@ -4,6 +4,7 @@
 import hashlib
 import json
 
+from fat_image import fat16
 from support import TestCase, main, mbr, run
 
 
@@ -38,6 +39,19 @@ class Best(TestCase):
         out = self.target()
         self.assertEqual(run("recover", disk, "--best", "--type", "image", "--out", out).returncode, 0)
         self.assertIn(hashlib.sha256(picture).hexdigest(), {hashlib.sha256(p.read_bytes()).hexdigest() for p in out.rglob("*Deep*/*/*.png")})
+
+    def test_longer_content_where_a_deleted_file_begins(self):
+        head = b"\xff\xd8\xff\xe0\x00\x10JFIF\x00\x01\x01\x00\x00\x01\x00\x01\x00\x00"
+        picture = head + bytes(i * 7 % 199 for i in range(6000)) + b"\xff\xd9"
+        for size, twice in ((1000, True), (len(picture), False)):
+            # The deleted file comes last, so that nothing live lies in the picture.
+            image = bytearray(fat16([("live.txt", b"text", False), ("gone.jpg", picture[:size], True)]))
+            start = image.index(head)
+            image[start:start + len(picture)] = picture
+            path = self.target() / "volume.img"
+            path.write_bytes(image)
+            found = {(row["deep"], row["size"]) for row in self.rows(path) if row["name"].endswith(".jpg")}
+            self.assertEqual(found, {(False, size)} | ({(True, len(picture))} if twice else set()))
 
     def test_one_volume(self):
         plain = [json.loads(line)["path"] for line in run("ls", self.stick, "--json").stdout.splitlines()]
