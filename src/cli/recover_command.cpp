@@ -24,7 +24,7 @@
 namespace brenlow::cli {
 namespace {
 
-constexpr std::size_t MostFaultsShown = 100;
+constexpr std::size_t MaxFaultsShown = 100;
 
 /// The options answer what a window would ask.
 class TOptionAnswers final : public IRecoveryQuestions {
@@ -37,7 +37,6 @@ class TOptionAnswers final : public IRecoveryQuestions {
   }
   TCandidateAnswer ChooseFirstCluster(const TFile&) override { return {FOptions.Candidates == "all", 0}; }
   bool SaveToSameDrive() override { return false; }
-  bool LargerThanFAT() override { return true; }
   bool MuchLargerThanSource(std::int64_t, std::int64_t) override { return FOptions.AllowExpand; }
   bool CancelRecovery() override { return true; }
 
@@ -81,7 +80,7 @@ void PrintFaults(std::FILE* out, const TLanguage& texts, const TRecoverySummary&
   if (count == 0) return;
   const auto line = [out](const std::string& text) { std::fprintf(out, "%s\n", text.c_str()); };
   line(texts.Utf8(TText::SumFaults, {FilesText(texts, count)}));
-  const std::size_t shown = std::min(summary.Faults.size(), MostFaultsShown);
+  const std::size_t shown = std::min(summary.Faults.size(), MaxFaultsShown);
   for (std::size_t i = 0; i < shown; ++i) {
     line("  " + Printable(summary.Faults[i].Path) + ": " + FaultText(texts, summary.Faults[i]));
   }
@@ -127,19 +126,24 @@ int CheckTarget(TEngine& engine, const TOptions& options) {
   return WrongUsage;
 }
 
-/// Everything at the top of a drive.
-TOperation<void(TSelectedFiles&, const TFileFilter&)> TopOf(TEngine& engine, int drive) {
-  TOperation<void(TSelectedFiles&, const TFileFilter&)> operation;
-  operation = [&engine, drive](TSelectedFiles& files, const TFileFilter&) {
-    for (const std::int64_t number : engine.Drives().GetParentClusters(drive, SpecialCluster::Root)) {
+/// The top of one drive after another, and of all that is below it what the options ask for.
+class TSelectionLink final : public TFileTableLink {
+ public:
+  using TFileTableLink::TFileTableLink;
+  int Drive = -1;          ///< whose top is selected
+  TSelection::TTest Test;  ///< none takes all that passes the filter
+
+  bool IsFiltered(int fileNumber, bool parentDeleted, const TFileFilter& filter) const override {
+    return Test ? Test(fileNumber, parentDeleted) : TFileTableLink::IsFiltered(fileNumber, parentDeleted, filter);
+  }
+  void GetSelectedFiles(TSelectedFiles& files, const TFileFilter&) const override {
+    for (const std::int64_t number : GetParentClusters(Drive, SpecialCluster::Root)) {
       files.push_back({static_cast<int>(number), false});
     }
-    std::stable_partition(files.begin(), files.end(), [&](const TSelectedFile& file) {
-      return !engine.Files().List[static_cast<std::size_t>(file.FileIndex)].FileInfo.blnDeleted;
-    });
-  };
-  return operation;
-}
+    std::stable_partition(files.begin(), files.end(),
+                          [this](const TSelectedFile& file) { return !GetFileDeleted(file.FileIndex); });
+  }
+};
 
 /// Bytes free on the target, -1 when that is not known.
 std::int64_t TargetFree(const TOptions& options) {
@@ -218,7 +222,7 @@ int TellPlan(TEngine& engine, const TOptions& options, const TSelection& selecti
 }
 
 /// Writes what is selected of the drives, with progress, until it is done or stopped.
-void WriteFiles(TEngine& engine, const TOptions& options, const TIntegerDynArray& drives, TRecoveryMasterLink& link,
+void WriteFiles(TEngine& engine, const TOptions& options, const TIntegerDynArray& drives, TSelectionLink& link,
                 TfrmSaveProgress& recovery, TOutcomeLines& lines, TProgressLine& progress) {
   progress.Begin(options.Texts.Utf8(TText::RecoveringFiles));
   const TStopKey stop(engine);
@@ -236,12 +240,12 @@ void WriteFiles(TEngine& engine, const TOptions& options, const TIntegerDynArray
   };
   recovery.OnFile = [&](const TFileOutcome& outcome, bool parentDeleted) {
     lines.Write(outcome, parentDeleted);
-    if (TStopKey::Pressed()) engine.Recovering = false;  // the file in hand is done
+    if (TStopKey::Pressed()) engine.Recovering = false;  // the current file is done
   };
   engine.Recovering = true;
   for (const int number : drives) {
     if (!engine.Recovering) break;
-    link.GetSelectedFiles = TopOf(engine, number);
+    link.Drive = number;
     recovery.Recovery(false, drives.size() > 1 ? RowFolder(engine, number) : TString());
   }
   engine.Recovering = false;
@@ -287,7 +291,7 @@ int RecoverFiles(const TOptions& options) {
   if (MountSource(engine, options, options.Source(), options.Map) < 0) return WrongUsage;
   if (const int status = CheckTarget(engine, options); status != 0) return status;
   TOptionAnswers answers(options);
-  TRecoveryMasterLink link(engine);
+  TSelectionLink link(engine);
   TfrmSaveProgress recovery(engine, link, RecoveryOptions(options), &answers);
   TOutcomeLines lines(engine, link, options);
   if (const int status = OpenTarget(options, recovery, lines); status != 0) return status;
@@ -302,10 +306,10 @@ int RecoverFiles(const TOptions& options) {
   }
 
   const TSelection selection(options);
-  selection.ApplyTo(link, engine, analysed.Drives);
+  link.Test = selection.Test(engine, analysed.Drives);
   recovery.Filter = selection.Filter();
   for (const int number : analysed.Drives) {
-    link.GetSelectedFiles = TopOf(engine, number);
+    link.Drive = number;
     recovery.PrepareRecovery(false);
   }
   const std::int64_t missingIds = selection.MissingIds();

@@ -7,7 +7,6 @@
 
 #include "core/engine.h"
 #include "core/text.h"
-#include "recovery/master_link.h"
 #include "table/file_kinds.h"
 #include "table/files.h"
 
@@ -105,7 +104,7 @@ class TSelection::TSieve final : public ITreeVisitor {
     if (!FSelection.FByIds) return false;
     const TFileId id = FileId(FEngine, *entry.File);
     const bool named = FSelection.FIds.contains(id);
-    if (named) FSelection.FMetIds.insert(id);
+    if (named) FSelection.FFoundIds.insert(id);
     return named;
   }
   bool IsExcluded(const TTreeEntry& entry) const {
@@ -149,19 +148,14 @@ class TNotes final : public ITreeVisitor {
 
 }  // namespace
 
-void TSelection::ApplyTo(TRecoveryMasterLink& link, TEngine& engine, const TIntegerDynArray& drives) const {
+TSelection::TTest TSelection::Test(TEngine& engine, const TIntegerDynArray& drives) const {
   if (!NeedsWalk()) {
-    link.IsFiltered = [this, &engine](int number, bool parentDeleted, const TFileFilter&) {
-      return PassesFilter(engine, number, parentDeleted);
-    };
-    return;
+    return [this, &engine](int number, bool parentDeleted) { return PassesFilter(engine, number, parentDeleted); };
   }
   std::vector<bool> wanted(engine.Files().List.size());
   TNotes notes(wanted);
   for (const int number : drives) Walk(engine, number, notes);
-  link.IsFiltered = [wanted = std::move(wanted)](int number, bool, const TFileFilter&) {
-    return bool{wanted[static_cast<std::size_t>(number)]};
-  };
+  return [wanted = std::move(wanted)](int number, bool) { return bool{wanted[static_cast<std::size_t>(number)]}; };
 }
 
 }  // namespace brenlow::cli

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -11,7 +12,6 @@
 
 namespace brenlow {
 class TEngine;
-class TRecoveryMasterLink;
 }  // namespace brenlow
 
 namespace brenlow::cli {
@@ -25,10 +25,11 @@ class TSelection {
   /// Whether files with the extension of this name are wanted.
   bool WantsType(TStringView name) const;
   const TFileFilter& Filter() const { return FFilter; }
-  /// How many of the ids asked for no walk has met.
-  std::int64_t MissingIds() const { return static_cast<std::int64_t>(FIds.size() - FMetIds.size()); }
-  /// Lets a recovery of these drives take the same entries.
-  void ApplyTo(TRecoveryMasterLink& link, TEngine& engine, const TIntegerDynArray& drives) const;
+  /// How many of the requested ids no walk has found.
+  std::int64_t MissingIds() const { return static_cast<std::int64_t>(FIds.size() - FFoundIds.size()); }
+  /// Whether an entry of these drives is wanted. The answer uses this selection and the engine.
+  using TTest = std::function<bool(int fileNumber, bool parentDeleted)>;
+  TTest Test(TEngine& engine, const TIntegerDynArray& drives) const;
 
  private:
   class TSieve;
@@ -47,7 +48,7 @@ class TSelection {
   TFileFilter FFilter;
   bool FByIds;
   TFileIds FIds;
-  mutable TFileIds FMetIds;
+  mutable TFileIds FFoundIds;
 };
 
 }  // namespace brenlow::cli

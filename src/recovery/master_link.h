@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The recovery's only door to the rest of the program, one replaceable operation each. With other
-// operations put in, it works on a list of files that is not the file table.
+// The recovery's only access to the files that it writes.
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
 
+#include "core/device/source_guard.h"
 #include "core/file_records.h"
 #include "core/types.h"
 #include "recovery/recovery_types.h"
+#include "table/folder_index.h"
 
 namespace brenlow {
 
@@ -18,66 +18,92 @@ class TEngine;
 class TFileWriter;
 struct TTargetFile;
 
-/// An operation that may be replaced; without one a call does nothing and gives a default value.
-template <typename TSignature>
-class TOperation;
-template <typename TResult, typename... TArguments>
-class TOperation<TResult(TArguments...)> {
- public:
-  TOperation& operator=(std::function<TResult(TArguments...)> function) {
-    FFunction = std::move(function);
-    return *this;
-  }
-  void Reset() { FFunction = nullptr; }
-  TResult operator()(TArguments... arguments) const {
-    return FFunction ? FFunction(static_cast<TArguments>(arguments)...) : TResult();
-  }
-
- private:
-  std::function<TResult(TArguments...)> FFunction;
+/// What the recovery has to know of a drive.
+struct TRecoveryDrive {
+  std::int64_t Size = 0;        ///< bytes
+  bool StoresInLess = false;    ///< holes, compression or shared clusters: its files may list more than it holds
+  TString Device;               ///< key of the device that it lies on
+  std::int64_t DeviceSize = 0;  ///< bytes
 };
 
+/// Everything that the recovery asks about files and drives. What implements it may stand for another list of files
+/// than the file table.
 class TRecoveryMasterLink {
  public:
-  explicit TRecoveryMasterLink(TEngine& engine) : FEngine(engine) { ResetToDefaults(); }
+  TRecoveryMasterLink() = default;
+  virtual ~TRecoveryMasterLink() = default;
   TRecoveryMasterLink(const TRecoveryMasterLink&) = delete;
   TRecoveryMasterLink& operator=(const TRecoveryMasterLink&) = delete;
 
-  /// Every operation to the file table, the drive registry and the drivers. `GetSelectedFiles` is
-  /// the caller's.
-  void ResetToDefaults();
-
-  TOperation<bool(int fileNumber)> IsFileWrongNumber;
-  TOperation<bool(int fileNumber)> GetFileIsFolder;
-  TOperation<TStringView(int fileNumber)> GetFileName;
-  TOperation<std::int64_t(int fileNumber)> GetFileSize;
-  TOperation<bool(int fileNumber)> GetFileDeleted;
-  TOperation<int(int fileNumber)> GetFileIconIndex;
-  TOperation<int(int fileNumber)> GetFileDriveNumber;
-  TOperation<std::int64_t(int fileNumber)> GetFileFirstCluster;
-  TOperation<TTimeStamp(int fileNumber)> GetFileTimes;
-  TOperation<bool(int fileNumber, bool parentDeleted, const TFileFilter& filter)> IsFiltered;
-  TOperation<bool(bool fileDeleted, bool parentDeleted, bool showExisting, bool showDeleted)> IsFilteredByState;
+  virtual bool IsFileWrongNumber(int fileNumber) const = 0;
+  virtual bool GetFileIsFolder(int fileNumber) const = 0;
+  virtual TStringView GetFileName(int fileNumber) const = 0;
+  /// Bytes.
+  virtual std::int64_t GetFileSize(int fileNumber) const = 0;
+  virtual bool GetFileDeleted(int fileNumber) const = 0;
+  /// Deleted, and its place belongs to another file by now.
+  virtual bool IsOverwritten(int fileNumber) const = 0;
+  virtual int GetFileDriveNumber(int fileNumber) const = 0;
+  virtual std::int64_t GetFileFirstCluster(int fileNumber) const = 0;
+  virtual TTimeStamp GetFileTimes(int fileNumber) const = 0;
+  virtual bool IsFiltered(int fileNumber, bool parentDeleted, const TFileFilter& filter) const = 0;
   /// The children of a folder as file numbers.
-  TOperation<TInt64DynArray(int driveNumber, std::int64_t number)> GetParentClusters;
+  virtual TInt64DynArray GetParentClusters(int driveNumber, std::int64_t number) const = 0;
   /// False for a folder entry whose content is shown under another entry that shares its place.
-  TOperation<bool(int fileNumber)> OwnsContent;
-  /// `adsNumber` -1 is the main stream.
-  TOperation<void(TByteDynArray& result, int fileNumber, int adsNumber, std::int64_t start, std::int64_t size)>
-      GetFileData;
-  TOperation<TADSDynArray(int fileNumber)> GetStreams;
+  virtual bool OwnsContent(int fileNumber) const = 0;
+  /// `adsNumber` -1 is the main stream. A wrong number gives nothing.
+  virtual void GetFileData(TByteDynArray& result, int fileNumber, int adsNumber, std::int64_t start,
+                           std::int64_t size) const = 0;
+  virtual TADSDynArray GetStreams(int fileNumber) const = 0;
   /// Writes the whole file; several where it may begin at several places and all are wanted.
-  TOperation<TFileOutcomes(TFileWriter& writer, int fileNumber, const TTargetFile& target)> Recovery;
+  virtual TFileOutcomes Recovery(TFileWriter& writer, int fileNumber, const TTargetFile& target) const = 0;
   /// Writes its alternate data streams beside the file just written.
-  TOperation<void(TFileWriter& writer, int fileNumber, const TTargetFile& target)> RecoveryAllADS;
-  TOperation<void(TSelectedFiles& files, const TFileFilter& filter)> GetSelectedFiles;
+  virtual void RecoveryAllADS(TFileWriter& writer, int fileNumber, const TTargetFile& target) const = 0;
+  virtual void GetSelectedFiles(TSelectedFiles& files, const TFileFilter& filter) const = 0;
   /// The names of the folders above a file, from the drive's top on.
-  TOperation<std::vector<TString>(int fileNumber)> GetFilePath;
+  virtual std::vector<TString> GetFilePath(int fileNumber) const = 0;
+  /// False when there is no such drive.
+  virtual bool GetDrive(int driveNumber, TRecoveryDrive& drive) const = 0;
+  /// Guards everything that is read from.
+  virtual TSourceGuard SourceGuard() const = 0;
+};
+
+/// The file table, the drive registry and the drivers behind that interface. What is selected is for the program to
+/// say: nothing here.
+class TFileTableLink : public TRecoveryMasterLink {
+ public:
+  explicit TFileTableLink(TEngine& engine) : FEngine(engine) {}
+
+  bool IsFileWrongNumber(int fileNumber) const override;
+  bool GetFileIsFolder(int fileNumber) const override { return Info(fileNumber).blnFolder; }
+  TStringView GetFileName(int fileNumber) const override { return Info(fileNumber).strName; }
+  std::int64_t GetFileSize(int fileNumber) const override { return Info(fileNumber).aSize; }
+  bool GetFileDeleted(int fileNumber) const override { return Info(fileNumber).blnDeleted; }
+  bool IsOverwritten(int fileNumber) const override;
+  int GetFileDriveNumber(int fileNumber) const override { return Info(fileNumber).aDriveNumber; }
+  std::int64_t GetFileFirstCluster(int fileNumber) const override { return Info(fileNumber).FirstCluster; }
+  TTimeStamp GetFileTimes(int fileNumber) const override { return Info(fileNumber).TimeStamp; }
+  bool IsFiltered(int fileNumber, bool parentDeleted, const TFileFilter& filter) const override;
+  TInt64DynArray GetParentClusters(int driveNumber, std::int64_t number) const override;
+  bool OwnsContent(int fileNumber) const override;
+  void GetFileData(TByteDynArray& result, int fileNumber, int adsNumber, std::int64_t start,
+                   std::int64_t size) const override;
+  TADSDynArray GetStreams(int fileNumber) const override;
+  TFileOutcomes Recovery(TFileWriter& writer, int fileNumber, const TTargetFile& target) const override;
+  void RecoveryAllADS(TFileWriter& writer, int fileNumber, const TTargetFile& target) const override;
+  void GetSelectedFiles(TSelectedFiles& files, const TFileFilter& filter) const override;
+  std::vector<TString> GetFilePath(int fileNumber) const override;
+  bool GetDrive(int driveNumber, TRecoveryDrive& drive) const override;
+  TSourceGuard SourceGuard() const override;
+
+ protected:
+  TEngine& Engine() const { return FEngine; }
 
  private:
   const TFileInfo& Info(int fileNumber) const;
 
   TEngine& FEngine;
+  mutable TFolderIndexCache FFolders;
 };
 
 }  // namespace brenlow

@@ -49,9 +49,7 @@ class IRecoveryQuestions {
   virtual TCandidateAnswer ChooseFirstCluster(const TFile& file) = 0;
   /// The target lies on the drive that the files come from. True to go on.
   virtual bool SaveToSameDrive() = 0;
-  /// Some files are larger than FAT32 holds. True to go on.
-  virtual bool LargerThanFAT() = 0;
-  /// The files are listed with more than `TfrmSaveProgress::MostExpansion` times the size of their source.
+  /// The files are listed with more than `TfrmSaveProgress::MaxExpansion` times the size of their source.
   /// Both in bytes. True to go on.
   virtual bool MuchLargerThanSource(std::int64_t listed, std::int64_t source) = 0;
   /// Stop the running recovery?

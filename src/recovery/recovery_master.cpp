@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <utility>
 
 #include "core/device/source_guard.h"
 #include "core/drives.h"
@@ -20,8 +21,6 @@
 
 namespace brenlow {
 namespace {
-
-constexpr std::int64_t LargestFATFile = 0xFFFFFFFF;  // bytes
 
 std::filesystem::path NearestFolder(const std::string& path) {
   std::error_code error;
@@ -52,58 +51,50 @@ std::int64_t FreeSpaceOf(const std::string& path) {
 
 void TfrmSaveOptions::PrepareInfo(std::int64_t spaceRequired) {
   SpaceRequiredText = FLanguage.Utf8(TText::SaveSpaceRequired, {SizeText(spaceRequired)});
-  ChangePath(Path);
+  ChangePath(std::string(Choices.Path));
 }
 
 void TfrmSaveOptions::ChangePath(std::string path) {
-  Path = std::move(path);
-  const std::int64_t free = FreeSpaceOf(Path);
+  Choices.Path = std::move(path);
+  const std::int64_t free = FreeSpaceOf(Choices.Path);
   SpaceAvailableText = free < 0 ? "" : FLanguage.Utf8(TText::SaveSpaceAvailable, {SizeText(free)});
 }
 
 void TfrmSaveOptions::ApplySettings(bool toForm) {
-  if (toForm) {
-    // A path of this system begins with a slash; the default of the settings names none.
-    const char* home = std::getenv("HOME");
-    const std::string word = FLanguage.Utf8(TText::SaveDefaultFolder);
-    Path = FSettings.Path.starts_with('/') ? FSettings.Path : std::string(home == nullptr ? "" : home) + "/" + word;
-    RestoreFolders = FSettings.Folders;
-    ADS = FSettings.ADS;
-    CanReplaceSymbols = FSettings.CanReplaceSymbols;
-    UnknownSymbols = FromUtf8(FSettings.UnknownSymbols).substr(0, 1);
-    if (UnknownSymbols.empty() || TFiles::RightName(UnknownSymbols) != 0) UnknownSymbols = u"_";
-  } else {
-    FSettings.Path = Path;
-    FSettings.Folders = RestoreFolders;
-    FSettings.ADS = ADS;
-    FSettings.CanReplaceSymbols = CanReplaceSymbols;
-    FSettings.UnknownSymbols = ToUtf8(UnknownSymbols);
+  if (!toForm) {
+    static_cast<TSaveChoices&>(FSettings) = Choices;
+    return;
   }
+  Choices = FSettings;
+  if (!Choices.Path.starts_with('/')) {
+    const char* home = std::getenv("HOME");
+    Choices.Path = std::string(home == nullptr ? "" : home) + "/" + FLanguage.Utf8(TText::SaveDefaultFolder);
+  }
+  Choices.UnknownSymbols = Choices.UnknownSymbols.substr(0, 1);
+  const bool usable = !Choices.UnknownSymbols.empty() && TFiles::RightName(Choices.UnknownSymbols) == 0;
+  if (!usable) Choices.UnknownSymbols = u"_";
 }
 
 bool TfrmSaveOptions::TypeSymbol(char16_t key) {
   if (TFiles::RightName(TStringView(&key, 1)) != 0) return false;
-  if (key >= u' ') UnknownSymbols = key;  // backspace and enter pass
+  if (key >= u' ') Choices.UnknownSymbols = key;  // backspace and enter pass
   return true;
 }
 
-TRecoveryOptions TfrmSaveOptions::Options() const {
-  TRecoveryOptions options;
-  options.Path = Path;
-  options.RestoreFolders = RestoreFolders;
-  options.ADS = ADS;
-  options.CanReplaceSymbols = CanReplaceSymbols;
-  options.UnknownSymbols = UnknownSymbols;
-  return options;
+void TfrmSaveOptions::Take(const TSaveChoices& choices) {
+  const TString symbols = std::exchange(Choices, choices).UnknownSymbols;
+  Choices.UnknownSymbols = symbols;
+  if (!choices.UnknownSymbols.empty()) TypeSymbol(choices.UnknownSymbols.front());
+  ChangePath(choices.Path);
 }
 
 // ---- pages ----------------------------------------------------------------------------------
 
-TfRecoveryMaster::TfRecoveryMaster(TEngine& engine, TRecoverySettings& settings, IRecoveryQuestions& questions,
-                                   TRecoverySender sender)
-    : Link(engine),
-      Options(engine.Language(), settings),
+TfRecoveryMaster::TfRecoveryMaster(TEngine& engine, const TRecoveryMasterLink& link, TRecoverySettings& settings,
+                                   IRecoveryQuestions& questions, TRecoverySender sender)
+    : Options(engine.Language(), settings),
       FEngine(engine),
+      FLink(link),
       FSettings(settings),
       FQuestions(questions),
       FRecoverySender(sender) {
@@ -117,7 +108,7 @@ void TfRecoveryMaster::ShowPage(int page) {
 
 void TfRecoveryMaster::Show() {
   Remember = FSettings.Remember;
-  if (FSettings.Type >= 0 && FSettings.Type <= 2) RecoverType = static_cast<TRecoverType>(FSettings.Type);
+  RecoverType = FSettings.Type;
   ShowPage(OutputKind);
   if (Remember) Next();
 }
@@ -140,16 +131,15 @@ void TfRecoveryMaster::Next() {
 
 void TfRecoveryMaster::LeaveOutputKind() {
   FSettings.Remember = Remember;
-  FSettings.Type = static_cast<int>(RecoverType);
+  FSettings.Type = RecoverType;
   if (RecoverType == TRecoverType::rtCreateZIP) {
     ShowPage(ZIPOptions);
   } else if (RecoverType == TRecoverType::rtUploadFTP) {
     ShowPage(FTPOptions);
   } else {
-    TfrmSaveProgress measure(FEngine, Link, Options.Options(), nullptr);
+    TfrmSaveProgress measure(FEngine, FLink, TRecoveryOptions(Options.Choices), nullptr);
     measure.Filter = Filter;
     measure.PrepareRecovery(IsMasterResults);
-    FLargerThanFAT = FLargerThanFAT && measure.RecoverySize > LargestFATFile;
     Options.PrepareInfo(measure.RecoverySize);
     ShowPage(SaveOptions);
   }
@@ -159,18 +149,14 @@ void TfRecoveryMaster::LeaveSaveOptions() {
   const bool isOnSource = IsOnSource();
   if ((IsSameDrive() || isOnSource) && !FQuestions.SaveToSameDrive()) return;
   Options.ApplySettings(false);
-  TRecoveryOptions options = Options.Options();
+  TRecoveryOptions options(Options.Choices);
   options.MayLieOnSource = isOnSource;
-  FProgress = std::make_unique<TfrmSaveProgress>(FEngine, Link, options, &FQuestions);
+  FProgress = std::make_unique<TfrmSaveProgress>(FEngine, FLink, options, &FQuestions);
   FProgress->Filter = Filter;
   FProgress->PrepareRecovery(IsMasterResults);
   if (!FProgress->MayBeWritten()) return;
   FTargetError = FProgress->PrepareInfo();
   if (FTargetError != 0) return;
-  if (FLargerThanFAT && FProgress->Target().IsFAT32() && !FQuestions.LargerThanFAT()) {
-    FProgress.reset();
-    return;
-  }
   FProgress->PrepareRecovery(IsMasterResults);
   ShowPage(SaveProgress);
   if (OnBeforeRecovery) OnBeforeRecovery(*FProgress);
@@ -180,12 +166,12 @@ void TfRecoveryMaster::LeaveSaveOptions() {
   FEngine.Recovering = false;
   FProgress->CloseInfo();
   FSettings.CanReplaceSymbols = FProgress->Options().CanReplaceSymbols;
-  FSettings.UnknownSymbols = ToUtf8(FProgress->Options().UnknownSymbols);
+  FSettings.UnknownSymbols = FProgress->Options().UnknownSymbols;
   ShowPage(Finish);
 }
 
-/// True when the target lies on a device that results came from, mounted or not.
-bool TfRecoveryMaster::IsOnSource() const { return FEngine.Drives().SourceGuard().LiesOnSource(Options.Path); }
+/// True when the target is on a device that results came from, mounted or not.
+bool TfRecoveryMaster::IsOnSource() const { return FLink.SourceGuard().LiesOnSource(Options.Choices.Path); }
 
 /// The warning concerns what the user sees as one drive: the mounted volume in focus.
 bool TfRecoveryMaster::IsSameDrive() const {
@@ -196,7 +182,7 @@ bool TfRecoveryMaster::IsSameDrive() const {
   const TDriveInfo& current = drives.List[static_cast<std::size_t>(drives.Current)];
   const std::size_t first = TDrives::IsFloppy(drives.List.front()) ? 1 : 0;
   if (drives.List.size() - first < 2 || current.DriveLetter.empty()) return false;
-  return OnSameVolume(Options.Path, PathFromText(current.DriveLetter));
+  return OnSameVolume(Options.Choices.Path, PathFromText(current.DriveLetter));
 }
 
 }  // namespace brenlow

@@ -8,7 +8,6 @@
 #include <string>
 
 #include "recovery/master_link.h"
-#include "recovery/recovery_settings.h"
 #include "recovery/recovery_types.h"
 #include "recovery/save_progress.h"
 
@@ -25,12 +24,7 @@ class TfrmSaveOptions {
     ApplySettings(true);
   }
 
-  // What the page shows.
-  std::string Path;
-  bool RestoreFolders = true;
-  bool ADS = true;
-  bool CanReplaceSymbols = false;
-  TString UnknownSymbols = u"_";
+  TSaveChoices Choices;  ///< what the page shows
   std::string SpaceRequiredText;
   std::string SpaceAvailableText;  ///< empty when the path lies nowhere
 
@@ -41,7 +35,8 @@ class TfrmSaveOptions {
   void ChangePath(std::string path);
   /// A key in the box of the replacement. False when it is a refused character.
   bool TypeSymbol(char16_t key);
-  TRecoveryOptions Options() const;
+  /// All that the user set at once; a refused character for replacements is not taken.
+  void Take(const TSaveChoices& choices);
 
  private:
   const TLanguage& FLanguage;
@@ -52,15 +47,16 @@ class TfRecoveryMaster {
  public:
   enum TPage { OutputKind = 0, SaveOptions = 3, SaveProgress = 4, ZIPOptions = 5, FTPOptions = 7, Finish = 12 };
 
-  TfRecoveryMaster(TEngine& engine, TRecoverySettings& settings, IRecoveryQuestions& questions, TRecoverySender sender);
+  /// `link`: says among other things what is selected.
+  TfRecoveryMaster(TEngine& engine, const TRecoveryMasterLink& link, TRecoverySettings& settings,
+                   IRecoveryQuestions& questions, TRecoverySender sender);
 
-  TRecoveryMasterLink Link;
   TfrmSaveOptions Options;
   TFileFilter Filter;
   bool IsMasterResults = false;  ///< the selection is a list of results, not of one folder
   bool IsSearchResults = false;  ///< the file list shows the results of a search
   TRecoverType RecoverType = TRecoverType::rtSave;
-  bool Remember = false;
+  bool Remember = false;  ///< the first page passes by itself the next time
   /// The page of the window changes.
   std::function<void(int page)> OnPage;
   /// Called with the progress before it runs, for its events.
@@ -84,13 +80,11 @@ class TfRecoveryMaster {
   bool IsOnSource() const;
 
   TEngine& FEngine;
+  const TRecoveryMasterLink& FLink;
   TRecoverySettings& FSettings;
   IRecoveryQuestions& FQuestions;
   TRecoverySender FRecoverySender;
   int FPage = OutputKind;
-  // The measurement only ever ands this with a test of sizes, so that it stays false and the
-  // question about FAT32 is never put.
-  bool FLargerThanFAT = false;
   int FTargetError = 0;
   std::unique_ptr<TfrmSaveProgress> FProgress;
 };

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "core/types.h"
@@ -27,7 +28,7 @@ using TSelectedFiles = std::vector<TSelectedFile>;
 
 /// What becomes of alternate data streams on a target that does not hold them itself.
 enum class TStreamMode {
-  None,        ///< left behind and counted
+  None,        ///< left out and counted
   Files,       ///< a file NAME:STREAM beside the file
   Attributes,  ///< an extended attribute user.STREAM
 };
@@ -35,17 +36,30 @@ enum class TStreamMode {
 /// Whether paths of more than 259 characters are shortened to what Windows programs can open.
 enum class TLongPaths { Keep, Shorten, OnWindowsFileSystems };
 
+/// What the user chooses on the wizard's options page.
+struct TSaveChoices {
+  std::string Path;                ///< target folder
+  bool RestoreFolders = true;      ///< folders are made as they are on the source
+  bool ADS = true;                 ///< alternate data streams are written where the target holds them
+  bool CanReplaceSymbols = false;  ///< refused characters in names are replaced without asking
+  TString UnknownSymbols = u"_";   ///< its first character replaces refused ones
+};
+
+/// What the wizard asks and the program remembers between runs.
+struct TRecoverySettings : TSaveChoices {
+  TRecoverySettings() { Path = "C:\\"; }  // no path of this system: none was chosen yet
+  TRecoverType Type = TRecoverType::rtSave;
+  bool Remember = false;  ///< the first page passes by itself
+};
+
 /// How the files are written.
-struct TRecoveryOptions {
-  std::string Path;             ///< target folder
+struct TRecoveryOptions : TSaveChoices {
+  TRecoveryOptions() = default;
+  explicit TRecoveryOptions(TSaveChoices choices) : TSaveChoices(std::move(choices)) {}
   bool MayLieOnSource = false;  ///< the user was asked and agreed
-  bool RestoreFolders = true;
-  bool ADS = true;
-  bool CanReplaceSymbols = false;
-  TString UnknownSymbols = u"_";  ///< its first character stands for refused ones
   TStreamMode Streams = TStreamMode::None;
   TLongPaths LongPaths = TLongPaths::OnWindowsFileSystems;
-  /// Files of one run that meet in a name get numbers; the answers to taken names then concern only
+  /// Files of one run that would get the same name are numbered; the answers to taken names then concern only
   /// what was there before. A run that is repeated thus gives every file the same name.
   bool NumberDoubles = false;
   bool Digests = false;  ///< SHA-256 of everything written, for reports
@@ -74,7 +88,7 @@ struct TFileOutcome {
 using TFileOutcomes = std::vector<TFileOutcome>;
 
 struct TRecoverySummary {
-  std::int64_t Files = 0;  ///< met on the walk, the skipped ones included
+  std::int64_t Files = 0;  ///< visited by the walk, including those that were skipped
   std::int64_t Bytes = 0;  ///< written, streams not counted
   std::int64_t Whole = 0;
   std::int64_t Short = 0;
@@ -84,19 +98,20 @@ struct TRecoverySummary {
   std::int64_t Skipped = 0;
   std::int64_t SkippedForNames = 0;  ///< of these: a name was refused, of the file or of a folder above it
   std::int64_t DeletedFiles = 0;     ///< of the files written
-  /// Deleted files whose place belongs to another file by now: written, but hardly their content.
+  /// Deleted files whose place belongs to another file by now: they were written, but their content is most likely
+  /// that of the other file.
   std::int64_t Overwritten = 0;
   std::int64_t StreamsWritten = 0;
   std::int64_t StreamsLeft = 0;    ///< not wanted on this target
   std::int64_t StreamsFailed = 0;  ///< wanted, but not whole: not all could be read, or the target refused them
-  /// The first `MostFaults` files that are neither whole nor skipped by an answer about a taken name.
+  /// The first `MaxFaults` files that are neither whole nor skipped by an answer about a taken name.
   std::vector<TFileOutcome> Faults;
   bool TargetFull = false;
   bool Stopped = false;
 
-  static constexpr std::size_t MostFaults = 1000;
+  static constexpr std::size_t MaxFaults = 1000;
   std::int64_t FaultCount() const { return Short + Unreadable + Doubtful + Failed; }
-  /// Nothing went wrong and nothing stayed behind that the user may not know of.
+  /// Nothing went wrong, and nothing was left out without the user's knowledge.
   bool IsAllWell() const { return FaultCount() == 0 && SkippedForNames == 0 && !Stopped; }
 };
 

@@ -10,9 +10,9 @@
 namespace brenlow {
 namespace {
 
-constexpr std::size_t LongestName = 255;      // bytes; NAME_MAX of Linux file systems
-constexpr std::size_t LongestStream = 127;    // bytes; leaves half of a name to the file
-constexpr std::size_t LongestExtension = 32;  // bytes; a longer tail is no extension worth keeping
+constexpr std::size_t MaxName = 255;      // bytes; NAME_MAX of Linux file systems
+constexpr std::size_t MaxStream = 127;    // bytes; leaves half of a name to the file
+constexpr std::size_t MaxExtension = 32;  // bytes; a longer tail is not an extension worth keeping
 
 struct TSplit {
   std::string Stem;
@@ -21,7 +21,7 @@ struct TSplit {
 
 TSplit Split(const std::string& name) {
   const std::size_t dot = name.rfind('.');
-  if (dot == std::string::npos || dot == 0 || name.size() - dot > LongestExtension) return {name, ""};
+  if (dot == std::string::npos || dot == 0 || name.size() - dot > MaxExtension) return {name, ""};
   return {name.substr(0, dot), name.substr(dot)};
 }
 
@@ -32,7 +32,7 @@ void CutUtf8(std::string& text, std::size_t length) {
   text.resize(length);
 }
 
-std::string Fit(const TSplit& parts, const std::string& middle, std::size_t longest = LongestName) {
+std::string Fit(const TSplit& parts, const std::string& middle, std::size_t longest = MaxName) {
   std::string stem = parts.Stem;
   CutUtf8(stem, longest - middle.size() - parts.Extension.size());
   return stem + middle + parts.Extension;
@@ -50,7 +50,7 @@ std::string SafeName(TStringView name, char16_t replacement) {
     const bool control = c < u' ' || (c >= 0x7F && c <= 0x9F);
     if (control || TFiles::RefusedCharacters.find(c) != TStringView::npos) c = replacement;
   }
-  // Names that a run keeps for itself; some file systems do not tell upper from lower case.
+  // Names that a run reserves for itself; some file systems ignore case.
   if (LowerCase(safe).starts_with(FromUtf8(TTargetTree::OwnPrefix))) safe.insert(safe.begin(), replacement);
   if (std::all_of(safe.begin(), safe.end(), [](char16_t c) { return c == u'.'; })) {
     safe.insert(safe.begin(), replacement);
@@ -65,12 +65,12 @@ std::string NumberedName(const std::string& name, int number) {
 }
 
 std::string StreamFileName(const std::string& file, const std::string& stream, int number) {
-  return WithSuffix(file, ":" + Numbered(stream, number, LongestStream));
+  return WithSuffix(file, ":" + Numbered(stream, number, MaxStream));
 }
 
 std::string StreamAttributeName(const std::string& stream, int number) {
   const std::string prefix = "user.";
-  return prefix + Numbered(stream, number, LongestName - prefix.size());
+  return prefix + Numbered(stream, number, MaxName - prefix.size());
 }
 
 }  // namespace brenlow

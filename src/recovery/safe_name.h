@@ -16,7 +16,7 @@ std::string SafeName(TStringView name, char16_t replacement = u'_');
 /// Puts a number before the extension: "a.txt" and 2 give "a (2).txt". Still at most 255 bytes.
 std::string NumberedName(const std::string& name, int number);
 
-/// Puts a suffix behind a name that is safe already, cutting the name so that it still fits.
+/// Adds a suffix to a name that is already safe, cutting the name so that it still fits.
 std::string WithSuffix(const std::string& name, const std::string& suffix);
 
 /// The name of a file that holds an alternate data stream of a file: "NAME:STREAM", both safe already, with a

@@ -4,13 +4,9 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "analysis/file_data.h"
-#include "core/device/device.h"
-#include "core/drives.h"
 #include "core/engine.h"
 #include "core/text.h"
 #include "recovery/long_path.h"
-#include "recovery/master_link.h"
 #include "recovery/questions.h"
 #include "recovery/safe_name.h"
 #include "table/files.h"
@@ -43,7 +39,7 @@ int TfrmSaveProgress::PrepareInfo() {
   FShownRatio = 0;
   FSummary = TRecoverySummary();
   FPlaces.clear();
-  return FTarget.Open(FOptions.Path, FEngine.Drives().SourceGuard(), FOptions.MayLieOnSource);
+  return FTarget.Open(FOptions.Path, FLink.SourceGuard(), FOptions.MayLieOnSource);
 }
 
 void TfrmSaveProgress::PrepareRecovery(bool isMasterResults) { Walk(true, isMasterResults, TTargetTree::Root); }
@@ -97,7 +93,7 @@ void TfrmSaveProgress::Walk(bool measure, bool isMasterResults, TPlace start) {
   }
   for (const TSelectedFile& entry : selected) {
     if (FLink.IsFileWrongNumber(entry.FileIndex)) continue;
-    // Folders and files of such a list come from anywhere: those of one name must not meet.
+    // Folders and files of such a list come from anywhere: those of one name must stay apart.
     const bool rebuild = !measure && FOptions.RestoreFolders && isMasterResults;
     const TPlace place = rebuild ? PlaceOf(FLink.GetFilePath(entry.FileIndex), start) : start;
     if (FLink.GetFileIsFolder(entry.FileIndex)) {
@@ -147,7 +143,7 @@ void TfrmSaveProgress::FolderStep(int folderNumber, TPlace place, bool parentDel
   }
 }
 
-/// Notes that a folder's content is walked; false when it was before. Damaged folders may lie
+/// Notes that a folder's content is walked; false when it was already. Damaged folders may lie
 /// within each other.
 bool TfrmSaveProgress::EnterFirst(int folderNumber, bool skipped) {
   const auto firstCluster = static_cast<std::uint64_t>(FLink.GetFileFirstCluster(folderNumber));
@@ -161,7 +157,7 @@ void TfrmSaveProgress::FolderContent(const TWaiting& folder, TPlace flat, bool m
   const bool deleted = folder.ParentDeleted || FLink.GetFileDeleted(folder.FolderNumber);
   const int drive = FLink.GetFileDriveNumber(folder.FolderNumber);
   TInt64DynArray children = FLink.GetParentClusters(drive, FLink.GetFileFirstCluster(folder.FolderNumber));
-  // What is live keeps its name where it meets something deleted of the same name.
+  // A live file keeps its name; a deleted one of the same name is numbered.
   std::stable_partition(children.begin(), children.end(),
                         [&](std::int64_t n) { return !FLink.GetFileDeleted(static_cast<int>(n)); });
   for (const std::int64_t child : children) {
@@ -209,7 +205,7 @@ void TfrmSaveProgress::FileStep(int fileNumber, TPlace place, bool parentDeleted
   SaveStep(fileNumber, name, place, parentDeleted);
 }
 
-/// A file that stays behind because its name, or that of a folder above it, was refused.
+/// A file that is not written because its name, or that of a folder above it, was refused.
 void TfrmSaveProgress::SkipFile(int fileNumber, const TString& name, TPlace place, bool parentDeleted) {
   ++FSummary.Files;
   ++FSummary.SkippedForNames;
@@ -218,7 +214,7 @@ void TfrmSaveProgress::SkipFile(int fileNumber, const TString& name, TPlace plac
   outcome.Outcome = TOutcome::Skipped;
   outcome.Path = FTarget.PathOf(place) + SafeName(name);
   outcome.Listed = FLink.GetFileSize(fileNumber);
-  if (FSummary.Faults.size() < TRecoverySummary::MostFaults) FSummary.Faults.push_back(outcome);
+  if (FSummary.Faults.size() < TRecoverySummary::MaxFaults) FSummary.Faults.push_back(outcome);
   Record(std::move(outcome), parentDeleted);
 }
 
@@ -229,14 +225,14 @@ void TfrmSaveProgress::MeasureFile(int fileNumber) {
   RecoverySize += std::clamp<std::int64_t>(size, 0, INT64_MAX - RecoverySize);
   ++RecoveryFiles;
   const int number = FLink.GetFileDriveNumber(fileNumber);
-  if (FEngine.Drives().IsWrongNumber(number)) return;
-  TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(number)];
-  const auto [known, isNew] = FMeasuredDrives.try_emplace(number, 0);
-  if (isNew) known->second = FEngine.Drives().GetSize(drive, false);
-  // Compression, holes and shared places: only NTFS stores a file in less than it lists.
-  const bool canExpand = drive.FileSystem == TFileSystem::fsNTFS;
-  const auto add = [&](std::int64_t bytes) {
-    bytes = canExpand ? bytes : std::min(bytes, known->second);
+  auto drive = FMeasuredDrives.find(number);
+  if (drive == FMeasuredDrives.end()) {
+    TRecoveryDrive found;
+    if (!FLink.GetDrive(number, found)) return;
+    drive = FMeasuredDrives.emplace(number, std::move(found)).first;
+  }
+  const auto add = [this, &of = drive->second](std::int64_t bytes) {
+    bytes = of.StoresInLess ? bytes : std::min(bytes, of.Size);
     ListedSize += std::clamp<std::int64_t>(bytes, 0, INT64_MAX - ListedSize);
   };
   add(size);
@@ -248,11 +244,9 @@ void TfrmSaveProgress::MeasureFile(int fileNumber) {
 
 std::int64_t TfrmSaveProgress::SourceSize() const {
   std::map<TString, std::int64_t> devices;  // several drives may lie on one
-  for (const auto& [number, size] : FMeasuredDrives) {
-    const TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(number)];
-    const IDevice* device = FEngine.Devices().Get(drive.Drive);
-    std::int64_t& known = devices[drive.Drive];
-    known = std::max(known, device != nullptr ? device->Size() : size);
+  for (const auto& [number, drive] : FMeasuredDrives) {
+    std::int64_t& size = devices[drive.Device];
+    size = std::max(size, drive.DeviceSize);
   }
   std::int64_t sum = 0;
   for (const auto& [key, size] : devices) sum += size;
@@ -261,7 +255,7 @@ std::int64_t TfrmSaveProgress::SourceSize() const {
 
 bool TfrmSaveProgress::MayBeWritten() const {
   const std::int64_t source = SourceSize();
-  if (source <= 0 || ListedSize / MostExpansion <= source) return true;
+  if (source <= 0 || ListedSize / MaxExpansion <= source) return true;
   return FQuestions != nullptr && FQuestions->MuchLargerThanSource(ListedSize, source);
 }
 
@@ -410,15 +404,11 @@ void TfrmSaveProgress::Record(TFileOutcome outcome, bool parentDeleted) {
   const bool written = outcome.Outcome != TOutcome::Skipped && outcome.Outcome != TOutcome::Failed;
   if (written && (parentDeleted || FLink.GetFileDeleted(outcome.FileNumber))) {
     ++FSummary.DeletedFiles;
-    const TFiles& files = FEngine.Files();
-    if (!files.IsWrongNumber(outcome.FileNumber) &&
-        IsOverwritten(FEngine, files.List[static_cast<std::size_t>(outcome.FileNumber)])) {
-      ++FSummary.Overwritten;
-    }
+    if (FLink.IsOverwritten(outcome.FileNumber)) ++FSummary.Overwritten;
   }
   if (OnFile) OnFile(outcome, parentDeleted);
   const bool fault = outcome.Outcome != TOutcome::Whole && outcome.Outcome != TOutcome::Skipped;
-  if (fault && FSummary.Faults.size() < TRecoverySummary::MostFaults) FSummary.Faults.push_back(std::move(outcome));
+  if (fault && FSummary.Faults.size() < TRecoverySummary::MaxFaults) FSummary.Faults.push_back(std::move(outcome));
 }
 
 }  // namespace brenlow

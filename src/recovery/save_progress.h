@@ -13,6 +13,7 @@
 
 #include "core/file_records.h"
 #include "recovery/file_writer.h"
+#include "recovery/master_link.h"
 #include "recovery/recovery_types.h"
 #include "recovery/target_tree.h"
 
@@ -20,7 +21,6 @@ namespace brenlow {
 
 class IRecoveryQuestions;
 class TEngine;
-class TRecoveryMasterLink;
 
 /// A failure on one file stops nothing: every file has an outcome. Clearing `TEngine::Recovering`
 /// ends the walk; what was written stays.
@@ -55,7 +55,7 @@ class TfrmSaveProgress {
   std::int64_t SourceSize() const;
   /// Damaged or hostile sources list more than they can hold: above this many times its size a source is
   /// not recovered without a question.
-  static constexpr std::int64_t MostExpansion = 10;
+  static constexpr std::int64_t MaxExpansion = 10;
   /// False when what was measured is beyond that, and the answer to the question was no.
   bool MayBeWritten() const;
   /// Writes the selection. With `isMasterResults` each selected file goes below the folders that it
@@ -108,7 +108,7 @@ class TfrmSaveProgress {
   std::unordered_map<std::u16string, TPlace> FPlaces;  // by start and path
   std::unordered_set<std::int64_t> FEntered;           // folders walked so far
   std::unordered_set<std::int64_t> FSkipped;           // folders passed over, which may still be met elsewhere
-  std::map<int, std::int64_t> FMeasuredDrives;         // sizes of the drives of the files measured, in bytes
+  std::map<int, TRecoveryDrive> FMeasuredDrives;       // of the files measured
 };
 
 /// `name` with every refused character replaced, from the last to the first.

@@ -24,10 +24,10 @@
 namespace brenlow {
 namespace {
 
-constexpr int MostNumbers = 1'000'000;  // of one name in one folder
-constexpr int MostAttempts = 100;       // at names that others may take or remove meanwhile
+constexpr int MaxNumbers = 1'000'000;  // of one name in one folder
+constexpr int MaxAttempts = 100;       // at names that others may take or remove meanwhile
 
-// File system types as statfs tells them (linux/magic.h; exFAT and ntfs3 from their drivers).
+// File system types as statfs reports them (linux/magic.h; exFAT and ntfs3 from their drivers).
 constexpr long FatType = 0x4D44;
 constexpr long ExfatType = 0x2011BAB0;
 constexpr long NtfsType = 0x5346544E;
@@ -64,6 +64,18 @@ bool IsNameOfPartial(std::string_view name) {
   if (name.front() != '-' || digits == std::string_view::npos || digits == 1 || name[digits] != '-') return false;
   const std::string_view random = name.substr(digits + 1);
   return !random.empty() && random.find_first_not_of("0123456789abcdef") == std::string_view::npos;
+}
+
+/// The folders on the way to a path that are not there yet, the innermost first.
+std::vector<std::string> MissingFolders(const std::string& path) {
+  std::vector<std::string> missing;
+  std::error_code error;
+  std::filesystem::path at = std::filesystem::absolute(path, error).lexically_normal();
+  if (!at.has_filename()) at = at.parent_path();
+  for (; !std::filesystem::exists(at, error) && at.has_relative_path(); at = at.parent_path()) {
+    missing.push_back(at.string());
+  }
+  return missing;
 }
 
 /// The path that a file without a name can be linked from.
@@ -133,6 +145,7 @@ int TTargetTree::Open(const std::string& path, TSourceGuard guard, bool mayLieOn
   FGuard = std::move(guard);
   FMayLieOnSource = mayLieOnSource;
   if (!mayLieOnSource && FGuard.LiesOnSource(path)) return TSourceGuard::Refused;
+  FMade = MissingFolders(path);
   if (const int missing = CreateFolders(path); missing != 0) return missing;
   // The user named this path: links in it are the user's own.
   THandle handle(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -156,16 +169,16 @@ int TTargetTree::Open(const std::string& path, TSourceGuard guard, bool mayLieOn
 /// 0, also where the file system has no locks; EWOULDBLOCK when another run has it.
 int TTargetTree::TakeLock() {
   if (FGuard.IsSource(FRoot.Get(), LockName)) return 0;
-  for (int attempt = 0; attempt < MostAttempts; ++attempt) {
+  for (int attempt = 0; attempt < MaxAttempts; ++attempt) {
     THandle lock(OpenOrCreate(FRoot.Get(), LockName, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
     if (!lock.Valid()) return 0;
     if (::flock(lock.Get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) return EWOULDBLOCK;
-    // A run that just ended has taken its lock file with it: then this is no longer the one that counts.
+    // A run that has just ended removed its lock file: then this is no longer the one that counts.
     if (!HasName(FRoot.Get(), LockName, lock)) continue;
     FLock = std::move(lock);
     return 0;
   }
-  return 0;  // the file system tells nothing of use
+  return 0;  // the file system's answers are of no use
 }
 
 void TTargetTree::Close() {
@@ -178,6 +191,11 @@ void TTargetTree::Close() {
   FCurrent = TOpenFolder();
   FAbove = TOpenFolder();
   FRoot.Close();
+  // What holds something stays.
+  for (const std::string& folder : FMade) {
+    if (::rmdir(folder.c_str()) != 0) break;
+  }
+  FMade.clear();
 }
 
 void TTargetTree::LookAtFileSystem() {
@@ -188,8 +206,7 @@ void TTargetTree::LookAtFileSystem() {
   // Both NTFS drivers show the attributes of Windows under this name; ntfs-3g is one of many
   // file systems of the type "fuse".
   FIsNTFS = type == NtfsType || type == Ntfs3Type || ::fgetxattr(FRoot.Get(), "system.ntfs_attrib", nullptr, 0) >= 0;
-  FIsFAT32 = type == FatType;
-  FIsOfWindows = FIsNTFS || FIsFAT32 || type == ExfatType;
+  FIsOfWindows = FIsNTFS || type == FatType || type == ExfatType;
 }
 
 std::int64_t TTargetTree::FreeBytes() const {
@@ -207,13 +224,13 @@ TTargetTree::TPlace TTargetTree::Folder(TPlace parent, TStringView name, const T
     FSiblingsOf = parent;
   }
   TFolder folder{parent, FFolders[parent].Depth + 1, SafeName(name), times, false, comesAgain};
-  const auto [known, isNew] = FSiblings.try_emplace(Key(folder.Name), static_cast<TPlace>(FFolders.size()));
+  const auto [place, isNew] = FSiblings.try_emplace(Key(folder.Name), static_cast<TPlace>(FFolders.size()));
   if (isNew) {
     FFolders.push_back(std::move(folder));
   } else {
-    FFolders[known->second].ComesAgain = true;
+    FFolders[place->second].ComesAgain = true;
   }
-  return known->second;
+  return place->second;
 }
 
 /// Creates a folder where needed and opens it. 0, or the errno.
@@ -234,14 +251,14 @@ int TTargetTree::OpenBelow(int above, TFolder& folder, THandle& handle) {
     // Something else has the name (a file, a link, a source mounted there): another name is tried.
     const int error = forbidden ? TSourceGuard::Refused : errno;
     const bool isOther = forbidden || error == ENOTDIR || error == ELOOP;
-    if (folder.Entered || !isOther || number >= MostNumbers) return error;
+    if (folder.Entered || !isOther || number >= MaxNumbers) return error;
   }
   if (!folder.Entered && !folder.IsNew) RemoveLeftovers(handle.Get(), FGuard);
   folder.Entered = true;
   return 0;
 }
 
-/// True for a folder in another file system than the target's, which lies on a source.
+/// True for a folder on a different file system from the target's, where that one is on a source.
 bool TTargetTree::IsForbidden(const THandle& folder) const {
   const auto here = IdentityOf(folder.Get());
   const auto root = IdentityOf(FRoot.Get());
@@ -261,11 +278,11 @@ void TTargetTree::Leave() {
 int TTargetTree::Enter(TPlace place) {
   if (place == FCurrent.Place) return 0;
   Leave();
-  // The way up to a folder that is open already, then down again.
-  std::vector<TPlace> way;
+  // Up to a folder that is open already, then down again.
+  std::vector<TPlace> steps;
   TPlace at = place;
   while (at != Root && at != FCurrent.Place && at != FAbove.Place) {
-    way.push_back(at);
+    steps.push_back(at);
     at = FFolders[at].Above;
   }
   TOpenFolder above;
@@ -276,11 +293,11 @@ int TTargetTree::Enter(TPlace place) {
   }
   FCurrent = TOpenFolder();
   FAbove = TOpenFolder();
-  for (; !way.empty(); way.pop_back()) {
-    TOpenFolder next{way.back(), THandle()};
+  for (; !steps.empty(); steps.pop_back()) {
+    TOpenFolder next{steps.back(), THandle()};
     const int error =
         OpenBelow(above.Handle.Valid() ? above.Handle.Get() : FRoot.Get(), FFolders[next.Place], next.Handle);
-    if (error != 0) return error;  // the root stays in hand
+    if (error != 0) return error;  // the root stays current
     FAbove = std::move(above);
     above = std::move(next);
   }
@@ -318,7 +335,7 @@ std::string TTargetTree::FreeName(const std::string& name) {
   for (;;) {
     std::string free = NumberedName(name, ++number);
     const bool isFree = !Exists(free) && !FClaimed.contains(Key(free));
-    if (isFree || number >= MostNumbers) {
+    if (isFree || number >= MaxNumbers) {
       --number;  // free still: it is the proposal until it is used
       return free;
     }
@@ -330,7 +347,7 @@ std::string TTargetTree::Claim(const std::string& name) {
   if (isNew) return name;
   for (int number = first->second + 1;; ++number) {
     std::string numbered = NumberedName(name, number);
-    if (number >= MostNumbers || FClaimed.try_emplace(Key(numbered), 1).second) {
+    if (number >= MaxNumbers || FClaimed.try_emplace(Key(numbered), 1).second) {
       FClaimed[Key(name)] = number;
       return numbered;
     }
@@ -353,13 +370,13 @@ int TTargetTree::CreatePartial(THandle& handle) {
     if (const int error = CreateNamed(); error != 0) return error;
   }
   GiveToCaller(FPartial.Handle.Get());
-  // Whoever asked closes its own, as some file systems tell only then that they are full.
+  // The caller closes its own descriptor, as some file systems report only then that they are full.
   handle = THandle(::fcntl(FPartial.Handle.Get(), F_DUPFD_CLOEXEC, 0));
   return handle.Valid() ? 0 : errno;
 }
 
 int TTargetTree::CreateNamed() {
-  for (int attempt = 0; attempt < MostAttempts; ++attempt) {
+  for (int attempt = 0; attempt < MaxAttempts; ++attempt) {
     const std::string name = UniqueName();
     THandle file(::openat(Here(), name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
     if (!file.Valid() && errno == EEXIST) continue;
@@ -376,7 +393,7 @@ int TTargetTree::CreateNamed() {
 /// Puts the file that has no name yet under a unique one. 0, or the errno.
 int TTargetTree::LinkBeside() {
   ::flock(FPartial.Handle.Get(), LOCK_EX | LOCK_NB);
-  for (int attempt = 0; attempt < MostAttempts; ++attempt) {
+  for (int attempt = 0; attempt < MaxAttempts; ++attempt) {
     const std::string name = UniqueName();
     const std::string path = LinkPath(FPartial.Handle);
     if (::linkat(AT_FDCWD, path.c_str(), Here(), name.c_str(), AT_SYMLINK_FOLLOW) == 0) {
@@ -418,17 +435,19 @@ std::string TTargetTree::KeepPartial(const std::string& name) {
     DropPartial();
     return name;
   }
-  const std::string wanted = WithSuffix(name, ".partial");
-  std::string given = wanted;
-  for (int number = 2; number < MostNumbers; ++number) {
-    const int error = GiveName(given);
-    if (error == 0) return given;
-    if (error != EEXIST) break;
-    given = NumberedName(wanted, number);
+  // A target that refuses the name has room for a plain one, which no later run takes for its own leftover.
+  for (const std::string& wanted : {WithSuffix(name, ".partial"), std::string("unfinished.partial")}) {
+    std::string given = wanted;
+    for (int number = 2; number < MaxNumbers; ++number) {
+      const int error = GiveName(given);
+      if (error == 0) return given;
+      if (error != EEXIST) break;
+      given = NumberedName(wanted, number);
+    }
   }
   const std::string own = FPartial.Name;
   FPartial = TPartial();
-  return own;
+  return own.empty() ? name : own;
 }
 
 THandle TTargetTree::OpenFile(const std::string& name) const {

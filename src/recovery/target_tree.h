@@ -54,7 +54,7 @@ class TTargetTree {
   /// another run is writing into it.
   int Open(const std::string& path, TSourceGuard guard, bool mayLieOnSource = false);
 
-  /// The run is over: others may write there.
+  /// The run is over: others may write there. Folders that `Open` has made go where they are empty.
   void Close();
   /// For tests: as if the file system could not make files without a name.
   void UseNamedFiles() { FHasUnnamedFiles = false; }
@@ -103,7 +103,6 @@ class TTargetTree {
   const std::string& Path() const { return FPath; }
   /// Keeps alternate data streams of its own.
   bool IsNTFS() const { return FIsNTFS; }
-  bool IsFAT32() const { return FIsFAT32; }
   /// FAT, exFAT or NTFS: other systems will read it, and upper and lower case are the same.
   bool IsOfWindows() const { return FIsOfWindows; }
   /// Bytes that may still be written; -1 when not known.
@@ -153,6 +152,7 @@ class TTargetTree {
   bool FHasUnnamedFiles = false;  // the file system makes files without a name
   TSourceGuard FGuard;
   bool FMayLieOnSource = false;
+  std::vector<std::string> FMade;  // folders that `Open` has made, the innermost first
   std::vector<TFolder> FFolders;
   TOpenFolder FCurrent;                              // the folder in hand; no handle stands for the root
   TOpenFolder FAbove;                                // the folder above it, for the next one beside it
@@ -162,7 +162,6 @@ class TTargetTree {
   TPlace FSiblingsOf = Root;
   std::unordered_map<std::string, TPlace> FSiblings;  // places below `FSiblingsOf`, by name
   bool FIsNTFS = false;
-  bool FIsFAT32 = false;
   bool FIsOfWindows = false;
 };
 

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
+#include <memory>
 #include <unordered_map>
 
 #include "core/types.h"
@@ -20,9 +22,26 @@ class TFolderIndex {
   int Owner(std::int64_t firstCluster) const;
   /// True when a folder above the row is deleted: what lies there counts as deleted as well.
   bool InDeletedFolder(const TFiles& files, int fileNumber) const;
+  /// The rows of the folders above a row, the topmost first.
+  TIntegerDynArray FoldersAbove(const TFiles& files, int fileNumber) const;
 
  private:
+  template <typename TVisit>
+  void Climb(const TFiles& files, int fileNumber, TVisit&& visit) const;
+
   std::unordered_map<std::int64_t, int> FOwners;
+};
+
+/// Keeps the index of each drive as long as the table has as many rows: making one takes a look at every row.
+class TFolderIndexCache {
+ public:
+  const TFolderIndex& Of(const TFiles& files, int driveNumber);
+  /// The rows have changed their numbers.
+  void Clear() { FIndexes.clear(); }
+
+ private:
+  std::map<int, std::unique_ptr<TFolderIndex>> FIndexes;  // by drive
+  std::size_t FRows = 0;
 };
 
 }  // namespace brenlow

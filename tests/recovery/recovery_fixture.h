@@ -67,7 +67,6 @@ struct TScript final : IRecoveryQuestions {
     Asked.push_back("same drive");
     return GoOn;
   }
-  bool LargerThanFAT() override { return GoOn; }
   bool MuchLargerThanSource(std::int64_t listed, std::int64_t source) override {
     Asked.push_back(std::to_string(listed) + " of " + std::to_string(source));
     return GoOn;
@@ -75,12 +74,41 @@ struct TScript final : IRecoveryQuestions {
   bool CancelRecovery() override { return GoOn; }
 };
 
+/// The file table, but for what a test puts in place of it.
+class TTestLink final : public TFileTableLink {
+ public:
+  using TFileTableLink::TFileTableLink;
+  std::function<void(TSelectedFiles&)> Selected;
+  std::function<TString(int)> Name;
+  std::function<TADSDynArray(int)> Streams;
+  std::function<void(TByteDynArray&, int file, int stream, std::int64_t start, std::int64_t size)> Data;
+
+  void GetSelectedFiles(TSelectedFiles& files, const TFileFilter&) const override {
+    if (Selected) Selected(files);
+  }
+  TStringView GetFileName(int fileNumber) const override {
+    if (!Name) return TFileTableLink::GetFileName(fileNumber);
+    FName = Name(fileNumber);
+    return FName;
+  }
+  TADSDynArray GetStreams(int fileNumber) const override {
+    return Streams ? Streams(fileNumber) : TFileTableLink::GetStreams(fileNumber);
+  }
+  void GetFileData(TByteDynArray& result, int file, int stream, std::int64_t start, std::int64_t size) const override {
+    if (Data) return Data(result, file, stream, start, size);
+    TFileTableLink::GetFileData(result, file, stream, start, size);
+  }
+
+ private:
+  mutable TString FName;
+};
+
 struct TFixture {
   TEngine Engine;
   TTemporaryFolder Target;
   TMounted Source;
   TScript Script;
-  TRecoveryMasterLink Link{Engine};
+  TTestLink Link{Engine};
   TRecoveryOptions Options;
   std::unique_ptr<TfrmSaveProgress> Recovery;
   std::function<void(const TFileOutcome&, bool)> OnFile;
@@ -89,7 +117,7 @@ struct TFixture {
     AnalyseDrive(Engine, Source.Number);
     Options.Path = Target.Path();
     Options.CanReplaceSymbols = true;
-    Link.GetSelectedFiles = [this](TSelectedFiles& files, const TFileFilter&) {
+    Link.Selected = [this](TSelectedFiles& files) {
       for (const std::int64_t n : Engine.Drives().GetParentClusters(Source.Number, SpecialCluster::Root)) {
         files.push_back({static_cast<int>(n), false});
       }

@@ -75,9 +75,9 @@ TEST_CASE("empty files have their times, and a file that ends early does not sto
   TFatBuilder fat = VolumeOf({u"short.txt", u"whole.txt"});
   fat.PutEntry(fat.RootAt() + 2 * 64, {"EMPTY   TXT", 0x20, 0, 0});
   TFixture t(fat);
-  const TRecoveryMasterLink defaults(t.Engine);
+  const TFileTableLink defaults(t.Engine);
   const int cut = t.NumberOf(u"short.txt");
-  t.Link.GetFileData = [&](TByteDynArray& result, int number, int ads, std::int64_t start, std::int64_t size) {
+  t.Link.Data = [&](TByteDynArray& result, int number, int ads, std::int64_t start, std::int64_t size) {
     defaults.GetFileData(result, number, ads, start, size);
     if (number == cut) result.resize(start == 0 ? 100 : 0);
   };
@@ -320,15 +320,15 @@ TEST_CASE("several first clusters: one file, the chosen one, or all") {
 TEST_CASE("streams: beside the file, as attributes, or counted") {
   TFixture t(VolumeOf({u"one.txt", u"two.txt"}));
   const std::string stream = "the stream";
-  t.Link.GetStreams = [&](int number) {
+  t.Link.Streams = [&](int number) {
     TADSDynArray streams(2);
     streams[0].IsSystem = true;
     streams[1].Name = u"Zone:Id";
     streams[1].aSize = static_cast<std::int64_t>(stream.size());
     return number == 0 ? streams : TADSDynArray();
   };
-  const TRecoveryMasterLink defaults(t.Engine);
-  t.Link.GetFileData = [&](TByteDynArray& result, int number, int ads, std::int64_t start, std::int64_t size) {
+  const TFileTableLink defaults(t.Engine);
+  t.Link.Data = [&](TByteDynArray& result, int number, int ads, std::int64_t start, std::int64_t size) {
     if (ads < 0) return defaults.GetFileData(result, number, ads, start, size);
     CHECK(ads == 1);
     result.assign(stream.begin() + start, stream.begin() + start + size);
@@ -416,7 +416,7 @@ TEST_CASE("a list that is not the file table, and results that get their folders
   fat.Fill(9, "abc");
   TFixture t(fat);
   const int deep = t.NumberOf(u"DEEP.TXT");
-  t.Link.GetSelectedFiles = [&](TSelectedFiles& files, const TFileFilter&) { files = {Select(deep)}; };
+  t.Link.Selected = [&](TSelectedFiles& files) { files = {Select(deep)}; };
   SUBCASE("results") {
     t.Run(true);
     CHECK(t.Recovery->CurrentRecoveringFile == deep);
@@ -426,21 +426,40 @@ TEST_CASE("a list that is not the file table, and results that get their folders
     CHECK(t.Content("DEEP.TXT") == "abc");
   }
   SUBCASE("other operations") {
-    t.Link.GetFileName = [](int) { return TStringView(u"other name"); };
-    t.Link.GetFileData = [](TByteDynArray& result, int, int, std::int64_t, std::int64_t size) {
+    t.Link.Name = [](int) { return TString(u"other name"); };
+    t.Link.Data = [](TByteDynArray& result, int, int, std::int64_t, std::int64_t size) {
       result.assign(static_cast<std::size_t>(size), 'z');
     };
     t.Run();
     CHECK(t.Content("other name") == "zzz");
-    t.Link.ResetToDefaults();
-    t.Link.GetSelectedFiles = [&](TSelectedFiles& files, const TFileFilter&) { files = {Select(deep), Select(99)}; };
+    t.Link.Name = nullptr;
+    t.Link.Data = nullptr;
+    t.Link.Selected = [&](TSelectedFiles& files) { files = {Select(deep), Select(99)}; };
     CHECK(t.Run().Files == 1);
     CHECK(t.Content("DEEP.TXT") == "abc");
   }
-  SUBCASE("without its operations a link does nothing") {
-    t.Link.GetSelectedFiles.Reset();
+  SUBCASE("nothing selected") {
+    t.Link.Selected = nullptr;
     CHECK(t.Run().Files == 0);
   }
+}
+
+TEST_CASE("in a folder, too, the live file keeps its name and the deleted one of that name is numbered") {
+  TFatBuilder fat(TFatShape{});
+  fat.PutEntry(fat.RootAt(), {"DIR        ", 0x10, 5});
+  fat.Chain({5});
+  fat.PutDots(5, 0);
+  std::size_t at = fat.ClusterAt(5) + 64;
+  at += fat.PutLongEntry(at, u"same name.txt", {"SAMENA~1TXT", 0x20, 9, 3}, true);
+  fat.PutLongEntry(at, u"same name.txt", {"SAMENA~2TXT", 0x20, 10, 4});
+  fat.Chain({10});
+  fat.Fill(9, "old");
+  fat.Fill(10, "live");
+  TFixture t(fat);
+  t.Options.NumberDoubles = true;
+  CHECK(t.Run().Whole == 2);
+  CHECK(t.Content("DIR/same name.txt") == "live");
+  CHECK(t.Content("DIR/same name (2).txt") == "old");
 }
 
 TEST_CASE("leftovers of a killed run go, a stop and a full target leave a marked part") {
@@ -469,8 +488,8 @@ TEST_CASE("the wizard: pages, options and the warning of the same drive") {
   TFixture t(VolumeOf({u"one.txt", u"a:b.txt"}));
   TRecoverySettings settings;
   settings.Path = t.Target.Path() + "/new";
-  TfRecoveryMaster master(t.Engine, settings, t.Script, TRecoverySender::rsFiles);
-  master.Link.GetSelectedFiles = [&](TSelectedFiles& files, const TFileFilter&) { files = {Select(0), Select(1)}; };
+  t.Link.Selected = [&](TSelectedFiles& files) { files = {Select(0), Select(1)}; };
+  TfRecoveryMaster master(t.Engine, t.Link, settings, t.Script, TRecoverySender::rsFiles);
   std::vector<int> pages;
   std::vector<double> ratios;
   master.OnPage = [&](int page) { pages.push_back(page); };
@@ -484,9 +503,9 @@ TEST_CASE("the wizard: pages, options and the warning of the same drive") {
   CHECK(master.Options.SpaceAvailableText.starts_with("Space available: "));
   CHECK_FALSE(master.Options.TypeSymbol(u':'));
   CHECK(master.Options.TypeSymbol(u'\b'));
-  CHECK(master.Options.UnknownSymbols == u"_");
+  CHECK(master.Options.Choices.UnknownSymbols == u"_");
   CHECK(master.Options.TypeSymbol(u'-'));
-  master.Options.CanReplaceSymbols = true;
+  master.Options.Choices.CanReplaceSymbols = true;
 
   // The drive in focus is mounted where the target lies.
   t.Engine.Drives().Add(TDriveInfo(), false);
@@ -502,13 +521,13 @@ TEST_CASE("the wizard: pages, options and the warning of the same drive") {
   CHECK(pages == std::vector<int>{0, 3, 4, 12});
   CHECK(t.Content("new/a-b.txt").size() == 600);
   CHECK(ratios == std::vector<double>{0.5, 1.0});
-  CHECK(settings.UnknownSymbols == "-");
+  CHECK(settings.UnknownSymbols == u"-");
   CHECK_FALSE(t.Engine.Recovering);
 
   // A remembered choice passes the first page; another kind of output leads elsewhere.
   settings.Remember = true;
-  settings.Type = 1;
-  TfRecoveryMaster again(t.Engine, settings, t.Script, TRecoverySender::rsRecoveryList);
+  settings.Type = TRecoverType::rtCreateZIP;
+  TfRecoveryMaster again(t.Engine, t.Link, settings, t.Script, TRecoverySender::rsRecoveryList);
   again.Show();
   CHECK(again.FActivePage() == TfRecoveryMaster::ZIPOptions);
 }
