@@ -80,11 +80,11 @@ void FillTable(TEngine& engine, int count) {
 
 int MeasureRows(TfMain& window, int count) {
   std::atomic<bool> filled = false;
-  window.Desk().Do([&](TCommands&) {
-    FillTable(window.Desk().Engine(), count);
+  window.Controller().Do([&](TCommands&) {
+    FillTable(window.Controller().Engine(), count);
     filled = true;
   });
-  RunUntil([&] { return filled && !window.Desk().IsBusy(); });
+  RunUntil([&] { return filled && !window.Controller().IsBusy(); });
   const long long before = ResidentBytes();
   TLateness lateness;
   auto& model = window.FileList().Model();
@@ -96,9 +96,9 @@ int MeasureRows(TfMain& window, int count) {
     return clock.elapsed();
   };
   const int drive = window.Drives().back().Number;
-  const qint64 show = timed([&] { window.Desk().OpenDrive(drive); }, [&] { return model.rowCount() >= count; });
+  const qint64 show = timed([&] { window.Controller().OpenDrive(drive); }, [&] { return model.rowCount() >= count; });
   const auto sort = [&](TSortOrder order) {
-    return timed([&] { window.Desk().Ask([order](TCommands& commands) { commands.Sort(order); }); },
+    return timed([&] { window.Controller().Ask([order](TCommands& commands) { commands.View().Sort(order); }); },
                  [&] { return window.FileList().Place().Sort == order; });
   };
   const qint64 bySize = sort({TSortKey::Size, false});
@@ -126,7 +126,7 @@ int main(int argc, char** argv) {
   TfMain window(settings, TLanguage::English(), std::string());
   window.show();
   window.Start(QString());
-  RunUntil([&] { return !window.Drives().empty() && !window.Desk().IsBusy(); });
+  RunUntil([&] { return !window.Drives().empty() && !window.Controller().IsBusy(); });
   int result = 0;
   if (argc > 2 && std::strcmp(argv[1], "rows") == 0) result = MeasureRows(window, std::atoi(argv[2]));
   window.close();

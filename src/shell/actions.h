@@ -2,7 +2,9 @@
 // The actions of the main window and when each of them can be chosen.
 #pragma once
 
+#include <bitset>
 #include <cstdint>
+#include <iterator>
 #include <string_view>
 
 #include "core/file_records.h"
@@ -13,82 +15,50 @@ namespace brenlow {
 
 enum class TText : std::uint16_t;
 
-/// Those with `Folders` in their names act on the node selected in the tree, the others on the
-/// selection in the file list.
+/// Those with `Folders` in their names act on the node selected in the tree, the others on the selection in the file
+/// list.
 enum class TAction : std::uint8_t {
-  actMaster,
-  actOpen,
-  actReopen,
-  actFoldersReopen,
-  actStopAnalyse,
-  actRecovery,
-  actFoldersRecovery,
-  actRecoveryFromList,
-  actAddToRecoveryList,
-  actFindPartitions,
-  actFoldersFindPartitions,
-  actCreateVirtualPartition,
-  actFoldersCreateVirtualPartition,
-  actCreateImage,
-  actFoldersCreateImage,
-  actMountImage,
-  actFoldersMountImage,
-  actUnmountImage,
-  actCloseDisk,
-  actFoldersCloseDisk,
-  actProperties,
-  actFoldersProperties,
-  actRefresh,
-  actExpand,
-  actSelectAll,
-  actInvertSelection,
-  actFindFile,
-  actFoundFileLocation,
-  actWhere,
-  actAddCustomFolder,
-  actSortByName,
-  actSortByType,
-  actSortBySize,
-  actSortByFreeSize,
-  actSortByFileSystem,
-  actSortByStatus,
-  actSortByModified,
-  actSortByCreated,
-  actSortAscending,
-  actSortDescending,
-  actFilterExisting,
-  actFilterDeleted,
-  actFilterAllFiles,
-  actFilterArchive,
-  actFilterAudio,
-  actFilterDatabase,
-  actFilterDocument,
-  actFilterImage,
-  actFilterVideo,
-  // From here on: what concerns the window alone.
-  actViewLargeIcons,
-  actViewIcons,
-  actViewList,
-  actViewDetails,
-  actViewTile,
-  actFindFileBar,
-  actWhereBar,
-  actImageBar,
-  actPreview,
-  actRecoveryList,
-  actSettings,
-  actHelp,
-  actAbout,
-  actExit,
+#define BRENLOW_ACTION(id, ...) id,
+#include "shell/actions.inc"
+#undef BRENLOW_ACTION
 };
-inline constexpr std::size_t ActionCount = static_cast<std::size_t>(TAction::actExit) + 1;
-using TActions = TEnumSet<TAction, std::uint64_t>;
-static_assert(ActionCount <= 64, "one bit each");
+inline constexpr TAction AllActions[] = {
+#define BRENLOW_ACTION(id, ...) TAction::id,
+#include "shell/actions.inc"
+#undef BRENLOW_ACTION
+};
+inline constexpr std::size_t ActionCount = std::size(AllActions);
 
-/// The name of an action, as "actOpen".
-std::string_view NameOf(TAction action);
-/// True for what no drive and no file is needed for: it is always there.
-constexpr bool IsWindowAction(TAction action) { return action >= TAction::actViewLargeIcons; }
+/// A set of actions.
+class TActions {
+ public:
+  bool Has(TAction action) const { return FBits.test(static_cast<std::size_t>(action)); }
+  void Add(TAction action) { FBits.set(static_cast<std::size_t>(action)); }
+  bool operator==(const TActions&) const = default;
+
+ private:
+  std::bitset<ActionCount> FBits;
+};
+
+struct TShellState;
+
+enum class TActionLook : std::uint8_t { Button, Switch };
+
+/// When a chosen action is carried out while something runs.
+enum class TActionOrder : std::uint8_t { InTurn, AtOnce, AtOnceIfOpen };
+
+struct TActionInfo {
+  TAction Action;
+  std::string_view Name;  ///< as "actOpen"
+  TText Caption;
+  const char* Icon;      ///< "" for none
+  const char* Shortcut;  ///< "" for none
+  TActionLook Look;
+  bool (*IsEnabled)(const TShellState& state);
+  TActionOrder Order;
+};
+
+const TActionInfo& InfoOf(TAction action);
 
 /// What the actions ask of a selection, in the list or in the tree.
 struct TSelectionState {
@@ -153,8 +123,5 @@ inline constexpr TSortAction SortActions[] = {{TAction::actSortByName, TSortKey:
                                               {TAction::actSortByStatus, TSortKey::Status},
                                               {TAction::actSortByModified, TSortKey::Modified},
                                               {TAction::actSortByCreated, TSortKey::Created}};
-
-/// The caption of an action.
-TText CaptionOf(TAction action);
 
 }  // namespace brenlow

@@ -17,7 +17,7 @@ namespace {
 
 TFile& FileOf(TEngine& engine, int number) { return engine.Files().List[static_cast<std::size_t>(number)]; }
 
-/// The drive that a row of the tree stands for; null for files and folders.
+/// The drive of a row of the tree; null for files and folders.
 const TDriveInfo* DriveOfRow(TEngine& engine, const TFileInfo& info) {
   const TDrives& drives = engine.Drives();
   if (!TFiles::IsRootDir(info) || drives.IsWrongNumber(info.aDriveNumber)) return nullptr;
@@ -140,7 +140,7 @@ class TSheet {
   }
 
  private:
-  /// Nothing for what is not known.
+  /// Adds nothing for unknown values.
   static void Add(std::vector<TProperty>& lines, TText label, TString value) {
     if (!value.empty()) lines.push_back({label, std::move(value)});
   }

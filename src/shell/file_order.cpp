@@ -88,7 +88,7 @@ class TSorter {
     return Info(number).blnFolder ? TString() : FEngine.Files().GetType(Info(number).strName);
   }
 
-  /// Names of one folder often begin alike ("IMG_2023..."), so the key begins where they differ.
+  /// Names in one folder often start alike ("IMG_2023..."), so the key starts where they differ.
   std::vector<TKeyed> NameKeys(std::span<const int> numbers) const {
     std::size_t common = 256;
     for (const int number : numbers) {

@@ -16,7 +16,7 @@ bool IsWordUnit(char16_t c) {
   return (c >= u'0' && c <= u'9') || (c >= u'a' && c <= u'z') || (c >= u'A' && c <= u'Z') || c >= 0x80;
 }
 
-/// `*` stands for any text, `?` for one unit.
+/// `*` matches any text, `?` one unit.
 bool MatchesPattern(TStringView name, TStringView pattern) {
   std::size_t n = 0;
   std::size_t p = 0;
@@ -50,7 +50,7 @@ class TMatcher {
   bool Fits(const TFileInfo& info) {
     if (info.Atributes.blnHidden && !FOptions.HiddenFiles) return false;
     if (info.Atributes.blnSystem && !FOptions.SystemFiles) return false;
-    const bool bySize = FOptions.SmallestSize >= 0 || FOptions.LargestSize >= 0;
+    const bool bySize = FOptions.MinSize >= 0 || FOptions.MaxSize >= 0;
     if (bySize && (info.blnFolder || !FitsSize(info.aSize))) return false;
     if (!FitsTime(FOptions.ByCreated ? info.TimeStamp.dtCreated : info.TimeStamp.dtModified)) return false;
     return FText.empty() || FitsName(info.strName);
@@ -58,7 +58,7 @@ class TMatcher {
 
  private:
   bool FitsSize(std::int64_t size) const {
-    return size >= FOptions.SmallestSize && (FOptions.LargestSize < 0 || size <= FOptions.LargestSize);
+    return size >= FOptions.MinSize && (FOptions.MaxSize < 0 || size <= FOptions.MaxSize);
   }
 
   bool FitsTime(TDateTime time) const {
@@ -99,7 +99,7 @@ std::vector<bool> WantedDrives(const TDrives& drives, int drive) {
 
 }  // namespace
 
-bool TFindOptions::Empty() const { return Text.empty() && SmallestSize < 0 && LargestSize < 0 && From == 0 && To == 0; }
+bool TFindOptions::Empty() const { return Text.empty() && MinSize < 0 && MaxSize < 0 && From == 0 && To == 0; }
 
 TIntegerDynArray FindFiles(TEngine& engine, const TFindOptions& options) {
   TIntegerDynArray found;

@@ -14,8 +14,8 @@ struct TFindOptions {
   TString Text;
   bool CaseSensitive = false;
   bool WholeWords = false;         ///< the text stands between characters that are no letters or digits
-  std::int64_t SmallestSize = -1;  ///< bytes; -1 for any
-  std::int64_t LargestSize = -1;   ///< bytes; -1 for any
+  std::int64_t MinSize = -1;  ///< bytes; -1 for any
+  std::int64_t MaxSize = -1;   ///< bytes; -1 for any
   bool ByCreated = false;          ///< the dates below are those of the creation, else of the last change
   TDateTime From = 0;              ///< 0 for any
   TDateTime To = 0;                ///< 0 for any

@@ -10,6 +10,7 @@
 
 #include "core/device/caller.h"
 #include "core/language.h"
+#include "core/text.h"
 
 namespace brenlow {
 namespace {
@@ -19,9 +20,8 @@ void VisitColumns(TVisitor& visit, const char* section, std::array<int, Count>& 
   for (std::size_t i = 0; i < Count; ++i) visit(section, "Column" + std::to_string(i) + "Width", widths[i]);
 }
 
-/// Calls `visit(section, key, field)` for every key, in the order of the file.
 template <typename TVisitor>
-void VisitSettings(TSettings& s, TVisitor& visit) {
+void VisitWindow(TSettings& s, TVisitor& visit) {
   const char* section = "Main";
   visit(section, "Language", s.Main.Language);
   visit(section, "Left", s.Main.Left);
@@ -37,7 +37,11 @@ void VisitSettings(TSettings& s, TVisitor& visit) {
   visit(section, "EncryptedInColor", s.Main.EncryptedInColor);
   visit(section, "DontAskOnClose", s.Main.DontAskOnClose);
   visit(section, "EngineerMode", s.Main.EngineerMode);
-  section = "FileList";
+}
+
+template <typename TVisitor>
+void VisitViews(TSettings& s, TVisitor& visit) {
+  const char* section = "FileList";
   visit(section, "Tab", s.FileList.Tab);
   visit(section, "ViewStyle", s.FileList.ViewStyle);
   visit(section, "SortIndex", s.FileList.SortIndex);
@@ -67,10 +71,14 @@ void VisitSettings(TSettings& s, TVisitor& visit) {
   visit("Properties", "SystemAttributes", s.Properties.SystemAttributes);
   visit("Master", "ShowOnStartup", s.Master.ShowOnStartup);
   visit("Master", "AutoClose", s.Master.AutoClose);
-  section = "Master_Recovery";
+}
+
+template <typename TVisitor>
+void VisitOutput(TSettings& s, TVisitor& visit) {
+  const char* section = "Master_Recovery";
   visit(section, "Type", s.Recovery.Type);
   visit(section, "Remember", s.Recovery.Remember);
-  visit(section, "Folders", s.Recovery.Folders);
+  visit(section, "Folders", s.Recovery.RestoreFolders);
   visit(section, "ADS", s.Recovery.ADS);
   visit(section, "CanReplaceSymbols", s.Recovery.CanReplaceSymbols);
   visit(section, "Path", s.Recovery.Path);
@@ -90,7 +98,11 @@ void VisitSettings(TSettings& s, TVisitor& visit) {
   visit(section, "UserName", s.Proxy.UserName);
   visit(section, "Password", s.Proxy.Password);
   visit("MountImage", "Create", s.MountImage.Create);
-  section = "Find";
+}
+
+template <typename TVisitor>
+void VisitSearch(TSettings& s, TVisitor& visit) {
+  const char* section = "Find";
   visit(section, "Advanced", s.Find.Advanced);
   visit(section, "CaseSensitive", s.Find.CaseSensitive);
   visit(section, "WholeWords", s.Find.WholeWords);
@@ -106,6 +118,15 @@ void VisitSettings(TSettings& s, TVisitor& visit) {
   visit(section, "DateType", s.Find.DateType);
 }
 
+/// Calls `visit(section, key, field)` for every key, in the order of the file.
+template <typename TVisitor>
+void VisitSettings(TSettings& s, TVisitor& visit) {
+  VisitWindow(s, visit);
+  VisitViews(s, visit);
+  VisitOutput(s, visit);
+  VisitSearch(s, visit);
+}
+
 bool ParseInteger(std::string_view text, int& value) {
   int parsed = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), parsed);
@@ -113,6 +134,9 @@ bool ParseInteger(std::string_view text, int& value) {
   value = parsed;
   return true;
 }
+
+/// Numbers of `TRecoverType`.
+constexpr int RecoverTypes = static_cast<int>(TRecoverType::rtUploadFTP) + 1;
 
 struct TReader {
   const TIniFile& File;
@@ -127,6 +151,14 @@ struct TReader {
   void operator()(const char* section, const std::string& key, std::string& field) {
     if (const auto value = File.Value(section, key)) field = *value;
   }
+  void operator()(const char* section, const std::string& key, TString& field) {
+    if (const auto value = File.Value(section, key)) field = FromUtf8(*value);
+  }
+  void operator()(const char* section, const std::string& key, TRecoverType& field) {
+    int number = static_cast<int>(field);
+    (*this)(section, key, number);
+    if (number >= 0 && number < RecoverTypes) field = static_cast<TRecoverType>(number);
+  }
 };
 
 struct TWriter {
@@ -139,6 +171,12 @@ struct TWriter {
   }
   void operator()(const char* section, const std::string& key, const std::string& field) {
     File.SetValue(section, key, field);
+  }
+  void operator()(const char* section, const std::string& key, const TString& field) {
+    File.SetValue(section, key, ToUtf8(field));
+  }
+  void operator()(const char* section, const std::string& key, TRecoverType field) {
+    File.SetValue(section, key, std::to_string(static_cast<int>(field)));
   }
 };
 
@@ -180,7 +218,8 @@ TSettings TSettingsFile::Load() {
   return settings;
 }
 
-bool TSettingsFile::Save(const TSettings& settings) const {
+bool TSettingsFile::Save(const TSettings& settings, const TSourceGuard& guard) const {
+  if (guard.Forbids(FPath)) return false;
   TIniFile file;
   // A file that is there but cannot be read is not replaced by one of defaults.
   if (file.Load(FPath) != 0 && std::filesystem::exists(FPath)) return false;

@@ -5,8 +5,9 @@
 #include <array>
 #include <string>
 
+#include "core/device/source_guard.h"
 #include "core/ini_file.h"
-#include "recovery/recovery_settings.h"
+#include "recovery/recovery_types.h"
 
 namespace brenlow {
 
@@ -88,8 +89,8 @@ class TSettingsFile {
   /// The errno of a file that is there and could not be read; 0 otherwise.
   int LoadError() const { return FLoadError; }
   /// On top of what the file holds by now. Under sudo a new file in a folder of the user who called it is that
-  /// user's. False when it cannot be written; nobody is told.
-  bool Save(const TSettings& settings) const;
+  /// user's. False when it cannot be written, or is read as a source by what `guard` was made of; nobody is told.
+  bool Save(const TSettings& settings, const TSourceGuard& guard) const;
   const std::string& Path() const { return FPath; }
 
  private:

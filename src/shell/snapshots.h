@@ -57,7 +57,7 @@ struct TFileRow {
   bool PlaceEstimated = false;  ///< where its content lies was worked out and may be wrong
   bool Encrypted = false;
   bool Hidden = false;
-  bool Ticked = false;  ///< on the recovery list
+  bool Checked = false;  ///< on the recovery list
 };
 
 /// A change of the folder tree. Nodes have numbers of their own, never used twice; 0 is the root.

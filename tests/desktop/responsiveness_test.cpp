@@ -73,7 +73,7 @@ class TResponsivenessTest : public QObject {
   void manyRows();
 };
 
-constexpr qint64 MostLate = 50;  // milliseconds
+constexpr qint64 MaxLate = 50;  // milliseconds
 
 /// Every read takes two seconds; the user goes on clicking.
 void TResponsivenessTest::slowDevice() {
@@ -103,13 +103,13 @@ void TResponsivenessTest::slowDevice() {
   w.Trigger(TAction::actOpen);
   w.WaitFor([&] { return w.Device->Reads > reads; });
   click(15);
-  QVERIFY(w.Main->State().Analysing || w.Main->Desk().IsBusy());
+  QVERIFY(w.Main->State().Analysing || w.Main->Controller().IsBusy());
   // Silence of the device is told.
   w.WaitFor([&] { return status->text().contains(QStringLiteral("no answer")); });
   w.Main->close();
   QTest::qWait(100);
   qInfo("latest turn of the event loop: %lld ms", static_cast<long long>(lateness.Worst));
-  QVERIFY2(lateness.OfWindow() <= MostLate, qPrintable(QString::number(lateness.Worst)));
+  QVERIFY2(lateness.OfWindow() <= MaxLate, qPrintable(QString::number(lateness.Worst)));
 }
 
 /// A million rows: scrolling, sorting and selecting keep the window alive.
@@ -118,8 +118,8 @@ void TResponsivenessTest::manyRows() {
   w.Open(LoadTestImage("demo-stick.img.zst"));
   w.Analyse();
   constexpr int count = 1'000'000;
-  w.Main->Desk().Do([&w](TCommands& commands) {
-    TEngine& engine = w.Main->Desk().Engine();
+  w.Main->Controller().Do([&w](TCommands& commands) {
+    TEngine& engine = w.Main->Controller().Engine();
     TFileInfo info;
     TFiles::ClearInfo(info, engine.Drives().Current);
     info.blnFolder = false;
@@ -130,7 +130,7 @@ void TResponsivenessTest::manyRows() {
       info.FirstCluster = 100 + i;
       engine.Files().Add(info, SpecialCluster::Root, true);
     }
-    commands.Rebuild();
+    commands.View().Rebuild();
   });
   w.WaitFor([&] { return w.Rows() > count; });
   QTest::qWait(200);
@@ -150,7 +150,7 @@ void TResponsivenessTest::manyRows() {
   sorted({TSortKey::Name, true});
   qInfo("latest turn while scrolling and sorting a million rows: %lld ms", static_cast<long long>(lateness.Worst));
   // What Qt itself does for a list of that length is short, but not nothing.
-  QVERIFY2(lateness.OfWindow() <= 4 * MostLate, qPrintable(QString::number(lateness.Worst)));
+  QVERIFY2(lateness.OfWindow() <= 4 * MaxLate, qPrintable(QString::number(lateness.Worst)));
 }
 
 }  // namespace

@@ -117,7 +117,7 @@ void TScreenshots::flows() {
   w.Main->SecondStart(QStringLiteral("path_") + w.Key);
   w.WaitFor([&] { return w.Find("TfAnalyseMaster") != nullptr; });
   w.Find<QDialog>("TfAnalyseMaster")->reject();
-  w.Main->Desk().OpenDrive(w.Main->Drives().back().Number);
+  w.Main->Controller().OpenDrive(w.Main->Drives().back().Number);
   w.WaitFor([&] { return w.Main->State().Tree.Drive >= 0; });
   w.Trigger(TAction::actFoldersFindPartitions);
   Take("22-find-partitions");

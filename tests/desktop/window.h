@@ -92,7 +92,7 @@ class TWindow {
     auto device = std::make_unique<TSlowDevice>(std::move(image));
     Device = device.get();
     Main = std::make_unique<desktop::TfMain>(Settings, TLanguage::English(), BRENLOW_LANGUAGES);
-    Main->Desk().Engine().Devices().Insert(key, std::move(device));
+    Main->Controller().Engine().Devices().Insert(key, std::move(device));
     Main->resize(1280, 800);
     Main->show();
     Main->Start(QString());
@@ -118,7 +118,7 @@ class TWindow {
   }
 
   bool Idle() const {
-    return !Main->Desk().IsBusy() && !Main->State().Analysing && !Main->State().Searching &&
+    return !Main->Controller().IsBusy() && !Main->State().Analysing && !Main->State().Searching &&
            Main->Progress().Kind == TProgressSnapshot::None;
   }
   void Trigger(TAction action) {

@@ -5,6 +5,7 @@
 #include <QCheckBox>
 #include <QComboBox>
 #include <QDateEdit>
+#include <QDialogButtonBox>
 #include <QDir>
 #include <QDirIterator>
 #include <QDropEvent>
@@ -15,7 +16,9 @@
 #include <QListWidget>
 #include <QMessageBox>
 #include <QMimeData>
+#include <QPushButton>
 #include <QRadioButton>
+#include <QTimer>
 #include <QTreeWidget>
 #include <QUrl>
 
@@ -47,7 +50,7 @@ QByteArray Expected(const QString& wanted) {
     TEngine engine;
     const TMounted stick = Mount(engine, LoadTestImage("demo-stick.img.zst"));
     AnalyseDrive(engine, stick.Number);
-    const TRecoveryMasterLink link(engine);
+    const TFileTableLink link(engine);
     for (std::size_t i = 0; i < engine.Files().List.size(); ++i) {
       TFile& file = engine.Files().List[i];
       if (file.FileInfo.blnFolder) continue;
@@ -81,6 +84,7 @@ class TWindowTest : public QObject {
   void diskWithVolumes();
   void findPartitions();
   void imageAndVirtualPartition();
+  void imageNeverReplacesItsSource();
   void errorsShowInTheWindow();
   void settingsAreKept();
   void navigation();
@@ -302,7 +306,7 @@ void TWindowTest::argumentsAndSecondInstance() {
   QCOMPARE(w.Main->Drives()[static_cast<std::size_t>(w.Main->State().Tree.Drive)].Device, TString(u"/stick.img"));
   // Once more: the image is there already, and the window says so.
   QVERIFY(second.HandOver(QStringLiteral("dsk_file ") + w.Key));
-  w.WaitFor([&] { return w.Main->Banner().Message().contains(QStringLiteral("mounted already")); });
+  w.WaitFor([&] { return w.Main->Banner().Message().contains(QStringLiteral("already mounted")); });
   // The same by dropping the file onto the window.
   w.Main->Banner().hide();
   QMimeData file;
@@ -312,7 +316,7 @@ void TWindowTest::argumentsAndSecondInstance() {
   QVERIFY(enter.isAccepted());
   QDropEvent drop(QPointF(300, 300), Qt::CopyAction, &file, Qt::LeftButton, Qt::NoModifier);
   QCoreApplication::sendEvent(w.Main.get(), &drop);
-  w.WaitFor([&] { return w.Main->Banner().Message().contains(QStringLiteral("mounted already")); });
+  w.WaitFor([&] { return w.Main->Banner().Message().contains(QStringLiteral("already mounted")); });
   QVERIFY(second.HandOver(QStringLiteral("path_/stick.img")));
   w.WaitFor([&] { return w.Find("TfAnalyseMaster") != nullptr; });
   QVERIFY(w.Find<QListWidget>("lbDrives")->currentItem()->text().contains(QStringLiteral("stick.img")));
@@ -453,6 +457,40 @@ void TWindowTest::imageAndVirtualPartition() {
   w.WaitFor([&] { return w.Idle() && w.Main->Drives().size() == before + 1; });
   QVERIFY(w.Main->Drives().back().Kind == TEntryKind::VirtualVolume);
   QVERIFY(w.Main->Drives().back().FileSystem == u"FAT32");
+}
+
+void TWindowTest::imageNeverReplacesItsSource() {
+  TWindow w;
+  w.OpenStick();
+  const QString folder = QString::fromStdString(w.Folder.Path());
+  const QString source = folder + QStringLiteral("/source.dsk");
+  const TImage stick = LoadTestImage("demo-stick.img.zst");
+  const QByteArray before(reinterpret_cast<const char*>(stick.data()), static_cast<qsizetype>(stick.size()));
+  QFile file(source);
+  QVERIFY(file.open(QIODevice::WriteOnly) && file.write(before) == before.size());
+  file.close();
+  QVERIFY(QFile::link(folder, folder + QStringLiteral("/link")));
+  w.Main->SecondStart(QStringLiteral("dsk_file ") + source);
+  w.WaitFor([&] { return w.Idle() && w.Main->State().Tree.Drive >= 0; });
+  w.Trigger(TAction::actFoldersCreateImage);
+  w.WaitFor([&] { return w.Find("TfCreateImage") != nullptr; });
+  w.Find<QLineEdit>("edtFile")->setText(folder + QStringLiteral("/link/source.dsk"));
+  QString warning;
+  w.WaitFor([&] {
+    const auto* ok = w.Find<QDialog>("TfCreateImage")->findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Ok);
+    return ok->isEnabled();
+  });
+  QTimer::singleShot(100, [&] {
+    auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+    if (box == nullptr) return;
+    warning = box->text();
+    box->accept();
+  });
+  w.Find<QDialog>("TfCreateImage")->accept();
+  QVERIFY(warning.contains(QStringLiteral("source.dsk")));
+  QVERIFY(w.Find("TfCreateImage") != nullptr);
+  QVERIFY(ContentOf(source) == before);
+  QVERIFY(!QFile::exists(source + QStringLiteral(".partial")));
 }
 
 void TWindowTest::errorsShowInTheWindow() {

@@ -60,8 +60,10 @@ TEST_CASE("which actions are on is a matter of state alone") {
   CHECK_FALSE(CheckActionsEnabled(state).Has(actOpen));
   state.Tree.Blank = true;
   CHECK(CheckActionsEnabled(state).Has(actOpen));
-  for (std::size_t i = 0; i < ActionCount; ++i) {
-    CHECK_FALSE(TLanguage::English()[CaptionOf(static_cast<TAction>(i))].empty());
+  for (const TAction action : AllActions) {
+    const TActionInfo& info = InfoOf(action);
+    CHECK(info.Action == action);
+    CHECK_FALSE(TLanguage::English()[info.Caption].empty());
   }
 }
 
@@ -71,35 +73,36 @@ TEST_CASE("from a mounted image to recovered files, by commands alone") {
   CHECK_FALSE(t.Can(actOpen));
   CHECK_FALSE(t.Commands.Execute(actOpen));
   bool wasScanning = false;
-  t.Commands.OnActionsChanged = [&](const TActions& actions) {
-    if (!actions.Has(actStopAnalyse)) return;
+  t.Commands.OnActionsChanged = [&] {
+    if (!t.Can(actStopAnalyse)) return;
     wasScanning = true;
-    CHECK_FALSE(actions.Has(actMountImage));
+    CHECK_FALSE(t.Can(actMountImage));
   };
   t.OpenStick();
   CHECK(wasScanning);
-  const std::size_t all = t.Commands.ShownFiles().size();
+  const std::size_t all = t.Commands.View().Files().size();
   REQUIRE(all > 3);
   t.Commands.Execute(actFilterExisting);
   CHECK(t.Shown(u"README.TXT") == -1);
   CHECK(t.Shown(u"Documents") >= 0);  // it may hold deleted files
   t.Commands.Execute(actFilterExisting);
   t.Commands.Execute(actFilterImage);
-  CHECK_FALSE(t.Commands.Filter().AllFiles);
+  CHECK_FALSE(t.Commands.View().Filter().AllFiles);
   CHECK(t.Shown(u"README.TXT") == -1);
   t.Commands.Execute(actFilterVideo);
   t.Commands.Execute(actFilterAllFiles);
-  CHECK((t.Commands.Filter().AllFiles && !t.Commands.Filter().Image && !t.Commands.Filter().Video));
-  CHECK(t.Commands.ShownFiles().size() == all);
+  CHECK(
+      (t.Commands.View().Filter().AllFiles && !t.Commands.View().Filter().Image && !t.Commands.View().Filter().Video));
+  CHECK(t.Commands.View().Files().size() == all);
 
   // Recover one folder and one file of the list; then what was put aside.
   const int documents = t.Shown(u"Documents");
-  t.Commands.SelectFiles({documents});
+  t.Commands.View().Select({documents});
   t.Commands.Execute(actInvertSelection);
-  CHECK(t.Commands.SelectedFiles().size() == all - 1);
-  t.Commands.SelectFiles({documents, t.Shown(u"README.TXT")});
-  t.Settings.Recovery.Path = t.Folder.Path() + "/out";
-  t.Settings.Recovery.CanReplaceSymbols = true;
+  CHECK(t.Commands.View().Selected().size() == all - 1);
+  t.Commands.View().Select({documents, t.Shown(u"README.TXT")});
+  t.Commands.Recoveries().Settings.Path = t.Folder.Path() + "/out";
+  t.Commands.Recoveries().Settings.CanReplaceSymbols = true;
   t.Commands.OnRecoveryMaster = [&](TfRecoveryMaster& master) {
     CHECK_FALSE(t.Can(actMountImage));
     master.Show();
@@ -117,29 +120,29 @@ TEST_CASE("from a mounted image to recovered files, by commands alone") {
   CHECK(size("out/Documents/letter 2.txt") == 1800);
   CHECK(size("out/Pictures/Summer 2020/beach 3.png") == 0);
 
-  t.Commands.SelectFiles({t.Shown(u"Pictures")});
+  t.Commands.View().Select({t.Shown(u"Pictures")});
   t.Commands.Execute(actAddToRecoveryList);
   CHECK_FALSE(t.Can(actRecoveryFromList));
-  t.Commands.ShowRecoveryList(true);
-  t.Settings.Recovery.Path = t.Folder.Path() + "/list";
+  t.Commands.Recoveries().ShowList(true);
+  t.Commands.Recoveries().Settings.Path = t.Folder.Path() + "/list";
   CHECK(t.Commands.Execute(actRecoveryFromList));
   CHECK(size("list/Pictures/Summer 2020/beach 3.png") > 0);
 
   // Once more from the start, then the image goes with everything that came from it.
   REQUIRE(t.Commands.Execute(actFoldersReopen));
-  CHECK(t.Commands.RecoveryList().Files().empty());
-  t.Commands.SelectNode(t.Engine.Folders().GetDriveRootNode(0));
-  CHECK(t.Commands.ShownFiles().size() == all);
+  CHECK(t.Commands.Recoveries().List().Files().empty());
+  t.Commands.Places().SelectNode(t.Engine.Folders().GetDriveRootNode(0));
+  CHECK(t.Commands.View().Files().size() == all);
   REQUIRE(t.Commands.Execute(actFoldersCloseDisk));
   CHECK(t.Engine.Drives().List.empty());
   CHECK(t.Engine.Files().List.empty());
   CHECK(t.Engine.Folders().Root().Children.empty());
-  CHECK(t.Commands.SelectedNode() == nullptr);
+  CHECK(t.Commands.Places().SelectedNode() == nullptr);
 }
 
 TEST_CASE("a scan stops when the user says so, and its finds stay") {
   TProgram t;
-  REQUIRE(t.Commands.Mount(t.User.Image) == 0);
+  REQUIRE(t.Commands.Jobs().Mount(t.User.Image) == 0);
   int added = 0;
   t.User.Stop = false;
   t.Engine.Files().OnAdded = [&](int) {
@@ -147,10 +150,10 @@ TEST_CASE("a scan stops when the user says so, and its finds stay") {
     t.User.Stop = added == 3;
     t.Commands.Execute(TAction::actStopAnalyse);
   };
-  CHECK(t.Commands.Analyse(t.Engine.Folders().GetDriveRootNode(0), false));
+  CHECK(t.Commands.Jobs().Analyse(t.Engine.Folders().GetDriveRootNode(0), false));
   CHECK(added < 10);
   CHECK((DriveOf(t.Engine, 0).Analysed == TAnalyseInformation::aiPartial));
-  CHECK_FALSE(t.Commands.ShownFiles().empty());
+  CHECK_FALSE(t.Commands.View().Files().empty());
 }
 
 TEST_CASE("places: history, path, search and what becomes of them when rows go") {
@@ -163,44 +166,57 @@ TEST_CASE("places: history, path, search and what becomes of them when rows go")
     return path;
   };
   CHECK(crumbs() == u"/This Computer/stick.img");
-  t.Commands.ShowFolder(t.Shown(u"Pictures"));
-  t.Commands.ShowFolder(t.Shown(u"Summer 2020"));
+  t.Commands.Places().ShowFolder(t.Shown(u"Pictures"));
+  t.Commands.Places().ShowFolder(t.Shown(u"Summer 2020"));
   CHECK(crumbs() == u"/This Computer/stick.img/Pictures/Summer 2020");
-  REQUIRE(t.Commands.SelectedNode() != nullptr);
-  CHECK(t.Commands.SelectedNode()->Caption == u"Summer 2020");  // the tree was filled up to there
+  REQUIRE(t.Commands.Places().SelectedNode() != nullptr);
+  CHECK(t.Commands.Places().SelectedNode()->Caption == u"Summer 2020");  // the tree was filled up to there
   const int beach = t.Shown(u"beach 3.png");
-  t.Commands.GoUp();
+  t.Commands.Places().GoUp();
   CHECK(crumbs() == u"/This Computer/stick.img/Pictures");
-  t.Commands.GoBack();
+  // Back and forward are steps along one line; another place cuts off what lay ahead.
+  t.Commands.Places().GoBack();
   CHECK(crumbs() == u"/This Computer/stick.img/Pictures/Summer 2020");
-  t.Commands.GoToCrumb(0);
+  t.Commands.Places().GoBack();
+  CHECK(crumbs() == u"/This Computer/stick.img/Pictures");
+  CHECK(t.Commands.Place().CanGoForward);
+  t.Commands.Places().GoForward();
+  CHECK(crumbs() == u"/This Computer/stick.img/Pictures/Summer 2020");
+  t.Commands.Places().GoForward();
+  CHECK(crumbs() == u"/This Computer/stick.img/Pictures");
+  CHECK_FALSE(t.Commands.Place().CanGoForward);
+  t.Commands.Places().GoForward();
+  CHECK(crumbs() == u"/This Computer/stick.img/Pictures");
+  t.Commands.Places().GoBack();
+  CHECK(crumbs() == u"/This Computer/stick.img/Pictures/Summer 2020");
+  t.Commands.Places().GoToCrumb(0);
   CHECK((t.Commands.Place().Category == TViewCategory::vcDrives));
 
   TFindOptions options;
   options.Text = u"BEACH ?.png";
-  t.Commands.Find(options);
-  CHECK(t.Commands.ShownFiles().size() == 4);
-  CHECK(t.Commands.LocationOf(beach) == u"stick.img/Pictures/Summer 2020");
-  t.Commands.SelectFiles({beach});
+  t.Commands.Places().Find(options);
+  CHECK(t.Commands.View().Files().size() == 4);
+  CHECK(t.Commands.Places().LocationOf(beach) == u"stick.img/Pictures/Summer 2020");
+  t.Commands.View().Select({beach});
   REQUIRE(t.Commands.Execute(actFoundFileLocation));
   CHECK(crumbs() == u"/This Computer/stick.img/Pictures/Summer 2020");
-  CHECK(t.Commands.SelectedFiles() == TIntegerDynArray{beach});
-  t.Commands.Tick({beach, -7}, true);
-  CHECK(t.Commands.RecoveryList().Files() == TIntegerDynArray{beach});
+  CHECK(t.Commands.View().Selected() == TIntegerDynArray{beach});
+  t.Commands.Recoveries().PutOnList({beach, -7}, true);
+  CHECK(t.Commands.Recoveries().List().Files() == TIntegerDynArray{beach});
 
   // A new analysis: the folder's row is gone, the drive's is not; no number of before is used again.
-  const std::uint64_t before = t.Commands.Generation();
+  const std::uint64_t before = t.Commands.View().Generation();
   REQUIRE(t.Commands.Execute(actFoldersReopen));
-  CHECK(t.Commands.Generation() > before);
+  CHECK(t.Commands.View().Generation() > before);
   CHECK(crumbs() == u"/This Computer/stick.img");
-  CHECK(t.Commands.RecoveryList().Files().empty());
-  t.Commands.GoBack();
-  CHECK_FALSE(t.Commands.ShownFiles().empty());
-  t.Commands.SelectNode(t.Engine.Folders().GetDriveRootNode(0));
+  CHECK(t.Commands.Recoveries().List().Files().empty());
+  t.Commands.Places().GoBack();
+  CHECK_FALSE(t.Commands.View().Files().empty());
+  t.Commands.Places().SelectNode(t.Engine.Folders().GetDriveRootNode(0));
   REQUIRE(t.Commands.Execute(actFoldersCloseDisk));
   CHECK((t.Commands.Place().Category == TViewCategory::vcDrives));
-  for (int i = 0; i < 5; ++i) t.Commands.GoBack();
-  CHECK(t.Commands.ShownFiles().empty());
+  for (int i = 0; i < 5; ++i) t.Commands.Places().GoBack();
+  CHECK(t.Commands.View().Files().empty());
 }
 
 TEST_CASE("the order of the list") {
@@ -208,25 +224,25 @@ TEST_CASE("the order of the list") {
   t.OpenStick();
   const auto names = [&] {
     std::vector<TString> list;
-    for (const int number : t.Commands.ShownFiles()) {
+    for (const int number : t.Commands.View().Files()) {
       list.emplace_back(t.Engine.Files().List[static_cast<std::size_t>(number)].FileInfo.strName);
     }
     return list;
   };
   const std::vector<TString> up = names();
-  t.Commands.SortByColumn(0);
+  t.Commands.View().SortByColumn(0);
   std::vector<TString> down = names();
   CHECK(up != down);
   // Folders stay on top, and turn round among themselves.
   const auto isFolder = [&](int n) {
     return bool{t.Engine.Files().List[static_cast<std::size_t>(n)].FileInfo.blnFolder};
   };
-  CHECK(std::is_partitioned(t.Commands.ShownFiles().begin(), t.Commands.ShownFiles().end(), isFolder));
+  CHECK(std::is_partitioned(t.Commands.View().Files().begin(), t.Commands.View().Files().end(), isFolder));
   CHECK(std::is_permutation(up.begin(), up.end(), down.begin(), down.end()));
-  CHECK(t.Settings.FileList.SortRevers == 0);
-  t.Commands.SortByColumn(2);
+  CHECK((t.Commands.Place().Sort == TSortOrder{TSortKey::Name, true}));
+  t.Commands.View().SortByColumn(2);
   CHECK((t.Commands.Place().Sort == TSortOrder{TSortKey::Size, false}));
-  t.Commands.SortByColumn(17);
+  t.Commands.View().SortByColumn(17);
   CHECK((t.Commands.Place().Sort.Key == TSortKey::Size));
 }
 
@@ -240,25 +256,25 @@ TEST_CASE("a device that cannot be read is told of, not analysed") {
   gone.SectorsCount = 1000;
   gone.FileSystem = TFileSystem::fsNTFS;
   const int drive = t.Engine.Drives().Add(gone, true);
-  CHECK_FALSE(t.Commands.Analyse(t.Engine.Folders().GetDriveRootNode(drive), false));
+  CHECK_FALSE(t.Commands.Jobs().Analyse(t.Engine.Folders().GetDriveRootNode(drive), false));
   CHECK(told.find("/no/such/device") != std::string::npos);
   CHECK((t.Engine.Drives().List[static_cast<std::size_t>(drive)].Analysed == TAnalyseInformation::aiNone));
   told.clear();
-  t.Commands.RunMaster({drive, true, true, false, {}});
+  t.Commands.Jobs().RunMaster({drive, true, true, false, {}});
   CHECK_FALSE(told.empty());
-  CHECK(t.Commands.Mount("/no/such/device") == drive);  // in the list already, whatever became of it
+  CHECK(t.Commands.Jobs().Mount("/no/such/device") == drive);  // in the list already, whatever became of it
 }
 
 TEST_CASE("looking for new devices keeps what is there") {
   TProgram t;
-  t.Commands.FillDrives();
+  t.Commands.Jobs().FillDrives();
   const std::size_t system = t.Engine.Drives().List.size();
-  REQUIRE(t.Commands.Mount(t.User.Image) >= 0);
-  t.Commands.SelectNode(t.Engine.Folders().GetDriveRootNode(static_cast<int>(system)));
+  REQUIRE(t.Commands.Jobs().Mount(t.User.Image) >= 0);
+  t.Commands.Places().SelectNode(t.Engine.Folders().GetDriveRootNode(static_cast<int>(system)));
   REQUIRE(t.Commands.Execute(TAction::actOpen));
-  const std::size_t shown = t.Commands.ShownFiles().size();
+  const std::size_t shown = t.Commands.View().Files().size();
   CHECK(shown > 3);
   REQUIRE(t.Commands.Execute(TAction::actRefresh));
   CHECK(t.Engine.Drives().List.size() == system + 1);
-  CHECK(t.Commands.ShownFiles().size() == shown);
+  CHECK(t.Commands.View().Files().size() == shown);
 }

@@ -44,13 +44,13 @@ struct TBranches : TProgram {
   }
   PTreeNode Home;
   int Number(TStringView name, TStringView folder) {
-    Commands.SelectNode(Home);
-    Commands.ShowFolder(Shown(folder));
+    Commands.Places().SelectNode(Home);
+    Commands.Places().ShowFolder(Shown(folder));
     const int number = Shown(name);
     REQUIRE(number >= 0);
     return number;
   }
-  TEntryStatus Status(int number) { return MakeRow(Engine, number, Commands.InDeletedFolder(number)).Status; }
+  TEntryStatus Status(int number) { return MakeRow(Engine, number, Commands.Places().InDeletedFolder(number)).Status; }
 };
 
 }  // namespace
@@ -62,31 +62,32 @@ TEST_CASE("below a deleted folder everything is deleted: status, filter, search 
   CHECK((t.Status(live) == TEntryStatus::Existing));
   const int gone = t.Number(u"SAME.TXT", u"?ONE");
   CHECK((t.Status(gone) == TEntryStatus::Deleted));
-  t.Commands.SelectFiles({gone});
-  CHECK(t.Commands.GetSelectedFiles(TRecoverySender::rsFiles).front().blnDeleted);
+  t.Commands.View().Select({gone});
+  CHECK(t.Commands.Recoveries().GetSelectedFiles(TRecoverySender::rsFiles).front().blnDeleted);
   t.Commands.Execute(actFilterExisting);  // leaves what is deleted in view
   CHECK(t.Shown(u"SAME.TXT") == gone);
-  t.Commands.ShowFolder(t.Shown(u"DEEPER"));
+  t.Commands.Places().ShowFolder(t.Shown(u"DEEPER"));
   CHECK(t.Shown(u"LOWEST.TXT") >= 0);
 
   t.Commands.Execute(actFilterExisting);
   TFindOptions options;
   options.Text = u"*.txt";
-  t.Commands.Find(options);
-  REQUIRE(t.Commands.ShownFiles().size() == 4);
+  t.Commands.Places().Find(options);
+  REQUIRE(t.Commands.View().Files().size() == 4);
   t.Commands.Execute(actFilterDeleted);  // leaves what is live
-  CHECK(t.Commands.ShownFiles().size() == 2);
-  for (const int number : t.Commands.ShownFiles()) CHECK((t.Status(number) == TEntryStatus::Existing));
+  CHECK(t.Commands.View().Files().size() == 2);
+  for (const int number : t.Commands.View().Files()) CHECK((t.Status(number) == TEntryStatus::Existing));
 }
 
 TEST_CASE("files and folders put aside keep their paths") {
   using enum TAction;
   TBranches t;
-  t.Commands.Tick({t.Number(u"SAME.TXT", u"A"), t.Number(u"SAME.TXT", u"B"), t.Number(u"DEEPER", u"?ONE")}, true);
-  t.Commands.ShowRecoveryList(true);
-  t.Settings.Recovery.Path = t.Folder.Path() + "/out";
-  t.Settings.Recovery.CanReplaceSymbols = true;
-  t.Settings.Recovery.UnknownSymbols = "_";
+  t.Commands.Recoveries().PutOnList(
+      {t.Number(u"SAME.TXT", u"A"), t.Number(u"SAME.TXT", u"B"), t.Number(u"DEEPER", u"?ONE")}, true);
+  t.Commands.Recoveries().ShowList(true);
+  t.Commands.Recoveries().Settings.Path = t.Folder.Path() + "/out";
+  t.Commands.Recoveries().Settings.CanReplaceSymbols = true;
+  t.Commands.Recoveries().Settings.UnknownSymbols = u"_";
   std::int64_t whole = 0;
   t.Commands.OnRecoveryMaster = [&](TfRecoveryMaster& master) {
     master.Show();

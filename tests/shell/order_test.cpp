@@ -125,8 +125,8 @@ TEST_CASE("finding files by name, size and date") {
   CHECK(find(text(u"*.jp?")) == TIntegerDynArray{photo});
   CHECK(find(text(u"?*report*x")) == TIntegerDynArray{report});
   CHECK(find(text(u"report*")) == TIntegerDynArray{reporter, folder});
-  CHECK(find([](TFindOptions& o) { o.SmallestSize = 5000; }) == TIntegerDynArray{report, photo});
-  CHECK(find([](TFindOptions& o) { o.LargestSize = 100; }) == TIntegerDynArray{reporter, hidden});
+  CHECK(find([](TFindOptions& o) { o.MinSize = 5000; }) == TIntegerDynArray{report, photo});
+  CHECK(find([](TFindOptions& o) { o.MaxSize = 100; }) == TIntegerDynArray{reporter, hidden});
   CHECK(find([&](TFindOptions& o) { o.From = may + 1; }) == TIntegerDynArray{reporter});
   CHECK(find([&](TFindOptions& o) { o.To = may; }) ==
         TIntegerDynArray{report, photo, folder});  // unknown times fit none

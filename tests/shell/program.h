@@ -21,7 +21,6 @@ struct TNoQuestions final : IRecoveryQuestions {
   TFileExistsAnswer FileExists(const TFileExistsQuestion&) override { return {}; }
   TCandidateAnswer ChooseFirstCluster(const TFile&) override { return {}; }
   bool SaveToSameDrive() override { return true; }
-  bool LargerThanFAT() override { return true; }
   bool MuchLargerThanSource(std::int64_t, std::int64_t) override { return true; }
   bool CancelRecovery() override { return true; }
 };
@@ -64,12 +63,12 @@ struct TProgram {
   /// Mounts the stick, selects its drive in the list and opens it.
   void OpenStick() {
     REQUIRE(Commands.Execute(TAction::actMountImage));
-    Commands.SelectNode(Engine.Folders().GetRootNode(0));
-    Commands.SelectFiles(Commands.ShownFiles());
+    Commands.Places().SelectNode(Engine.Folders().GetRootNode(0));
+    Commands.View().Select(Commands.View().Files());
     REQUIRE(Commands.Execute(TAction::actOpen));
   }
   int Shown(TStringView name) const {
-    for (const int number : Commands.ShownFiles()) {
+    for (const int number : Commands.View().Files()) {
       TFiles& files = const_cast<TEngine&>(Engine).Files();
       if (files.List[static_cast<std::size_t>(number)].FileInfo.strName == name) return number;
     }

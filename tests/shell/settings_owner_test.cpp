@@ -41,7 +41,7 @@ TEST_CASE("settings under sudo belong to the user in the user's own folders, to 
     TSettingsFile file(each + "/.config/brenlow/Settings.ini");
     // The second time the file and its folders are there.
     for (int i = 0; i < 2; ++i) {
-      CHECK(file.Save(TSettings()));
+      CHECK(file.Save(TSettings(), TSourceGuard()));
       for (const char* part : {"/.config", "/.config/brenlow", "/.config/brenlow/Settings.ini"}) {
         CHECK(OwnerOf(each + part) == (each == home ? User : 0));
       }
@@ -59,5 +59,17 @@ TEST_CASE("settings that cannot be read are told from missing ones, and never re
   std::filesystem::create_directory(file.Path());
   CHECK(file.Load().Main.Width == 1024);
   CHECK(file.LoadError() != 0);
-  CHECK_FALSE(file.Save(TSettings()));
+  CHECK_FALSE(file.Save(TSettings(), TSourceGuard()));
+}
+
+TEST_CASE("settings never replace a file that is read as a source") {
+  const TTemporaryFolder folder;
+  TSettingsFile file(folder.Path() + "/Settings.ini");
+  REQUIRE(file.Save(TSettings(), TSourceGuard()));
+  TSourceGuard guard;
+  guard.Add(*IdentityOf(file.Path()), false);
+  TSettings other;
+  other.Main.Width = 1;
+  CHECK_FALSE(file.Save(other, guard));
+  CHECK(file.Load().Main.Width == 1024);
 }

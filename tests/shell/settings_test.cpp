@@ -63,7 +63,7 @@ TEST_CASE("settings: defaults, order, wrong types, unknown keys, passwords") {
   settings.Proxy.Password = "hidden";
   settings.Proxy.RememberPassword = true;
   settings.Recovery.Path = "/media/Rettung äöü";
-  REQUIRE(file.Save(settings));
+  REQUIRE(file.Save(settings, TSourceGuard()));
   const std::string text = ReadText(file.Path());
   CHECK(text.find("secret") == std::string::npos);
   CHECK(text.find("Password=hidden") != std::string::npos);
@@ -89,7 +89,7 @@ TEST_CASE("settings: defaults, order, wrong types, unknown keys, passwords") {
   CHECK(settings.FileList.SortRevers == 0);
   CHECK(settings.FileList.ColumnWidths[5] == 77);
   settings.Main.Left = -5;
-  REQUIRE(file.Save(settings));
+  REQUIRE(file.Save(settings, TSourceGuard()));
   const std::string saved = ReadText(file.Path());
   CHECK(saved.starts_with("# note\n[Main]\nWidth=1024\nHeight=600\nMaximize=1\nColour=red\n"));
   CHECK(saved.find("[Plugins]\nx=1\n") != std::string::npos);
@@ -105,7 +105,7 @@ TEST_CASE("settings lie beside the program, or where the user may write") {
   ::setenv("XDG_CONFIG_HOME", folder.Path().c_str(), 1);
   CHECK(SettingsPath("/usr/bin") == folder.Path() + "/brenlow/Settings.ini");
   before == nullptr ? ::unsetenv("XDG_CONFIG_HOME") : ::setenv("XDG_CONFIG_HOME", kept.c_str(), 1);
-  CHECK_FALSE(TSettingsFile("/proc/nowhere/Settings.ini").Save(TSettings()));
+  CHECK_FALSE(TSettingsFile("/proc/nowhere/Settings.ini").Save(TSettings(), TSourceGuard()));
   TSettings settings;
   settings.Main.Language = "Klingon";
   CHECK(LanguageToUse(settings) == "Klingon");

@@ -15,16 +15,17 @@
 
 #include "core/language.h"
 #include "core/text.h"
-#include "shell/desk.h"
+#include "shell/controller.h"
 #include "shell/desktop/icons.h"
 #include "shell/desktop/ui_text.h"
 #include "table/signatures.h"
 
 namespace brenlow::desktop {
 
-TfAnalyseMaster::TfAnalyseMaster(TDesk& desk, const TLanguage& texts, TSettings& settings, QWidget* parent)
+TfAnalyseMaster::TfAnalyseMaster(TShellController& controller, const TLanguage& texts, TSettings& settings,
+                                 QWidget* parent)
     : TForm("TfAnalyseMaster", TText::MenuMaster, texts, parent),
-      FDesk(desk),
+      FController(controller),
       FSettings(settings),
       FPages(new QStackedWidget(this)),
       FTitle(new QLabel(this)) {
@@ -251,7 +252,7 @@ void TfAnalyseMaster::Start() {
   choice.Deep = NeedsFileTypes();
   choice.Lost = FLost->isChecked();
   if (choice.Deep) choice.Extensions = ChosenExtensions();
-  FDesk.Do([choice](TCommands& commands) { commands.RunMaster(choice); });
+  FController.Do([choice](TCommands& commands) { commands.Jobs().RunMaster(choice); });
   accept();
 }
 

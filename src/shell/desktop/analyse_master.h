@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The guided way: which drive, what happened, which kinds of files.
+// The analysis wizard: which drive, what happened, which kinds of files.
 #pragma once
 
 #include "shell/desktop/form.h"
@@ -18,7 +18,7 @@ namespace brenlow::desktop {
 class TfAnalyseMaster final : public TForm {
   Q_OBJECT
  public:
-  TfAnalyseMaster(TDesk& desk, const TLanguage& texts, TSettings& settings, QWidget* parent);
+  TfAnalyseMaster(TShellController& controller, const TLanguage& texts, TSettings& settings, QWidget* parent);
   /// The drives to choose from, which may change while the form is open.
   void SetDrives(const std::vector<TDriveSnapshot>& drives, int current);
 
@@ -42,7 +42,7 @@ class TfAnalyseMaster final : public TForm {
   bool NeedsFileTypes() const;
   int ChosenDrive() const;
 
-  TDesk& FDesk;
+  TShellController& FController;
   TSettings& FSettings;
   std::vector<TDriveSnapshot> FDrives;
   QStackedWidget* FPages;

@@ -6,7 +6,7 @@
 #include <QList>
 #include <functional>
 
-#include "shell/desk.h"
+#include "shell/controller.h"
 
 class QHBoxLayout;
 class QLabel;
@@ -22,7 +22,7 @@ struct TBannerButton {
 class TfrBanner final : public QFrame {
  public:
   TfrBanner(const TLanguage& texts, QWidget* parent);
-  /// A button hides the banner and does what it stands for. Without any, a cross hides it.
+  /// A button hides the banner and runs its action. Without buttons, a cross hides it.
   void Show(TMessageKind kind, const QString& text, const QList<TBannerButton>& buttons = {});
   /// Hides it when it shows this text.
   void Withdraw(const QString& text);

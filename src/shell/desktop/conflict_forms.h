@@ -35,7 +35,7 @@ class TfFileExists final : public TForm {
   TFileExistsAnswer FAnswer;
 };
 
-/// The places where a deleted file may begin.
+/// The possible starts of a deleted file.
 class TfChangeFirstCluster final : public TForm {
  public:
   TfChangeFirstCluster(const QString& fileName, const std::vector<std::int64_t>& candidates, const TLanguage& texts,

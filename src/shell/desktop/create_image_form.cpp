@@ -24,13 +24,13 @@
 #include "core/language.h"
 #include "core/sizes.h"
 #include "core/text.h"
-#include "shell/desk.h"
+#include "shell/controller.h"
 #include "shell/desktop/ui_text.h"
 
 namespace brenlow::desktop {
 namespace {
 
-/// What the user is told when the copy is over.
+/// The message when the copy has ended.
 std::pair<TMessageKind, std::string> ResultText(const TLanguage& texts, const TImageResult& result, std::int64_t size,
                                                 const std::string& map) {
   if (result.SystemError == EINVAL) return {TMessageKind::Error, texts.Utf8(TText::ImageMapWrong, {map})};
@@ -50,10 +50,10 @@ std::pair<TMessageKind, std::string> ResultText(const TLanguage& texts, const TI
 
 }  // namespace
 
-TfCreateImage::TfCreateImage(TDesk& desk, const TLanguage& texts, TSettings& settings, const TDriveSnapshot& drive,
-                             QWidget* parent)
+TfCreateImage::TfCreateImage(TShellController& controller, const TLanguage& texts, TSettings& settings,
+                             const TDriveSnapshot& drive, QWidget* parent)
     : TForm("TfCreateImage", TText::CreateImageTitle, texts, parent),
-      FDesk(desk),
+      FController(controller),
       FSettings(settings),
       FDrive(drive),
       FFile(new QLineEdit(this)),
@@ -96,7 +96,7 @@ TfCreateImage::TfCreateImage(TDesk& desk, const TLanguage& texts, TSettings& set
   connect(FCompressed, &QRadioButton::toggled, FMap, &QWidget::setDisabled);
   connect(FFile, &QLineEdit::textChanged, this, [this] { UpdateButtons(); });
   FRange->OnChanged = [this] { UpdateButtons(); };
-  FDesk.Fetch<TSourceGuard>(
+  FController.Fetch<TSourceGuard>(
       [number = drive.Number](TEngine& engine, TCommands&) { return engine.Drives().SourceGuard(number); },
       [self = QPointer<TfCreateImage>(this)](TSourceGuard guard) {
         if (!self) return;
@@ -137,11 +137,11 @@ void TfCreateImage::accept() {
   if (QFileInfo::exists(shown) && !resumes && !AgreesToReplace(shown)) return;
   FSettings.MountImage.Create = folder.toStdString();
   const std::int64_t size = FRange->Count() * FDrive.BytesPerSector;
-  FDesk.Do([drive = FDrive.Number, first = FRange->First(), count = FRange->Count(), file, compressed, map, size,
-            &desk = FDesk, texts = Texts()](TCommands& commands) {
-    const TImageResult result = commands.CreateImage(drive, first, count, file, compressed, map);
+  FController.Do([drive = FDrive.Number, first = FRange->First(), count = FRange->Count(), file, compressed, map, size,
+                  &controller = FController, texts = Texts()](TCommands& commands) {
+    const TImageResult result = commands.Jobs().CreateImage(drive, first, count, file, compressed, map);
     const auto [kind, text] = ResultText(texts, result, size, map);
-    desk.Notify(kind, text);
+    controller.Notify(kind, text);
   });
   QDialog::accept();
 }

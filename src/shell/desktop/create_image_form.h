@@ -16,7 +16,8 @@ namespace brenlow::desktop {
 /// status bar.
 class TfCreateImage final : public TForm {
  public:
-  TfCreateImage(TDesk& desk, const TLanguage& texts, TSettings& settings, const TDriveSnapshot& drive, QWidget* parent);
+  TfCreateImage(TShellController& controller, const TLanguage& texts, TSettings& settings, const TDriveSnapshot& drive,
+                QWidget* parent);
   void accept() override;
 
  private:
@@ -24,7 +25,7 @@ class TfCreateImage final : public TForm {
   void UpdateButtons();
   bool AgreesToReplace(const QString& file);
 
-  TDesk& FDesk;
+  TShellController& FController;
   TSettings& FSettings;
   TDriveSnapshot FDrive;
   QLineEdit* FFile;
@@ -32,7 +33,7 @@ class TfCreateImage final : public TForm {
   QRadioButton* FCompressed;
   QCheckBox* FMap;
   TSectorRange* FRange;
-  std::optional<TSourceGuard> FGuard;  // once the engine has told
+  std::optional<TSourceGuard> FGuard;  // once the engine has sent it
   QDialogButtonBox* FButtons;
 };
 

@@ -8,15 +8,15 @@
 #include <QVBoxLayout>
 
 #include "core/language.h"
-#include "shell/desk.h"
+#include "shell/controller.h"
 
 namespace brenlow::desktop {
 
-TfCreateVirtualPartition::TfCreateVirtualPartition(TDesk& desk, const TLanguage& texts,
+TfCreateVirtualPartition::TfCreateVirtualPartition(TShellController& controller, const TLanguage& texts,
                                                    const std::vector<TDriveSnapshot>& drives, int drive,
                                                    QWidget* parent)
     : TForm("TfCreateVirtualPartition", TText::CreateVirtualTitle, texts, parent),
-      FDesk(desk),
+      FController(controller),
       FDrive(new QComboBox(this)),
       FRange(new TSectorRange(texts, this)) {
   auto* hint = new QLabel(Caption(TText::CreateVirtualHint), this);
@@ -41,8 +41,8 @@ TfCreateVirtualPartition::TfCreateVirtualPartition(TDesk& desk, const TLanguage&
 
 void TfCreateVirtualPartition::accept() {
   if (!FRange->IsValid()) return;
-  FDesk.Do([drive = FDrive->currentData().toInt(), first = FRange->First(),
-            count = FRange->Count()](TCommands& commands) { commands.CreateVirtual(drive, first, count); });
+  FController.Do([drive = FDrive->currentData().toInt(), first = FRange->First(), count = FRange->Count()](
+                     TCommands& commands) { commands.Jobs().CreateVirtual(drive, first, count); });
   QDialog::accept();
 }
 

@@ -8,12 +8,12 @@ namespace brenlow::desktop {
 /// A partition over sectors of a drive that no partition table names.
 class TfCreateVirtualPartition final : public TForm {
  public:
-  TfCreateVirtualPartition(TDesk& desk, const TLanguage& texts, const std::vector<TDriveSnapshot>& drives, int drive,
-                           QWidget* parent);
+  TfCreateVirtualPartition(TShellController& controller, const TLanguage& texts,
+                           const std::vector<TDriveSnapshot>& drives, int drive, QWidget* parent);
   void accept() override;
 
  private:
-  TDesk& FDesk;
+  TShellController& FController;
   QComboBox* FDrive;
   TSectorRange* FRange;
 };

@@ -16,7 +16,7 @@ namespace brenlow::desktop {
 namespace {
 
 constexpr int Margin = 8;
-constexpr int HeadWidth = 190;  // of the box that stands for the whole disk
+constexpr int HeadWidth = 190;  // of the box for the whole disk
 constexpr int RowHeight = 84;
 constexpr int LeastPart = 56;  // a small volume must be seen and hit
 
@@ -39,7 +39,7 @@ TfrDiskManager::TfrDiskManager(const TLanguage& texts, QWidget* parent) : QAbstr
   setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
 }
 
-/// Volumes and gaps go to the disk that they lie on; what was found inside others is drawn there too
+/// Volumes and gaps are drawn on their disk, and so is what was found inside others
 /// where nothing else is.
 void TfrDiskManager::Show(const std::vector<TDriveSnapshot>& drives) {
   FDisks.clear();

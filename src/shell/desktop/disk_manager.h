@@ -36,7 +36,7 @@ class TfrDiskManager final : public QAbstractScrollArea {
   bool viewportEvent(QEvent* event) override;
 
  private:
-  /// One source with what lies on it.
+  /// One source with its volumes and gaps.
   struct TDisk {
     TDriveSnapshot Whole;
     std::vector<TDriveSnapshot> Parts;  // by place

@@ -14,19 +14,19 @@
 #include "core/engine.h"
 #include "core/language.h"
 #include "core/text.h"
-#include "shell/desk.h"
+#include "shell/controller.h"
 #include "shell/desktop/file_model.h"
 #include "shell/desktop/icons.h"
 #include "shell/desktop/ui_text.h"
 #include "table/files.h"
 
 namespace brenlow::desktop {
-TfrFileList::TfrFileList(TDesk& desk, const TLanguage& texts, TSettings& settings, QWidget* parent)
+TfrFileList::TfrFileList(TShellController& controller, const TLanguage& texts, TSettings& settings, QWidget* parent)
     : QWidget(parent),
-      FDesk(desk),
+      FController(controller),
       FTexts(texts),
       FSettings(settings),
-      FModel(new TFileModel(desk, texts, this)),
+      FModel(new TFileModel(controller, texts, this)),
       FStack(new QStackedWidget(this)),
       FTable(new TFileTable(this)),
       FGrid(new TFileGrid(this)),
@@ -42,6 +42,19 @@ TfrFileList::TfrFileList(TDesk& desk, const TLanguage& texts, TSettings& setting
   layout->setContentsMargins(0, 0, 0, 0);
   layout->addWidget(FStack);
 
+  MakeEmptyPage();
+  Connect(*FTable);
+  Connect(*FGrid);
+  ConnectRows();
+  FSelectionTimer.setSingleShot(true);
+  FSelectionTimer.setInterval(0);
+  connect(&FSelectionTimer, &QTimer::timeout, this, &TfrFileList::SendSelection);
+  SetViewStyle(ViewStyle());
+  Outdate();
+}
+
+/// The page shown when there are no rows.
+void TfrFileList::MakeEmptyPage() {
   FEmpty->setObjectName(QStringLiteral("pnEmpty"));
   FEmpty->setAutoFillBackground(true);
   FEmpty->setBackgroundRole(QPalette::Base);
@@ -64,9 +77,9 @@ TfrFileList::TfrFileList(TDesk& desk, const TLanguage& texts, TSettings& setting
   column->addLayout(FEmptyButtons);
   column->addStretch(3);
   FStack->addWidget(FEmpty);
+}
 
-  Connect(*FTable);
-  Connect(*FGrid);
+void TfrFileList::ConnectRows() {
   connect(FTable->horizontalHeader(), &QHeaderView::sectionClicked, this, &TfrFileList::SortBy);
   connect(FTable->selectionModel(), &QItemSelectionModel::selectionChanged, this, [this] { FSelectionTimer.start(); });
   connect(FTable->selectionModel(), &QItemSelectionModel::currentRowChanged, this, &TfrFileList::CurrentChanged);
@@ -75,22 +88,17 @@ TfrFileList::TfrFileList(TDesk& desk, const TLanguage& texts, TSettings& setting
     const int row = FTable->currentIndex().row();
     if (row >= from.row() && row <= to.row()) Q_EMIT CurrentChanged();
   });
-  connect(FModel, &TFileModel::Ticked, this, [this](int number, bool ticked) {
+  connect(FModel, &TFileModel::CheckToggled, this, [this](int number, bool ticked) {
     // A tick on one of several selected rows is meant for all of them.
     const QModelIndex index = FModel->index(FModel->RowOf(number), 0);
     const bool all = FTable->selectionModel()->isSelected(index);
-    FDesk.Ask([=, generation = FModel->Generation()](TCommands& commands) {
-      if (generation != commands.Generation()) return;
-      const TIntegerDynArray& selected = commands.SelectedFiles();
+    FController.Ask([=, generation = FModel->Generation()](TCommands& commands) {
+      if (generation != commands.View().Generation()) return;
+      const TIntegerDynArray& selected = commands.View().Selected();
       const bool several = all && std::find(selected.begin(), selected.end(), number) != selected.end();
-      commands.Tick(several ? selected : TIntegerDynArray{number}, ticked);
+      commands.Recoveries().PutOnList(several ? selected : TIntegerDynArray{number}, ticked);
     });
   });
-  FSelectionTimer.setSingleShot(true);
-  FSelectionTimer.setInterval(0);
-  connect(&FSelectionTimer, &QTimer::timeout, this, &TfrFileList::SendSelection);
-  SetViewStyle(ViewStyle());
-  Outdate();
 }
 
 template <typename TView>
@@ -220,7 +228,7 @@ void TfrFileList::ShowEmpty(const QString& title, const QString& text, std::init
     if (FEmptyButtons->count() == 1) first = button;
   }
   FStack->setCurrentWidget(FEmpty);
-  // Who was in the list goes on with the keyboard at what can be done now.
+  // The keyboard focus moves from the list to what can be done now.
   if (first != nullptr && hadFocus) first->setFocus();
 }
 
@@ -273,7 +281,7 @@ void TfrFileList::ApplyColumns() {
 }
 
 void TfrFileList::SortBy(int column) {
-  FDesk.Ask([column](TCommands& commands) { commands.SortByColumn(column); });
+  FController.Ask([column](TCommands& commands) { commands.View().SortByColumn(column); });
 }
 
 void TfrFileList::ShowSortIndicator() {
@@ -291,7 +299,7 @@ void TfrFileList::SendSelection() {
     if (range.left() != 0) continue;  // each row once, by its name
     for (int row = range.top(); row <= range.bottom(); ++row) numbers.push_back(FModel->NumberAt(row));
   }
-  FDesk.SelectFiles(FModel->Generation(), std::move(numbers));
+  FController.SelectFiles(FModel->Generation(), std::move(numbers));
 }
 
 void TfrFileList::Select(std::uint64_t generation, const TIntegerDynArray& numbers) {
@@ -312,17 +320,17 @@ void TfrFileList::InvertSelection() {
   FTable->selectionModel()->select(all, QItemSelectionModel::Toggle);
 }
 
-/// The engine looks for the next name that begins so; the window only has those on screen.
+/// The engine finds the next name with that beginning; the window only has those on screen.
 void TfrFileList::LookFor(const QString& start) {
   const TListing listing = FPlace->Listing;
   const int count = FModel->rowCount();
   if (count == 0) return;
   const QModelIndex current = FTable->currentIndex();
-  // Another letter of the same search may fit the row in hand; a first letter looks behind it.
+  // Further letters of a search may match the current row; a first letter searches from the next one.
   const int from = current.isValid() ? current.row() + (start.size() > 1 ? 0 : 1) : 0;
   const TString wanted = LowerCase(FromQt(start));
   const auto look = [=](TEngine& engine, TCommands& commands) {
-    if (commands.Generation() != listing.Generation) return -1;
+    if (commands.View().Generation() != listing.Generation) return -1;
     for (int i = 0; i < count; ++i) {
       const int number = (*listing.Numbers)[static_cast<std::size_t>((from + i) % count)];
       if (engine.Files().IsWrongNumber(number)) continue;
@@ -331,7 +339,7 @@ void TfrFileList::LookFor(const QString& start) {
     }
     return -1;
   };
-  FDesk.Fetch<int>(look, [self = QPointer<TfrFileList>(this), generation = listing.Generation](int number) {
+  FController.Fetch<int>(look, [self = QPointer<TfrFileList>(this), generation = listing.Generation](int number) {
     if (self != nullptr && number >= 0) self->Select(generation, {number});
   });
 }

@@ -17,7 +17,7 @@ class QStackedWidget;
 class QVBoxLayout;
 
 namespace brenlow {
-class TDesk;
+class TShellController;
 class TLanguage;
 }  // namespace brenlow
 
@@ -28,10 +28,10 @@ class TFileModel;
 class TfrFileList final : public QWidget {
   Q_OBJECT
  public:
-  TfrFileList(TDesk& desk, const TLanguage& texts, TSettings& settings, QWidget* parent);
+  TfrFileList(TShellController& controller, const TLanguage& texts, TSettings& settings, QWidget* parent);
 
   void Show(const TPlaceSnapshot& place);
-  /// What is known of drives, for what stands in an empty list.
+  /// The drives' state, for the message in an empty list.
   void SetDrive(const TDriveSnapshot* drive);
   void SetRunning(TProgressSnapshot::TKind running);
   /// Actions that an empty list offers: each is shown as a button.
@@ -43,7 +43,7 @@ class TfrFileList final : public QWidget {
   void SendSelection();
   void SelectAll();
   void InvertSelection();
-  /// Ticks shown anew.
+  /// Shows the ticks as they are now.
   void Outdate();
   void ChangeLanguage();
   /// Columns and styles, for the settings.
@@ -61,6 +61,8 @@ class TfrFileList final : public QWidget {
   void ContextMenuWanted(const QPoint& global);
 
  private:
+  void MakeEmptyPage();
+  void ConnectRows();
   template <typename TView>
   void Connect(TView& view);
   void LookFor(const QString& start);
@@ -71,7 +73,7 @@ class TfrFileList final : public QWidget {
   void ShowEmpty(const QString& title, const QString& text, std::initializer_list<TAction> actions);
   int& StyleSetting() const;
 
-  TDesk& FDesk;
+  TShellController& FController;
   const TLanguage& FTexts;
   TSettings& FSettings;
   TFileModel* FModel;

@@ -8,7 +8,7 @@
 #include <algorithm>
 
 #include "core/language.h"
-#include "shell/desk.h"
+#include "shell/controller.h"
 #include "shell/desktop/icons.h"
 #include "shell/desktop/ui_text.h"
 
@@ -16,13 +16,13 @@ namespace brenlow::desktop {
 namespace {
 
 constexpr int PageRows = 64;             // rows of a request
-constexpr std::size_t MostPages = 16;    // of a request; older wishes are those scrolled past
-constexpr std::size_t MostYoung = 8192;  // rows kept, twice
+constexpr std::size_t MaxPages = 16;    // of a request; older wishes are those scrolled past
+constexpr std::size_t MaxYoung = 8192;  // rows kept, twice
 
 }  // namespace
 
-TFileModel::TFileModel(TDesk& desk, const TLanguage& texts, QObject* parent)
-    : QAbstractTableModel(parent), FDesk(desk), FTexts(texts) {
+TFileModel::TFileModel(TShellController& controller, const TLanguage& texts, QObject* parent)
+    : QAbstractTableModel(parent), FController(controller), FTexts(texts) {
   FFetchTimer.setSingleShot(true);
   connect(&FFetchTimer, &QTimer::timeout, this, &TFileModel::Fetch);
 }
@@ -45,7 +45,7 @@ void TFileModel::Show(const TListing& listing, TViewCategory category, bool same
   endResetModel();
 }
 
-/// New rows come at the end, then all go to their places, and what is selected goes with them.
+/// New rows are added at the end, then all move to their places, keeping the selection.
 void TFileModel::Grow(const TListing& listing) {
   const int before = rowCount();
   const int after = static_cast<int>(listing.Numbers->size());
@@ -126,30 +126,30 @@ void TFileModel::Fetch() {
   if (FWaiting || FWantedPages.empty()) return;
   std::vector<int> pages = std::move(FWantedPages);
   FWantedPages.clear();
-  if (pages.size() > MostPages) pages.erase(pages.begin(), pages.end() - MostPages);
+  if (pages.size() > MaxPages) pages.erase(pages.begin(), pages.end() - MaxPages);
   TIntegerDynArray numbers;
   for (const int page : pages) {
     const int end = std::min((page + 1) * PageRows, rowCount());
     for (int row = page * PageRows; row < end; ++row) numbers.push_back(NumberAt(row));
   }
   FWaiting = true;
-  FDesk.FetchRows(FListing.Generation, std::move(numbers),
-                  [self = QPointer<TFileModel>(this), pages, listing = FListing](std::vector<TFileRow> rows) {
-                    if (self == nullptr) return;
-                    const bool same = self->FListing.Generation == listing.Generation;
-                    if (same) self->Take(std::move(rows));
-                    if (same && self->FListing.Numbers == listing.Numbers) {
-                      self->RowsChanged(pages);
-                    } else {
-                      Q_EMIT self->dataChanged(self->index(0, 0), self->index(self->rowCount() - 1, 0));
-                    }
-                    self->FWaiting = false;
-                    self->Fetch();
-                  });
+  FController.FetchRows(FListing.Generation, std::move(numbers),
+                        [self = QPointer<TFileModel>(this), pages, listing = FListing](std::vector<TFileRow> rows) {
+                          if (self == nullptr) return;
+                          const bool same = self->FListing.Generation == listing.Generation;
+                          if (same) self->Take(std::move(rows));
+                          if (same && self->FListing.Numbers == listing.Numbers) {
+                            self->RowsChanged(pages);
+                          } else {
+                            Q_EMIT self->dataChanged(self->index(0, 0), self->index(self->rowCount() - 1, 0));
+                          }
+                          self->FWaiting = false;
+                          self->Fetch();
+                        });
 }
 
 void TFileModel::Take(std::vector<TFileRow> rows) {
-  if (FYoung.size() > MostYoung) {
+  if (FYoung.size() > MaxYoung) {
     FOld = std::move(FYoung);
     FYoung.clear();
     FFresh.clear();
@@ -246,7 +246,7 @@ QVariant TFileModel::data(const QModelIndex& index, int role) const {
       return column == Name ? QVariant(IconOf(*row)) : QVariant();
     case Qt::CheckStateRole:
       if (column != Name || IsDriveKind(row->Kind)) return {};
-      return row->Ticked ? Qt::Checked : Qt::Unchecked;
+      return row->Checked ? Qt::Checked : Qt::Unchecked;
     case Qt::ForegroundRole:
       if (row->Encrypted && FEncryptedInColor) return QColor(0x2E, 0x9E, 0x5B);
       if (row->Status == TEntryStatus::Existing && !row->Hidden) return {};
@@ -261,9 +261,9 @@ bool TFileModel::setData(const QModelIndex& index, const QVariant& value, int ro
   if (row == nullptr || IsDriveKind(row->Kind)) return false;
   const bool ticked = value.toInt() == Qt::Checked;
   // Shown at once; the engine confirms it.
-  FYoung[row->Number].Ticked = ticked;
+  FYoung[row->Number].Checked = ticked;
   Q_EMIT dataChanged(index, index);
-  Q_EMIT Ticked(row->Number, ticked);
+  Q_EMIT CheckToggled(row->Number, ticked);
   return true;
 }
 
@@ -295,7 +295,7 @@ Qt::ItemFlags TFileModel::flags(const QModelIndex& index) const {
 
 QStringList TFileModel::mimeTypes() const { return {QLatin1String(FilesMimeType)}; }
 
-/// Dragging stands for the selection, which the engine knows: nothing but a mark goes along.
+/// A drag means the selection, which the engine knows: it carries only a marker.
 QMimeData* TFileModel::mimeData(const QModelIndexList& indexes) const {
   if (indexes.isEmpty()) return nullptr;
   auto* mime = new QMimeData;

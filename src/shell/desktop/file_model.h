@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The rows of a file list. Knows the order of all of them, and of those that were looked at lately
-// what stands in them; the rest is fetched from the engine when it is painted.
+// The rows of a file list. Knows the order of all of them, and the content of those seen recently;
+// the rest is fetched from the engine when it is painted.
 #pragma once
 
 #include <QAbstractTableModel>
@@ -11,7 +11,7 @@
 #include "shell/snapshots.h"
 
 namespace brenlow {
-class TDesk;
+class TShellController;
 class TLanguage;
 }  // namespace brenlow
 
@@ -23,10 +23,10 @@ class TFileModel final : public QAbstractTableModel {
   enum TColumn { Name, Type, Size, Status, Modified, Created, Location, FileColumns };
   enum TDriveColumn { DriveSize = Size, DriveFree, DriveSystem, DriveColumns };
 
-  TFileModel(TDesk& desk, const TLanguage& texts, QObject* parent);
+  TFileModel(TShellController& controller, const TLanguage& texts, QObject* parent);
 
-  /// Shows other rows. Those of the same folder keep what is selected. `head`: what stands in the
-  /// first ones, as far as it is known already.
+  /// Shows other rows. Those of the same folder keep the selection. `head`: the content of the
+  /// first ones, as far as it has arrived.
   void Show(const TListing& listing, TViewCategory category, bool sameFolder, std::vector<TFileRow> head = {});
   /// What the rows say may have changed: they are fetched again, and shown as they are until then.
   void Outdate();
@@ -39,7 +39,7 @@ class TFileModel final : public QAbstractTableModel {
   int NumberAt(int row) const { return (*FListing.Numbers)[static_cast<std::size_t>(row)]; }
   /// The row of a file number; -1 when it is not shown.
   int RowOf(int number) const;
-  /// What stands in a row; null until it has come.
+  /// The content of a row; null until it has arrived.
   const TFileRow* RowAt(int row) const;
 
   int rowCount(const QModelIndex& parent = {}) const override;
@@ -54,7 +54,7 @@ class TFileModel final : public QAbstractTableModel {
 
  Q_SIGNALS:
   /// The box of a row was clicked.
-  void Ticked(int number, bool ticked);
+  void CheckToggled(int number, bool ticked);
 
  private:
   using TRows = std::unordered_map<int, TFileRow>;
@@ -67,7 +67,7 @@ class TFileModel final : public QAbstractTableModel {
   QVariant TextOf(const TFileRow& row, int column) const;
   QString TipOf(const TFileRow& row) const;
 
-  TDesk& FDesk;
+  TShellController& FController;
   const TLanguage& FTexts;
   TListing FListing;
   TViewCategory FCategory = TViewCategory::vcDrives;

@@ -36,7 +36,7 @@ void PaintFill(QPainter* painter, const QPalette& palette, const QRect& rect, do
   painter->restore();
 }
 
-/// On dark palettes the outline of a box in a list can hardly be told from its ground.
+/// On dark palettes the outline of a check box hardly differs from the background.
 class TBoxStyle final : public QProxyStyle {
  public:
   using QProxyStyle::QProxyStyle;

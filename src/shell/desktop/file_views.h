@@ -19,7 +19,7 @@ inline constexpr int ViewStyleCount = 5;
 /// Typing the first letters of a name: the names of most rows are not here, so the engine looks.
 class TTypeAhead {
  public:
-  /// Takes a typed text; the whole of what is looked for now.
+  /// Takes typed text; returns all that has been typed for this search.
   QString Add(const QString& typed);
 
  private:
@@ -27,7 +27,7 @@ class TTypeAhead {
   qint64 FLast = 0;  // milliseconds
 };
 
-/// What both views do beyond their look.
+/// What both views have in common.
 template <typename TView>
 class TFileView : public TView {
  public:

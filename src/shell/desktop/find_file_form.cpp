@@ -13,7 +13,7 @@
 #include <QVBoxLayout>
 
 #include "core/language.h"
-#include "shell/desk.h"
+#include "shell/controller.h"
 #include "shell/desktop/ui_text.h"
 
 namespace brenlow::desktop {
@@ -39,9 +39,10 @@ TFindOptions QuickFind(const QString& text, const TSettings& settings, int drive
   return options;
 }
 
-TfFindFile::TfFindFile(TDesk& desk, const TLanguage& texts, TSettings& settings, int drive, QWidget* parent)
+TfFindFile::TfFindFile(TShellController& controller, const TLanguage& texts, TSettings& settings, int drive,
+                       QWidget* parent)
     : TForm("TfFindFile", TText::MenuFindFile, texts, parent),
-      FDesk(desk),
+      FController(controller),
       FSettings(settings),
       FDriveNumber(drive),
       FText(new QLineEdit(ToQt(settings.Find.Text), this)),
@@ -175,10 +176,10 @@ TFindOptions TfFindFile::Options() const {
   TFindOptions options = QuickFind(FText->text(), FSettings, FThisDrive->isChecked() ? FDriveNumber : -1);
   if (find.BySize) {
     const std::int64_t size = find.SizeSpecify * KB;
-    if (find.SizeType == Small) options.LargestSize = 100 * KB;
-    if (find.SizeType == Medium) options.LargestSize = MB;
-    if (find.SizeType == Large) options.SmallestSize = MB;
-    if (find.SizeType == SpecifySize) (find.SizeAtLeast == 0 ? options.SmallestSize : options.LargestSize) = size;
+    if (find.SizeType == Small) options.MaxSize = 100 * KB;
+    if (find.SizeType == Medium) options.MaxSize = MB;
+    if (find.SizeType == Large) options.MinSize = MB;
+    if (find.SizeType == SpecifySize) (find.SizeAtLeast == 0 ? options.MinSize : options.MaxSize) = size;
   }
   if (find.ByDate) {
     options.ByCreated = find.DateCreated == 1;
@@ -201,7 +202,7 @@ void TfFindFile::accept() {
     FText->setFocus();
     return;
   }
-  FDesk.Ask([options](TCommands& commands) { commands.Find(options); });
+  FController.Ask([options](TCommands& commands) { commands.Places().Find(options); });
   QDialog::accept();
 }
 

@@ -14,8 +14,8 @@ namespace brenlow::desktop {
 /// Finds files by name, size and date. Remembers what was asked in the settings.
 class TfFindFile final : public TForm {
  public:
-  /// `drive`: the one that is looked into, -1 for none.
-  TfFindFile(TDesk& desk, const TLanguage& texts, TSettings& settings, int drive, QWidget* parent);
+  /// `drive`: the drive shown, -1 for none.
+  TfFindFile(TShellController& controller, const TLanguage& texts, TSettings& settings, int drive, QWidget* parent);
   void accept() override;
 
  private:
@@ -24,7 +24,7 @@ class TfFindFile final : public TForm {
   void Keep();
   TFindOptions Options() const;
 
-  TDesk& FDesk;
+  TShellController& FController;
   TSettings& FSettings;
   int FDriveNumber;
   QLineEdit* FText;

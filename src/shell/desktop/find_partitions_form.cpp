@@ -19,7 +19,7 @@
 #include "core/drives.h"
 #include "core/families.h"
 #include "core/language.h"
-#include "shell/desk.h"
+#include "shell/controller.h"
 #include "shell/desktop/icons.h"
 #include "shell/desktop/ui_text.h"
 #include "shell/entries.h"
@@ -32,10 +32,10 @@ bool IsCheckedAtFirst(const TFamily& family) { return &family - Families().data(
 
 }  // namespace
 
-TfFindPartitions::TfFindPartitions(TDesk& desk, const TLanguage& texts, const std::vector<TDriveSnapshot>& drives,
-                                   int drive, QWidget* parent)
+TfFindPartitions::TfFindPartitions(TShellController& controller, const TLanguage& texts,
+                                   const std::vector<TDriveSnapshot>& drives, int drive, QWidget* parent)
     : TForm("TfFindPartitions", TText::FindPartitionsTitle, texts, parent),
-      FDesk(desk),
+      FController(controller),
       FDrives(drives),
       FPages(new QStackedWidget(this)) {
   FPages->addWidget(MakeOptions(drive));
@@ -141,9 +141,9 @@ void TfFindPartitions::Search() {
   if (FThorough->isChecked()) {
     // With all boxes clear every system counts.
     if (chosen.Empty()) chosen = ServedFamilies();
-    FDesk.Do([&desk = FDesk, drive, chosen, self](TCommands& commands) {
-      commands.ScanForPartitions(drive, chosen);
-      desk.ForDrives(
+    FController.Do([&controller = FController, drive, chosen, self](TCommands& commands) {
+      commands.Jobs().ScanForPartitions(drive, chosen);
+      controller.ForDrives(
           [self](const std::vector<TDriveSnapshot>& found) {
             if (self == nullptr) return;
             for (const TDriveSnapshot& volume : found) self->AddFound(volume);
@@ -153,14 +153,14 @@ void TfFindPartitions::Search() {
     });
     return;
   }
-  FDesk.Do([&desk = FDesk, drive, first = FRange->First(), count = FRange->Count(), systems = SystemsOf(chosen),
-            self](TCommands& commands) {
-    desk.WatchFound([self](const TDriveSnapshot& volume) {
+  FController.Do([&controller = FController, drive, first = FRange->First(), count = FRange->Count(),
+                  systems = SystemsOf(chosen), self](TCommands& commands) {
+    controller.WatchFound([self](const TDriveSnapshot& volume) {
       if (self != nullptr) self->AddFound(volume);
     });
-    commands.FindPartitions(drive, first, count, systems);
-    desk.WatchFound({});
-    desk.Post([self] {
+    commands.Jobs().FindPartitions(drive, first, count, systems);
+    controller.WatchFound({});
+    controller.Post([self] {
       if (self != nullptr) self->Finished();
     });
   });
@@ -200,13 +200,13 @@ void TfFindPartitions::SetProgress(const TProgressSnapshot& progress) {
 void TfFindPartitions::Open() {
   const QTreeWidgetItem* item = FFound->currentItem();
   if (item == nullptr || FRunning) return;
-  FDesk.OpenDrive(item->data(0, Qt::UserRole).toInt());
+  FController.OpenDrive(item->data(0, Qt::UserRole).toInt());
   QDialog::accept();
 }
 
 /// What was found up to now stays.
 void TfFindPartitions::reject() {
-  if (FRunning) FDesk.StopAnalyse();
+  if (FRunning) FController.StopAnalyse();
   QDialog::reject();
 }
 

@@ -15,8 +15,8 @@ namespace brenlow::desktop {
 /// "Find Lost Partitions": options, then results that come while the search runs.
 class TfFindPartitions final : public TForm {
  public:
-  TfFindPartitions(TDesk& desk, const TLanguage& texts, const std::vector<TDriveSnapshot>& drives, int drive,
-                   QWidget* parent);
+  TfFindPartitions(TShellController& controller, const TLanguage& texts, const std::vector<TDriveSnapshot>& drives,
+                   int drive, QWidget* parent);
   void SetProgress(const TProgressSnapshot& progress);
   void reject() override;
 
@@ -28,7 +28,7 @@ class TfFindPartitions final : public TForm {
   void Open();
   void Finished();
 
-  TDesk& FDesk;
+  TShellController& FController;
   std::vector<TDriveSnapshot> FDrives;
   QStackedWidget* FPages;
   QComboBox* FDrive = nullptr;

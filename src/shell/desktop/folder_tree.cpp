@@ -11,7 +11,7 @@
 namespace brenlow::desktop {
 namespace {
 
-constexpr int SelectionDelay = 120;  // milliseconds: walking through the tree by key opens no folder on the way
+constexpr int SelectionDelay = 120;  // milliseconds: moving through the tree by key does not open each folder passed
 
 }  // namespace
 

@@ -65,12 +65,12 @@ class TtvFolders final : public QTreeView {
   explicit TtvFolders(QWidget* parent);
   TFolderTreeModel& Tree() { return *FModel; }
   void Apply(const std::vector<TTreeChange>& changes);
-  /// Shows what the file list shows, without telling anyone.
+  /// Selects what the file list shows, without a signal.
   void Select(std::uint32_t node);
 
  Q_SIGNALS:
   void NodeSelected(std::uint32_t node);
-  /// Opened: what lies below its children should be made ready.
+  /// Opened: the children of its children should be made ready.
   void NodeExpanded(std::uint32_t node);
   /// Double click or Enter.
   void NodeActivated(std::uint32_t node);

@@ -15,7 +15,7 @@ class QLineEdit;
 class QVBoxLayout;
 
 namespace brenlow {
-class TDesk;
+class TShellController;
 class TLanguage;
 }  // namespace brenlow
 

@@ -19,7 +19,7 @@ class TfHelp final : public TForm {
   TfHelp(const TLanguage& texts, QWidget* parent);
 };
 
-/// "Where are my files?": what to try when they do not show. Each way is one of the actions given.
+/// "Where are my files?": what to try when they do not show. Each suggestion is one of the actions given.
 class TfWhereFiles final : public TForm {
  public:
   TfWhereFiles(const TLanguage& texts, const std::vector<std::pair<QAction*, TText>>& ways, QWidget* parent);

@@ -16,7 +16,7 @@ namespace brenlow::desktop {
 namespace {
 
 constexpr int Sizes[] = {16, 22, 64};  // pixels that the set draws for
-constexpr int LargestPlain = 22;       // pixels of drawings that are hardly more than an outline
+constexpr int MaxPlain = 22;       // pixels of drawings that are hardly more than an outline
 
 /// The drawing nearest to a size: the smallest one that is not smaller, or the largest.
 QByteArray Drawing(const QString& name, int size) {
@@ -71,7 +71,7 @@ class TSvgEngine final : public QIconEngine {
     if (mode == QIcon::Disabled) painter.setOpacity(0.35);
     if (FDeleted) painter.setOpacity(0.55);
     renderer.render(&painter, QRectF(QPointF(), size));
-    if (mode == QIcon::Selected && size.height() <= LargestPlain) {
+    if (mode == QIcon::Selected && size.height() <= MaxPlain) {
       // Whatever colours a small drawing has, on a selection it stands out like the text.
       painter.setCompositionMode(QPainter::CompositionMode_SourceIn);
       painter.fillRect(QRect(QPoint(), size), palette.color(QPalette::Active, QPalette::HighlightedText));
@@ -81,7 +81,7 @@ class TSvgEngine final : public QIconEngine {
     return pixmap;
   }
 
-  /// A small red cross in the corner, to be told apart without the colour of the text.
+  /// A small red cross in the corner, so that the text's colour is not the only mark.
   static void DrawMark(QPainter& painter, const QSize& size) {
     const qreal side = qMax<qreal>(6, size.height() * 0.4);
     const QRectF corner(size.width() - side, size.height() - side, side, side);
@@ -145,7 +145,7 @@ const char* NameOfFile(TStringView name) {
       {TContentKind::Video, "video-x-generic"},
       {TContentKind::Archive, "package-x-generic"},
       {TContentKind::Database, "application-vnd.oasis.opendocument.database"}};
-  // Many extensions stand in several tables; the first that fits is what most people mean.
+  // Many extensions are in several tables; the first match is what most people mean.
   for (const auto& [kind, icon] : kinds) {
     if (IsOfKind(kind, name)) return icon;
   }

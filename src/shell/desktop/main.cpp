@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "core/drives.h"
 #include "core/language.h"
 #include "shell/desktop/main_window.h"
 #include "shell/desktop/single_instance.h"
@@ -30,7 +31,7 @@ bool AsksFor(int argc, char** argv, std::string_view option) {
   return std::any_of(argv + std::min(argc, 1), argv + argc, [&](const char* argument) { return argument == option; });
 }
 
-/// Without a display Qt would end the program with a message of its own.
+/// Without a display Qt would end the program with its own message.
 bool HasDisplay(int argc, char** argv) {
   if (AsksFor(argc, argv, "-platform")) return true;
   for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"}) {
@@ -41,7 +42,7 @@ bool HasDisplay(int argc, char** argv) {
 }
 
 /// All arguments are one: "dsk_file" and a path may come in two. Paths become absolute, since a second
-/// start may stand in another folder than the first.
+/// instance may run in another folder than the first.
 QString Argument(const QStringList& arguments) {
   const QString argument = arguments.mid(1).join(QLatin1Char(' '));
   for (const QString& prefix : {QStringLiteral("dsk_file "), QString()}) {
@@ -102,8 +103,9 @@ int main(int argc, char** argv) {
   window->show();
   window->Start(argument);
   const int result = QApplication::exec();
-  file.Save(settings);
+  const bool ended = window->EndEngine(EndTime);
+  file.Save(settings, ended ? window->Controller().Engine().Drives().SourceGuard() : TSourceGuard());
   // A device that does not answer must not keep the program: nothing of it is written to.
-  if (!window->EndEngine(EndTime)) ::_exit(result);
+  if (!ended) ::_exit(result);
   return result;
 }

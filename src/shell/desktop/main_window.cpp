@@ -31,8 +31,7 @@
 namespace brenlow::desktop {
 namespace {
 
-constexpr int DeviceLook = 2000;  // milliseconds between two looks at the system's devices
-constexpr int DeviceDelay = 700;  // a stick that was put in needs a moment
+constexpr int DeviceLook = 2000;  // milliseconds between two checks of the system's devices
 constexpr auto MountPrefix = "dsk_file ";
 constexpr auto DrivePrefix = "path_";
 
@@ -53,7 +52,7 @@ TfMain::TfMain(TSettings& settings, TLanguage language, std::string languages)
   setWindowTitle(QStringLiteral("Brenlow Partition Recovery " BRENLOW_VERSION));
   setWindowIcon(Icon("drive-harddisk"));
   setAcceptDrops(true);
-  FDesk = std::make_unique<TDesk>(settings, FLanguage, *this, [this](TDesk::TJob job) {
+  FController = std::make_unique<TShellController>(settings, FLanguage, *this, [this](TShellController::TJob job) {
     QMetaObject::invokeMethod(this, std::move(job), Qt::QueuedConnection);
   });
   CreateActions();
@@ -75,7 +74,7 @@ TfMain::~TfMain() = default;
 
 void TfMain::Start(const QString& argument) {
   FAutoplayLetter = argument;
-  FDesk->Start();
+  FController->Start();
   if (!argument.isEmpty()) {
     tmrAutoPlay.start(0);
   } else if (FSettings.Master.ShowOnStartup) {
@@ -101,10 +100,10 @@ void TfMain::AutoPlay() {
     Mount(argument.mid(static_cast<qsizetype>(qstrlen(MountPrefix))));
   } else if (argument.startsWith(QLatin1String(DrivePrefix), Qt::CaseInsensitive)) {
     const TString wanted = FromQt(argument.mid(static_cast<qsizetype>(qstrlen(DrivePrefix))));
-    // Behind the listing of the drives.
-    FDesk->Do([this, wanted](TCommands& commands) {
-      const int drive = commands.DriveOfPath(wanted);
-      FDesk->Post([this, drive] {
+    // After the drives are listed.
+    FController->Do([this, wanted](TCommands& commands) {
+      const int drive = commands.Jobs().DriveOfPath(wanted);
+      FController->Post([this, drive] {
         if (!Runs()) OpenMaster(drive);
       });
     });
@@ -114,8 +113,8 @@ void TfMain::AutoPlay() {
 }
 
 bool TfMain::EndEngine(std::chrono::milliseconds time) {
-  FDesk->Close();
-  return FDesk->WaitForEnd(time);
+  FController->Close();
+  return FController->WaitForEnd(time);
 }
 
 void TfMain::showEvent(QShowEvent* event) {
@@ -134,7 +133,7 @@ void TfMain::closeEvent(QCloseEvent* event) {
   }
   FClosing = true;
   KeepSettings();
-  FDesk->Close();
+  FController->Close();
   event->accept();
 }
 
@@ -209,7 +208,7 @@ void TfMain::PlaceChanged(const TPlaceSnapshot& place) {
   ShowDetails();
 }
 
-/// A scan that was stopped is told of where its results are looked at.
+/// Where the results of a stopped scan are shown, a hint says that they are incomplete.
 void TfMain::ShowHints(const TPlaceSnapshot& place) {
   if (Runs() || place.Place == FHintPlace || !place.IsDriveRoot) return;
   const TDriveSnapshot* drive = DriveOf(FDrives, place.Drive);
@@ -229,7 +228,7 @@ void TfMain::SelectionChanged(std::uint64_t generation, const TIntegerDynArray& 
 void TfMain::RecoveryListChanged(const TListing& listing) {
   FRecoveryList->Show(listing);
   FFileList->Outdate();
-  // What was just put aside should be seen.
+  // What was just added should be seen.
   QAction* panel = Action(TAction::actRecoveryList);
   if (!listing.Numbers->empty() && !panel->isChecked()) panel->trigger();
 }
@@ -237,7 +236,7 @@ void TfMain::RecoveryListChanged(const TListing& listing) {
 void TfMain::ActionsChanged(const TActions& actions, const TShellState& state, const TFileFilter& filter) {
   const bool wasRunning = Runs();
   FState = state;
-  for (std::size_t i = 0; i < ActionCount; ++i) alMain[i]->setEnabled(actions.Has(static_cast<TAction>(i)));
+  for (const TAction action : AllActions) Action(action)->setEnabled(actions.Has(action));
   for (const auto& [action, field] : FilterActions) Action(action)->setChecked(filter.*field);
   FStatusBar->SetSelection(state.List, FFileList->Model().rowCount(), FHidden);
   FStatusBar->SetRecovering(state.Recovering);
@@ -273,7 +272,7 @@ void TfMain::Message(TMessageKind kind, const std::string& text) { FBanner->Show
 
 void TfMain::RecoveryPageChanged(const TRecoveryPage& page) {
   if (FRecoveryForm == nullptr) {
-    FRecoveryForm = new TRecoveryMasterForm(*FDesk, FLanguage, FSettings, this);
+    FRecoveryForm = new TRecoveryMasterForm(*FController, FLanguage, FSettings, this);
     FRecoveryForm->setWindowModality(Qt::WindowModal);
     FRecoveryForm->show();
   }

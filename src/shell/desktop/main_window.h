@@ -8,7 +8,7 @@
 #include <array>
 #include <memory>
 
-#include "shell/desk.h"
+#include "shell/controller.h"
 #include "shell/settings.h"
 
 class QAction;
@@ -36,7 +36,7 @@ class TfrRecoveryList;
 class TfrStatusBar;
 class TtvFolders;
 
-class TfMain final : public QMainWindow, public IDeskView {
+class TfMain final : public QMainWindow, public IShellView {
   Q_OBJECT
  public:
   /// `languages`: the folder of the language files. The settings are read and written there.
@@ -52,7 +52,7 @@ class TfMain final : public QMainWindow, public IDeskView {
   bool EndEngine(std::chrono::milliseconds time);
 
   QAction* Action(TAction action) const { return alMain[static_cast<std::size_t>(action)]; }
-  TDesk& Desk() { return *FDesk; }
+  TShellController& Controller() { return *FController; }
   TfrFileList& FileList() { return *FFileList; }
   TtvFolders& Folders() { return *tvFolders; }
   TfrBanner& Banner() { return *FBanner; }
@@ -60,7 +60,7 @@ class TfMain final : public QMainWindow, public IDeskView {
   const TShellState& State() const { return FState; }
   const TProgressSnapshot& Progress() const { return FProgress; }
 
-  // IDeskView
+  // IShellView
   void TreeChanged(const std::vector<TTreeChange>& changes) override;
   void DrivesChanged(const std::vector<TDriveSnapshot>& drives) override;
   void PlaceChanged(const TPlaceSnapshot& place) override;
@@ -89,6 +89,10 @@ class TfMain final : public QMainWindow, public IDeskView {
   // main_window_layout.cpp
   void CreateActions();
   void CreateFrames();
+  QWidget* CreateCenter();
+  QWidget* CreateRight();
+  QWidget* CreatePages();
+  void ConnectFrames();
   void CreateMenus();
   void CreateToolBars();
   QToolBar* CreateToolBar(const char* name, std::initializer_list<TAction> actions);
@@ -98,16 +102,11 @@ class TfMain final : public QMainWindow, public IDeskView {
   void KeepSettings();
 
   // main_window_actions.cpp
+  struct TOwnActions;
   void Perform(TAction action);
-  void PerformInWindow(TAction action);
-  void OpenForm(TAction action);
   void OpenMaster(int drive);
-  void OpenSettings();
-  void OpenProperties(int fileNumber);
-  void OpenWhere();
-  void AskStopAnalyse();
+  void MountImage(TAction action);
   bool AskClose();
-  void MountImage();
   void Mount(const QString& path);
   void FindQuickly();
   void ShowDetails();
@@ -124,7 +123,7 @@ class TfMain final : public QMainWindow, public IDeskView {
   TSettings& FSettings;
   TLanguage FLanguage;
   std::string FLanguageFolder;
-  std::unique_ptr<TDesk> FDesk;
+  std::unique_ptr<TShellController> FController;
   std::array<QAction*, ActionCount> alMain{};
   std::vector<QMenu*> FMenus;
   std::vector<TText> FMenuTexts;
@@ -158,7 +157,7 @@ class TfMain final : public QMainWindow, public IDeskView {
   QString FAutoplayLetter;
   QTimer tmrAutoPlay;
   QTimer tmrDeviceInserted;
-  QByteArray FDevices;  // what the system's devices looked like last
+  QByteArray FDevices;  // the system's devices when last checked
   bool FStarted = false;
   bool FExpandResults = false;
   bool FClosing = false;

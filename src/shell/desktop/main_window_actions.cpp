@@ -9,6 +9,8 @@
 #include <QPointer>
 #include <QSplitter>
 #include <QToolBar>
+#include <algorithm>
+#include <iterator>
 
 #include "shell/desktop/analyse_master.h"
 #include "shell/desktop/banner.h"
@@ -49,98 +51,176 @@ constexpr std::pair<TAction, TViewStyle> Styles[] = {{actViewLargeIcons, TViewSt
                                                      {actViewDetails, TViewStyle::Details},
                                                      {actViewTile, TViewStyle::Tile}};
 
+/// Acts on the node of the tree.
+bool IsOfTree(TAction action) { return InfoOf(action).Name.starts_with("actFolders"); }
+
 }  // namespace
 
-void TfMain::Perform(TAction action) {
-  if (IsWindowAction(action)) {
-    PerformInWindow(action);
-    return;
+/// What the window does itself, or before the engine does its part.
+struct TfMain::TOwnActions {
+  /// What the banner said concerns something else.
+  static void HideBannerAndExecute(TfMain& w, TAction action) {
+    w.FBanner->hide();
+    w.FController->Execute(action);
   }
-  switch (action) {
-    case actStopAnalyse:
-      AskStopAnalyse();
-      break;
-    case actSelectAll:
-      FFileList->SelectAll();
-      break;
-    case actInvertSelection:
-      FFileList->InvertSelection();
-      break;
-    case actMountImage:
-    case actFoldersMountImage:
-      MountImage();
-      break;
-    case actMaster:
-      OpenMaster(FState.List.Drive >= 0 ? FState.List.Drive : FFileList->Place().Drive);
-      break;
-    case actWhere:
-      OpenWhere();
-      break;
-    case actFindFile:
-    case actFindPartitions:
-    case actFoldersFindPartitions:
-    case actCreateVirtualPartition:
-    case actFoldersCreateVirtualPartition:
-    case actCreateImage:
-    case actFoldersCreateImage:
-    case actProperties:
-    case actFoldersProperties:
-    case actAddCustomFolder:
-      OpenForm(action);
-      break;
-    case actOpen:
-    case actRecovery:
-      // What was said before concerns something else.
-      FBanner->hide();
-      FDesk->Execute(action);
-      break;
-    default:
-      FDesk->Execute(action);
-      break;
-  }
-}
 
-void TfMain::PerformInWindow(TAction action) {
-  const bool on = Action(action)->isChecked();
-  switch (action) {
-    case actViewLargeIcons:
-    case actViewIcons:
-    case actViewList:
-    case actViewDetails:
-    case actViewTile:
-      SetViewStyle(action);
-      break;
-    case actFindFileBar:
-      tbFindFile->setVisible(on);
-      break;
-    case actWhereBar:
-      tbWhere->setVisible(on);
-      break;
-    case actImageBar:
-      tbImage->setVisible(on);
-      break;
-    case actPreview:
-      FPreviewFrame->setVisible(on);
-      pnRight->setVisible(on || Action(actRecoveryList)->isChecked());
-      ShowDetails();
-      break;
-    case actRecoveryList:
-      FRecoveryList->setVisible(on);
-      pnRight->setVisible(on || Action(actPreview)->isChecked());
-      FDesk->Ask([on](TCommands& commands) { commands.ShowRecoveryList(on); });
-      break;
-    case actSettings:
-      OpenSettings();
-      break;
-    case actHelp:
-      Open(new TfHelp(FLanguage, this));
-      break;
-    case actAbout:
-      Open(new TfAbout(FLanguage, this));
-      break;
-    default:
-      close();
-      break;
+  static void SelectAll(TfMain& w, TAction) { w.FFileList->SelectAll(); }
+
+  static void InvertSelection(TfMain& w, TAction) { w.FFileList->InvertSelection(); }
+
+  static void CloseWindow(TfMain& w, TAction) { w.close(); }
+
+  static void ShowBars(TfMain& w, TAction) {
+    w.tbFindFile->setVisible(w.Action(actFindFileBar)->isChecked());
+    w.tbWhere->setVisible(w.Action(actWhereBar)->isChecked());
+    w.tbImage->setVisible(w.Action(actImageBar)->isChecked());
+  }
+
+  static void ShowPanels(TfMain& w, TAction action) {
+    const bool preview = w.Action(actPreview)->isChecked();
+    const bool list = w.Action(actRecoveryList)->isChecked();
+    w.FPreviewFrame->setVisible(preview);
+    w.FRecoveryList->setVisible(list);
+    w.pnRight->setVisible(preview || list);
+    if (action == actPreview) w.ShowDetails();
+    if (action != actRecoveryList) return;
+    w.FController->Ask([list](TCommands& commands) { commands.Recoveries().ShowList(list); });
+  }
+
+  static void AskStopAnalyse(TfMain& w, TAction) {
+    w.FBanner->Show(TMessageKind::Warning, Text(w.FLanguage, TText::StopAnalyseQuestion),
+                    {{Text(w.FLanguage, TText::ButtonStop), [&w] { w.FController->StopAnalyse(); }},
+                     {Text(w.FLanguage, TText::ButtonContinue), {}}});
+  }
+
+  static void OpenWhere(TfMain& w, TAction) {
+    Open(new TfWhereFiles(w.FLanguage,
+                          {{w.Action(actFindFile), TText::WhereFind},
+                           {w.Action(actMaster), TText::WhereMaster},
+                           {w.Action(actFoldersFindPartitions), TText::WherePartitions},
+                           {w.Action(actMountImage), TText::WhereImage}},
+                          &w));
+  }
+
+  static void OpenHelp(TfMain& w, TAction) { Open(new TfHelp(w.FLanguage, &w)); }
+
+  static void OpenAbout(TfMain& w, TAction) { Open(new TfAbout(w.FLanguage, &w)); }
+
+  static void OpenSettings(TfMain& w, TAction) {
+    auto* form = new TfSettings(w.FLanguage, TLanguage::Names(w.FLanguageFolder), w.FSettings, &w);
+    QObject::connect(form, &QDialog::accepted, &w, [&w, form] {
+      w.FFileList->Outdate();
+      TLanguage chosen;
+      if (form->Language() == w.FLanguage.Name() || !TLanguage::Load(w.FLanguageFolder, form->Language(), chosen))
+        return;
+      w.FLanguage = chosen;
+      w.ChangeLanguage();
+      w.ShowDetails();
+      w.FController->Do([chosen](TCommands& commands) { commands.ChangeLanguage(chosen); });
+    });
+    Open(form);
+  }
+
+  static void OpenMasterHere(TfMain& w, TAction) {
+    w.OpenMaster(w.FState.List.Drive >= 0 ? w.FState.List.Drive : w.FFileList->Place().Drive);
+  }
+
+  /// The drive that an action is about; -1 when there is none.
+  static int DriveFor(TfMain& w, TAction action) {
+    // A drive that is marked in the list is meant before the place that it is shown in.
+    return IsOfTree(action) && w.FState.List.Drive < 0 ? w.FState.Tree.Drive : w.FState.List.Drive;
+  }
+
+  static void OpenFindFile(TfMain& w, TAction) {
+    Open(new TfFindFile(*w.FController, w.FLanguage, w.FSettings, w.FFileList->Place().Drive, &w));
+  }
+
+  static void OpenFindPartitions(TfMain& w, TAction action) {
+    w.FFindPartitions = Open(new TfFindPartitions(*w.FController, w.FLanguage, w.FDrives, DriveFor(w, action), &w));
+  }
+
+  static void OpenCreateVirtual(TfMain& w, TAction action) {
+    Open(new TfCreateVirtualPartition(*w.FController, w.FLanguage, w.FDrives, DriveFor(w, action), &w));
+  }
+
+  static void OpenCreateImage(TfMain& w, TAction action) {
+    if (const TDriveSnapshot* source = DriveOf(w.FDrives, DriveFor(w, action)); source != nullptr) {
+      Open(new TfCreateImage(*w.FController, w.FLanguage, w.FSettings, *source, &w));
+    }
+  }
+
+  static void OpenProperties(TfMain& w, int fileNumber) {
+    const auto make = [fileNumber](TEngine& engine, TCommands& commands) {
+      TProperties properties = MakeProperties(engine, fileNumber, commands.Places().InDeletedFolder(fileNumber));
+      if (!IsDriveKind(properties.Row.Kind)) properties.Path = commands.Places().LocationOf(fileNumber);
+      return properties;
+    };
+    w.FController->Fetch<TProperties>(make, [self = QPointer<TfMain>(&w)](TProperties properties) {
+      if (self != nullptr && properties.Row.Number >= 0) {
+        Open(new TfProperties(properties, self->FLanguage, self->FSettings, self));
+      }
+    });
+  }
+
+  static void OpenPropertiesOfSelection(TfMain& w, TAction action) {
+    const bool ofTree = IsOfTree(action) || w.FState.List.Number < 0;
+    OpenProperties(w, ofTree ? w.FState.Tree.Number : w.FState.List.Number);
+  }
+
+  static void AskCustomFolder(TfMain& w, TAction action) {
+    const QString folder = QFileDialog::getExistingDirectory(&w, w.Action(action)->text(), QDir::homePath());
+    if (folder.isEmpty()) return;
+    w.FController->Do([path = PathFromQt(folder)](TCommands& commands) { commands.Jobs().AddCustomFolder(path); });
+  }
+};
+
+/// All other actions go to the engine.
+void TfMain::Perform(TAction action) {
+  struct TRow {
+    TAction Action;
+    void (*Run)(TfMain& window, TAction action);
+  };
+  static constexpr TRow actions[] = {
+      {actStopAnalyse, &TOwnActions::AskStopAnalyse},
+      {actSelectAll, &TOwnActions::SelectAll},
+      {actInvertSelection, &TOwnActions::InvertSelection},
+      {actMountImage, [](TfMain& w, TAction which) { w.MountImage(which); }},
+      {actFoldersMountImage, [](TfMain& w, TAction which) { w.MountImage(which); }},
+      {actMaster, &TOwnActions::OpenMasterHere},
+      {actWhere, &TOwnActions::OpenWhere},
+      {actOpen, &TOwnActions::HideBannerAndExecute},
+      {actRecovery, &TOwnActions::HideBannerAndExecute},
+      {actFindFile, &TOwnActions::OpenFindFile},
+      {actFindPartitions, &TOwnActions::OpenFindPartitions},
+      {actFoldersFindPartitions, &TOwnActions::OpenFindPartitions},
+      {actCreateVirtualPartition, &TOwnActions::OpenCreateVirtual},
+      {actFoldersCreateVirtualPartition, &TOwnActions::OpenCreateVirtual},
+      {actCreateImage, &TOwnActions::OpenCreateImage},
+      {actFoldersCreateImage, &TOwnActions::OpenCreateImage},
+      {actProperties, &TOwnActions::OpenPropertiesOfSelection},
+      {actFoldersProperties, &TOwnActions::OpenPropertiesOfSelection},
+      {actAddCustomFolder, &TOwnActions::AskCustomFolder},
+      {actViewLargeIcons, [](TfMain& w, TAction which) { w.SetViewStyle(which); }},
+      {actViewIcons, [](TfMain& w, TAction which) { w.SetViewStyle(which); }},
+      {actViewList, [](TfMain& w, TAction which) { w.SetViewStyle(which); }},
+      {actViewDetails, [](TfMain& w, TAction which) { w.SetViewStyle(which); }},
+      {actViewTile, [](TfMain& w, TAction which) { w.SetViewStyle(which); }},
+      {actFindFileBar, &TOwnActions::ShowBars},
+      {actWhereBar, &TOwnActions::ShowBars},
+      {actImageBar, &TOwnActions::ShowBars},
+      {actPreview, &TOwnActions::ShowPanels},
+      {actRecoveryList, &TOwnActions::ShowPanels},
+      {actSettings, &TOwnActions::OpenSettings},
+      {actHelp, &TOwnActions::OpenHelp},
+      {actAbout, &TOwnActions::OpenAbout},
+      {actExit, &TOwnActions::CloseWindow},
+  };
+  const auto own =
+      std::find_if(std::begin(actions), std::end(actions), [action](const TRow& row) { return row.Action == action; });
+  if (own != std::end(actions)) {
+    own->Run(*this, action);
+  } else {
+    FController->Execute(action);
   }
 }
 
@@ -154,94 +234,15 @@ void TfMain::SetViewStyle(TAction action) {
 
 // ---- forms ----------------------------------------------------------------------------------
 
-void TfMain::OpenForm(TAction action) {
-  const bool ofTree = action == actFoldersFindPartitions || action == actFoldersCreateVirtualPartition ||
-                      action == actFoldersCreateImage || action == actFoldersProperties;
-  const TSelectionState& selection = ofTree ? FState.Tree : FState.List;
-  // A drive that is marked in the list is meant before the place that it is shown in.
-  const int drive = ofTree && FState.List.Drive >= 0 ? FState.List.Drive : selection.Drive;
-  switch (action) {
-    case actFindFile:
-      Open(new TfFindFile(*FDesk, FLanguage, FSettings, FFileList->Place().Drive, this));
-      break;
-    case actFindPartitions:
-    case actFoldersFindPartitions:
-      FFindPartitions = Open(new TfFindPartitions(*FDesk, FLanguage, FDrives, drive, this));
-      break;
-    case actCreateVirtualPartition:
-    case actFoldersCreateVirtualPartition:
-      Open(new TfCreateVirtualPartition(*FDesk, FLanguage, FDrives, drive, this));
-      break;
-    case actCreateImage:
-    case actFoldersCreateImage:
-      if (const TDriveSnapshot* source = DriveOf(FDrives, drive); source != nullptr) {
-        Open(new TfCreateImage(*FDesk, FLanguage, FSettings, *source, this));
-      }
-      break;
-    case actProperties:
-    case actFoldersProperties:
-      OpenProperties(selection.Number >= 0 ? selection.Number : FState.Tree.Number);
-      break;
-    default: {
-      const QString folder = QFileDialog::getExistingDirectory(this, Action(action)->text(), QDir::homePath());
-      if (folder.isEmpty()) break;
-      FDesk->Do([path = PathFromQt(folder)](TCommands& commands) { commands.AddCustomFolder(path); });
-      break;
-    }
-  }
-}
-
 void TfMain::OpenMaster(int drive) {
   if (FMaster != nullptr || Runs()) return;
-  FMaster = new TfAnalyseMaster(*FDesk, FLanguage, FSettings, this);
+  FMaster = new TfAnalyseMaster(*FController, FLanguage, FSettings, this);
   FMaster->SetDrives(FDrives, drive);
-  connect(FMaster, &TfAnalyseMaster::MountWanted, this, [this] { MountImage(); });
+  connect(FMaster, &TfAnalyseMaster::MountWanted, this, [this] { MountImage(actMountImage); });
   Open(FMaster.data());
 }
 
-void TfMain::OpenProperties(int fileNumber) {
-  const auto make = [fileNumber](TEngine& engine, TCommands& commands) {
-    TProperties properties = MakeProperties(engine, fileNumber, commands.InDeletedFolder(fileNumber));
-    if (!IsDriveKind(properties.Row.Kind)) properties.Path = commands.LocationOf(fileNumber);
-    return properties;
-  };
-  FDesk->Fetch<TProperties>(make, [self = QPointer<TfMain>(this)](TProperties properties) {
-    if (self != nullptr && properties.Row.Number >= 0) {
-      Open(new TfProperties(properties, self->FLanguage, self->FSettings, self));
-    }
-  });
-}
-
-void TfMain::OpenWhere() {
-  Open(new TfWhereFiles(FLanguage,
-                        {{Action(actFindFile), TText::WhereFind},
-                         {Action(actMaster), TText::WhereMaster},
-                         {Action(actFoldersFindPartitions), TText::WherePartitions},
-                         {Action(actMountImage), TText::WhereImage}},
-                        this));
-}
-
-void TfMain::OpenSettings() {
-  auto* form = new TfSettings(FLanguage, TLanguage::Names(FLanguageFolder), FSettings, this);
-  connect(form, &QDialog::accepted, this, [this, form] {
-    FFileList->Outdate();
-    TLanguage chosen;
-    if (form->Language() == FLanguage.Name() || !TLanguage::Load(FLanguageFolder, form->Language(), chosen)) return;
-    FLanguage = chosen;
-    ChangeLanguage();
-    ShowDetails();
-    FDesk->Do([chosen](TCommands& commands) { commands.ChangeLanguage(chosen); });
-  });
-  Open(form);
-}
-
-void TfMain::AskStopAnalyse() {
-  FBanner->Show(TMessageKind::Warning, Text(FLanguage, TText::StopAnalyseQuestion),
-                {{Text(FLanguage, TText::ButtonStop), [this] { FDesk->StopAnalyse(); }},
-                 {Text(FLanguage, TText::ButtonContinue), {}}});
-}
-
-void TfMain::MountImage() {
+void TfMain::MountImage(TAction) {
   const QString filter = Text(FLanguage, TText::ImageFilter) +
                          QStringLiteral(" (*.dsk *.hdd *.vdi *.vhd *.vhdx *.vmdk *.img *.raw *.dd *.iso);;") +
                          Text(FLanguage, TText::AllFilesFilter) + QStringLiteral(" (*)");
@@ -256,14 +257,15 @@ void TfMain::MountImage() {
 
 void TfMain::Mount(const QString& path) {
   FBanner->hide();
-  FDesk->Do([file = PathFromQt(path)](TCommands& commands) { commands.Mount(file); });
+  FController->Do([file = PathFromQt(path)](TCommands& commands) { commands.Jobs().Mount(file); });
 }
 
 void TfMain::FindQuickly() {
   const QString text = FFindEdit->text().trimmed();
   if (text.isEmpty()) return;
   FSettings.Find.Text = text.toStdString();
-  FDesk->Ask([options = QuickFind(text, FSettings, -1)](TCommands& commands) { commands.Find(options); });
+  FController->Ask(
+      [options = QuickFind(text, FSettings, -1)](TCommands& commands) { commands.Places().Find(options); });
 }
 
 // ---- details and menus ----------------------------------------------------------------------
@@ -276,9 +278,9 @@ void TfMain::ShowDetails() {
     FPreview->Clear();
     return;
   }
-  FDesk->Fetch<TProperties>(
+  FController->Fetch<TProperties>(
       [number](TEngine& engine, TCommands& commands) {
-        return MakeGeneralProperties(engine, number, commands.InDeletedFolder(number));
+        return MakeGeneralProperties(engine, number, commands.Places().InDeletedFolder(number));
       },
       [self = QPointer<TfMain>(this), number](TProperties properties) {
         if (self == nullptr || properties.Row.Number != number) return;
@@ -290,14 +292,14 @@ void TfMain::ShowDetails() {
 void TfMain::ShowContextMenu(const QPoint& at, bool ofTree) {
   if (ofTree) {
     const std::uint32_t node = tvFolders->Tree().NumberOf(tvFolders->currentIndex());
-    if (node != 0 && node != FFileList->Place().Node) FDesk->SelectNode(node);
+    if (node != 0 && node != FFileList->Place().Node) FController->SelectNode(node);
   } else {
     FFileList->SendSelection();
   }
-  FDesk->Fetch<bool>([](TEngine&, TCommands&) { return true; },
-                     [self = QPointer<TfMain>(this), at, ofTree](bool) {
-                       if (self != nullptr) self->PopUpContextMenu(at, ofTree);
-                     });
+  FController->Fetch<bool>([](TEngine&, TCommands&) { return true; },
+                           [self = QPointer<TfMain>(this), at, ofTree](bool) {
+                             if (self != nullptr) self->PopUpContextMenu(at, ofTree);
+                           });
 }
 
 void TfMain::PopUpContextMenu(const QPoint& at, bool ofTree) {
@@ -315,7 +317,7 @@ void TfMain::PopUpContextMenu(const QPoint& at, bool ofTree) {
     const std::uint32_t node = FFileList->Place().Node;
     if (selection.Blank && !Runs()) {
       menu->addAction(Action(actOpen)->icon(), Text(FLanguage, TText::ButtonAnalyse), this,
-                      [this, node] { FDesk->OpenNode(node); });
+                      [this, node] { FController->OpenNode(node); });
     }
     add({actFoldersReopen, actFoldersRecovery, actExpand});
     if (selection.Drive >= 0) {
@@ -345,10 +347,10 @@ void TfMain::CheckDevices() {
     if (size.open(QIODevice::ReadOnly)) devices += size.readAll();
   }
   if (FDevices.isEmpty()) FDevices = devices;
-  // While a scan runs the look is taken again later.
+  // While a scan runs they are checked again later.
   if (devices == FDevices || Runs() || FRecoveryForm != nullptr) return;
   FDevices = devices;
-  FDesk->Do([](TCommands& commands) { commands.DevicesChanged(); });
+  FController->Do([](TCommands& commands) { commands.Jobs().DevicesChanged(); });
 }
 
 }  // namespace brenlow::desktop

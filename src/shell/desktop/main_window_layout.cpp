@@ -31,94 +31,21 @@
 namespace brenlow::desktop {
 namespace {
 
-struct TActionLook {
-  TAction Action;
-  const char* Icon = nullptr;
-  const char* Shortcut = nullptr;
-  bool Checkable = false;
-};
-
 using enum TAction;
-constexpr TActionLook Looks[] = {
-    {actMaster, "tools-wizard", "Ctrl+M"},
-    {actOpen, "document-open-folder", nullptr},
-    {actReopen, "view-refresh", "Ctrl+Shift+R"},
-    {actFoldersReopen, "view-refresh", nullptr},
-    {actStopAnalyse, "process-stop", "Ctrl+."},
-    {actRecovery, "document-save", "Ctrl+R"},
-    {actFoldersRecovery, "document-save", nullptr},
-    {actRecoveryFromList, "document-save", "Ctrl+Shift+L"},
-    {actAddToRecoveryList, "list-add", "Ctrl+D"},
-    {actFindPartitions, "system-search", nullptr},
-    {actFoldersFindPartitions, "system-search", "Ctrl+L"},
-    {actCreateVirtualPartition, "document-new", nullptr},
-    {actFoldersCreateVirtualPartition, "document-new", nullptr},
-    {actCreateImage, "document-export", nullptr},
-    {actFoldersCreateImage, "document-export", "Ctrl+E"},
-    {actMountImage, "media-mount", "Ctrl+O"},
-    {actFoldersMountImage, "media-mount", nullptr},
-    {actUnmountImage, "media-eject", nullptr},
-    {actCloseDisk, "window-close", nullptr},
-    {actFoldersCloseDisk, "window-close", "Ctrl+W"},
-    {actProperties, "document-properties", "Alt+Return"},
-    {actFoldersProperties, "document-properties", nullptr},
-    {actRefresh, "view-refresh", "F5"},
-    {actExpand, "view-list-tree", nullptr},
-    {actSelectAll, "edit-select-all", "Ctrl+A"},
-    {actInvertSelection, "edit-select-invert", "Ctrl+I"},
-    {actFindFile, "edit-find", "Ctrl+F"},
-    {actFoundFileLocation, "go-jump", "Ctrl+J"},
-    {actWhere, "help-hint", "F3"},
-    {actAddCustomFolder, "list-add", nullptr},
-    {actSortByName, nullptr, nullptr, true},
-    {actSortByType, nullptr, nullptr, true},
-    {actSortBySize, nullptr, nullptr, true},
-    {actSortByFreeSize, nullptr, nullptr, true},
-    {actSortByFileSystem, nullptr, nullptr, true},
-    {actSortByStatus, nullptr, nullptr, true},
-    {actSortByModified, nullptr, nullptr, true},
-    {actSortByCreated, nullptr, nullptr, true},
-    {actSortAscending, "view-sort-ascending", nullptr, true},
-    {actSortDescending, "view-sort-descending", nullptr, true},
-    {actFilterExisting, nullptr, "Ctrl+Shift+E", true},
-    {actFilterDeleted, nullptr, "Ctrl+Shift+D", true},
-    {actFilterAllFiles, nullptr, nullptr, true},
-    {actFilterArchive, "package-x-generic", nullptr, true},
-    {actFilterAudio, "audio-x-generic", nullptr, true},
-    {actFilterDatabase, "application-vnd.oasis.opendocument.database", nullptr, true},
-    {actFilterDocument, "x-office-document", nullptr, true},
-    {actFilterImage, "image-x-generic", nullptr, true},
-    {actFilterVideo, "video-x-generic", nullptr, true},
-    {actViewLargeIcons, "view-grid", "Ctrl+1", true},
-    {actViewIcons, "view-list-icons", "Ctrl+2", true},
-    {actViewList, "view-list-text", "Ctrl+3", true},
-    {actViewDetails, "view-list-details", "Ctrl+4", true},
-    {actViewTile, "view-list-tree", "Ctrl+5", true},
-    {actFindFileBar, nullptr, nullptr, true},
-    {actWhereBar, nullptr, nullptr, true},
-    {actImageBar, nullptr, nullptr, true},
-    {actPreview, "view-preview", "F8", true},
-    {actRecoveryList, "format-list-unordered", "F9", true},
-    {actSettings, "configure", "Ctrl+,"},
-    {actHelp, "help-contents", "F1"},
-    {actAbout, "help-about", nullptr},
-    {actExit, "application-exit", "Ctrl+Q"},
-};
-static_assert(std::size(Looks) == ActionCount);
 
 }  // namespace
 
 void TfMain::CreateActions() {
-  for (const TActionLook& look : Looks) {
-    const std::string_view name = NameOf(look.Action);
+  for (const TAction which : AllActions) {
+    const TActionInfo& info = InfoOf(which);
     auto* action = new QAction(this);
-    action->setObjectName(QString::fromLatin1(name.data(), static_cast<qsizetype>(name.size())));
-    if (look.Icon != nullptr) action->setIcon(Icon(look.Icon));
-    if (look.Shortcut != nullptr) action->setShortcut(QKeySequence(QLatin1String(look.Shortcut)));
-    action->setCheckable(look.Checkable);
-    connect(action, &QAction::triggered, this, [this, which = look.Action] { Perform(which); });
+    action->setObjectName(QString::fromLatin1(info.Name.data(), static_cast<qsizetype>(info.Name.size())));
+    if (*info.Icon != '\0') action->setIcon(Icon(info.Icon));
+    if (*info.Shortcut != '\0') action->setShortcut(QKeySequence(QLatin1String(info.Shortcut)));
+    action->setCheckable(info.Look == TActionLook::Switch);
+    connect(action, &QAction::triggered, this, [this, which] { Perform(which); });
     addAction(action);
-    alMain[static_cast<std::size_t>(look.Action)] = action;
+    alMain[static_cast<std::size_t>(which)] = action;
   }
   auto* styles = new QActionGroup(this);
   for (const TAction style : {actViewLargeIcons, actViewIcons, actViewList, actViewDetails, actViewTile}) {
@@ -135,24 +62,40 @@ void TfMain::CreateFrames() {
   TfrTabControl->setExpanding(false);
   TfrTabControl->addTab(Icon("folder"), QString());
   TfrTabControl->addTab(Icon("drive-harddisk"), QString());
+  auto* body = new QWidget(this);
+  auto* layout = new QVBoxLayout(body);
+  layout->setContentsMargins(4, 0, 4, 0);
+  layout->setSpacing(4);
+  layout->addWidget(TfrTabControl);
+  layout->addWidget(FBanner);
+  layout->addWidget(CreatePages(), 1);
+  setCentralWidget(body);
+  FStatusBar = new TfrStatusBar(*FController, FLanguage, Action(actStopAnalyse), this);
+  setStatusBar(FStatusBar);
+  ConnectFrames();
+}
 
-  tvFolders = new TtvFolders(this);
-  pnLeft = tvFolders;
-  FNavigation = new TfrNavigation(*FDesk, FLanguage, this);
-  FBreadcrumbs = new TfrBreadcrumbs(*FDesk, this);
-  FFileList = new TfrFileList(*FDesk, FLanguage, FSettings, this);
+/// The path above the file list.
+QWidget* TfMain::CreateCenter() {
+  FNavigation = new TfrNavigation(*FController, FLanguage, this);
+  FBreadcrumbs = new TfrBreadcrumbs(*FController, this);
+  FFileList = new TfrFileList(*FController, FLanguage, FSettings, this);
   pnCenter = new QWidget(this);
   pnCenter->setObjectName(QStringLiteral("pnCenter"));
-  auto* way = new QHBoxLayout;
-  way->setContentsMargins(0, 0, 0, 0);
-  way->addWidget(FNavigation);
-  way->addWidget(FBreadcrumbs, 1);
+  auto* path = new QHBoxLayout;
+  path->setContentsMargins(0, 0, 0, 0);
+  path->addWidget(FNavigation);
+  path->addWidget(FBreadcrumbs, 1);
   auto* center = new QVBoxLayout(pnCenter);
   center->setContentsMargins(0, 0, 0, 0);
   center->setSpacing(2);
-  center->addLayout(way);
+  center->addLayout(path);
   center->addWidget(FFileList, 1);
+  return pnCenter;
+}
 
+/// Preview and recovery list.
+QWidget* TfMain::CreateRight() {
   pnRight = new QSplitter(Qt::Vertical, this);
   pnRight->setObjectName(QStringLiteral("pnRight"));
   FPreview = new TfrPreview(FLanguage, this);
@@ -162,51 +105,51 @@ void TfMain::CreateFrames() {
   scroll->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
   scroll->setWidget(FPreview);
   FPreviewFrame = scroll;
-  FRecoveryList = new TfrRecoveryList(*FDesk, FLanguage, FSettings, Action(actRecoveryFromList), this);
+  FRecoveryList = new TfrRecoveryList(*FController, FLanguage, FSettings, Action(actRecoveryFromList), this);
   pnRight->addWidget(FPreviewFrame);
   pnRight->addWidget(FRecoveryList);
   pnRight->setChildrenCollapsible(false);
+  return pnRight;
+}
 
+/// One page a tab: files, disks.
+QWidget* TfMain::CreatePages() {
+  tvFolders = new TtvFolders(this);
+  pnLeft = tvFolders;
   FSplitter = new QSplitter(this);
   FSplitter->addWidget(pnLeft);
-  FSplitter->addWidget(pnCenter);
-  FSplitter->addWidget(pnRight);
+  FSplitter->addWidget(CreateCenter());
+  FSplitter->addWidget(CreateRight());
   FSplitter->setStretchFactor(1, 1);
   FSplitter->setChildrenCollapsible(false);
   FDiskManager = new TfrDiskManager(FLanguage, this);
   FPages = new QStackedWidget(this);
   FPages->addWidget(FSplitter);
   FPages->addWidget(FDiskManager);
-  auto* body = new QWidget(this);
-  auto* layout = new QVBoxLayout(body);
-  layout->setContentsMargins(4, 0, 4, 0);
-  layout->setSpacing(4);
-  layout->addWidget(TfrTabControl);
-  layout->addWidget(FBanner);
-  layout->addWidget(FPages, 1);
-  setCentralWidget(body);
-  FStatusBar = new TfrStatusBar(*FDesk, FLanguage, Action(actStopAnalyse), this);
-  setStatusBar(FStatusBar);
+  return FPages;
+}
 
+void TfMain::ConnectFrames() {
   connect(TfrTabControl, &QTabBar::currentChanged, FPages, &QStackedWidget::setCurrentIndex);
   for (const TAction action : {actOpen, actMaster, actFoldersFindPartitions, actFoldersCreateImage, actMountImage,
                                actStopAnalyse, actFindFile, actFilterAllFiles, actFilterExisting, actFilterDeleted}) {
     FFileList->SetAction(action, Action(action));
   }
-  connect(tvFolders, &TtvFolders::NodeSelected, this, [this](std::uint32_t node) { FDesk->SelectNode(node); });
-  connect(tvFolders, &TtvFolders::NodeExpanded, this, [this](std::uint32_t node) { FDesk->ExpandNode(node); });
-  connect(tvFolders, &TtvFolders::NodeActivated, this, [this](std::uint32_t node) { FDesk->OpenNode(node); });
+  connect(tvFolders, &TtvFolders::NodeSelected, this, [this](std::uint32_t node) { FController->SelectNode(node); });
+  connect(tvFolders, &TtvFolders::NodeExpanded, this, [this](std::uint32_t node) { FController->ExpandNode(node); });
+  connect(tvFolders, &TtvFolders::NodeActivated, this, [this](std::uint32_t node) { FController->OpenNode(node); });
   connect(tvFolders, &QWidget::customContextMenuRequested, this,
           [this](const QPoint& at) { ShowContextMenu(tvFolders->viewport()->mapToGlobal(at), true); });
   connect(FFileList, &TfrFileList::ContextMenuWanted, this, [this](const QPoint& at) { ShowContextMenu(at, false); });
   connect(FFileList, &TfrFileList::CurrentChanged, this, [this] { ShowDetails(); });
   connect(FFileList, &TfrFileList::Activated, this,
           [this](const TFileRow& row) { Perform(row.Kind == TEntryKind::File ? actProperties : actOpen); });
-  connect(FDiskManager, &TfrDiskManager::DriveSelected, this,
-          [this](int drive) { FDesk->Ask([drive](TCommands& commands) { commands.ShowDrive(drive); }); });
+  connect(FDiskManager, &TfrDiskManager::DriveSelected, this, [this](int drive) {
+    FController->Ask([drive](TCommands& commands) { commands.Places().ShowDrive(drive); });
+  });
   connect(FDiskManager, &TfrDiskManager::DriveActivated, this, [this](int drive) {
     TfrTabControl->setCurrentIndex(0);
-    FDesk->OpenDrive(drive);
+    FController->OpenDrive(drive);
   });
   connect(FDiskManager, &TfrDiskManager::ContextMenuWanted, this,
           [this](const QPoint& at) { ShowContextMenu(at, true); });
@@ -275,7 +218,7 @@ void TfMain::CreateToolBars() {
   tbStandardButtons->addAction(Action(actAddToRecoveryList));
   tbStandardButtons->addSeparator();
   tbStandardButtons->addAction(Action(actFoldersFindPartitions));
-  // Filters are used often: the menu has a button of its own.
+  // Filters are used often, so their menu has its own button.
   auto* filter = new QToolButton(this);
   filter->setIcon(Icon("view-filter"));
   filter->setMenu(findChild<QMenu*>(QStringLiteral("mnFilter")));
@@ -301,9 +244,9 @@ void TfMain::CreateToolBars() {
 }
 
 void TfMain::ChangeLanguage() {
-  for (std::size_t i = 0; i < ActionCount; ++i) {
-    QAction* action = alMain[i];
-    const QString caption = Text(FLanguage, CaptionOf(static_cast<TAction>(i)));
+  for (const TAction which : AllActions) {
+    QAction* action = Action(which);
+    const QString caption = Text(FLanguage, InfoOf(which).Caption);
     action->setText(caption);
     const QString key = action->shortcut().toString(QKeySequence::NativeText);
     action->setToolTip(key.isEmpty() ? caption : caption + QStringLiteral(" (") + key + QLatin1Char(')'));

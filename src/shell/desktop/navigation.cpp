@@ -5,23 +5,24 @@
 #include <QToolButton>
 
 #include "core/language.h"
-#include "shell/desk.h"
+#include "shell/controller.h"
 #include "shell/desktop/icons.h"
 #include "shell/desktop/ui_text.h"
 
 namespace brenlow::desktop {
 namespace {
 
-constexpr int LongestCrumb = 40;  // characters
+constexpr int MaxCrumb = 40;  // characters
 
 }  // namespace
 
-TfrNavigation::TfrNavigation(TDesk& desk, const TLanguage& texts, QWidget* parent) : QWidget(parent), FTexts(texts) {
+TfrNavigation::TfrNavigation(TShellController& controller, const TLanguage& texts, QWidget* parent)
+    : QWidget(parent), FTexts(texts) {
   setObjectName(QStringLiteral("TfrNavigation"));
   auto* layout = new QHBoxLayout(this);
   layout->setContentsMargins(0, 0, 0, 0);
   layout->setSpacing(0);
-  const auto add = [&](const char* name, const char* icon, const QKeySequence& key, void (TCommands::*go)()) {
+  const auto add = [&](const char* name, const char* icon, const QKeySequence& key, void (TPlaces::*go)()) {
     auto* button = new QToolButton(this);
     button->setObjectName(QLatin1String(name));
     button->setAutoRaise(true);
@@ -29,12 +30,13 @@ TfrNavigation::TfrNavigation(TDesk& desk, const TLanguage& texts, QWidget* paren
     button->setShortcut(key);
     button->setEnabled(false);
     layout->addWidget(button);
-    connect(button, &QToolButton::clicked, this, [&desk, go] { desk.Ask([go](TCommands& c) { (c.*go)(); }); });
+    connect(button, &QToolButton::clicked, this,
+            [&controller, go] { controller.Ask([go](TCommands& c) { (c.Places().*go)(); }); });
     return button;
   };
-  FBack = add("btnBack", "go-previous", QKeySequence(Qt::ALT | Qt::Key_Left), &TCommands::GoBack);
-  FForward = add("btnForward", "go-next", QKeySequence(Qt::ALT | Qt::Key_Right), &TCommands::GoForward);
-  FUp = add("btnUp", "go-up", QKeySequence(Qt::ALT | Qt::Key_Up), &TCommands::GoUp);
+  FBack = add("btnBack", "go-previous", QKeySequence(Qt::ALT | Qt::Key_Left), &TPlaces::GoBack);
+  FForward = add("btnForward", "go-next", QKeySequence(Qt::ALT | Qt::Key_Right), &TPlaces::GoForward);
+  FUp = add("btnUp", "go-up", QKeySequence(Qt::ALT | Qt::Key_Up), &TPlaces::GoUp);
   ChangeLanguage();
 }
 
@@ -56,8 +58,8 @@ void TfrNavigation::ChangeLanguage() {
   name(FUp, TText::GoUp);
 }
 
-TfrBreadcrumbs::TfrBreadcrumbs(TDesk& desk, QWidget* parent)
-    : QWidget(parent), FDesk(desk), FLayout(new QHBoxLayout(this)) {
+TfrBreadcrumbs::TfrBreadcrumbs(TShellController& controller, QWidget* parent)
+    : QWidget(parent), FController(controller), FLayout(new QHBoxLayout(this)) {
   setObjectName(QStringLiteral("TfrBreadcrumbs"));
   FLayout->setContentsMargins(0, 0, 0, 0);
   FLayout->setSpacing(0);
@@ -75,13 +77,13 @@ void TfrBreadcrumbs::Show(const TPlaceSnapshot& place) {
     step->setAutoRaise(true);
     QString caption = ToQt(FCrumbs[i]);
     step->setToolTip(caption);
-    if (caption.size() > LongestCrumb) caption = caption.left(LongestCrumb - 1) + QStringLiteral("…");
+    if (caption.size() > MaxCrumb) caption = caption.left(MaxCrumb - 1) + QStringLiteral("…");
     step->setText((i == 0 ? QString() : QStringLiteral("› ")) +
                   caption.replace(QLatin1Char('&'), QStringLiteral("&&")));
     step->setToolButtonStyle(i == 0 ? Qt::ToolButtonTextBesideIcon : Qt::ToolButtonTextOnly);
     if (i == 0) step->setIcon(Icon("computer"));
     connect(step, &QToolButton::clicked, this,
-            [this, i] { FDesk.Ask([i](TCommands& commands) { commands.GoToCrumb(i); }); });
+            [this, i] { FController.Ask([i](TCommands& commands) { commands.Places().GoToCrumb(i); }); });
     FLayout->insertWidget(static_cast<int>(i), step);
     step->show();
     FSteps.append(step);

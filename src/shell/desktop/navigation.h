@@ -10,7 +10,7 @@ class QHBoxLayout;
 class QToolButton;
 
 namespace brenlow {
-class TDesk;
+class TShellController;
 class TLanguage;
 }  // namespace brenlow
 
@@ -18,7 +18,7 @@ namespace brenlow::desktop {
 
 class TfrNavigation final : public QWidget {
  public:
-  TfrNavigation(TDesk& desk, const TLanguage& texts, QWidget* parent);
+  TfrNavigation(TShellController& controller, const TLanguage& texts, QWidget* parent);
   void Show(const TPlaceSnapshot& place);
   void ChangeLanguage();
 
@@ -29,10 +29,10 @@ class TfrNavigation final : public QWidget {
   QToolButton* FUp;
 };
 
-/// Each step of the path is a button; those that do not fit are left out behind the first.
+/// Each step of the path is a button; those that do not fit are left out after the first.
 class TfrBreadcrumbs final : public QWidget {
  public:
-  TfrBreadcrumbs(TDesk& desk, QWidget* parent);
+  TfrBreadcrumbs(TShellController& controller, QWidget* parent);
   void Show(const TPlaceSnapshot& place);
 
  protected:
@@ -41,7 +41,7 @@ class TfrBreadcrumbs final : public QWidget {
  private:
   void Fit();
 
-  TDesk& FDesk;
+  TShellController& FController;
   QHBoxLayout* FLayout;
   std::vector<TString> FCrumbs;
   QList<QToolButton*> FSteps;

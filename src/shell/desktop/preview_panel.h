@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The right panel with what is known of the entry in focus.
+// The right panel with the details of the entry in focus.
 #pragma once
 
 #include <QWidget>

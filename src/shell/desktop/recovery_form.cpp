@@ -34,9 +34,10 @@ QString Number(std::int64_t number) { return QLocale().toString(static_cast<qlon
 
 }  // namespace
 
-TRecoveryMasterForm::TRecoveryMasterForm(TDesk& desk, const TLanguage& texts, TSettings& settings, QWidget* parent)
+TRecoveryMasterForm::TRecoveryMasterForm(TShellController& controller, const TLanguage& texts, TSettings& settings,
+                                         QWidget* parent)
     : TForm("TfRecoveryMaster", TText::MenuRecovery, texts, parent),
-      FDesk(desk),
+      FController(controller),
       FSettings(settings),
       FPages(new QStackedWidget(this)) {
   FPages->addWidget(MakeKindPage());
@@ -110,7 +111,7 @@ QWidget* TRecoveryMasterForm::MakeOptionsPage() {
   connect(browse, &QToolButton::clicked, this, [this] { Browse(); });
   connect(FPath, &QLineEdit::textEdited, this, [this](const QString& path) {
     FError->hide();
-    FDesk.RecoveryChangePath(PathFromQt(path));
+    FController.RecoveryChangePath(PathFromQt(path));
     UpdateButtons();
   });
   connect(FReplace, &QCheckBox::toggled, FSymbol, &QWidget::setEnabled);
@@ -174,17 +175,17 @@ void TRecoveryMasterForm::Show(const TRecoveryPage& page) {
   FError->setVisible(!page.TargetError.empty());
   switch (page.Page) {
     case TfRecoveryMaster::OutputKind:
-      FRemember->setChecked(page.Remember);
+      FRemember->setChecked(page.Choices.Remember);
       FPages->setCurrentIndex(0);
       break;
     case TfRecoveryMaster::SaveOptions:
       if (!samePage) {
-        FPath->setText(PathToQt(page.Path));
-        FFolders->setChecked(page.RestoreFolders);
-        FADS->setChecked(page.ADS);
-        FReplace->setChecked(page.CanReplaceSymbols);
-        FSymbol->setText(ToQt(page.UnknownSymbols));
-        FSymbol->setEnabled(page.CanReplaceSymbols);
+        FPath->setText(PathToQt(page.Choices.Path));
+        FFolders->setChecked(page.Choices.RestoreFolders);
+        FADS->setChecked(page.Choices.ADS);
+        FReplace->setChecked(page.Choices.CanReplaceSymbols);
+        FSymbol->setText(ToQt(page.Choices.UnknownSymbols));
+        FSymbol->setEnabled(page.Choices.CanReplaceSymbols);
         FPages->setCurrentIndex(1);
         FPath->setFocus();
       }
@@ -273,20 +274,19 @@ void TRecoveryMasterForm::Browse() {
   const QString folder = QFileDialog::getExistingDirectory(this, Caption(TText::SaveOutputFolder), FPath->text());
   if (folder.isEmpty()) return;
   FPath->setText(folder);
-  FDesk.RecoveryChangePath(PathFromQt(folder));
+  FController.RecoveryChangePath(PathFromQt(folder));
   UpdateButtons();
 }
 
-TRecoveryForm TRecoveryMasterForm::Form() const {
-  TRecoveryForm form;
-  form.RecoverType = TRecoverType::rtSave;
-  form.Remember = FRemember->isChecked();
-  form.Path = PathFromQt(FPath->text());
-  form.RestoreFolders = FFolders->isChecked();
-  form.ADS = FADS->isChecked();
-  form.CanReplaceSymbols = FReplace->isChecked();
-  form.UnknownSymbols = FromQt(FSymbol->text());
-  return form;
+TRecoverySettings TRecoveryMasterForm::Choices() const {
+  TRecoverySettings choices;
+  choices.Remember = FRemember->isChecked();
+  choices.Path = PathFromQt(FPath->text());
+  choices.RestoreFolders = FFolders->isChecked();
+  choices.ADS = FADS->isChecked();
+  choices.CanReplaceSymbols = FReplace->isChecked();
+  choices.UnknownSymbols = FromQt(FSymbol->text());
+  return choices;
 }
 
 void TRecoveryMasterForm::Next() {
@@ -295,7 +295,7 @@ void TRecoveryMasterForm::Next() {
     return;
   }
   FNext->setEnabled(false);
-  FDesk.RecoveryNext(Form());
+  FController.RecoveryNext(Choices());
 }
 
 void TRecoveryMasterForm::UpdateButtons() {
@@ -314,10 +314,10 @@ void TRecoveryMasterForm::UpdateButtons() {
 void TRecoveryMasterForm::reject() {
   if (FPage == TfRecoveryMaster::SaveProgress) {
     FCancel->setEnabled(false);
-    FDesk.StopRecovery();
+    FController.StopRecovery();
     return;
   }
-  FDesk.RecoveryClose();
+  FController.RecoveryClose();
   hide();
 }
 

@@ -4,7 +4,7 @@
 
 #include <QElapsedTimer>
 
-#include "shell/desk.h"
+#include "shell/controller.h"
 #include "shell/desktop/form.h"
 
 class QCheckBox;
@@ -19,7 +19,7 @@ namespace brenlow::desktop {
 
 class TRecoveryMasterForm final : public TForm {
  public:
-  TRecoveryMasterForm(TDesk& desk, const TLanguage& texts, TSettings& settings, QWidget* parent);
+  TRecoveryMasterForm(TShellController& controller, const TLanguage& texts, TSettings& settings, QWidget* parent);
   void Show(const TRecoveryPage& page);
   void ShowProgress(const TRecoveryProgress& progress);
   void reject() override;
@@ -30,12 +30,12 @@ class TRecoveryMasterForm final : public TForm {
   QWidget* MakeProgressPage();  // TfrmSaveProgress
   QWidget* MakeFinishPage();
   void ShowSummary(const TRecoverySummary& summary);
-  TRecoveryForm Form() const;
+  TRecoverySettings Choices() const;
   void Next();
   void UpdateButtons();
   void Browse();
 
-  TDesk& FDesk;
+  TShellController& FController;
   TSettings& FSettings;
   int FPage = TfRecoveryMaster::OutputKind;
   QStackedWidget* FPages;

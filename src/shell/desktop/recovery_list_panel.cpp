@@ -11,7 +11,7 @@
 #include <QVBoxLayout>
 
 #include "core/language.h"
-#include "shell/desk.h"
+#include "shell/controller.h"
 #include "shell/desktop/file_model.h"
 #include "shell/desktop/file_views.h"
 #include "shell/desktop/icons.h"
@@ -24,17 +24,17 @@ constexpr int ShownColumns = 3;  // name, type, size; the last one shown is wher
 
 }  // namespace
 
-TfrRecoveryList::TfrRecoveryList(TDesk& desk, const TLanguage& texts, TSettings& settings, QAction* recover,
-                                 QWidget* parent)
+TfrRecoveryList::TfrRecoveryList(TShellController& controller, const TLanguage& texts, TSettings& settings,
+                                 QAction* recover, QWidget* parent)
     : QWidget(parent),
-      FDesk(desk),
+      FController(controller),
       FTexts(texts),
       FSettings(settings),
       FTitle(new QLabel(this)),
       FHint(new QLabel(this)),
       FRecover(new QToolButton(this)),
       FRemove(new QToolButton(this)),
-      FModel(new TFileModel(desk, texts, this)),
+      FModel(new TFileModel(controller, texts, this)),
       FTable(new TFileTable(this)) {
   setObjectName(QStringLiteral("TfrRecoveryList"));
   setAcceptDrops(true);
@@ -52,8 +52,8 @@ TfrRecoveryList::TfrRecoveryList(TDesk& desk, const TLanguage& texts, TSettings&
   auto* remove = new QShortcut(QKeySequence::Delete, FTable);
   remove->setContext(Qt::WidgetShortcut);
   connect(remove, &QShortcut::activated, this, &TfrRecoveryList::RemoveSelected);
-  connect(FModel, &TFileModel::Ticked, this, [this](int number, bool ticked) {
-    FDesk.Ask([number, ticked](TCommands& commands) { commands.Tick({number}, ticked); });
+  connect(FModel, &TFileModel::CheckToggled, this, [this](int number, bool ticked) {
+    FController.Ask([number, ticked](TCommands& commands) { commands.Recoveries().PutOnList({number}, ticked); });
   });
   FHint->setWordWrap(true);
   FHint->setAlignment(Qt::AlignCenter);
@@ -101,8 +101,8 @@ void TfrRecoveryList::SortBy(int column) {
   TSettings::TRecoveryList& settings = FSettings.RecoveryList;
   settings.SortRevers = column == settings.SortIndex && settings.SortRevers != 0 ? 0 : 1;
   settings.SortIndex = column;
-  FDesk.Ask([column, descending = settings.SortRevers == 0](TCommands& commands) {
-    commands.SortRecoveryList(column, descending);
+  FController.Ask([column, descending = settings.SortRevers == 0](TCommands& commands) {
+    commands.Recoveries().SortList(column, descending);
   });
 }
 
@@ -125,8 +125,8 @@ void TfrRecoveryList::RemoveSelected() {
   for (const QModelIndex& index : FTable->selectionModel()->selectedRows()) {
     numbers.push_back(FModel->NumberAt(index.row()));
   }
-  FDesk.Ask([numbers, generation = FModel->Generation()](TCommands& commands) {
-    if (generation == commands.Generation()) commands.Tick(numbers, false);
+  FController.Ask([numbers, generation = FModel->Generation()](TCommands& commands) {
+    if (generation == commands.View().Generation()) commands.Recoveries().PutOnList(numbers, false);
   });
 }
 
@@ -137,7 +137,7 @@ void TfrRecoveryList::dragEnterEvent(QDragEnterEvent* event) {
 void TfrRecoveryList::dropEvent(QDropEvent* event) {
   if (!event->mimeData()->hasFormat(QLatin1String(FilesMimeType))) return;
   event->acceptProposedAction();
-  FDesk.Execute(TAction::actAddToRecoveryList);
+  FController.Execute(TAction::actAddToRecoveryList);
 }
 
 }  // namespace brenlow::desktop

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The files put aside for a recovery: what is ticked, dragged or sent here.
+// The recovery list: files that were ticked, dragged or sent here.
 #pragma once
 
 #include <QWidget>
@@ -12,7 +12,7 @@ class QLabel;
 class QToolButton;
 
 namespace brenlow {
-class TDesk;
+class TShellController;
 class TLanguage;
 }  // namespace brenlow
 
@@ -24,7 +24,8 @@ class TFileTable;
 class TfrRecoveryList final : public QWidget {
   Q_OBJECT
  public:
-  TfrRecoveryList(TDesk& desk, const TLanguage& texts, TSettings& settings, QAction* recover, QWidget* parent);
+  TfrRecoveryList(TShellController& controller, const TLanguage& texts, TSettings& settings, QAction* recover,
+                  QWidget* parent);
   void Show(const TListing& listing);
   void ChangeLanguage();
   void KeepSettings();
@@ -38,7 +39,7 @@ class TfrRecoveryList final : public QWidget {
   void SortBy(int column);
   void ShowSortIndicator();
 
-  TDesk& FDesk;
+  TShellController& FController;
   const TLanguage& FTexts;
   TSettings& FSettings;
   QLabel* FTitle;

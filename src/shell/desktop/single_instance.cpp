@@ -10,7 +10,7 @@ namespace brenlow::desktop {
 namespace {
 
 constexpr int WaitTime = 1000;              // milliseconds
-constexpr qint64 LongestMessage = 1 << 16;  // bytes; an argument is a path with a word before it
+constexpr qint64 MaxMessage = 1 << 16;  // bytes; an argument is a path with a word before it
 
 }  // namespace
 
@@ -21,13 +21,13 @@ TSingleInstance::TSingleInstance(const QString& name) : FName(QStringLiteral("%1
     auto received = std::make_shared<QByteArray>();
     const auto read = [socket, received] {
       received->append(socket->readAll());
-      if (received->size() > LongestMessage) socket->abort();
+      if (received->size() > MaxMessage) socket->abort();
     };
     connect(socket, &QLocalSocket::readyRead, this, read);
     connect(socket, &QLocalSocket::disconnected, this, [this, socket, received, read] {
       read();
       socket->deleteLater();
-      if (received->size() <= LongestMessage) Q_EMIT Started(QString::fromUtf8(*received));
+      if (received->size() <= MaxMessage) Q_EMIT Started(QString::fromUtf8(*received));
     });
   });
 }

@@ -10,7 +10,7 @@ namespace brenlow::desktop {
 class TSingleInstance final : public QObject {
   Q_OBJECT
  public:
-  /// `name` tells programs apart; each user has an own one.
+  /// `name` distinguishes programs; each user has their own instance.
   explicit TSingleInstance(const QString& name);
   /// Hands the argument over when a first instance runs. True then: this one should end.
   bool HandOver(const QString& argument);

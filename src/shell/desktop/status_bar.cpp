@@ -7,15 +7,15 @@
 #include <QToolButton>
 
 #include "core/language.h"
-#include "shell/desk.h"
+#include "shell/controller.h"
 #include "shell/desktop/ui_text.h"
 #include "shell/progress_text.h"
 
 namespace brenlow::desktop {
 namespace {
 
-constexpr int TickInterval = 250;     // milliseconds
-constexpr qint64 SilenceTime = 1500;  // of the engine, after which the user is told that the device keeps it waiting
+constexpr int RefreshInterval = 250;     // milliseconds
+constexpr qint64 SilenceTime = 1500;  // without an answer from the engine; then the user is told that it waits for the device
 constexpr qint64 BusyTime = 500;
 constexpr int BarSteps = 1000;
 
@@ -34,9 +34,9 @@ TText TitleOf(TProgressSnapshot::TKind kind) {
 
 }  // namespace
 
-TfrStatusBar::TfrStatusBar(TDesk& desk, const TLanguage& texts, QAction* stop, QWidget* parent)
+TfrStatusBar::TfrStatusBar(TShellController& controller, const TLanguage& texts, QAction* stop, QWidget* parent)
     : QStatusBar(parent),
-      FDesk(desk),
+      FController(controller),
       FTexts(texts),
       FText(new QLabel(this)),
       FBar(new QProgressBar(this)),
@@ -56,8 +56,8 @@ TfrStatusBar::TfrStatusBar(TDesk& desk, const TLanguage& texts, QAction* stop, Q
   addPermanentWidget(FRate);
   addPermanentWidget(FBar);
   addPermanentWidget(FStop);
-  FTimer.setInterval(TickInterval);
-  connect(&FTimer, &QTimer::timeout, this, [this] { Tick(); });
+  FTimer.setInterval(RefreshInterval);
+  connect(&FTimer, &QTimer::timeout, this, [this] { Refresh(); });
   FTimer.start();
   ShowIdle();
 }
@@ -70,14 +70,14 @@ void TfrStatusBar::SetProgress(const TProgressSnapshot& progress) {
   }
   FProgress = progress;
   FHeard.start();
-  Tick();
+  Refresh();
 }
 
 void TfrStatusBar::SetSelection(const TSelectionState& selection, int shown, int hidden) {
   FSelection = selection;
   FShown = shown;
   FHidden = hidden;
-  Tick();
+  Refresh();
 }
 
 void TfrStatusBar::Pause(bool paused) {
@@ -85,10 +85,10 @@ void TfrStatusBar::Pause(bool paused) {
   if (!paused && FPausedAt >= 0) FPausedFor += FClock.elapsed() - std::exchange(FPausedAt, -1);
 }
 
-void TfrStatusBar::ChangeLanguage() { Tick(); }
+void TfrStatusBar::ChangeLanguage() { Refresh(); }
 
-void TfrStatusBar::Tick() {
-  if (!FDesk.IsBusy()) {
+void TfrStatusBar::Refresh() {
+  if (!FController.IsBusy()) {
     FBusyFor.invalidate();
   } else if (!FBusyFor.isValid()) {
     FBusyFor.start();

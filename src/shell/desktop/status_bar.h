@@ -14,7 +14,7 @@ class QProgressBar;
 class QToolButton;
 
 namespace brenlow {
-class TDesk;
+class TShellController;
 class TLanguage;
 }  // namespace brenlow
 
@@ -22,7 +22,7 @@ namespace brenlow::desktop {
 
 class TfrStatusBar final : public QStatusBar {
  public:
-  TfrStatusBar(TDesk& desk, const TLanguage& texts, QAction* stop, QWidget* parent);
+  TfrStatusBar(TShellController& controller, const TLanguage& texts, QAction* stop, QWidget* parent);
   void SetProgress(const TProgressSnapshot& progress);
   void SetSelection(const TSelectionState& selection, int shown, int hidden);
   /// The recovery wizard shows its own progress.
@@ -32,11 +32,11 @@ class TfrStatusBar final : public QStatusBar {
   void ChangeLanguage();
 
  private:
-  void Tick();
+  void Refresh();
   void ShowProgress();
   void ShowIdle();
 
-  TDesk& FDesk;
+  TShellController& FController;
   const TLanguage& FTexts;
   QLabel* FText;
   QProgressBar* FBar;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The engine behind its thread, and the window's side as plain values.
-#include "shell/desk.h"
+#include "shell/controller.h"
 
 #include <doctest/doctest.h>
 
@@ -65,7 +65,7 @@ TEST_CASE("a host that ends starts nothing more, and frees who waits for an answ
 namespace {
 
 /// A window made of values: its thread is the test's.
-class TFlatWindow final : public IDeskView {
+class TFlatWindow final : public IShellView {
  public:
   std::map<std::uint32_t, std::vector<std::pair<std::uint32_t, TString>>> Tree;  // parent: number and caption
   std::vector<TDriveSnapshot> Drives;
@@ -133,23 +133,24 @@ class TFlatWindow final : public IDeskView {
 
 struct TProgram {
   std::mutex Mutex;
-  std::deque<TDesk::TJob> Jobs;
+  std::deque<TShellController::TJob> Jobs;
   TFlatWindow Window;
   TTemporaryFolder Folder;
   TSettings Settings;
-  std::unique_ptr<TDesk> Desk;
+  std::unique_ptr<TShellController> Controller;
 
   explicit TProgram(TImage image) {
     Settings.Recovery.Path = Folder.Path() + "/out";
-    Desk = std::make_unique<TDesk>(Settings, TLanguage::English(), Window, [this](TDesk::TJob job) {
-      const std::lock_guard lock(Mutex);
-      Jobs.push_back(std::move(job));
-    });
-    Desk->Engine().Devices().Insert(u"/test.img", std::make_unique<TMemoryDevice>(std::move(image)));
-    Desk->Start();
+    Controller =
+        std::make_unique<TShellController>(Settings, TLanguage::English(), Window, [this](TShellController::TJob job) {
+          const std::lock_guard lock(Mutex);
+          Jobs.push_back(std::move(job));
+        });
+    Controller->Engine().Devices().Insert(u"/test.img", std::make_unique<TMemoryDevice>(std::move(image)));
+    Controller->Start();
   }
   void RunJobs() {
-    std::deque<TDesk::TJob> jobs;
+    std::deque<TShellController::TJob> jobs;
     {
       const std::lock_guard lock(Mutex);
       jobs.swap(Jobs);
@@ -179,14 +180,14 @@ struct TProgram {
 
 TEST_CASE("a window of values follows the engine") {
   TProgram t(LoadTestImage("demo-stick.img.zst"));
-  t.Desk->Do([](TCommands& commands) { commands.Mount("/test.img"); });
+  t.Controller->Do([](TCommands& commands) { commands.Jobs().Mount("/test.img"); });
   REQUIRE(t.WaitFor([&] { return t.Window.State.Tree.Drive >= 0; }));
   const TDriveSnapshot drive = t.Window.Drives[static_cast<std::size_t>(t.Window.State.Tree.Drive)];
   CHECK(drive.Kind == TEntryKind::Image);
   CHECK(drive.FileSystem == u"FAT32");
   CHECK(t.Window.Place.Listing.Numbers->empty());
-  t.Desk->OpenNode(drive.Node);
-  REQUIRE(t.WaitFor([&] { return !t.Desk->IsBusy() && !t.Window.Place.Listing.Numbers->empty(); }));
+  t.Controller->OpenNode(drive.Node);
+  REQUIRE(t.WaitFor([&] { return !t.Controller->IsBusy() && !t.Window.Place.Listing.Numbers->empty(); }));
   REQUIRE(t.WaitFor([&] { return t.Window.Progress.Kind == TProgressSnapshot::None; }));
   // The mirror of the tree is the tree: sorted, each folder once.
   const std::vector<TString> folders = t.Under(drive.Node);
@@ -199,7 +200,7 @@ TEST_CASE("a window of values follows the engine") {
   int answers = 0;
   std::size_t rows = 99;
   const auto fetch = [&](std::uint64_t generation) {
-    t.Desk->FetchRows(generation, *t.Window.Place.Listing.Numbers, [&](std::vector<TFileRow> got) {
+    t.Controller->FetchRows(generation, *t.Window.Place.Listing.Numbers, [&](std::vector<TFileRow> got) {
       ++answers;
       rows = got.size();
     });
@@ -214,45 +215,45 @@ TEST_CASE("a window of values follows the engine") {
 
 TEST_CASE("the recovery wizard as a conversation between two threads") {
   TProgram t(LoadTestImage("demo-stick.img.zst"));
-  t.Desk->Do([](TCommands& commands) {
-    commands.Mount("/test.img");
-    commands.OpenNode(commands.SelectedNode());
+  t.Controller->Do([](TCommands& commands) {
+    commands.Jobs().Mount("/test.img");
+    commands.OpenNode(commands.Places().SelectedNode());
   });
-  REQUIRE(t.WaitFor([&] { return !t.Desk->IsBusy() && t.Window.Actions.Has(TAction::actFoldersRecovery); }));
-  t.Desk->Execute(TAction::actFoldersRecovery);
+  REQUIRE(t.WaitFor([&] { return !t.Controller->IsBusy() && t.Window.Actions.Has(TAction::actFoldersRecovery); }));
+  t.Controller->Execute(TAction::actFoldersRecovery);
   REQUIRE(t.WaitFor([&] { return t.Window.Page.JustOpened && t.Window.State.Recovering; }));
-  t.Desk->RecoveryNext({});
+  t.Controller->RecoveryNext({});
   REQUIRE(t.WaitFor([&] { return t.Window.Page.Page == TfRecoveryMaster::SaveOptions; }));
   CHECK_FALSE(t.Window.Page.SpaceRequiredText.empty());
-  TRecoveryForm form;
+  TRecoverySettings form;
   form.Path = "/proc/nothing";
-  t.Desk->RecoveryNext(form);
+  t.Controller->RecoveryNext(form);
   REQUIRE(t.WaitFor([&] { return !t.Window.Page.TargetError.empty(); }));
   CHECK(t.Window.Page.Page == TfRecoveryMaster::SaveOptions);
   form.Path = t.Folder.Path() + "/out";
-  t.Desk->RecoveryNext(form);
+  t.Controller->RecoveryNext(form);
   REQUIRE(t.WaitFor([&] { return t.Window.Page.Page == TfRecoveryMaster::Finish; }));
   CHECK(t.Window.Questions > 0);  // names with a lost first letter
   CHECK(t.Window.Page.Summary.Whole > 10);
   CHECK(t.Window.Page.Summary.FaultCount() == 0);
-  t.Desk->RecoveryClose();
+  t.Controller->RecoveryClose();
   REQUIRE(t.WaitFor([&] { return t.Window.Closed && !t.Window.State.Recovering; }));
 }
 
 TEST_CASE("the end comes while the engine asks a question that nobody answers") {
   auto t = std::make_unique<TProgram>(LoadTestImage("demo-stick.img.zst"));
-  t->Desk->Do([](TCommands& commands) {
-    commands.Mount("/test.img");
-    commands.OpenNode(commands.SelectedNode());
+  t->Controller->Do([](TCommands& commands) {
+    commands.Jobs().Mount("/test.img");
+    commands.OpenNode(commands.Places().SelectedNode());
     commands.Execute(TAction::actFoldersRecovery);
   });
   REQUIRE(t->WaitFor([&] { return t->Window.Page.JustOpened; }));
-  t->Desk->RecoveryNext({});
+  t->Controller->RecoveryNext({});
   REQUIRE(t->WaitFor([&] { return t->Window.Page.Page == TfRecoveryMaster::SaveOptions; }));
-  TRecoveryForm form;
+  TRecoverySettings form;
   form.Path = t->Folder.Path() + "/out";
-  t->Desk->RecoveryNext(form);
+  t->Controller->RecoveryNext(form);
   std::this_thread::sleep_for(std::chrono::milliseconds(100));  // the question is put, but not delivered
-  t->Desk->Close();
-  CHECK(t->Desk->WaitForEnd(std::chrono::minutes(2)));
+  t->Controller->Close();
+  CHECK(t->Controller->WaitForEnd(std::chrono::minutes(2)));
 }

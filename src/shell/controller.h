@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The engine as a window has it: on a thread of its own, reached by messages, seen as values.
+// The controller between a window and the engine, which runs on a thread of its own: closures go there, values come
+// back.
 #pragma once
 
 #include <atomic>
@@ -28,23 +29,10 @@ namespace brenlow {
 struct TRecoveryPage {
   int Page = TfRecoveryMaster::OutputKind;
   bool JustOpened = false;
-  TRecoverType RecoverType = TRecoverType::rtSave;
-  bool Remember = false;
-  std::string Path;
-  bool RestoreFolders = true, ADS = true, CanReplaceSymbols = false;
-  TString UnknownSymbols;
+  TRecoverySettings Choices;
   std::string SpaceRequiredText, SpaceAvailableText;
   std::string TargetError;   ///< why the target cannot be used; empty when it can
   TRecoverySummary Summary;  ///< of the last page
-};
-
-/// What the user set in it.
-struct TRecoveryForm {
-  TRecoverType RecoverType = TRecoverType::rtSave;
-  bool Remember = false;
-  std::string Path;
-  bool RestoreFolders = true, ADS = true, CanReplaceSymbols = false;
-  TString UnknownSymbols;
 };
 
 struct TRecoveryProgress {
@@ -58,9 +46,9 @@ struct TRecoveryProgress {
 enum class TMessageKind : std::uint8_t { Information, Warning, Error };
 
 /// The window's side. All of it is called on the window's thread.
-class IDeskView {
+class IShellView {
  public:
-  virtual ~IDeskView() = default;
+  virtual ~IShellView() = default;
   virtual void TreeChanged(const std::vector<TTreeChange>& changes) = 0;
   virtual void DrivesChanged(const std::vector<TDriveSnapshot>& drives) = 0;
   virtual void PlaceChanged(const TPlaceSnapshot& place) = 0;
@@ -82,14 +70,15 @@ class IDeskView {
 };
 
 /// Everything below "window" may be called from the window's thread at any time and returns at once.
-class TDesk final {
+class TShellController final {
  public:
   using TJob = std::function<void()>;
 
   /// `post` takes a job to the window's thread; it may be called from any thread.
-  TDesk(const TSettings& settings, const TLanguage& language, IDeskView& view, std::function<void(TJob)> post);
+  TShellController(const TSettings& settings, const TLanguage& language, IShellView& view,
+                   std::function<void(TJob)> post);
   /// Waits for the engine; see `Close`.
-  ~TDesk();
+  ~TShellController();
 
   // ---- window ----
   void Start();  ///< lists the drives
@@ -127,7 +116,7 @@ class TDesk final {
   /// Hands the drives found inside a drive to the window.
   void ForDrives(std::function<void(const std::vector<TDriveSnapshot>&)> take, int inside);
   // The recovery wizard.
-  void RecoveryNext(TRecoveryForm form);
+  void RecoveryNext(TRecoverySettings choices);
   void RecoveryChangePath(std::string path);
   void StopRecovery();   ///< ends the walk; the last page then says what was written
   void RecoveryClose();  ///< ends the wizard
@@ -137,15 +126,15 @@ class TDesk final {
   void Close();
   /// True when the engine's thread has ended within the time.
   bool WaitForEnd(std::chrono::milliseconds time) { return FHost.Wait(time); }
-  /// For tests: the engine, to put devices in before `Start`.
+  /// The engine: for tests, to put devices in before `Start`; for all, after its thread has ended.
   TEngine& Engine() { return FEngine; }
 
  private:
   void Question(TJob job);
   void Command(TJob job);
   void Run(const TJob& job);
-  bool IsQuick(TAction action) const;
-  void Tell(std::function<void(IDeskView&)> news);
+  bool RunsAtOnce(TAction action) const;
+  void Tell(std::function<void(IShellView&)> news);
   std::vector<TFileRow> MakeRows(std::span<const int> numbers);
   void Flush();
   void Pumped();
@@ -159,15 +148,13 @@ class TDesk final {
   void PublishRecoveryPage(bool justOpened);
   void PublishRecovery(const TfrmSaveProgress& progress);
   void StopAll();
-  void Apply(const TRecoveryForm& form);
 
   class TQuestions;
   template <typename TAnswer>
-  TAnswer AskWindow(TAnswer fallback, std::function<void(IDeskView&, std::function<void(TAnswer)>)> ask);
+  TAnswer AskWindow(TAnswer fallback, std::function<void(IShellView&, std::function<void(TAnswer)>)> ask);
 
-  IDeskView& FView;
+  IShellView& FView;
   std::function<void(TJob)> FPost;
-  TSettings FSettings;  // the engine's own copy
   TEngine FEngine;
   TTreeRelay FRelay;
   std::unique_ptr<TQuestions> FQuestions;

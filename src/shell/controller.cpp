@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "shell/desk.h"
+#include "shell/controller.h"
 
 #include <algorithm>
 #include <new>
@@ -17,28 +17,28 @@ namespace brenlow {
 namespace {
 
 constexpr std::int64_t ProgressInterval = 100;  // milliseconds between two notes of progress
-constexpr std::int64_t RefreshInterval = 400;   // and between two looks at a growing folder
-constexpr std::int64_t MostRefreshShare = 10;   // of the time, as 1/n, goes into making lists anew
+constexpr std::int64_t RefreshInterval = 400;   // and between two checks of a growing folder
+constexpr std::int64_t MaxRefreshShare = 10;    // of the time, as 1/n, goes into rebuilding lists
 constexpr std::size_t HeadRows = 64;            // that go along with a list, so that it is never seen empty
 
 }  // namespace
 
 /// The engine asks; the window answers while the engine serves other questions.
-class TDesk::TQuestions final : public IShellQuestions, public IRecoveryQuestions {
+class TShellController::TQuestions final : public IShellQuestions, public IRecoveryQuestions {
  public:
-  explicit TQuestions(TDesk& desk) : FDesk(desk) {}
+  explicit TQuestions(TShellController& controller) : FController(controller) {}
 
   // The window asks these two itself, before it sends the action.
   bool StopAnalyse() override { return true; }
   std::optional<std::string> ImageFile() override { return std::nullopt; }
 
   TRenameAnswer Rename(const TRenameQuestion& question) override {
-    return FDesk.AskWindow<TRenameAnswer>(
-        {}, [question](IDeskView& view, auto answer) { view.AskRename(question, std::move(answer)); });
+    return FController.AskWindow<TRenameAnswer>(
+        {}, [question](IShellView& view, auto answer) { view.AskRename(question, std::move(answer)); });
   }
   TFileExistsAnswer FileExists(const TFileExistsQuestion& question) override {
-    return FDesk.AskWindow<TFileExistsAnswer>(
-        {}, [question](IDeskView& view, auto answer) { view.AskFileExists(question, std::move(answer)); });
+    return FController.AskWindow<TFileExistsAnswer>(
+        {}, [question](IShellView& view, auto answer) { view.AskFileExists(question, std::move(answer)); });
   }
   TCandidateAnswer ChooseFirstCluster(const TFile& file) override {
     const TString name(file.FileInfo.strName);
@@ -46,39 +46,39 @@ class TDesk::TQuestions final : public IShellQuestions, public IRecoveryQuestion
     for (std::size_t i = 0; i < file.FileInfo.FirstClusters.size(); ++i) {
       candidates.push_back(file.FileInfo.FirstClusters[i]);
     }
-    return FDesk.AskWindow<TCandidateAnswer>(
-        {}, [=](IDeskView& view, auto answer) { view.AskFirstCluster(name, candidates, std::move(answer)); });
+    return FController.AskWindow<TCandidateAnswer>(
+        {}, [=](IShellView& view, auto answer) { view.AskFirstCluster(name, candidates, std::move(answer)); });
   }
   bool SaveToSameDrive() override {
-    const TLanguage& language = FDesk.FEngine.Language();
+    const TLanguage& language = FController.FEngine.Language();
     return YesNo(language.Utf8(TText::SaveSameDrive) + "\n\n" + language.Utf8(TText::SaveSameDriveQuestion));
   }
-  bool LargerThanFAT() override { return YesNo(FDesk.FEngine.Language().Utf8(TText::SaveLargerThanFAT)); }
   bool MuchLargerThanSource(std::int64_t listed, std::int64_t source) override {
-    return YesNo(FDesk.FEngine.Language().Utf8(TText::SaveMuchLarger, {SizeText(listed), SizeText(source)}));
+    return YesNo(FController.FEngine.Language().Utf8(TText::SaveMuchLarger, {SizeText(listed), SizeText(source)}));
   }
   // The window stops a recovery at once, see `StopRecovery`.
   bool CancelRecovery() override { return true; }
 
   bool YesNo(const std::string& question) {
-    return FDesk.AskWindow<bool>(
-        false, [question](IDeskView& view, auto answer) { view.AskYesNo(question, std::move(answer)); });
+    return FController.AskWindow<bool>(
+        false, [question](IShellView& view, auto answer) { view.AskYesNo(question, std::move(answer)); });
   }
 
  private:
-  TDesk& FDesk;
+  TShellController& FController;
 };
 
-TDesk::TDesk(const TSettings& settings, const TLanguage& language, IDeskView& view, std::function<void(TJob)> post)
-    : FView(view), FPost(std::move(post)), FSettings(settings), FRelay(FEngine) {
+TShellController::TShellController(const TSettings& settings, const TLanguage& language, IShellView& view,
+                                   std::function<void(TJob)> post)
+    : FView(view), FPost(std::move(post)), FRelay(FEngine) {
   FQuestions = std::make_unique<TQuestions>(*this);
   FEngine.ChangeLanguage(language);
   FEngine.Folders().AssignTreeView(&FRelay);
-  FCommands = std::make_unique<TCommands>(FEngine, FSettings, *FQuestions, *FQuestions);
-  FCommands->OnActionsChanged = [this](const TActions&) {
+  FCommands = std::make_unique<TCommands>(FEngine, settings, *FQuestions, *FQuestions);
+  FCommands->OnActionsChanged = [this] {
     FActionsChanged = true;
-    // That something begins is told before its first read, which may take long.
-    if (FCommands != nullptr && FCommands->Running() != FProgress.Kind) Flush();
+    // The window hears that something begins before its first read, which may take long.
+    if (FCommands->Jobs().Running() != FProgress.Kind) Flush();
   };
   FCommands->OnFileListChanged = [this] { FPlaceChanged = true; };
   FCommands->OnSelectionChanged = [this] { FSelectionChanged = true; };
@@ -95,18 +95,18 @@ TDesk::TDesk(const TSettings& settings, const TLanguage& language, IDeskView& vi
   };
   FEngine.OnMessage = [this](const TEngineMessage& message) {
     // Rights play no part once an image file is open: it is just empty.
-    const bool isImage = FEngine.Drives().IsMounted(FCommands->BusyDrive());
+    const bool isImage = FEngine.Drives().IsMounted(FCommands->Jobs().BusyDrive());
     if (message.Id == TText::NothingFoundNoRights && isImage) return;
     Notify(TMessageKind::Warning, ToUtf8(message.Text));
   };
   FEngine.OnAskRetry = [this](const TString& question) { return FQuestions->YesNo(ToUtf8(question)); };
 }
 
-TDesk::~TDesk() { Close(); }
+TShellController::~TShellController() { Close(); }
 
 // ---- window ---------------------------------------------------------------------------------
 
-void TDesk::Command(TJob job) {
+void TShellController::Command(TJob job) {
   ++FUnderWay;
   FHost.Command([this, job = std::move(job)] {
     Run(job);
@@ -114,7 +114,7 @@ void TDesk::Command(TJob job) {
   });
 }
 
-void TDesk::Question(TJob job) {
+void TShellController::Question(TJob job) {
   ++FUnderWay;
   FHost.Question([this, job = std::move(job)] {
     Run(job);
@@ -122,8 +122,8 @@ void TDesk::Question(TJob job) {
   });
 }
 
-/// What the engine itself does not meet with fewer files, as a list of millions that finds no room.
-void TDesk::Run(const TJob& job) {
+/// Catches what the engine does not handle itself, such as no memory for a list of millions.
+void TShellController::Run(const TJob& job) {
   try {
     job();
     Flush();
@@ -132,30 +132,27 @@ void TDesk::Run(const TJob& job) {
   }
 }
 
-void TDesk::Tell(std::function<void(IDeskView&)> news) {
+void TShellController::Tell(std::function<void(IShellView&)> news) {
   FPost([this, news = std::move(news)] { news(FView); });
 }
 
-void TDesk::Start() {
+void TShellController::Start() {
   Command([this] {
-    FCommands->ShowComputer();
-    FCommands->FillDrives();
+    FCommands->Places().ShowComputer();
+    FCommands->Jobs().FillDrives();
     FDrivesChanged = FListChanged = true;
   });
 }
 
-/// What only looks at things is done at once, also while a scan runs.
-bool TDesk::IsQuick(TAction action) const {
-  if (action == TAction::actOpen) return FCommands->State().List.OpensAtOnce;
-  if (action >= TAction::actSortByName && action <= TAction::actFilterVideo) return true;
-  constexpr TAction quick[] = {TAction::actAddToRecoveryList, TAction::actExpand, TAction::actSelectAll,
-                               TAction::actInvertSelection, TAction::actFoundFileLocation};
-  return std::find(std::begin(quick), std::end(quick), action) != std::end(quick);
+/// Whether an action is carried out while something runs.
+bool TShellController::RunsAtOnce(TAction action) const {
+  const TActionOrder order = InfoOf(action).Order;
+  return order == TActionOrder::AtOnce || (order == TActionOrder::AtOnceIfOpen && FCommands->State().List.OpensAtOnce);
 }
 
-void TDesk::Execute(TAction action) {
+void TShellController::Execute(TAction action) {
   Question([this, action] {
-    if (IsQuick(action)) {
+    if (RunsAtOnce(action)) {
       FCommands->Execute(action);
     } else {
       Command([this, action] { FCommands->Execute(action); });
@@ -163,84 +160,84 @@ void TDesk::Execute(TAction action) {
   });
 }
 
-void TDesk::Do(std::function<void(TCommands&)> command) {
+void TShellController::Do(std::function<void(TCommands&)> command) {
   Command([this, command = std::move(command)] { command(*FCommands); });
 }
 
-void TDesk::Ask(std::function<void(TCommands&)> question) {
+void TShellController::Ask(std::function<void(TCommands&)> question) {
   Question([this, question = std::move(question)] { question(*FCommands); });
 }
 
-void TDesk::FetchRows(std::uint64_t generation, TIntegerDynArray numbers,
-                      std::function<void(std::vector<TFileRow>)> take) {
+void TShellController::FetchRows(std::uint64_t generation, TIntegerDynArray numbers,
+                                 std::function<void(std::vector<TFileRow>)> take) {
   const auto make = [this, generation, numbers = std::move(numbers)](TEngine&, TCommands& commands) {
-    return generation == commands.Generation() ? MakeRows(numbers) : std::vector<TFileRow>();
+    return generation == commands.View().Generation() ? MakeRows(numbers) : std::vector<TFileRow>();
   };
   Fetch<std::vector<TFileRow>>(make, std::move(take));
 }
 
-std::vector<TFileRow> TDesk::MakeRows(std::span<const int> numbers) {
+std::vector<TFileRow> TShellController::MakeRows(std::span<const int> numbers) {
   std::vector<TFileRow> rows;
   rows.reserve(numbers.size());
-  const bool locate = FCommands->ShowsSearch();
+  const bool locate = FCommands->Places().ShowsSearch();
   for (const int number : numbers) {
-    rows.push_back(MakeRow(FEngine, number, FCommands->InDeletedFolder(number)));
-    rows.back().Ticked = FCommands->RecoveryList().Has(number);
-    if (locate || rows.back().Ticked) rows.back().Location = FCommands->LocationOf(number);
+    rows.push_back(MakeRow(FEngine, number, FCommands->Places().InDeletedFolder(number)));
+    rows.back().Checked = FCommands->Recoveries().List().Has(number);
+    if (locate || rows.back().Checked) rows.back().Location = FCommands->Places().LocationOf(number);
   }
   return rows;
 }
 
-void TDesk::SelectFiles(std::uint64_t generation, TIntegerDynArray numbers) {
+void TShellController::SelectFiles(std::uint64_t generation, TIntegerDynArray numbers) {
   Question([this, generation, numbers = std::move(numbers)]() mutable {
-    if (generation == FCommands->Generation()) FCommands->SelectFiles(std::move(numbers));
+    if (generation == FCommands->View().Generation()) FCommands->View().Select(std::move(numbers));
   });
 }
 
-void TDesk::SelectNode(std::uint32_t node) {
+void TShellController::SelectNode(std::uint32_t node) {
   Question([this, node] {
-    PTreeNode known = FRelay.NodeOf(node);
-    if (known != nullptr || node == 0) FCommands->SelectNode(known);
+    PTreeNode found = FRelay.NodeOf(node);
+    if (found != nullptr || node == 0) FCommands->Places().SelectNode(found);
   });
 }
 
-void TDesk::ExpandNode(std::uint32_t node) {
+void TShellController::ExpandNode(std::uint32_t node) {
   Question([this, node] {
-    PTreeNode known = FRelay.NodeOf(node);
+    PTreeNode found = FRelay.NodeOf(node);
     // Groups have all that they hold; what a scan fills now would be taken for all there is.
-    if (known == nullptr || FEngine.Files().IsWrongNumber(known->Data) || FEngine.Analysing) return;
-    if (FCommands->NeedsAnalysis(*known)) {
+    if (found == nullptr || FEngine.Files().IsWrongNumber(found->Data) || FEngine.Analysing) return;
+    if (FCommands->Jobs().NeedsAnalysis(*found)) {
       OpenNode(node);
     } else {
-      FEngine.Folders().FillNodes(known, false);
+      FEngine.Folders().FillNodes(found, false);
     }
   });
 }
 
-void TDesk::StopAnalyse() { FEngine.StopScans(); }
+void TShellController::StopAnalyse() { FEngine.StopScans(); }
 
-void TDesk::StopAll() {
+void TShellController::StopAll() {
   FEngine.StopScans();
   FEngine.Recovering = false;
 }
 
-void TDesk::OpenDrive(int drive) {
+void TShellController::OpenDrive(int drive) {
   Command([this, drive] {
     if (PTreeNode node = FEngine.Folders().GetDriveRootNode(drive); node != nullptr) FCommands->OpenNode(node);
   });
 }
 
-void TDesk::OpenNode(std::uint32_t node) {
+void TShellController::OpenNode(std::uint32_t node) {
   Command([this, node] {
-    if (PTreeNode known = FRelay.NodeOf(node); known != nullptr) FCommands->OpenNode(known);
+    if (PTreeNode found = FRelay.NodeOf(node); found != nullptr) FCommands->OpenNode(found);
   });
 }
 
-void TDesk::Notify(TMessageKind kind, const std::string& text) {
-  Tell([kind, text](IDeskView& view) { view.Message(kind, text); });
+void TShellController::Notify(TMessageKind kind, const std::string& text) {
+  Tell([kind, text](IShellView& view) { view.Message(kind, text); });
 }
 
-void TDesk::WatchFound(std::function<void(const TDriveSnapshot&)> take) {
+void TShellController::WatchFound(std::function<void(const TDriveSnapshot&)> take) {
   if (!take) {
     FEngine.Drives().OnFound = nullptr;
     return;
@@ -250,7 +247,7 @@ void TDesk::WatchFound(std::function<void(const TDriveSnapshot&)> take) {
   };
 }
 
-void TDesk::ForDrives(std::function<void(const std::vector<TDriveSnapshot>&)> take, int inside) {
+void TShellController::ForDrives(std::function<void(const std::vector<TDriveSnapshot>&)> take, int inside) {
   std::vector<TDriveSnapshot> drives;
   if (!FEngine.Drives().IsWrongNumber(inside)) {
     for (const int sub : FEngine.Drives().List[static_cast<std::size_t>(inside)].SubDrives) {
@@ -262,14 +259,14 @@ void TDesk::ForDrives(std::function<void(const std::vector<TDriveSnapshot>&)> ta
   FPost([take = std::move(take), drives = std::move(drives)] { take(drives); });
 }
 
-void TDesk::Close() {
+void TShellController::Close() {
   FHost.End();
   StopAll();
 }
 
 // ---- news -----------------------------------------------------------------------------------
 
-void TDesk::Pumped() {
+void TShellController::Pumped() {
   if (FHost.Ending()) {
     StopAll();
     return;
@@ -282,17 +279,17 @@ void TDesk::Pumped() {
 }
 
 /// Shows what the running scan has brought, unless that would slow it down.
-void TDesk::Refresh() {
+void TShellController::Refresh() {
   const std::int64_t now = SteadyMilliseconds();
-  if (!FEngine.Analysing || now - FPlaceMade < std::max(RefreshInterval, FPlaceCost * MostRefreshShare)) return;
-  const bool newDrives = FCommands->ShowNewSubDrives();
-  if (!newDrives && !FCommands->HasGrown()) return;
-  FCommands->Rebuild();
+  if (!FEngine.Analysing || now - FPlaceMade < std::max(RefreshInterval, FPlaceCost * MaxRefreshShare)) return;
+  const bool newDrives = FCommands->Jobs().ShowNewSubDrives();
+  if (!newDrives && !FCommands->View().HasGrown()) return;
+  FCommands->View().Rebuild();
   FPlaceMade = SteadyMilliseconds();
   FPlaceCost = FPlaceMade - now;
 }
 
-void TDesk::Flush() {
+void TShellController::Flush() {
   FollowProgress();
   if (FActionsChanged) PublishActions();
   // The place may need nodes that are not in the tree yet.
@@ -300,36 +297,36 @@ void TDesk::Flush() {
   PublishTree();
   if (FDrivesChanged) PublishDrives();
   if (std::exchange(FListChanged, false)) {
-    const TListing listing{FCommands->Generation(),
-                           std::make_shared<const TIntegerDynArray>(FCommands->ShownRecoveryList())};
-    Tell([listing](IDeskView& view) { view.RecoveryListChanged(listing); });
+    const TListing listing{FCommands->View().Generation(),
+                           std::make_shared<const TIntegerDynArray>(FCommands->Recoveries().SortedList())};
+    Tell([listing](IShellView& view) { view.RecoveryListChanged(listing); });
   }
   if (std::exchange(FSelectionChanged, false)) {
-    Tell([generation = FCommands->Generation(), selected = FCommands->SelectedFiles()](IDeskView& view) {
+    Tell([generation = FCommands->View().Generation(), selected = FCommands->View().Selected()](IShellView& view) {
       view.SelectionChanged(generation, selected);
     });
   }
 }
 
-void TDesk::PublishActions() {
+void TShellController::PublishActions() {
   FActionsChanged = false;
   const TShellState state = FCommands->State();
-  Tell([actions = CheckActionsEnabled(state), state, filter = FCommands->Filter()](IDeskView& view) {
+  Tell([actions = CheckActionsEnabled(state), state, filter = FCommands->View().Filter()](IShellView& view) {
     view.ActionsChanged(actions, state, filter);
   });
 }
 
-void TDesk::PublishPlace() {
+void TShellController::PublishPlace() {
   FPlaceChanged = false;
   TPlaceSnapshot place = FCommands->Place();
-  place.Node = FRelay.NumberOf(FCommands->SelectedNode());
+  place.Node = FRelay.NumberOf(FCommands->Places().SelectedNode());
   const std::span<const int> numbers(*place.Listing.Numbers);
   place.Head = MakeRows(numbers.first(std::min(numbers.size(), HeadRows)));
   PublishTree();
-  Tell([place = std::move(place)](IDeskView& view) { view.PlaceChanged(place); });
+  Tell([place = std::move(place)](IShellView& view) { view.PlaceChanged(place); });
 }
 
-void TDesk::PublishDrives() {
+void TShellController::PublishDrives() {
   FDrivesChanged = false;
   const TFiles& files = FEngine.Files();
   std::vector<TDriveSnapshot> drives;
@@ -341,21 +338,21 @@ void TDesk::PublishDrives() {
       drives[static_cast<std::size_t>(drive)].Node = FRelay.NumberOf(folder.TN);
     }
   }
-  Tell([drives = std::move(drives)](IDeskView& view) { view.DrivesChanged(drives); });
+  Tell([drives = std::move(drives)](IShellView& view) { view.DrivesChanged(drives); });
 }
 
-void TDesk::PublishTree() {
+void TShellController::PublishTree() {
   if (!FRelay.HasChanges()) return;
   std::vector<TTreeChange> changes = FRelay.Take();
   const auto isDrive = [](const TTreeChange& change) {
     return change.Kind == TTreeChange::Added && IsDriveKind(change.EntryKind);
   };
   FDrivesChanged = FDrivesChanged || std::any_of(changes.begin(), changes.end(), isDrive);
-  Tell([changes = std::move(changes)](IDeskView& view) { view.TreeChanged(changes); });
+  Tell([changes = std::move(changes)](IShellView& view) { view.TreeChanged(changes); });
 }
 
-void TDesk::FollowProgress() {
-  const TProgressSnapshot::TKind running = FCommands->Running();
+void TShellController::FollowProgress() {
+  const TProgressSnapshot::TKind running = FCommands->Jobs().Running();
   const TDrives& drives = FEngine.Drives();
   const std::int64_t now = SteadyMilliseconds();
   const auto read = static_cast<std::int64_t>(FEngine.Reader().BytesRead());
@@ -363,7 +360,7 @@ void TDesk::FollowProgress() {
     FProgress = TProgressSnapshot();
     FProgress.Kind = running;
     FReadBefore = static_cast<std::uint64_t>(read);
-    const int drive = FCommands->BusyDrive();
+    const int drive = FCommands->Jobs().BusyDrive();
     if (!drives.IsWrongNumber(drive)) FProgress.Caption = drives.List[static_cast<std::size_t>(drive)].Caption;
   } else if (running == TProgressSnapshot::None || now - FProgressTold < ProgressInterval) {
     return;
@@ -372,15 +369,16 @@ void TDesk::FollowProgress() {
   FProgress.Bytes = read - static_cast<std::int64_t>(FReadBefore);
   FProgress.Found = FEngine.Analysing ? FEngine.Files().FoundCount : 0;
   FProgress.Unreadable = drives.UnreadableSectors();
-  Tell([progress = FProgress](IDeskView& view) { view.ProgressChanged(progress); });
+  Tell([progress = FProgress](IShellView& view) { view.ProgressChanged(progress); });
 }
 
 // ---- questions ------------------------------------------------------------------------------
 
 template <typename TAnswer>
-TAnswer TDesk::AskWindow(TAnswer fallback, std::function<void(IDeskView&, std::function<void(TAnswer)>)> ask) {
+TAnswer TShellController::AskWindow(TAnswer fallback,
+                                    std::function<void(IShellView&, std::function<void(TAnswer)>)> ask) {
   const auto answer = std::make_shared<std::optional<TAnswer>>();
-  Tell([this, ask = std::move(ask), answer](IDeskView& view) {
+  Tell([this, ask = std::move(ask), answer](IShellView& view) {
     ask(view, [this, answer](TAnswer given) { FHost.Question([answer, given] { *answer = given; }); });
   });
   FHost.ServeUntil([&] { return answer->has_value(); }, false);
@@ -389,7 +387,7 @@ TAnswer TDesk::AskWindow(TAnswer fallback, std::function<void(IDeskView&, std::f
 
 // ---- recovery wizard ------------------------------------------------------------------------
 
-void TDesk::RunRecoveryMaster(TfRecoveryMaster& master) {
+void TShellController::RunRecoveryMaster(TfRecoveryMaster& master) {
   FMaster = &master;
   FMasterDone = false;
   bool opened = false;
@@ -406,10 +404,10 @@ void TDesk::RunRecoveryMaster(TfRecoveryMaster& master) {
   master.Show();
   FHost.ServeUntil([this] { return FMasterDone; }, true);
   FMaster = nullptr;
-  Tell([settings = FSettings.Recovery](IDeskView& view) { view.RecoveryClosed(settings); });
+  Tell([settings = FCommands->Recoveries().Settings](IShellView& view) { view.RecoveryClosed(settings); });
 }
 
-void TDesk::PublishRecovery(const TfrmSaveProgress& progress) {
+void TShellController::PublishRecovery(const TfrmSaveProgress& progress) {
   const std::int64_t now = SteadyMilliseconds();
   if (now - FProgressTold < ProgressInterval) return;
   FProgressTold = now;
@@ -422,61 +420,43 @@ void TDesk::PublishRecovery(const TfrmSaveProgress& progress) {
   if (!files.IsWrongNumber(progress.CurrentRecoveringFile)) {
     news.Name = files.List[static_cast<std::size_t>(progress.CurrentRecoveringFile)].FileInfo.strName;
   }
-  Tell([news](IDeskView& view) { view.RecoveryProgressChanged(news); });
+  Tell([news](IShellView& view) { view.RecoveryProgressChanged(news); });
 }
 
-void TDesk::PublishRecoveryPage(bool justOpened) {
+void TShellController::PublishRecoveryPage(bool justOpened) {
   TRecoveryPage page;
   page.Page = FMaster->FActivePage();
   page.JustOpened = justOpened;
-  page.RecoverType = FMaster->RecoverType;
-  page.Remember = FMaster->Remember;
   const TfrmSaveOptions& options = FMaster->Options;
-  page.Path = options.Path;
-  page.RestoreFolders = options.RestoreFolders;
-  page.ADS = options.ADS;
-  page.CanReplaceSymbols = options.CanReplaceSymbols;
-  page.UnknownSymbols = options.UnknownSymbols;
+  static_cast<TSaveChoices&>(page.Choices) = options.Choices;
+  page.Choices.Type = FMaster->RecoverType;
+  page.Choices.Remember = FMaster->Remember;
   page.SpaceRequiredText = options.SpaceRequiredText;
   page.SpaceAvailableText = options.SpaceAvailableText;
   if (FMaster->TargetError() != 0) {
     page.TargetError = FEngine.Language().Utf8(
-        TText::ErrorOf, {options.Path, SystemErrorText(FEngine.Language(), FMaster->TargetError())});
+        TText::ErrorOf, {options.Choices.Path, SystemErrorText(FEngine.Language(), FMaster->TargetError())});
   }
   if (page.Page == TfRecoveryMaster::Finish && FMaster->Progress() != nullptr) {
     page.Summary = FMaster->Progress()->Summary();
   }
-  Tell([page](IDeskView& view) { view.RecoveryPageChanged(page); });
+  Tell([page](IShellView& view) { view.RecoveryPageChanged(page); });
 }
 
-void TDesk::Apply(const TRecoveryForm& form) {
-  FMaster->RecoverType = form.RecoverType;
-  FMaster->Remember = form.Remember;
-  TfrmSaveOptions& options = FMaster->Options;
-  options.ChangePath(form.Path);
-  options.RestoreFolders = form.RestoreFolders;
-  options.ADS = form.ADS;
-  options.CanReplaceSymbols = form.CanReplaceSymbols;
-  if (!form.UnknownSymbols.empty()) options.TypeSymbol(form.UnknownSymbols.front());
-}
-
-void TDesk::RecoveryNext(TRecoveryForm form) {
-  Command([this, form = std::move(form)] {
+void TShellController::RecoveryNext(TRecoverySettings choices) {
+  Command([this, choices = std::move(choices)] {
     if (FMaster == nullptr) return;
     const int before = FMaster->FActivePage();
-    if (before == TfRecoveryMaster::SaveOptions) {
-      Apply(form);
-    } else {
-      FMaster->RecoverType = form.RecoverType;
-      FMaster->Remember = form.Remember;
-    }
+    FMaster->RecoverType = choices.Type;
+    FMaster->Remember = choices.Remember;
+    if (before == TfRecoveryMaster::SaveOptions) FMaster->Options.Take(choices);
     FMaster->Next();
     // A page that was not left has something to say.
     if (FMaster->FActivePage() == before) PublishRecoveryPage(false);
   });
 }
 
-void TDesk::RecoveryChangePath(std::string path) {
+void TShellController::RecoveryChangePath(std::string path) {
   Command([this, path = std::move(path)] {
     if (FMaster == nullptr || FMaster->FActivePage() != TfRecoveryMaster::SaveOptions) return;
     FMaster->Options.ChangePath(path);
@@ -484,9 +464,9 @@ void TDesk::RecoveryChangePath(std::string path) {
   });
 }
 
-void TDesk::StopRecovery() { FEngine.Recovering = false; }
+void TShellController::StopRecovery() { FEngine.Recovering = false; }
 
-void TDesk::RecoveryClose() {
+void TShellController::RecoveryClose() {
   FEngine.Recovering = false;
   Command([this] { FMasterDone = true; });
 }
