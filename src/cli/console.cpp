@@ -23,7 +23,7 @@ namespace brenlow::cli {
 namespace {
 
 constexpr std::size_t BufferSize = 1 << 16;
-constexpr auto LongestWait = std::chrono::milliseconds(100);  // of a line for whoever reads the output
+constexpr auto MaxWait = std::chrono::milliseconds(100);  // of a line for whoever reads the output
 constexpr auto RedrawInterval = std::chrono::milliseconds(100);
 constexpr auto LineInterval = std::chrono::seconds(10);
 
@@ -125,7 +125,7 @@ void TOutput::Write(std::string_view text) {
 }
 
 void TOutput::FlushIfDue() {
-  if (std::chrono::steady_clock::now() - FLastFlush >= LongestWait) Flush();
+  if (std::chrono::steady_clock::now() - FLastFlush >= MaxWait) Flush();
 }
 
 void TOutput::Flush() {

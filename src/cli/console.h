@@ -17,7 +17,7 @@ namespace brenlow::cli {
 struct TOptions;
 
 /// Standard output in large pieces. After a write that failed nothing more is written: `OutputArrived`
-/// tells of it at the end of the program.
+/// reports it at the end of the program.
 class TOutput {
  public:
   ~TOutput() { Flush(); }

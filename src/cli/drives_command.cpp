@@ -17,7 +17,7 @@
 namespace brenlow::cli {
 namespace {
 
-/// As JSON tells it.
+/// As in JSON.
 std::string RowType(const TDriveInfo& drive) {
   if (drive.DriveTypes.Has(TDriveType::dtPhysical)) return "disk";
   if (drive.ReceivedType == TReceivedType::rtByUnallocatedSpace) return "gap";
@@ -30,7 +30,7 @@ std::string RowTypeText(const TLanguage& texts, const TDriveInfo& drive) {
   return texts.Utf8(type == "disk" ? TText::RowDisk : type == "gap" ? TText::RowGap : TText::RowVolume);
 }
 
-/// How a file system is known, as JSON tells it; empty where none is.
+/// How a file system is known, as in JSON; empty where none is.
 std::string GeometryCode(const TDriveInfo& drive) {
   return drive.FileSystem == TFileSystem::fsUnknown ? "" : PlaceCode(drive.GeometrySource);
 }
@@ -53,7 +53,7 @@ std::string RowJson(const TDriveInfo& drive, int number) {
       .Take();
 }
 
-/// The caption, the name in the partition table, where the volume is mounted, and whether only a copy tells of it.
+/// The caption, the name in the partition table, where the volume is mounted, and whether it is known only from a copy.
 std::string RowName(const TLanguage& texts, const TDriveInfo& drive) {
   std::string name = ToUtf8(drive.Caption);
   if (!drive.PartitionName.empty()) name += " [" + ToUtf8(drive.PartitionName) + "]";

@@ -12,7 +12,7 @@ TJsonLine FileFields(TEngine& engine, const TTreeEntry& entry);
 /// How it is known where something lies, the same in every language.
 const char* PlaceCode(TPlaceSource place);
 
-/// What a folder that is not on the source stands for, the same in every language; empty for all
+/// The meaning of a folder that is not on the source, the same in every language; empty for all
 /// others.
 const char* VirtualCode(const TFile& file);
 

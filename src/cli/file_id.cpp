@@ -74,7 +74,7 @@ TFileId FileId(TEngine& engine, const TFile& file) {
   } else {
     hash.Add(info.FirstCluster).Add(info.DataStartingSector);
   }
-  // Several links, of one name even, may stand in one record of NTFS, and the log holds states.
+  // One record of NTFS may hold several links, even of one name, and the log holds earlier states.
   if (drive.FileSystem == TFileSystem::fsNTFS) hash.Add(file.ParentCluster).Add(info.JournalPosition);
   return hash.Add(info.strName).Value();
 }

@@ -36,8 +36,8 @@ TIntegerDynArray Scan(TEngine& engine, const TOptions& options, int number) {
   return found;
 }
 
-/// Volumes that `drives` names in the range that was searched, and the search did not meet: their boot
-/// sector is lost, and a copy tells of them.
+/// Volumes that `drives` names in the range that was searched, but the search did not find: their boot
+/// sector is lost, and they are known from a copy.
 void AddKnownRows(TEngine& engine, const TOptions& options, int number, TIntegerDynArray& found) {
   const TDriveInfo& searched = Drive(engine, number);
   const std::int64_t first = searched.FirstSector + (options.Scan ? 0 : std::max<std::int64_t>(options.First, 0));

@@ -23,7 +23,7 @@ class TJsonLine {
   TJsonLine& TextOrNull(std::string_view key, const std::string& utf8);
   TJsonLine& Number(std::string_view key, std::int64_t value);
   TJsonLine& Flag(std::string_view key, bool value);
-  /// The object with its line feed; the line starts anew.
+  /// The object with its line feed; then a new line starts.
   std::string Take();
 
  private:

@@ -99,7 +99,7 @@ class TListing final : public ITreeVisitor {
     }
   }
 
-  /// A column of so many characters and the gap behind it.
+  /// A column of that many characters and the gap after it.
   void PutColumn(const std::string& text, std::size_t width, bool right) {
     const auto characters = static_cast<std::size_t>(
         std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));

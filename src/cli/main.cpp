@@ -81,7 +81,7 @@ int ShowHelp(CLI::App& app, std::string verbName, const TLanguage& texts) {
   for (const CLI::App* verb : app.get_subcommands([](const CLI::App*) { return true; })) {
     if (verb->get_name() == verbName) return Say(verb->help(app.get_name()));
   }
-  brenlow::cli::Complain(texts.Utf8(TText::UsageNoSuchVerb, {verbName, brenlow::cli::VerbList(app)}));
+  brenlow::cli::Complain(texts.Utf8(TText::UsageNoSuchVerb, {verbName, brenlow::cli::VerbList(app, texts)}));
   return brenlow::cli::WrongUsage;
 }
 
@@ -115,7 +115,7 @@ int Run(int argc, char** argv, TOptions& options) {
   for (const TVerb& verb : Verbs) verb.AddOptions(*addVerb(verb.Name, verb.About, verb.Example), options);
   std::string helpVerb;
   CLI::App* help = addVerb("help", TText::HelpHelpVerb, TText::HelpHelpExample);
-  help->add_option("VERB", helpVerb, texts.Utf8(TText::HelpHelpVerbName));
+  help->add_option("COMMAND", helpVerb, texts.Utf8(TText::HelpHelpVerbName));
 
   try {
     app.parse(brenlow::cli::WordsForParser(argc, argv));
@@ -130,7 +130,7 @@ int Run(int argc, char** argv, TOptions& options) {
   for (const TVerb& verb : Verbs) {
     if (app.got_subcommand(verb.Name)) return verb.Run(options);
   }
-  brenlow::cli::Complain(texts.Utf8(TText::UsageNoVerb, {brenlow::cli::VerbList(app)}));
+  brenlow::cli::Complain(texts.Utf8(TText::UsageNoVerb, {brenlow::cli::VerbList(app, texts)}));
   return brenlow::cli::WrongUsage;
 }
 
@@ -138,7 +138,7 @@ int Run(int argc, char** argv, TOptions& options) {
 
 int main(int argc, char** argv) {
   std::setlocale(LC_CTYPE, "C.UTF-8");  // patterns of --path are matched by character, not by byte
-  // Without the variable every conversion of a time looks whether /etc/localtime has changed.
+  // Without the variable every conversion of a time checks whether /etc/localtime has changed.
   ::setenv("TZ", ":/etc/localtime", 0);
   tzset();
   brenlow::cli::PrepareSignals();

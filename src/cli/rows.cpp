@@ -17,7 +17,7 @@
 namespace brenlow::cli {
 namespace {
 
-/// What the table of a disk names, lies on it and has no row.
+/// Partitions that the table of a disk names, that are on it, and that have no row.
 TVolumes VolumesWithoutRow(TEngine& engine, int disk) {
   if (!engine.Drives().IsPhysical(disk)) return {};
   const TDriveInfo& whole = Drive(engine, disk);
@@ -34,7 +34,7 @@ TVolumes VolumesWithoutRow(TEngine& engine, int disk) {
   return volumes;
 }
 
-/// A disk that only the system's word is known of.
+/// A disk of which only what the system reports is known.
 void AddUnreadableDisk(TEngine& engine, const TSystemDisk& disk) {
   TDriveInfo drive;
   drive.Drive = TextFromPath(disk.Path);

@@ -12,13 +12,13 @@ namespace brenlow::cli {
 /// Adds rows for the partitions that the table of a disk names and that got none, being too small or
 /// reserved. They come last, so that the other rows keep their numbers.
 void AddSmallRows(TEngine& engine, int disk);
-/// How many partitions of a disk have no row though their file system is known.
+/// How many partitions of a disk have no row although their file system is known.
 int CountSmallVolumes(TEngine& engine, int disk);
 
 /// Whether a drive is a row of `drives`, which no search or analysis has added.
 bool IsRow(const TDriveInfo& drive);
 
-/// The row that stands for a drive: its own, that of the volume in its place, or the innermost one
+/// The row of a drive: its own, that of the volume at its place, or the innermost one
 /// that holds it.
 struct TRow {
   int Number;     ///< from 1

@@ -249,7 +249,7 @@ class TScans {
     if (FAnalysed.Drives.empty() || FOptions.Deep) FAnalysed.Drives.push_back(number);
   }
 
-  /// What `--best` adds: the thorough search where nothing is known to be, then by content what no file
+  /// What `--best` adds: the thorough search where nothing is known, then by content what no file
   /// claims.
   void Best(int whole) {
     for (const int number : UnclaimedDrives(whole)) {
@@ -278,7 +278,7 @@ class TScans {
   }
 
  private:
-  /// Where files may lie that the analysis has not found: volumes without any, gaps, volumes of no
+  /// Where the analysis may have missed files: volumes without any, gaps, volumes of no
   /// known system; all of the source where it found nothing at all.
   TIntegerDynArray UnclaimedDrives(int whole) {
     if (CountFiles(FEngine, FAnalysed.Drives) == 0) return {whole};

@@ -42,7 +42,7 @@ std::string UnexpectedText(const CLI::App& app, const TLanguage& texts) {
                    : texts.Utf8(TText::UsageNoOption, {*option, verbs.front()->get_name()});
   }
   const std::string word = rest.empty() ? "" : rest.front();
-  return verbs.empty() ? texts.Utf8(TText::UsageNoSuchVerb, {word, VerbList(app)})
+  return verbs.empty() ? texts.Utf8(TText::UsageNoSuchVerb, {word, VerbList(app, texts)})
                        : texts.Utf8(TText::UsageTooMuch, {word});
 }
 
@@ -107,10 +107,16 @@ CLI::Validator KnownCodePage(const TLanguage& texts) {
   return {check, ""};
 }
 
-std::string VerbList(const CLI::App& app) {
+std::string VerbList(const CLI::App& app, const TLanguage& texts) {
+  const std::vector<const CLI::App*> verbs = app.get_subcommands([](const CLI::App*) { return true; });
   std::string list;
-  for (const CLI::App* verb : app.get_subcommands([](const CLI::App*) { return true; })) {
-    list += (list.empty() ? "" : ", ") + verb->get_name();
+  for (const CLI::App* verb : verbs) {
+    const std::string name = verb->get_name();
+    if (list.empty()) {
+      list = name;
+    } else {
+      list = verb == verbs.back() ? texts.Utf8(TText::ListOr, {list, name}) : list + ", " + name;
+    }
   }
   return list;
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// Wrong command lines, told in words.
+// Error messages for wrong command lines.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -16,7 +16,7 @@ CLI::Validator WholeNumber(const TLanguage& texts, std::int64_t least);
 CLI::Validator KnownCodePage(const TLanguage& texts);
 
 /// "drives, info, ls": the verbs of the program.
-std::string VerbList(const CLI::App& app);
+std::string VerbList(const CLI::App& app, const TLanguage& texts);
 
 /// Says what is wrong with the command line; the exit status.
 int ComplainOfUsage(const CLI::App& app, const CLI::ParseError& error, const TLanguage& texts);

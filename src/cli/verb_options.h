@@ -22,10 +22,10 @@ void AddRangeOptions(CLI::App& verb, TOptions& options);
 void AddBadTimeOption(CLI::App& verb, TOptions& options, TText help);
 /// `--bad-time`, `--retry`, `--map` of an image that is read, `--scan` and `--systems`.
 void AddSearchOptions(CLI::App& verb, TOptions& options);
-/// Which files are wanted, and how they are looked for.
+/// Which files are selected, and how they are searched for.
 void AddFilterOptions(CLI::App& verb, TOptions& options);
 
-/// `--best`, after the options that it stands for.
+/// `--best`, after the options that it combines.
 void AddBestOption(CLI::App& verb, TOptions& options);
 
 }  // namespace brenlow::cli

@@ -144,14 +144,14 @@ class Console(TestCase):
     def test_usage(self):
         """What is wrong is said in words; nothing of it ends well, and nothing is read or written."""
         image, out = self.stick, self.target() / "out"
-        for arguments, words in ((["fetch"], "no verb fetch. The verbs are: drives, info, ls, recover, image, find, types, help."), ([], "The verbs are: drives, info, ls,"),
-                                 (["help", "fetch"], "no verb fetch"), (["--drive", "2", "ls", image], "--drive: options follow the verb"), (["--frobnicate"], "--frobnicate: options follow"),
-                                 (["ls", image, "--frobnicate"], "no option --frobnicate here"), (["ls"], "missing: SOURCE"), (["recover", image], "missing: --out"),
-                                 (["ls", image, "extra"], "SOURCE: only one"), (["types", "extra"], "extra is one word too many"), (["ls", image, "find"], "SOURCE: only one"),
-                                 (["ls", image, "--drive", "0"], "--drive: 0 is not a whole number from 1 on."), (["ls", image, "--drive", "abc"], "abc is not a whole number"),
-                                 (["ls", image, "--first", "-1"], "--first: -1 is not a whole number from 0 on."), (["ls", image, "--count", "1.5"], "1.5 is not a whole number from 1 on."),
+        for arguments, words in ((["fetch"], "there is no command fetch: use drives, info, ls, recover, image, find, types or help."), ([], "no command given: drives, info, ls,"),
+                                 (["help", "fetch"], "no command fetch"), (["--drive", "2", "ls", image], "--drive: options follow the command"), (["--frobnicate"], "--frobnicate: options follow"),
+                                 (["ls", image, "--frobnicate"], "--frobnicate is not an option of this command"), (["ls"], "missing: SOURCE"), (["recover", image], "missing: --out"),
+                                 (["ls", image, "extra"], "SOURCE: only one"), (["types", "extra"], "unexpected argument: extra."), (["ls", image, "find"], "SOURCE: only one"),
+                                 (["ls", image, "--drive", "0"], "--drive: 0 is not a whole number of at least 1."), (["ls", image, "--drive", "abc"], "abc is not a whole number"),
+                                 (["ls", image, "--first", "-1"], "--first: -1 is not a whole number of at least 0."), (["ls", image, "--count", "1.5"], "1.5 is not a whole number of at least 1."),
                                  (["ls", image, "--drive", "99999999999999999999"], "99999999999999999999"), (["ls", image, "--drive", "999999999999"], "--drive = 999999999999"), (["ls", image, "--drive"], "--drive needs a value."),
-                                 (["ls", image, "--type", "song"], "song is none of: archive, audio, "), (["ls", image, "--fast-off"], "--fast-off has a meaning only together with --deep."),
+                                 (["ls", image, "--type", "song"], "song is not one of: archive, audio, "), (["ls", image, "--fast-off"], "--fast-off only works together with --deep."),
                                  (["ls", image, "--quiet", "--progress"], "--quiet and --progress cannot be used together."), (["recover", image, "--out", out, "--oem-codepage", "99999"], "code page 99999 is not known"),
                                  (["ls", image, "--oem-codepage", "latin"], "code page latin is not known")):
             r = run(*arguments)

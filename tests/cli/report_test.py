@@ -82,7 +82,7 @@ class Report(TestCase):
 
     def test_room_on_a_relative_target(self):
         image, out = self.image([("a.txt", b"a" * 3000, False)]), self.target()
-        for more, said in (([], r"^Target: found, [0-9.]+ [KMGT]B free"), (["--dry-run"], r" to found, where [0-9.]+ [KMGT]B are free")):
+        for more, said in (([], r"^Target: found, [0-9.]+ [KMGT]B free"), (["--dry-run"], r" to found, which has [0-9.]+ [KMGT]B free")):
             self.assertRegex(run("recover", image, "--out", "found", *more, cwd=out).stdout, said)
 
     def test_words(self):
@@ -92,7 +92,7 @@ class Report(TestCase):
         self.assertIn("      1 byte  deleted", listed)
         said = run("recover", image, "--out", self.target()).stdout.splitlines()[1:]
         self.assertRegex(said[0], r"^Recovered 1 of 1 file \(1 byte\) to ")
-        self.assertEqual(said[1:], ["Of deleted files: 1 file."])
+        self.assertEqual(said[1:], ["Deleted files among them: 1 file."])
 
 
 if __name__ == "__main__":

@@ -48,7 +48,7 @@ class Selection(TestCase):
 
     def test_wrong_values(self):
         for option, value, words in (("--min-size", "big", "not a size"), ("--max-size", "3X", "not a size"), ("--newer", "yesterday", "not a time"),
-                                     ("--older", "2021-02-30", "not a time"), ("--type", "image,song", "song is none of: archive")):
+                                     ("--older", "2021-02-30", "not a time"), ("--type", "image,song", "song is not one of: archive")):
             r = run("ls", self.image, option, value)
             self.assertEqual(r.returncode, 2, value)
             self.assertIn(words, r.stderr)

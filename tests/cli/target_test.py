@@ -20,7 +20,7 @@ class TargetTest(TestCase):
         for report in ([], ["--json"]):
             second = run("recover", image, "--path", "f*[02468].bin", "--out", out, *report)
             self.assertEqual((second.returncode, second.stdout), (2, ""))
-            self.assertIn("Another recovery is writing there", second.stderr)
+            self.assertIn("Another run of this program is writing there", second.stderr)
             self.assertEqual(len([name for name in self.content(out) if not name.startswith(".brenlow")]), 6)
         status, _, error = first.go_on()
         self.assertEqual(status, 0, error)
