@@ -13,12 +13,12 @@ struct TFindOptions {
   /// Part of the name, or with `*` and `?` a pattern for the whole of it; empty for any.
   TString Text;
   bool CaseSensitive = false;
-  bool WholeWords = false;         ///< the text stands between characters that are no letters or digits
+  bool WholeWords = false;    ///< the text stands between characters that are no letters or digits
   std::int64_t MinSize = -1;  ///< bytes; -1 for any
-  std::int64_t MaxSize = -1;   ///< bytes; -1 for any
-  bool ByCreated = false;          ///< the dates below are those of the creation, else of the last change
-  TDateTime From = 0;              ///< 0 for any
-  TDateTime To = 0;                ///< 0 for any
+  std::int64_t MaxSize = -1;  ///< bytes; -1 for any
+  bool ByCreated = false;     ///< the dates below are those of the creation, else of the last change
+  TDateTime From = 0;         ///< 0 for any
+  TDateTime To = 0;           ///< 0 for any
   bool HiddenFiles = true;
   bool SystemFiles = true;
   int Drive = -1;  ///< only this drive and those inside it; -1 for all

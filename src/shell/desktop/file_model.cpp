@@ -15,7 +15,7 @@
 namespace brenlow::desktop {
 namespace {
 
-constexpr int PageRows = 64;             // rows of a request
+constexpr int PageRows = 64;            // rows of a request
 constexpr std::size_t MaxPages = 16;    // of a request; older wishes are those scrolled past
 constexpr std::size_t MaxYoung = 8192;  // rows kept, twice
 

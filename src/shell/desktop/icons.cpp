@@ -16,7 +16,7 @@ namespace brenlow::desktop {
 namespace {
 
 constexpr int Sizes[] = {16, 22, 64};  // pixels that the set draws for
-constexpr int MaxPlain = 22;       // pixels of drawings that are hardly more than an outline
+constexpr int MaxPlain = 22;           // pixels of drawings that are hardly more than an outline
 
 /// The drawing nearest to a size: the smallest one that is not smaller, or the largest.
 QByteArray Drawing(const QString& name, int size) {

@@ -9,7 +9,7 @@
 namespace brenlow::desktop {
 namespace {
 
-constexpr int WaitTime = 1000;              // milliseconds
+constexpr int WaitTime = 1000;          // milliseconds
 constexpr qint64 MaxMessage = 1 << 16;  // bytes; an argument is a path with a word before it
 
 }  // namespace

@@ -14,8 +14,9 @@
 namespace brenlow::desktop {
 namespace {
 
-constexpr int RefreshInterval = 250;     // milliseconds
-constexpr qint64 SilenceTime = 1500;  // without an answer from the engine; then the user is told that it waits for the device
+constexpr int RefreshInterval = 250;  // milliseconds
+constexpr qint64 SilenceTime =
+    1500;  // without an answer from the engine; then the user is told that it waits for the device
 constexpr qint64 BusyTime = 500;
 constexpr int BarSteps = 1000;
 
