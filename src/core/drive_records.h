@@ -23,7 +23,7 @@ struct TDiskGeometry {
 inline constexpr std::uint32_t RemovableMedia = 11;
 inline constexpr std::uint32_t FixedMedia = 12;
 
-/// What a drive's caption is made of, so that it can be made again in another language.
+/// What a drive's caption is made of, so that it can be rebuilt in another language.
 enum class TCaptionKind : std::uint8_t {
   OwnName,           ///< a model or file name: stays as it is
   SystemVolume,      ///< label, or "Volume", and the mount point

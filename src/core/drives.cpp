@@ -82,7 +82,7 @@ void TDrives::DeviceInserted() {
 }
 
 /// Closes what another device, or the same one put in again, has taken the name of: its table is to be
-/// read anew, and what failed before is to be tried again.
+/// read again, and what failed before is tried again.
 void TDrives::CloseChanged() {
   for (const TSystemDisk& disk : FEngine.Partitions().SystemLists.Disks()) {
     const TString key = TextFromPath(disk.Path);
@@ -427,7 +427,7 @@ int TDrives::AddSubdrive(int driveNumber, int driveIcon) {
 
 void TDrives::DeleteSubdrives(int driveNumber) {
   if (IsWrongNumber(driveNumber)) return;
-  // Sub-drives are always added behind their parent, so its number stays.
+  // Sub-drives are always added after their parent, so its number stays.
   while (!List[static_cast<std::size_t>(driveNumber)].SubDrives.empty()) {
     Delete(List[static_cast<std::size_t>(driveNumber)].SubDrives.back());
   }
@@ -731,7 +731,7 @@ bool TDrives::CanCloseDisk(int number) const {
 
 void TDrives::CloseDisks(TIntegerDynArray numbers) {
   // From the last, so that those still to go keep their numbers. A disk takes its volumes along,
-  // which lie behind it.
+  // which come after it.
   std::sort(numbers.rbegin(), numbers.rend());
   numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
   for (const int number : numbers) Delete(number);

@@ -74,7 +74,7 @@ class TDrives {
   int AddSubdrive(int driveNumber, int driveIcon);
   void DeleteSubdrives(int driveNumber);
   void UpdateSubDrivesCaptions(int driveNumber);
-  /// Makes all captions anew that hold words of the language.
+  /// Rebuilds all captions that hold words of the language.
   void UpdateLanguage();
   /// Copies everything but the place in the registry (`SubDrives`, `Volumes`, `IsSubDrive`).
   void CopyInfo(int source, int destination);
@@ -83,7 +83,7 @@ class TDrives {
   void CopySystemsInfo(const TDriveInfo& from, TDriveInfo& to);
   /// Remembers the live values as the detected ones.
   void SetDefaultInfo(TDriveInfo& drive);
-  /// Takes the detected values back and looks at the source again.
+  /// Drops the detected values and examines the source again.
   void ResetDefaultInfo(int number);
 
   // ---- questions ----
@@ -160,7 +160,7 @@ class TDrives {
   static void ClearParentClusters(TDriveInfo& drive) { drive.ParentClusters.Clear(); }
   /// The files under a parent reference, in order of addition.
   TInt64DynArray GetParentClusters(int driveNumber, std::int64_t number) const;
-  /// Only the folders among them, found without a look at the files.
+  /// Only the folders among them, without touching the files.
   TInt64DynArray GetParentFolders(int driveNumber, std::int64_t number) const;
   /// Parent references with at least one file, ascending.
   static TInt64DynArray GetFoundPosParentClusters(const TDriveInfo& drive) { return drive.ParentClusters.Numbers(); }
@@ -210,13 +210,13 @@ class TDrives {
   bool DeleteUnanalysed(const TString& device);
   void Rekey(const TString& from, const TString& to);
   bool TakeReturned(const TPhysicalDrive& disk);
-  /// What the first sectors of a drive or volume tell, else a copy of a lost boot sector.
+  /// What the first sectors of a drive or volume say, else a copy of a lost boot sector.
   struct TRecognised {
     TFileSystem System = TFileSystem::fsUnknown;
     TPlaceSource Source = TPlaceSource::Stored;
     bool SoundCopy = false;
     /// Another system's copy beside it, whose own structures are still there: that of a volume before
-    /// it was formatted anew.
+    /// it was formatted again.
     TFileSystem Leftover = TFileSystem::fsUnknown;
   };
   TRecognised Recognise(const TDriveInfo& drive);

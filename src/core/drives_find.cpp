@@ -81,7 +81,7 @@ void TDrives::FindInChain(const TFindRange& range) {
   }
 }
 
-/// Every sector. Holes of a sparse image hold nothing and are passed over.
+/// Every sector. Holes of a sparse image are empty and are skipped.
 void TDrives::FindInAllSectors(const TFindRange& range) {
   const auto sectorSize = static_cast<std::size_t>(GetBytesPerSector(range.Drive));
   const std::int64_t step = IsFloppy(List[static_cast<std::size_t>(range.Drive)]) ? 1 : LinearBlock;

@@ -11,7 +11,7 @@
 namespace brenlow {
 namespace {
 
-/// A row that stands for all of its source, whatever a file system there says of its own size.
+/// A row for all of its source, whatever a file system there says of its own size.
 bool IsWholeSource(const TDriveInfo& drive) {
   return drive.FirstSector == 0 && !drive.IsSubDrive && !drive.DriveTypes.Has(TDriveType::dtVirtual);
 }

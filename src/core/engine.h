@@ -46,7 +46,7 @@ class TEngine {
   std::atomic<bool> Analysing{false};   ///< every scan tests it; clearing it stops the scan
   std::atomic<bool> Recovering{false};  ///< a recovery is running; clearing it stops it
   TPartRecSystems PartRecSystems;       ///< what it looks for
-  bool PartRecRunning = false;          ///< the analysis in hand is a partition search
+  bool PartRecRunning = false;          ///< the current analysis is a partition search
   double AnalyseProgressBase = 0;       ///< shown position = position * scale + base
   double AnalyseProgressScale = 1;
 
@@ -74,7 +74,7 @@ class TEngine {
     if ((++FPumpCalls & 15U) == 0) PumpSlowly();
   }
 
-  /// Time may have passed, as when a device was read: the next call of `Pump` looks at the clock.
+  /// Time may have passed, as when a device was read: the next call of `Pump` reads the clock.
   void PumpSoon() { FPumpCalls |= 15U; }
 
   // ---- what the drive registry needs of upper layers ----

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// Where the bytes of a file lie: what a driver tells of a stream, and all that a reader of it needs.
+// Where the bytes of a file lie: what a driver says of a stream, and all that a reader of it needs.
 #pragma once
 
 #include <cstdint>

@@ -140,7 +140,7 @@ class TFileArray {
 struct TADS {
   std::int64_t aType = 0;
   std::int64_t aSize = 0;  ///< bytes
-  bool IsSystem = false;   ///< kept by the file system for itself; only others are streams for users
+  bool IsSystem = false;   ///< for the file system's own use; only others are streams for users
   TString sType;
   TString Name;
 };

@@ -126,7 +126,7 @@ TString TLanguage::Format(TText text, std::initializer_list<TStringView> argumen
 
 std::string TLanguage::Utf8(TText text, std::initializer_list<std::string_view> arguments) const {
   if (arguments.size() == 0) return ToUtf8((*this)[text]);
-  // Arguments may hold bytes that are no text (paths of the host): they go through as such.
+  // Arguments may hold bytes that are not text (paths of the host): they are passed on unchanged.
   TString wide[8];
   const std::size_t count = std::min(arguments.size(), std::size(wide));
   for (std::size_t i = 0; i < count; ++i) wide[i] = TextFromPath(arguments.begin()[i]);

@@ -22,7 +22,7 @@ enum class TText : std::uint16_t {
 #undef BRENLOW_TEXT
 };
 
-/// Where a text stands in the language files.
+/// Where a text is in the language files.
 struct TTextPlace {
   TText Text;
   std::string_view Section;

@@ -33,7 +33,7 @@ constexpr auto DisplacementBits = MakeDisplacementBits();
 
 // ---- decompression --------------------------------------------------------------------------
 
-/// Copies a match, which may overlap what it makes. There are 8 bytes of room behind the end.
+/// Copies a match, which may overlap its own output. There are 8 bytes of room after the end.
 void CopyMatch(std::uint8_t* to, std::size_t distance, std::size_t length) {
   const std::uint8_t* from = to - distance;
   if (distance >= 8) {
@@ -83,7 +83,7 @@ std::size_t DecompressChunk(std::span<const std::uint8_t> body, std::uint8_t* ch
 /// Finds matches within one chunk through chains of equal three-byte hashes.
 class TMatcher {
  public:
-  /// Eight bytes behind the chunk must be readable.
+  /// Eight bytes after the chunk must be readable.
   TMatcher(const std::uint8_t* chunk, std::size_t size) : FChunk(chunk), FSize(size) { FHeads.fill(None); }
 
   /// Makes a position known to later ones.
@@ -177,7 +177,7 @@ std::size_t CompressChunk(std::span<const std::uint8_t> input, std::uint8_t* bod
       length = 0;
     } else {
       length = matcher.FindAndEnter(position, distance);
-      // Where nothing repeats, fewer and fewer positions are looked at.
+      // Where nothing repeats, fewer and fewer positions are tried.
       misses = length > 0 ? 0 : misses + 1;
       nextLook = position + 1 + std::min(misses / MissesPerStep, LongestStep);
     }

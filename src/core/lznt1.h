@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// LZNT1, the compression of NTFS and of compressed disk images: independent chunks that stand for
+// LZNT1, the compression of NTFS and of compressed disk images: independent chunks that expand to
 // 4096 bytes each.
 //
 // Format facts: Microsoft, [MS-XCA] "Xpress Compression Algorithm", section 2.5.
@@ -18,7 +18,7 @@ namespace brenlow {
 /// with success. False on damage; `output` then holds what came before it.
 bool DecompressLZNT1(std::span<const std::uint8_t> input, TByteDynArray& output, std::size_t limit = 65536);
 
-/// The same for a stream that may be damaged, whose place in `output` is given. Each chunk stands for
+/// The same for a stream that may be damaged, whose place in `output` is given. Each chunk expands to
 /// its 4096 bytes: those of a damaged one, or of one that lies in bytes that `isUnreadable(first, end)`
 /// names, are zeros, and the next header is where this one says. What is left of `output` is zeros.
 /// False when anything was lost.

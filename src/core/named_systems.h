@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// Contents of volumes that no driver serves, told by their published signatures, so that a volume is
+// Contents of volumes that no driver serves, recognised by their published signatures, so that a volume is
 // called what it is and not by the promise of its partition type.
 #pragma once
 
@@ -14,7 +14,7 @@ namespace brenlow {
 /// `head` begins at the volume's start; `fsUnknown` when nothing is known there.
 TFileSystem NameByFirstSector(std::span<const std::uint8_t> head);
 
-/// What a superblock after the boot area says. A volume that was formatted anew may still hold one, so
+/// What a superblock after the boot area says. A volume that was formatted again may still hold one, so
 /// boot sectors are to be asked first.
 TFileSystem NameBySuperblock(std::span<const std::uint8_t> head);
 

@@ -16,11 +16,11 @@ namespace brenlow {
 ///
 /// A hash table with open addressing (about one cache miss for an insertion in random order) holds
 /// for each parent the newest of its files and the newest of its folders, each with a link to the
-/// one before it. The folders of a parent are thus found without a look at its files.
+/// one before it. The folders of a parent are thus found without touching its files.
 class TParentClusters {
  public:
   void Add(std::int64_t number, std::uint32_t fileNumber, bool isFolder);
-  /// Takes one file out of a bucket; a bucket may stay behind empty. False when it was not there.
+  /// Takes one file out of a bucket; an empty bucket may remain. False when it was not there.
   bool Delete(std::int64_t number, std::uint32_t fileNumber);
   /// What lies under `from` lies under `to` from now on.
   void Move(std::int64_t from, std::int64_t to);

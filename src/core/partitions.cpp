@@ -23,7 +23,7 @@ constexpr std::size_t GPTEntrySize = 128;
 constexpr std::uint64_t LastHeaderSectorTried = 1024;
 constexpr auto HeaderHuntTime = std::chrono::milliseconds(2000);
 constexpr std::uint32_t MaxAppleEntries = 64;
-// No honest disk comes near these; a crafted chain or map must end all the same.
+// No real disk comes near these; a crafted chain or map must end too.
 constexpr std::size_t MaxTables = 65536;
 constexpr std::size_t MaxVolumes = 4096;
 

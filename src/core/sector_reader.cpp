@@ -68,7 +68,7 @@ std::int64_t TSectorReader::ReadWhatReads(const TDriveInfo& drive, std::span<std
   return read;
 }
 
-/// Reads as much at once as will read. `lost` is told of each stretch of the buffer that stays unread:
+/// Reads as much at once as can be read. `lost` is called for each stretch of the buffer that stays unread:
 /// first sector and the one after the last, counted from the start of the buffer.
 std::int64_t TSectorReader::ReadPieces(const TDriveInfo& drive, std::span<std::uint8_t> buffer,
                                        std::int64_t startingSector, TReadEffort effort,

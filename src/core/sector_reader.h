@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The one road by which sectors are read. Reads never retry and never write.
+// The only path by which sectors are read. Reads never retry and never write.
 #pragma once
 
 #include <cstdint>
@@ -19,7 +19,7 @@ class TEngine;
 /// How much a place that does not read is worth.
 enum class TReadEffort {
   Scan,     ///< sectors apart only where failures take no time
-  Content,  ///< every sector by itself
+  Content,  ///< every sector on its own
 };
 
 class TSectorReader {
@@ -39,7 +39,7 @@ class TSectorReader {
   std::int64_t ReadOrZero(const TDriveInfo& drive, std::span<std::uint8_t> buffer, std::int64_t startingSector,
                           TReadEffort effort);
   /// The same, but what cannot be read stays untouched in the buffer. The result is how many sectors
-  /// of the buffer were read. `lost` is told of the others: the first of a stretch and the one after its last,
+  /// of the buffer were read. `lost` gets the others: the first of a stretch and the one after its last,
   /// counted from the start of the buffer.
   std::int64_t ReadWhatReads(const TDriveInfo& drive, std::span<std::uint8_t> buffer, std::int64_t startingSector,
                              TReadEffort effort,

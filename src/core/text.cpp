@@ -28,7 +28,7 @@ void AppendUtf8(std::string& out, char32_t c) {
   }
 }
 
-/// Encodes `text`; `escapes` turns U+DC80 to U+DCFF back into the single bytes they stand for.
+/// Encodes `text`; `escapes` turns U+DC80 to U+DCFF back into the single bytes they represent.
 std::string Encode(TStringView text, bool escapes) {
   std::string out;
   out.reserve(text.size());

@@ -12,7 +12,7 @@ namespace brenlow {
 /// UTF-8 for people and files; an unpaired surrogate becomes U+FFFD.
 std::string ToUtf8(TStringView text);
 
-/// Decodes UTF-8. An invalid byte becomes U+FFFD; `valid`, when given, tells whether there was none.
+/// Decodes UTF-8. An invalid byte becomes U+FFFD; `valid`, when given, says whether there was none.
 TString FromUtf8(std::string_view text, bool* valid = nullptr);
 
 /// Paths of the host are bytes, not text: bytes that are not UTF-8 become the surrogates

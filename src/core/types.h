@@ -57,7 +57,7 @@ enum class TFileSystem : std::uint8_t {
   fsUFS1,
   fsUFS2,
   fsHikvisionFS,
-  // What lies on volumes and is no file system to read from, or one that is only known by name.
+  // What is on volumes but is not a file system to read from, or is one that is only recognised by name.
   fsBitLocker,
   fsLUKS,
   fsLVM,

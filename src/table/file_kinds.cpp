@@ -9,7 +9,7 @@
 namespace brenlow {
 namespace {
 
-// Lower-case extensions of each kind, sorted, separated by one blank. One may stand in several.
+// Lower-case extensions of each kind, sorted, separated by one space. One may be in several.
 constexpr std::string_view ArchiveExtensions =
     "0 000 001 002 7z a00 a01 a02 ace agg ain alz apex apz ar arc archiver arduboy arh ari arj ark asr ayt b1 "
     "b64 b6z ba bdoc bh bndl boo bpl bundle bz bz2 bza bzip bzip2 c00 c01 c02 c10 cab car cb7 cba cbr cbt cbz "

@@ -9,7 +9,7 @@ namespace brenlow {
 
 enum class TContentKind { Archive, Audio, Database, Document, Image, Video };
 
-/// True when the extension of `name` stands in the table of that kind.
+/// True when the extension of `name` is in the table of that kind.
 bool IsOfKind(TContentKind kind, TStringView name);
 
 /// True when the filter wants all files or one of the kinds that the name belongs to.

@@ -34,7 +34,7 @@ int TFiles::Add(const TFileInfo& file, std::int64_t parentCluster, bool& ramFull
   if (FEngine.Drives().IsWrongNumber(file.aDriveNumber)) return -1;
   if (file.blnFolder && file.FirstCluster == parentCluster) return -1;
   if (OnCanBeAdded && !OnCanBeAdded(file)) return -1;
-  // Found by its place, a file of the deep analysis cannot be met twice in a pass.
+  // A file of the deep analysis is found by its place, so never twice in a pass.
   if (FEngine.PartRecRunning && (file.blnFolder || !file.aDeepAnalyse)) {
     const int known = GetAddedNumber(file, parentCluster);
     if (known >= 0) return known;
@@ -229,7 +229,7 @@ bool TFiles::BreakCircles(int driveNumber) {
   bool found = false;
   std::unordered_map<std::int64_t, std::int64_t> passed;  // key to the walk that passed it
   for (const std::int64_t start : TDrives::GetFoundPosParentClusters(drive)) {
-    // Upwards, until a folder comes for the second time or something else is met.
+    // Upwards, until a folder comes for the second time or something else is found.
     std::int64_t key = start;
     while (!folders.IsReached(key) && folders.Owner(key) >= 0 && passed.try_emplace(key, start).second) {
       key = List[static_cast<std::size_t>(folders.Owner(key))].ParentCluster;

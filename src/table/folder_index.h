@@ -32,7 +32,7 @@ class TFolderIndex {
   std::unordered_map<std::int64_t, int> FOwners;
 };
 
-/// Keeps the index of each drive as long as the table has as many rows: making one takes a look at every row.
+/// Keeps the index of each drive while the number of rows stays the same: building one visits every row.
 class TFolderIndexCache {
  public:
   const TFolderIndex& Of(const TFiles& files, int driveNumber);

@@ -14,21 +14,21 @@ namespace brenlow {
 /// Bytes to compare, one a cell; -1 matches any byte.
 using TSignatureCells = std::vector<std::int16_t>;
 
-/// Text met inside a file that names its real type.
+/// Text inside a file that names its real type.
 struct TFileSubSignature {
   TString Ext;              ///< without the dot
-  TSignatureCells Pattern;  ///< empty: the type when no other one is met
+  TSignatureCells Pattern;  ///< empty: the type when no other one is found
 };
 
 struct TFileSignature {
   TString Ext;                                   ///< lower case, with its dot
   TSignatureCells Header;                        ///< bytes at the file's start
   TSignatureCells Footer;                        ///< bytes that end the file; empty when there are none
-  std::vector<TSignatureCells> HalfFileMarkers;  ///< endings of a sector that mean that the file goes on
+  std::vector<TSignatureCells> HalfFileMarkers;  ///< endings of a sector that mean that the file continues
   std::vector<TFileSubSignature> SubSignatures;
   bool CanStartFile = false;         ///< a header of this row opens a file in deep analysis
   bool EndsAtZeroTail = false;       ///< the file ends at a sector ending in 16 zero bytes
-  bool NeedsZeroTailBefore = false;  ///< no new file inside one of its own type but behind two zero bytes
+  bool NeedsZeroTailBefore = false;  ///< a new file inside one of its own type only after two zero bytes
   std::int64_t MinSize = 0;          ///< bytes; smaller files are dropped
 };
 
@@ -63,8 +63,8 @@ class TFileSignatures {
   TFileSignatures();
 
   const std::vector<TFileSignature>& Signatures() const { return FSignatures; }
-  /// Headers of types whose row in the table fits no file that real programs write. They stand
-  /// behind the table: they count where none of its rows fits.
+  /// Headers of types whose row in the table matches no file that real programs write. They come
+  /// after the table: they count where none of its rows matches.
   const std::vector<TFileSignature>& PublishedHeaders() const { return FPublishedHeaders; }
   /// Number of the first row of an extension (lower case, with its dot); -1 when there is none.
   int FirstRowOf(TStringView extension) const;
@@ -74,7 +74,7 @@ class TFileSignatures {
   const TFileTypeGroups& MasterFileTypeGroups() const { return FMasterFileTypeGroups; }
   const TMasterFileTypes& DeepFileTypes() const { return FDeepFileTypes; }
   const TFileTypeGroups& DeepFileTypeGroups() const { return FDeepFileTypeGroups; }
-  /// What an extension (upper case, without the dot) stands for: its caption without the bracket;
+  /// What an extension (upper case, without the dot) means: its caption without the bracket;
   /// empty for an unknown one.
   TString Description(TStringView extension) const;
   static void AddFileType(TMasterFileTypes& types, int group, std::string_view extension, std::string_view caption);

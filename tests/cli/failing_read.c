@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // A library to be preloaded (LD_PRELOAD): reads of one file fail with EIO in chosen ranges, as those of a
 // disk with bad places do. By environment variables:
-//   FAILING_READ_FILE    the file; told by device and inode, whatever path it is opened by
+//   FAILING_READ_FILE    the file; recognised by device and inode, whatever path it is opened by
 //   FAILING_READ_RANGES  "START+SIZE,START+SIZE,...": bytes
 //   FAILING_READ_WAIT    milliseconds that each failure takes (0)
 //   FAILING_READ_SHORT   1: a read gives the bytes before the first bad one; else it gives nothing

@@ -59,7 +59,7 @@ bool IsEmptyFolder(int handle) {
 void GiveToCaller(int handle) {
   const std::optional<TCaller> caller = Caller();
   if (!caller) return;
-  // Where it cannot be given away (FAT, some network folders) it stays root's, and is no worse for that.
+  // Where it cannot be given away (FAT, some network folders) it stays root's, as without sudo.
   [[maybe_unused]] const int ignored = ::fchown(handle, caller->User, caller->Group);
 }
 

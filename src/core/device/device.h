@@ -25,7 +25,7 @@ struct TFileIdentity {
   bool operator==(const TFileIdentity& other) const { return FileSystem == other.FileSystem && Node == other.Node; }
 };
 
-/// What an open file, folder or device is; nothing when the system does not tell.
+/// What an open file, folder or device is; nothing when the system does not say.
 std::optional<TFileIdentity> IdentityOf(int handle);
 /// The same for what a path leads to, through links; nothing when there is nothing.
 std::optional<TFileIdentity> IdentityOf(const std::string& path);
@@ -76,7 +76,7 @@ std::string DevicePath(TStringView drive);
 /// key is asked for or everything is closed.
 class TDeviceTable {
  public:
-  /// Null when the device cannot be opened; `LastError` then tells why.
+  /// Null when the device cannot be opened; `LastError` then says why.
   IDevice* Get(TStringView drive);
   void CloseAll();
   void Close(TStringView drive);
@@ -86,7 +86,7 @@ class TDeviceTable {
   TImageProblem LastProblem() const { return FLastProblem; }
   const std::string& LastDetail() const { return FLastDetail; }
   /// Puts a device of the caller's under a key, in place of what the system has there. It stays
-  /// through `Close` and `CloseAll`: there would be no way to open it again.
+  /// through `Close` and `CloseAll`: it could not be opened again.
   void Insert(TStringView drive, std::unique_ptr<IDevice> device);
 
  private:

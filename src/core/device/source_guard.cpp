@@ -132,7 +132,7 @@ class TGroundWalk {
 
   /// What the file system of a file lies on.
   void AddFileSystem(const TFileIdentity& file) {
-    // Numbers below major 1 stand for no device; btrfs and overlay file systems have such ones.
+    // Numbers below major 1 do not belong to a device; btrfs and overlay file systems have such numbers.
     if (major(static_cast<dev_t>(file.FileSystem)) != 0) {
       Add({{0, file.FileSystem}});
       return;

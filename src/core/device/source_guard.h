@@ -25,18 +25,18 @@ struct TGroundRange {
   }
 };
 
-/// What a file or device stands on, all the way down: loop devices on files, files on the devices of their
+/// What a file or device is stored on, all the way down: loop devices on files, files on the devices of their
 /// file systems, partitions on disks, device-mapper and RAID devices on their members.
 struct TGround {
   std::vector<TGroundRange> Own;  ///< its own bytes, all of them
   std::vector<TGroundRange> All;  ///< these, and everything that some of its bytes lie within
 };
 
-/// Follows `identity` down by what the kernel tells. `systemRoot`: the folder above /proc and /sys, empty for
+/// Follows `identity` down by what the kernel reports. `systemRoot`: the folder above /proc and /sys, empty for
 /// the system itself.
 TGround GroundOf(const TFileIdentity& identity, const std::string& systemRoot = "");
 
-/// Knows what the sources of a run read from, and tells of any path whether writing there would change it.
+/// Knows what the sources of a run read from, and says of any path whether writing there would change it.
 /// A value: it stays as it was when the sources change.
 class TSourceGuard {
  public:
@@ -55,7 +55,7 @@ class TSourceGuard {
   bool IsSource(const std::string& path) const;
   /// The same for a name in an open folder, where the link itself counts as well as what it leads to.
   bool IsSource(int folder, const std::string& name) const;
-  /// True when what is written at the path would go onto a source: the file system there lies on it, however
+  /// True when what is written at the path would end up on a source: the file system there is on it, however
   /// far down. What does not exist yet is judged by the nearest folder above it.
   bool LiesOnSource(const std::string& path) const;
   /// The same questions of something that is there.

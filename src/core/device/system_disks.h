@@ -23,7 +23,7 @@ struct TSystemDisk {
 std::vector<TSystemDisk> ListSystemDisks();
 
 struct TMountedVolume {
-  std::string DiskPath;    ///< the whole disk, or the device itself when it is no partition
+  std::string DiskPath;    ///< the whole disk, or the device itself when it is not a partition
   std::string DevicePath;  ///< the mounted device
   std::string MountPoint;
   std::int64_t StartByte = 0;  ///< of the volume on its disk

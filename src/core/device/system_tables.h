@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// What the kernel tells of mounts and block devices in /proc and /sys. `root` is the folder above both:
+// What the kernel reports of mounts and block devices in /proc and /sys. `root` is the folder above both:
 // empty for the system itself, another one in tests.
 #pragma once
 

@@ -129,7 +129,7 @@ TImageResult TImageWriter::WriteRaw(const std::string& path, const std::string& 
   if (error == 0) error = KeepMap(file, map, mapPath, true);
   if (error == 0) error = CopyGood(file, map, mapPath);
   // What lies in a zone that does not read comes last, and with it what an earlier run gave up: that is
-  // tried again, since it was asked to go on.
+  // tried again, since the user asked to resume.
   const auto failed = [](TMapStatus status) {
     return status == TMapStatus::NotTrimmed || status == TMapStatus::NotScraped;
   };

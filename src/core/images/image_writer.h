@@ -32,7 +32,7 @@ std::string ImageName(const std::string& fileName);
 /// Everything that is written for an image: the image, its part while it is written, the map and its successor.
 std::vector<std::string> PathsOfImage(const std::string& path, const std::string& mapPath);
 
-/// The image is written as `FILE.partial` and gets its name when it is done: a name never stands
+/// The image is written as `FILE.partial` and gets its name when it is done: a name is never used
 /// for half a disk.
 class TImageWriter {
  public:
@@ -49,7 +49,7 @@ class TImageWriter {
 
   /// Byte after byte, blocks of zeros as holes. What could not be read is tried once more in single
   /// sectors, after everything else, and last of all zones that do not read. With a map file the state is kept there,
-  /// and a copy that was broken off goes on from it.
+  /// and an interrupted copy resumes from it.
   TImageResult WriteRaw(const std::string& path, const std::string& mapPath);
   /// In the compressed form of `.dsk`.
   TImageResult WriteCompressed(const std::string& path);

@@ -105,7 +105,7 @@ int TRescueMap::Load(const std::string& path, TRescueMap& map) {
   std::vector<TRange> ranges;
   std::string line;
   std::int64_t end = 0;
-  bool statusLine = true;  // the first line tells where the program stood
+  bool statusLine = true;  // the first line says how far the program had come
   while (std::getline(file, line)) {
     if (line.empty() || line[0] == '#') continue;
     if (std::exchange(statusLine, false)) continue;

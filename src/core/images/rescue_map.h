@@ -33,7 +33,7 @@ class TRescueMap {
   TMapStatus At(std::int64_t position) const;
   /// End of the range of one status that holds the position.
   std::int64_t EndOfRange(std::int64_t position) const;
-  /// Start of the first range at or behind the position whose status is wanted; `Size()` if none.
+  /// Start of the first range at or after the position whose status is wanted; `Size()` if none.
   std::int64_t Find(std::int64_t position, const std::function<bool(TMapStatus)>& wanted) const;
   /// Bytes of a status.
   std::int64_t Count(TMapStatus status) const;

@@ -13,7 +13,7 @@ enum class TPacking : std::uint8_t {
   Zstd,
 };
 
-/// Fills `output` from the beginning; bytes after the end of the packed data are no fault. The result is how
+/// Fills `output` from the beginning; bytes after the end of the packed data are not an error. The result is how
 /// many bytes came out before the data ended or turned out to be damaged.
 std::size_t Unpack(TPacking packing, std::span<const std::uint8_t> input, std::span<std::uint8_t> output);
 

@@ -135,7 +135,7 @@ TOpenedDevice OpenGrowing(TImageFile image, std::span<const std::uint8_t> footer
   return {std::make_unique<TGrowingDisk>(std::move(image.File), footer, head, std::move(parent)), 0};
 }
 
-/// The footer of a growing disk stands at its end, with a copy at its start; empty for other files.
+/// The footer of a growing disk is at its end, with a copy at its start; empty for other files.
 std::span<const std::uint8_t> GrowingFooter(const TImageMarks& marks) {
   for (const TByteDynArray* footer : {&marks.Head, &marks.Tail}) {
     const std::uint32_t kind = ReadBe32(*footer, 0x3C);

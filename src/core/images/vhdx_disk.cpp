@@ -28,7 +28,7 @@ constexpr TGuid LogicalSectorSize = {0x1D, 0xBF, 0x41, 0x81, 0x6F, 0xA9, 0x09, 0
 constexpr TGuid ParentLocator = {0x2D, 0x5F, 0xD3, 0xA8, 0x0B, 0xB3, 0x4D, 0x45,
                                  0xAB, 0xF7, 0xD3, 0xD8, 0x48, 0x34, 0xAB, 0x0C};
 
-constexpr std::uint64_t SectorsOfBitmap = 1U << 23;  // that one bit map tells of: a chunk
+constexpr std::uint64_t SectorsOfBitmap = 1U << 23;  // that one bitmap covers: a chunk
 constexpr std::uint64_t Unit = 0x100000;             // bytes; places are in bits 20 and up of an entry
 constexpr std::size_t MostPairs = 64;                // of a parent locator, of up to 128 KiB each; real ones have six
 

@@ -19,7 +19,7 @@ struct TVhdxLogPlace {
 };
 
 /// The file as it would be with its log carried out; the file itself when the log holds nothing. Null when
-/// the log is damaged, so that nobody can tell what belongs into the tables.
+/// the log is damaged, so that what belongs in the tables is unknown.
 std::unique_ptr<IDevice> WithReplayedLog(std::unique_ptr<IDevice> file, const TVhdxLogPlace& place);
 
 /// CRC-32C (Castagnoli) of bytes, those of the 4 at `hole` counted as zeros.

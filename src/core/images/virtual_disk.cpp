@@ -33,7 +33,7 @@ std::size_t TVirtualDisk::ReadPacked(const TDiskPiece&, std::int64_t, std::span<
 
 void TVirtualDisk::TakeRun(TDiskPiece& piece, std::int64_t within, std::int64_t sectorSize,
                            const std::function<bool(std::int64_t sector)>& isHere) {
-  constexpr std::int64_t longestRun = 256;  // sectors looked at for one piece
+  constexpr std::int64_t longestRun = 256;  // sectors examined for one piece
   const std::int64_t first = within / sectorSize;
   const std::int64_t last = std::min(CeilDiv(within + piece.Length, sectorSize), first + longestRun);
   const bool here = isHere(first);

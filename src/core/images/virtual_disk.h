@@ -96,7 +96,7 @@ class TTableReader {
   std::size_t FNext = 0;  // the one to be replaced next
 };
 
-/// What tells the kind of an image file: its first and last bytes, read once, since they may be bad.
+/// What shows the kind of an image file: its first and last bytes, read once, since they may be bad.
 struct TImageMarks {
   explicit TImageMarks(IDevice& file);
   TByteDynArray Head;  ///< the first 4 KiB, or what there is
@@ -111,7 +111,7 @@ bool IsAt(std::span<const std::uint8_t> bytes, std::size_t at, std::string_view 
 bool AreSizesSound(std::uint64_t diskSize, std::uint64_t blockSize);
 inline constexpr std::uint64_t LargestVirtualDisk = std::uint64_t{1} << 56;  // bytes
 
-/// An image file on its way to the disk inside.
+/// An image file while the disk inside is opened.
 struct TImageFile {
   std::string Path;
   std::unique_ptr<IDevice> File;

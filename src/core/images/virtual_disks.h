@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The virtual disks that are read, one unit each. `Is...` tells them by their magic, whatever their
+// The virtual disks that are read, one unit each. `Is...` recognises them by their magic, whatever their
 // name; `Open...` gives the disk inside, or a refusal with its reason.
 #pragma once
 
@@ -46,7 +46,7 @@ constexpr std::uint64_t CeilDiv(std::uint64_t value, std::uint64_t divisor) {
 }
 
 /// True when a table of so many entries lies inside the file, and is one that a real disk can have: searches
-/// look at every entry.
+/// check every entry.
 inline bool FitsInFile(const IDevice& file, std::uint64_t place, std::uint64_t entries, std::uint64_t entrySize) {
   constexpr std::uint64_t largestTable = 1 << 30;  // bytes
   const auto size = static_cast<std::uint64_t>(file.Size());
