@@ -17,7 +17,7 @@ namespace brenlow {
 class TEngine;
 struct TDriveInfo;
 
-/// The groups at the top of the tree, in the order in which they stand there.
+/// The groups at the top of the tree, in their order there.
 enum class TRootGroup {
   MyComputer,
   PhysicalDrives,

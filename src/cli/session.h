@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// What all verbs share: opening the source, analysing it, complaining.
+// What all commands share: opening the source, analysing it, error messages.
 #pragma once
 
 #include <string>
@@ -30,7 +30,7 @@ std::string NoSuchDrive(const TOptions& options);
 
 struct TAnalysed {
   TIntegerDynArray Drives;  ///< that hold the files; empty when there was nothing to analyse
-  bool WrongDrive = false;  ///< there is no drive of the number asked for
+  bool WrongDrive = false;  ///< there is no drive with the requested number
   bool AllReadable = true;  ///< every volume turned out to be what it seemed
 };
 

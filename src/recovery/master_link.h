@@ -26,7 +26,7 @@ struct TRecoveryDrive {
   std::int64_t DeviceSize = 0;  ///< bytes
 };
 
-/// Everything that the recovery asks about files and drives. What implements it may stand for another list of files
+/// Everything that the recovery asks about files and drives. An implementation may have another list of files
 /// than the file table.
 class TRecoveryMasterLink {
  public:
@@ -68,7 +68,7 @@ class TRecoveryMasterLink {
   virtual TSourceGuard SourceGuard() const = 0;
 };
 
-/// The file table, the drive registry and the drivers behind that interface. What is selected is for the program to
+/// The file table, the drive registry and the drivers through that interface. What is selected is for the program to
 /// say: nothing here.
 class TFileTableLink : public TRecoveryMasterLink {
  public:

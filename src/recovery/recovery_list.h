@@ -12,7 +12,7 @@ namespace brenlow {
 
 class TEngine;
 
-/// The files and folders that the user put aside for a recovery, in order, each once.
+/// The files and folders that the user chose for a recovery, in order, each once.
 class TRecoveryList {
  public:
   explicit TRecoveryList(TEngine& engine) : FEngine(engine) {}

@@ -26,7 +26,7 @@ class TfrmSaveOptions {
 
   TSaveChoices Choices;  ///< what the page shows
   std::string SpaceRequiredText;
-  std::string SpaceAvailableText;  ///< empty when the path lies nowhere
+  std::string SpaceAvailableText;  ///< empty when the path does not exist
 
   void PrepareInfo(std::int64_t spaceRequired);
   /// From the settings to the page, or back.

@@ -107,7 +107,7 @@ class TfrmSaveProgress {
   bool FSkipAllNames = false;                          // the answer to a bad name was Skip All
   std::unordered_map<std::u16string, TPlace> FPlaces;  // by start and path
   std::unordered_set<std::int64_t> FEntered;           // folders walked so far
-  std::unordered_set<std::int64_t> FSkipped;           // folders passed over, which may still be met elsewhere
+  std::unordered_set<std::int64_t> FSkipped;           // skipped folders, which may still be found elsewhere
   std::map<int, TRecoveryDrive> FMeasuredDrives;       // of the files measured
 };
 

@@ -2,7 +2,7 @@
 // The folder that a recovery writes into. Files and folders are created relative to open folders
 // and never through a symbolic link. A file is written without a name, or where the file system cannot
 // do that under one that nobody else has, and gets its real name when it is done, so that a real name always
-// stands for a finished file. One run at a time writes into a folder.
+// means a finished file. One run at a time writes into a folder.
 #pragma once
 
 #include <cstdint>
@@ -42,11 +42,11 @@ class TTargetTree {
   /// A folder below the target, made on disk when it is entered.
   using TPlace = std::uint32_t;
   static constexpr TPlace Root = 0;
-  /// How the names begin that a run uses for itself; no file from a source gets such a name.
+  /// The start of names that a run uses for itself; no file from a source gets such a name.
   static constexpr const char* OwnPrefix = ".brenlow-";
   /// A file while it is written, with a process number and a random one after it.
   static constexpr const char* PartialPrefix = ".brenlow-partial";
-  /// Locked by the run that writes into the folder; it goes with the run.
+  /// Locked by the run that writes into the folder; removed at its end.
   static constexpr const char* LockName = ".brenlow-lock";
 
   /// Opens the folder, creating it and its parents where missing. 0, or the errno of the failure;
@@ -64,18 +64,18 @@ class TTargetTree {
   /// the other share a place when they share a name. `comesAgain`: the place will be entered more
   /// than once, so the names noted in it are kept.
   TPlace Folder(TPlace parent, TStringView name, const TTimeStamp& times, bool comesAgain = false);
-  /// Makes a folder the one in hand, creating it and those above it. 0, or the errno.
+  /// Makes a folder the current one, creating it and those above it. 0, or the errno.
   int Enter(TPlace place);
   /// Path below the target, empty or ending in a slash.
   std::string PathOf(TPlace place) const;
   /// Gives all folders entered their times; at the end, as each file in a folder changes them.
   void SetFolderTimes();
 
-  // ---- files in the folder in hand ----
+  // ---- files in the current folder ----
   /// True when something has that name.
   bool Exists(const std::string& name) const;
-  /// True while nothing can be in the folder in hand but files of claimed names: this run has made
-  /// it and enters it once. Saves a look at the target for every file.
+  /// True while nothing can be in the current folder but files of claimed names: this run has made
+  /// it and enters it once. Saves a check of the target for every file.
   bool HoldsOnlyClaimed() const {
     return FFolders[FCurrent.Place].IsNew && !FFolders[FCurrent.Place].ComesAgain && !FIsOfWindows;
   }
@@ -101,7 +101,7 @@ class TTargetTree {
 
   // ---- the target's file system ----
   const std::string& Path() const { return FPath; }
-  /// Keeps alternate data streams of its own.
+  /// Has alternate data streams itself.
   bool IsNTFS() const { return FIsNTFS; }
   /// FAT, exFAT or NTFS: other systems will read it, and upper and lower case are the same.
   bool IsOfWindows() const { return FIsOfWindows; }
@@ -154,10 +154,10 @@ class TTargetTree {
   bool FMayLieOnSource = false;
   std::vector<std::string> FMade;  // folders that `Open` has made, the innermost first
   std::vector<TFolder> FFolders;
-  TOpenFolder FCurrent;                              // the folder in hand; no handle stands for the root
+  TOpenFolder FCurrent;                              // the current folder; without a handle it is the root
   TOpenFolder FAbove;                                // the folder above it, for the next one beside it
-  TNumbers FClaimed;                                 // names noted in the folder in hand
-  TNumbers FTaken;                                   // numbers found taken in the folder in hand
+  TNumbers FClaimed;                                 // names noted in the current folder
+  TNumbers FTaken;                                   // numbers found in use in the current folder
   std::unordered_map<TPlace, TNumbers> FKeptClaims;  // of folders that come again
   TPlace FSiblingsOf = Root;
   std::unordered_map<std::string, TPlace> FSiblings;  // places below `FSiblingsOf`, by name

@@ -67,7 +67,7 @@ struct TSelectionState {
   bool OpensAtOnce = false;    ///< the one folder can be opened without an analysis
   bool Blank = false;          ///< one drive or folder that shows nothing before an analysis
   bool Recoverable = false;    ///< files or folders of an analysed drive
-  bool DriveAnalysed = false;  ///< its drive has results that can be made anew
+  bool DriveAnalysed = false;  ///< its drive has results that can be thrown away for new ones
   bool CanCloseDisk = false;   ///< holds a drive that may be taken off the list
   bool Mounted = false;        ///< holds a mounted image
   int Drive = -1;              ///< the drive of the one thing that is selected
@@ -91,7 +91,7 @@ struct TShellState {
 };
 
 /// While a scan or a recovery runs, whatever could touch drives or files is off; stopping a scan is
-/// possible only then. Looking into folders that are there already goes on.
+/// possible only then. Folders that are already there can still be opened.
 TActions CheckActionsEnabled(const TShellState& state);
 
 /// The switches of the view's filter.

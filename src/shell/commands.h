@@ -22,7 +22,7 @@ class IShellQuestions {
  public:
   virtual ~IShellQuestions() = default;
   virtual bool StopAnalyse() = 0;
-  /// An image file to mount; nothing when the user thinks better of it.
+  /// An image file to mount; nothing when the user cancels.
   virtual std::optional<std::string> ImageFile() = 0;
 };
 
@@ -35,7 +35,7 @@ class TCommands {
   TCommands(const TCommands&) = delete;
   TCommands& operator=(const TCommands&) = delete;
 
-  /// The recovery wizard is made and wants to be shown; when this returns it is over.
+  /// Shows the recovery wizard that was just made; when this returns it is over.
   std::function<void(TfRecoveryMaster&)> OnRecoveryMaster;
   /// Which actions can be chosen may have changed.
   std::function<void()> OnActionsChanged;

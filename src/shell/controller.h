@@ -40,7 +40,7 @@ struct TRecoveryProgress {
   std::int64_t Bytes = 0;
   std::int64_t Total = 0;
   std::int64_t Files = 0;  ///< done
-  TString Name;            ///< the file in hand
+  TString Name;            ///< the current file
 };
 
 enum class TMessageKind : std::uint8_t { Information, Warning, Error };
@@ -111,7 +111,7 @@ class TShellController final {
   void Post(TJob job) { FPost(std::move(job)); }
   // From commands, on the engine's thread.
   void Notify(TMessageKind kind, const std::string& text);
-  /// Hands each volume that the quick search meets to the window; an empty one ends that.
+  /// Passes each volume that the quick search finds to the window; an empty function ends that.
   void WatchFound(std::function<void(const TDriveSnapshot&)> take);
   /// Hands the drives found inside a drive to the window.
   void ForDrives(std::function<void(const std::vector<TDriveSnapshot>&)> take, int inside);
@@ -163,7 +163,7 @@ class TShellController final {
   TfRecoveryMaster* FMaster = nullptr;
   bool FMasterDone = false;
   std::int64_t FRecoveredFiles = 0;
-  // What is to be told at the next opportunity.
+  // What is to be published at the next opportunity.
   bool FActionsChanged = false, FPlaceChanged = false, FDrivesChanged = false, FListChanged = false;
   bool FSelectionChanged = false;
   TProgressSnapshot FProgress;

@@ -27,7 +27,7 @@ class TEngineHost {
   void Command(TJob job);
   /// Questions run at once when the engine is idle, else at the next polling point of what runs.
   void Question(TJob job);
-  /// No further job begins. What runs is not stopped by this: clear the engine's go-on flags.
+  /// No further job begins. This does not stop what runs: clear the engine's go-on flags for that.
   void End();
   bool Ending() const;
   /// True when the thread has ended within the time.

@@ -20,7 +20,7 @@ TFileRow MakeRow(TEngine& engine, int fileNumber, bool inDeletedFolder = false);
 
 TDriveSnapshot MakeDrive(TEngine& engine, int driveNumber);
 
-/// What is known of a file, folder or drive without a look at its content.
+/// What is known of a file, folder or drive without reading its content.
 TProperties MakeGeneralProperties(TEngine& engine, int fileNumber, bool inDeletedFolder = false);
 /// All that is known of it. While a scan runs no driver is asked.
 TProperties MakeProperties(TEngine& engine, int fileNumber, bool inDeletedFolder = false);

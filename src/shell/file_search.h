@@ -13,7 +13,7 @@ struct TFindOptions {
   /// Part of the name, or with `*` and `?` a pattern for the whole of it; empty for any.
   TString Text;
   bool CaseSensitive = false;
-  bool WholeWords = false;    ///< the text stands between characters that are no letters or digits
+  bool WholeWords = false;    ///< the text is between characters that are not letters or digits
   std::int64_t MinSize = -1;  ///< bytes; -1 for any
   std::int64_t MaxSize = -1;  ///< bytes; -1 for any
   bool ByCreated = false;     ///< the dates below are those of the creation, else of the last change

@@ -41,15 +41,15 @@ class TFileView {
   /// False for an action that does not sort.
   bool ApplySort(TAction action);
   void Sort(TSortOrder order);
-  /// A click on the head of a column: sorts by it, the second time the other way round.
+  /// A click on the head of a column: sorts by it, the second time in the other direction.
   void SortByColumn(int column);
-  /// Makes the rows anew; what is selected stays.
+  /// Rebuilds the rows; the selection stays.
   void Rebuild();
   /// The same with nothing selected.
   void Refresh();
   /// Whether the scan that runs has brought something new into what is shown.
   bool HasGrown() const;
-  /// Rows, order and what the filter hides, for a place that says the rest.
+  /// Adds rows, order and what the filter hides to the snapshot of a place.
   void Describe(TPlaceSnapshot& place) const;
 
   /// Rises whenever file numbers change their meaning.
@@ -76,7 +76,7 @@ class TFileView {
   std::uint64_t FGeneration = 1;
 };
 
-/// The order that a number of a column and the settings' key SortRevers stand for: there 1 is ascending.
+/// The order for the number of a column and the settings' key SortRevers, where 1 is ascending.
 TSortOrder FileOrderOf(int column, int revers);
 
 }  // namespace brenlow

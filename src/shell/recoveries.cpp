@@ -150,7 +150,7 @@ void TRecoveries::Run(TRecoverySender sender) {
   const TSelectionLink link(*this, sender);
   TfRecoveryMaster master(FEngine, link, Settings, FQuestions, sender);
   if (sender != TRecoverySender::rsRecoveryList) master.Filter = FView.Filter();
-  // Results of a search and what was put aside may come from any folder: each keeps its path.
+  // Results of a search and of the recovery list may come from any folder: each keeps its path.
   master.IsSearchResults = sender == TRecoverySender::rsFiles && FPlaces.ShowsSearch();
   master.IsMasterResults = master.IsSearchResults || sender == TRecoverySender::rsRecoveryList;
   if (OnMaster) OnMaster(master);

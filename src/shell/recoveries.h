@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// What is recovered from the window: the list of files put aside, and the runs of the wizard.
+// What is recovered from the window: the recovery list, and the runs of the wizard.
 #pragma once
 
 #include <functional>
@@ -23,7 +23,7 @@ class TRecoveries {
   TRecoveries(TEngine& engine, const TPlaces& places, const TFileView& view, IRecoveryQuestions& questions)
       : FEngine(engine), FPlaces(places), FView(view), FQuestions(questions), FList(engine) {}
 
-  /// The wizard is made and wants to be shown; when this returns it is over.
+  /// Shows the wizard that was just made; when this returns it is over.
   std::function<void(TfRecoveryMaster&)> OnMaster;
   /// The recovery list has changed, or its order.
   std::function<void()> OnListChanged;

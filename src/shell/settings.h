@@ -75,7 +75,7 @@ struct TSettings {
   /// Takes what the file has; a value of the wrong type leaves the default.
   void ReadFrom(const TIniFile& file);
   /// Writes all keys, in their order. A password is written only where it is to be remembered, and
-  /// taken out where it is not. Keys that are not known here stay.
+  /// removed where it is not. Unknown keys stay.
   void WriteTo(TIniFile& file) const;
 };
 
@@ -84,12 +84,12 @@ struct TSettings {
 class TSettingsFile {
  public:
   explicit TSettingsFile(std::string path) : FPath(std::move(path)) {}
-  /// A missing file gives all defaults, as does one that cannot be read: `LoadError` tells which it was.
+  /// A missing file gives all defaults, as does one that cannot be read: `LoadError` says which it was.
   TSettings Load();
   /// The errno of a file that is there and could not be read; 0 otherwise.
   int LoadError() const { return FLoadError; }
   /// On top of what the file holds by now. Under sudo a new file in a folder of the user who called it is that
-  /// user's. False when it cannot be written, or is read as a source by what `guard` was made of; nobody is told.
+  /// user's. False when it cannot be written, or is read as a source according to `guard`; there is no message.
   bool Save(const TSettings& settings, const TSourceGuard& guard) const;
   const std::string& Path() const { return FPath; }
 

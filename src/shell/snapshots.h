@@ -17,7 +17,7 @@ namespace brenlow {
 
 enum class TText : std::uint16_t;
 
-/// What a row or a node stands for: selects its icon.
+/// What a row or a node is: selects its icon.
 enum class TEntryKind : std::uint8_t {
   Group,
   PhysicalDrive,
@@ -111,11 +111,11 @@ struct TPlaceSnapshot {
   std::vector<TString> Crumbs;
   std::uint32_t Node = 0;  ///< in the folder tree; 0 when it has none
   TListing Listing;
-  std::vector<TFileRow> Head;  ///< what stands in the first rows
+  std::vector<TFileRow> Head;  ///< the content of the first rows
   TSortOrder Sort;
   int SortColumn = 0;  ///< of the list's columns
   int Hidden = 0;      ///< entries that the filter keeps from view
-  int Drive = -1;      ///< the drive that is looked into
+  int Drive = -1;      ///< the drive that is shown
   bool IsDriveRoot = false;
   bool IsDeepFolder = false;
   bool CanGoBack = false, CanGoForward = false, CanGoUp = false;
