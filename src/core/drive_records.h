@@ -43,7 +43,7 @@ struct TDriveInfo {
   /// four characters. A volume has the same text as the physical drive under it.
   TString Drive;
   TString DriveLetter;  ///< mount point, or empty
-  /// What the partition table calls it; empty where the table (anything but a GPT) keeps no names.
+  /// What the partition table calls it; empty where the table (anything but a GPT) has no names.
   TString PartitionName;
   TString Serial;
   TDriveTypes DriveTypes;
@@ -51,7 +51,7 @@ struct TDriveInfo {
   TReceivedType ReceivedType = TReceivedType::rtUnknown;
   TFileSystem FileSystem = TFileSystem::fsUnknown;  ///< selects the driver
   int DriveIcon = -1;
-  TDriveSystems Systems;         ///< what the drivers keep of it
+  TDriveSystems Systems;         ///< the drivers' data about it
   std::int64_t FirstSector = 0;  ///< on the device that `Drive` names; every read adds it
   int BytesPerSector = 0;        ///< logical; 0 until known
   std::int64_t SectorsCount = 0;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// What the file-system drivers keep of one drive, so that the registry can hold it without knowing them.
+// The file-system drivers' data about one drive, so that the registry can hold it without knowing them.
 #pragma once
 
 #include <algorithm>

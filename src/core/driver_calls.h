@@ -39,7 +39,7 @@ class TDriverCalls {
   /// False for what is known by name only.
   bool HasDriver(TFileSystem system) const;
   /// Tests a boot sector or superblock against all drivers, the weakest test last.
-  /// `addSuperblockOffset`: the buffer begins at the volume's start; else at the sector in hand.
+  /// `addSuperblockOffset`: the buffer begins at the volume's start; else at the current sector.
   TFileSystem Recognise(std::span<const std::uint8_t> buffer, std::size_t start, bool addSuperblockOffset,
                         int bytesPerSector);
   /// Looks for the copies of a boot sector, near the start of a volume (`head` begins there) and at
@@ -52,7 +52,7 @@ class TDriverCalls {
   bool SetVolumeBounds(TDriveInfo& volume, std::span<const std::uint8_t> buffer, bool addSuperblockOffset);
   /// True when more than this boot sector speaks for the volume.
   bool IsVolumeSound(const TDriveInfo& volume, std::span<const std::uint8_t> buffer, bool addSuperblockOffset);
-  /// For a volume that only a leftover copy tells of: true when its root folder or its table of records
+  /// For a volume known only from a leftover copy: true when its root folder or its table of records
   /// is still there. The record is filled.
   bool HoldsFolders(const TDriveInfo& volume);
   /// True for a find that is a copy of the boot sector of a volume that is known.
@@ -70,7 +70,7 @@ class TDriverCalls {
   bool HasWaitingFiles(const TDriveInfo& drive);
   /// Of each family that is searched and can be found without a boot sector: what an empty candidate is.
   std::vector<TFileSystem> PartRecCandidates(const TDriveInfo& mainDrive);
-  // What each step means stands with its namesake in `src/fs/driver.h`.
+  // What each step means is explained at its namesake in `src/fs/driver.h`.
   void PartRecSubdriveAdded(TDriveInfo& drive);
   void PartRecVolumeKnown(TDriveInfo& drive, bool isGap);
   bool PartRecIsAnalysed(const TDriveInfo& drive);

@@ -270,7 +270,7 @@ void TDrives::AddUnallocatedSpaces(const TPhysicalDrive& disk, TVolumes& volumes
   addGap(end);
 }
 
-/// The file system that the table's type of a partition stands for, where there is a driver for it.
+/// The file system that the table's type of a partition means, where there is a driver for it.
 TFileSystem TDrives::Promised(PARTITION_STYLE style, const TVolume& volume) const {
   TFileSystem system = TFileSystem::fsUnknown;
   if (style == PARTITION_STYLE::PARTITION_STYLE_MBR) {
@@ -557,7 +557,7 @@ bool TDrives::WholeVolume(TDriveInfo& drive, TFileSystem system, TPlaceSource so
 }
 
 /// The volumes that fill a drive: what its boot area says first, then its table, then copies of lost boot
-/// sectors. Where two of them are sound both stand; what is not believed is taken out of `disk`.
+/// sectors. Where two of them are sound both count; what is not believed is removed from `disk`.
 std::vector<TDriveInfo> TDrives::WholeVolumes(const TDriveInfo& drive, const TRecognised& found, int statedSectorSize,
                                               TPhysicalDrive& disk) {
   std::vector<TDriveInfo> wholes;
@@ -607,7 +607,7 @@ bool TDrives::HasNative4KTable(const TDriveInfo& drive) {
 }
 
 /// Looks for volumes that fill the source, which are the result, and for partitions. A source without a
-/// sector size of its own is read with 512 bytes, and with 4096 where that shows more (disks with native
+/// known sector size is read with 512 bytes, and with 4096 where that shows more (disks with native
 /// 4 KiB sectors keep their tables in those units).
 std::vector<TDriveInfo> TDrives::DetectWholeSource(TDriveInfo& drive, TPhysicalDrive& disk) {
   const int stated = drive.BytesPerSector;

@@ -6,7 +6,7 @@
 namespace brenlow {
 namespace {
 
-/// True when `next` goes on where `last` ends, on the volume too.
+/// True when `next` continues where `last` ends, on the volume too.
 bool Joins(const TExtent& last, const TExtent& next) {
   if (last.Kind != next.Kind || last.Estimated != next.Estimated) return false;
   if (last.Kind == TExtentKind::Zeros || last.Kind == TExtentKind::Lost) return true;

@@ -16,9 +16,9 @@ namespace brenlow {
 struct TDriveInfo;
 
 enum class TExtentKind : std::uint8_t {
-  Stored,  ///< as it stands on the volume
+  Stored,  ///< as it is on the volume
   Zeros,   ///< a hole: nothing was ever written there
-  Lost,    ///< written once, but nothing tells where: zeros, and counted as a failed read
+  Lost,    ///< was written, but it is not known where: zeros, and counted as a failed read
   Inline,  ///< in `TFileStream::Inline`, from byte `Place` on
   Packed,  ///< one unit of compressed data, which `TFileStream::Unpack` turns into bytes
 };
@@ -28,7 +28,7 @@ struct TExtent {
   std::int64_t Offset = 0;
   std::int64_t Length = 0;
   /// Of a stored extent: its first byte, counted from the volume's start, and anything outside of the volume
-  /// reads as unreadable. Of a packed one: whatever its decoder understands; -1 when it is no place on the volume.
+  /// reads as unreadable. Of a packed one: whatever its decoder understands; -1 when it is not a place on the volume.
   std::int64_t Place = 0;
   std::uint32_t PackedBytes = 0;  ///< that a packed unit takes on the volume
   TExtentKind Kind = TExtentKind::Stored;
@@ -60,7 +60,7 @@ class TExtents {
   void AddLost(std::int64_t length) { Add({.Length = length, .Kind = TExtentKind::Lost}); }
   void SetSource(std::unique_ptr<IExtentSource> source) { FSource = std::move(source); }
 
-  /// The extent that holds byte `offset`, in one piece at least up to `until` where it goes on that far. Nothing
+  /// The extent that holds byte `offset`, in one piece at least up to `until` where it reaches that far. Nothing
   /// when the stream ends before the byte.
   std::optional<TExtent> At(std::int64_t offset, std::int64_t until);
   /// The end of the stream, or some byte at or after `until` where it is longer.
@@ -85,7 +85,7 @@ class TExtents {
 enum class TUnreadableRule : std::uint8_t {
   Zeros,
   /// The sector at its place in the unit (cluster) before it, so that what follows keeps its place and a table or
-  /// a picture goes on; zeros when none of the last 1,024 units has it.
+  /// a picture continues; zeros when none of the last 1,024 units has it.
   RepeatUnitBefore,
 };
 
@@ -93,7 +93,7 @@ enum class TUnreadableRule : std::uint8_t {
 struct TFileStream {
   TExtents Extents;
   std::int64_t Size = 0;               ///< no byte at or after this is handed out
-  std::int64_t ValidSize = INT64_MAX;  ///< from here on bytes are zeros, whatever lies there
+  std::int64_t ValidSize = INT64_MAX;  ///< from here on bytes are zeros, whatever is stored there
   std::int64_t UnitBytes = 0;          ///< cluster or block
   std::int64_t VolumeBytes = -1;       ///< where places end; -1 for the length of the drive
   TUnreadableRule Unreadable = TUnreadableRule::Zeros;

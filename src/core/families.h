@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The families of file systems: everything about them that is a fact and not code. The registry, the
-// partition search, the command line and the dialogs read this table; none of them has a list of its own.
-// A family may stand here before it has a driver: `ServedFamilies` says which have one.
+// partition search, the command line and the dialogs read this table; none of them has its own list.
+// A family may be listed before it has a driver: `ServedFamilies` says which have one.
 #pragma once
 
 #include <array>
@@ -17,7 +17,7 @@ namespace brenlow {
 /// formatting may have left behind comes last.
 enum class TRecognition : std::uint8_t {
   FirstSector,     ///< a signature in the first sector that leaves no doubt
-  BootSector,      ///< a boot sector told by several fields
+  BootSector,      ///< a boot sector recognised by several fields
   WeakBootSector,  ///< a boot sector with hardly a field to test: after all other boot sectors
   Superblock,      ///< after the boot area, where an earlier file system may have left it
 };
@@ -45,7 +45,7 @@ struct TFamily {
   std::string_view Caption;     ///< of its check box
   TRecognition Recognition;
   std::span<const TFamilyMember> Members;
-  /// Where copies of a boot sector or superblock lie whatever the volume holds, in sectors from its
+  /// Where copies of a boot sector or superblock always lie, in sectors from its
   /// start, or `AfterVolume`. Copies whose place depends on the volume are the driver's business.
   std::span<const std::int64_t> CopySectors;
   /// Volumes of 10 MiB and less exist (floppies), so a search believes one that is sound and lies in no

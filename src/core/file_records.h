@@ -105,7 +105,7 @@ class TFileArray {
   TFile& operator[](std::size_t index) { return *At(index); }
   const TFile& operator[](std::size_t index) const { return *At(index); }
 
-  /// Appends a copy of the record with a name of its own; the result is its index.
+  /// Appends a copy of the record with its own copy of the name; the result is its index.
   std::size_t Add(const TFileInfo& info, std::int64_t parentCluster);
   /// Gives a row another name, kept by the array.
   void Rename(std::size_t index, TStringView name) { At(index)->FileInfo.strName = Keep(name); }

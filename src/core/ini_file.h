@@ -16,7 +16,7 @@ class TIniFile {
     std::string Section;
     std::string Key;    ///< empty for headings, comments and blank lines
     std::string Value;  ///< without blanks at its ends
-    std::string Raw;    ///< the line as it stands, without its line end
+    std::string Raw;    ///< the line as it is, without its line end
   };
 
   TIniFile() = default;

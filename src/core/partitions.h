@@ -84,7 +84,7 @@ class TPartitionsInfo {
 
   /// The disks of the machine with their tables.
   TPhysicalDrives GetPhysicalDrives();
-  /// Treats any drive as a disk of its own; its geometry comes from the record.
+  /// Treats any drive as a disk; its geometry comes from the record.
   bool GetPhysicalDrive(const TDriveInfo& drive, TPhysicalDrive& result);
   /// True when the first sector of a drive could be the table that tools write.
   bool HasTableSector(const TDriveInfo& drive);

@@ -38,7 +38,7 @@ class TReadFaults {
   /// The range was read.
   void SetRead(TRange range);
 
-  /// A request of more than one sector failed: one of them does not read, nobody knows which.
+  /// A request of more than one sector failed: one of them cannot be read, and it is not known which.
   void AddSuspect(TRange range);
   /// The first such request that lies wholly inside the range: asking for all of it would fail again.
   std::optional<TRange> SuspectIn(TRange range) const;

@@ -62,9 +62,9 @@ class TSectorReader {
 
   /// Count of reads of drives that returned nothing or less than asked since the start.
   std::uint64_t FailedReads() const { return FFailedReads; }
-  /// A driver hands out zeros or guesses for bytes that it should have had: counts as a failed read.
+  /// A driver delivers zeros or guesses for bytes that it should have had: counts as a failed read.
   void NoteFailedRead() { ++FFailedReads; }
-  /// A driver hands out bytes from a place that it had to guess while reading (a chain across an
+  /// A driver delivers bytes from a place that it had to guess while reading (a chain across an
   /// unreadable table, for one).
   void NoteEstimatedRead() { ++FEstimatedReads; }
   /// Count of such reads since the start.

@@ -28,7 +28,7 @@ TString LowerCase(TStringView text);
 char16_t LowerCase(char16_t unit);
 TString UpperCase(TStringView text);
 
-/// Extension without the dot, as it stands; empty when the name has none.
+/// Extension without the dot, unchanged; empty when the name has none.
 TStringView Extension(TStringView name);
 
 /// A number in decimal.

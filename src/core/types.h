@@ -75,7 +75,7 @@ constexpr bool IsFAT(TFileSystem system) {
 
 using TFileSystems = TEnumSet<TFileSystem, std::uint32_t>;
 
-/// What a partition search looks for, by bit.
+/// What a partition search searches for, by bit.
 enum class TPartRecSystem : std::uint8_t {
   FAT,
   exFAT,
@@ -143,7 +143,7 @@ enum class TPlaceSource : std::uint8_t {
   Stored,     ///< as the file system has it
   FromCopy,   ///< from a copy of its structures, as sound as they are
   Estimated,  ///< worked out from traces (start, cluster size, record number, table width): may be wrong
-  ByContent,  ///< where a file of this kind begins, whatever the file system says
+  ByContent,  ///< where a file of this kind begins, regardless of the file system
 };
 
 /// What a file is, where its file system knows more than files and folders.

@@ -14,7 +14,7 @@
 
 namespace brenlow {
 
-/// What a path leads to, whatever its name: a file by its file system and inode, a block device by its
+/// What a path leads to: a file by its file system and inode, a block device by its
 /// number.
 struct TFileIdentity {
   std::uint64_t FileSystem = 0;  ///< st_dev of a file; 0 for a block device
@@ -67,7 +67,7 @@ struct TOpenedDevice {
 /// Opens a regular file or block device for reading; anything else is refused with ENOTBLK.
 TOpenedDevice OpenDevice(const std::string& path);
 
-/// The path for a drive key: a text of 4 or more characters is a path as it stands; a shorter one
+/// The path for a drive key: a text of 4 or more characters is a path as it is; a shorter one
 /// that is a number names the physical drive of that number in the system's list; any other
 /// short text names a volume, which this system does not have.
 std::string DevicePath(TStringView drive);

@@ -241,7 +241,7 @@ void TSourceGuard::Add(const TFileIdentity& origin, bool withFileSystems) {
   FAll.insert(FAll.end(), ground.All.begin(), ground.All.end());
 }
 
-/// True when bytes of its own are bytes that a source, or what a source stands on, consists of.
+/// True when its bytes are bytes of a source, or of what a source is stored on.
 bool TSourceGuard::IsSource(const TFileIdentity& identity) const {
   if (IsBlockDevice(identity)) return Overlap(GroundOf(identity, FSystemRoot).Own, FAll);
   return Overlap({{identity}}, FAll);

@@ -14,7 +14,7 @@
 
 namespace brenlow {
 
-/// Bytes of a file or of a device that stands on nothing else.
+/// Bytes of a file or of a device that is not stored on anything else.
 struct TGroundRange {
   TFileIdentity Base;
   std::int64_t Start = 0;

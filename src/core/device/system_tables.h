@@ -19,7 +19,7 @@ struct TMount {
   std::string Point;   ///< where it is mounted
   std::string Type;    ///< "ext4"
   std::string Source;  ///< "/dev/sda1", or whatever the file system calls it
-  /// Options of the file system itself, separated by commas. Their escapes stand, as values may hold commas.
+  /// Options of the file system itself, separated by commas. Escapes are left in, as values may hold commas.
   std::string Options;
 };
 

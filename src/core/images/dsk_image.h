@@ -53,7 +53,7 @@ class TDiskImage {
 };
 
 bool IsCompressedImage(std::span<const std::uint8_t> head);
-/// The disk inside; the file as it stands when the head makes no sense.
+/// The disk inside; the file as it is when the head makes no sense.
 TOpenedDevice OpenCompressedImage(std::unique_ptr<IDevice> file);
 
 }  // namespace brenlow

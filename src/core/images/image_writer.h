@@ -26,7 +26,7 @@ struct TImageResult {
   std::int64_t Size = 0;               ///< bytes of the source that the image is of
 };
 
-/// The name with the extension ".dsk" in place of its own.
+/// The name with its extension replaced by ".dsk".
 std::string ImageName(const std::string& fileName);
 
 /// Everything that is written for an image: the image, its part while it is written, the map and its successor.

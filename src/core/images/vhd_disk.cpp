@@ -73,7 +73,7 @@ class TGrowingDisk final : public TVirtualDisk {
     } else if (*entry == NoBlock) {
       piece.Kind = TDiskPiece::InParent;
     } else {
-      // In front of each block stands a bit map of its sectors, which fills whole sectors.
+      // Each block is preceded by a bitmap of its sectors, which fills whole sectors.
       const std::int64_t bitmap = static_cast<std::int64_t>(*entry) * Sector;
       const std::int64_t bitmapSize = CeilDiv(FBlockSize / Sector / 8, Sector) * Sector;
       piece.Kind = TDiskPiece::InFile;

@@ -105,7 +105,7 @@ struct TImageMarks {
 
 /// So many bytes of a file; empty when it has not all of them, or for more than 64 MiB.
 TByteDynArray BytesAt(IDevice& file, std::uint64_t position, std::uint64_t size);
-/// True when the text stands there.
+/// True when the text is there.
 bool IsAt(std::span<const std::uint8_t> bytes, std::size_t at, std::string_view text);
 /// True for sizes (in bytes) of a disk and of its blocks that can be.
 bool AreSizesSound(std::uint64_t diskSize, std::uint64_t blockSize);
@@ -119,10 +119,10 @@ struct TImageFile {
 };
 
 /// The parent of a difference. `Names` are tried in order, beside the child; of a path only the last
-/// component counts. After them `Relative`, a path from the child's folder, is taken as it stands. The first
-/// file that `IsIt` (asked of the file as it stands) says yes to is the parent: when that one cannot be
+/// component counts. After them `Relative`, a path from the child's folder, is taken as it is. The first
+/// file that `IsIt` (called with the file as it is) accepts is the parent: when that one cannot be
 /// opened no other is tried, else a chain that leads back to itself would branch at each of its steps.
-/// `Raw`: it is taken as the bytes of a disk, whatever it looks like.
+/// `Raw`: it is taken as the bytes of a disk, whatever it contains.
 struct TParentQuery {
   std::vector<std::string> Names;
   std::string Relative;

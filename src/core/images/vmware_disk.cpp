@@ -55,7 +55,7 @@ class TVMwareDisk final : public TVirtualDisk {
     return piece;
   }
 
-  /// A grain has a location of its own or is a hole: what follows the last grain before it is not its content.
+  /// A grain has its own location or is a hole: what follows the last grain before it is not its content.
   TDiskPiece GrainAt(const TVMwareFile& extent, std::int64_t within) {
     const std::int64_t grainBytes = extent.GrainSize * Sector;
     const std::int64_t number = within / grainBytes;
@@ -94,7 +94,7 @@ class TVMwareDisk final : public TVirtualDisk {
     return count;
   }
 
-  /// Before a packed grain stand its sector and the length of what is packed.
+  /// A packed grain is preceded by its sector and the length of what is packed.
   void Load(const TDiskPiece& piece, std::int64_t sector, int grainSize) {
     constexpr std::uint64_t headSize = 12;
     FGrain.clear();

@@ -27,7 +27,7 @@ struct TVMwareFile {
   int GrainSize = 128;         ///< sectors
   std::int64_t Directory = 0;  ///< sector of the list of grain tables
   bool ZeroGrains = false;     ///< a location of 1 is a grain of zeros
-  bool Compressed = false;     ///< grains are packed, each after a head of its own
+  bool Compressed = false;     ///< grains are packed, each after its own head
   bool Flat = false;           ///< no grains: sector after sector, from `FirstSector` of the file on
   std::int64_t FirstSector = 0;
 };
@@ -41,7 +41,7 @@ struct TVMwareInfo {
 /// By the magic of a sparse extent, or the first line of a descriptor.
 bool IsVMwareDisk(const TImageMarks& marks);
 
-/// The disk that the file describes or holds; the file as it stands when it is neither, as the flat extent
+/// The disk that the file describes or holds; the file as it is when it does neither, as the flat extent
 /// of a descriptor is. A refusal for kinds of extents that are not read here.
 TOpenedDevice OpenVMwareDisk(TImageFile image);
 
