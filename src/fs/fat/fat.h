@@ -17,20 +17,12 @@
 #include "fs/fat/fat_entry.h"
 #include "fs/fat/fat_info.h"
 #include "fs/fat/fat_table_search.h"
+#include "fs/lost_folders.h"
 
 namespace brenlow {
 
 class TEngine;
 struct TFileStream;
-
-/// Whether an analysis looks through free clusters for folders that no entry leads to any more.
-enum class TLostFolderSearch {
-  Never,
-  /// On a volume without a live file (it was formatted or emptied), for the rest of deleted folders
-  /// that were longer than one cluster, and wherever it is a matter of seconds.
-  WhenNeeded,
-  Always,
-};
 
 class TFAT {
  public:

@@ -13,6 +13,7 @@
 
 #include "core/drive_records.h"
 #include "core/file_records.h"
+#include "fs/cluster_set.h"
 #include "fs/fat/fat_entry.h"
 
 namespace brenlow {
@@ -23,26 +24,6 @@ namespace fat {
 
 /// Gets every entry found; false ends the walk.
 using TEntrySink = std::function<bool(const TFileInfo&, std::int64_t parentCluster)>;
-
-/// A set of clusters of one volume, a bit each.
-class TClusterSet {
- public:
-  TClusterSet() = default;
-  explicit TClusterSet(std::int64_t clusters) : FBits(static_cast<std::size_t>(clusters / 64 + 1), 0) {}
-  bool Has(std::int64_t cluster) const {
-    return cluster >= 0 && static_cast<std::size_t>(cluster / 64) < FBits.size() &&
-           (FBits[static_cast<std::size_t>(cluster / 64)] >> (cluster % 64) & 1) != 0;
-  }
-  /// False when it is in the set already or lies outside the volume.
-  bool Add(std::int64_t cluster) {
-    if (cluster < 0 || static_cast<std::size_t>(cluster / 64) >= FBits.size() || Has(cluster)) return false;
-    FBits[static_cast<std::size_t>(cluster / 64)] |= std::uint64_t{1} << (cluster % 64);
-    return true;
-  }
-
- private:
-  std::vector<std::uint64_t> FBits;
-};
 
 /// A deleted folder whose chain is gone before its end mark was met.
 struct TUnfinished {
