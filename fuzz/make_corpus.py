@@ -200,11 +200,55 @@ def search():
         write("search", "seed-fat%d" % width, b"\0" + bytes(512 * 9) + bytes(image))
 
 
+def exfat():
+    """A volume with live and deleted files, in pieces and not, folders, and a set whose first slot is gone."""
+    sector, table, heap, clusters = 512, 24, 28, 60
+    image = bytearray((heap + clusters) * sector)
+    at = lambda cluster: (heap + cluster - 2) * sector
+
+    def entries(name, cluster, size, folder=False, chain=False, deleted=False):
+        units = name.encode("utf-16-le")
+        names = [units[i:i + 30] for i in range(0, len(units), 30)]
+        rows = bytearray(struct.pack("<BBHHHIIIBBBBB7x", 0x85, 1 + len(names), 0, 0x10 if folder else 0x20, 0, *[0x52B16DA5] * 3, 50, 0, 0x88, 0x88, 0x88))
+        rows += struct.pack("<BBBBHHQIIQ", 0xC0, 1 if chain else 3, 0, len(name), 0, 0, size, 0, cluster, size)
+        rows += b"".join(b"\xC1\0" + piece.ljust(30, b"\0") for piece in names)
+        total = 0
+        for i, byte in enumerate(rows):
+            if i not in (2, 3):
+                total = ((total & 1) << 15) + (total >> 1) + byte & 0xFFFF
+        struct.pack_into("<H", rows, 2, total)
+        for i in range(0, len(rows) if deleted else 0, 32):
+            rows[i] &= 0x7F
+        return bytes(rows)
+
+    boot = bytearray(sector)
+    boot[:11] = b"\xEB\x76\x90EXFAT   "
+    struct.pack_into("<QQIIIIIIHHBBBBB", boot, 0x40, 0, heap + clusters, table, 2, heap, clusters, 4, 1, 0x100, 0, 9, 0, 2, 0x80, 0xFF)
+    boot[510:] = b"\x55\xAA"
+    image[:sector] = image[12 * sector:13 * sector] = boot
+    for cluster, value in {0: 0xFFFFFFF8, 1: 0xFFFFFFFF, 2: 0xFFFFFFFF, 3: 0xFFFFFFFF, 4: 6, 6: 0xFFFFFFFF, 20: 25, 25: 0xFFFFFFFF, 30: 33, 33: 0xFFFFFFFF}.items():
+        struct.pack_into("<I", image, table * sector + cluster * 4, value)
+        struct.pack_into("<I", image, (table + 2) * sector + cluster * 4, value)
+    image[at(2):at(2) + 8] = bytes.fromhex("1f00140200000000")
+    image[at(3):at(3) + 8] = bytes.fromhex("ffff610041004200")
+    root = b"\x83\x01V\0".ljust(32, b"\0") + struct.pack("<BB18xIQ", 0x81, 0, 2, 8) + struct.pack("<B3xI12xIQ", 0x82, 0, 3, 8)
+    root += entries("chain", 20, 700, chain=True) + entries("dir", 8, 512, folder=True) + entries("gone", 30, 900, chain=True, deleted=True)
+    root += entries("old", 40, 1200, deleted=True) + entries("dir2", 10, 512, folder=True, deleted=True) + entries("a", 40, 100, deleted=True)[32:]
+    image[at(4):at(4) + 512] = root[:512]
+    image[at(6):at(6) + len(root) - 512] = root[512:]
+    for folder, name in ((8, "inside this folder"), (10, "was here"), (12, "lost")):
+        rows = entries(name, folder + 1, 100) + entries("sub", 14, 512, folder=True)
+        image[at(folder):at(folder) + len(rows)] = rows
+    return bytes(image)
+
+
 def main():
     deep()
     images()
     search()
     write("ntfs", "seed-volume", b"\0" + ntfs())
+    write("exfat", "seed-volume", b"\0" + exfat())
+    write("exfat", "seed-without-boot", b"\x83" + bytes(24 * 512) + exfat()[24 * 512:])
     write("ntfs_record", "seed-resident", ntfs()[2048 + 14 * 1024:2048 + 15 * 1024])
     write("ntfs_record", "seed-listed", ntfs()[2048 + 12 * 1024:2048 + 13 * 1024])
     write("ntfs_record", "seed-table", ntfs()[2048:3072])

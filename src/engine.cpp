@@ -36,6 +36,7 @@ TEngine::TEngine()
       FFolders(std::make_unique<TFolders>(*this)),
       FAllFS(std::make_unique<TAllFS>(*this)),
       FFAT(std::make_unique<TFAT>(*this)),
+      FexFAT(std::make_unique<TexFAT>(*this)),
       FNTFS(std::make_unique<TNTFS>(*this)) {}
 
 TEngine::~TEngine() = default;

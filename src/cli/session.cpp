@@ -16,7 +16,7 @@
 #include "core/sector_reader.h"
 #include "core/sizes.h"
 #include "core/text.h"
-#include "fs/fat/fat.h"
+#include "fs/dispatch.h"
 #include "shell/sources.h"
 #include "table/files.h"
 
@@ -111,10 +111,13 @@ void ApplyOptions(TEngine& engine, const TOptions& options) {
     reader.BadTimeLimit = reader.ImageBadTimeLimit = limited ? options.BadTime * 1'000'000 : INT64_MAX;
   }
   reader.TriesEverySector = options.Retry;
-  TFAT& fat = engine.FAT();
-  if (options.LostFolders == "never") fat.LostFolderSearch = TLostFolderSearch::Never;
-  if (options.LostFolders == "always") fat.LostFolderSearch = TLostFolderSearch::Always;
-  fat.SetOemCodePage(options.CodePage);
+  ForEachDriver(engine, [&](auto& driver) {
+    if constexpr (requires { driver.LostFolderSearch; }) {
+      if (options.LostFolders == "never") driver.LostFolderSearch = TLostFolderSearch::Never;
+      if (options.LostFolders == "always") driver.LostFolderSearch = TLostFolderSearch::Always;
+    }
+  });
+  engine.FAT().SetOemCodePage(options.CodePage);
 }
 
 TPartRecSystems ChosenFamilies(const TOptions& options) {

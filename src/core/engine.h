@@ -17,6 +17,7 @@ class TDriverCalls;
 class TDrives;
 class TExtentReader;
 class TFAT;
+class TexFAT;
 class TFiles;
 class TFolders;
 class TFileSignatures;
@@ -99,6 +100,7 @@ class TEngine {
   const TFileSignatures& Signatures() const { return *FSignatures; }
   TAllFS& AllFS() { return *FAllFS; }
   TFAT& FAT() { return *FFAT; }
+  TexFAT& exFAT() { return *FexFAT; }
   TNTFS& NTFS() { return *FNTFS; }
 
  private:
@@ -120,6 +122,7 @@ class TEngine {
   std::unique_ptr<TFolders> FFolders;
   std::unique_ptr<TAllFS> FAllFS;
   std::unique_ptr<TFAT> FFAT;
+  std::unique_ptr<TexFAT> FexFAT;
   std::unique_ptr<TNTFS> FNTFS;
 };
 

@@ -63,13 +63,6 @@ TFileSystem FirstMatch(TBytes head, const TSignature (&signatures)[Count]) {
   return TFileSystem::fsUnknown;
 }
 
-/// Microsoft, "exFAT file system specification", 3.1: the name, and zeros where FAT has its fields.
-bool IsExFAT(TBytes boot) {
-  if (!HasText(boot, 3, "EXFAT   ") || boot.size() < 512) return false;
-  return boot[510] == 0x55 && boot[511] == 0xAA &&
-         std::all_of(&boot[11], &boot[64], [](std::uint8_t c) { return c == 0; });
-}
-
 /// Superblock at byte 1024 (kernel documentation, "ext4 Data Structures and Algorithms"). What only the
 /// fourth version can read makes it one; a journal the third.
 TFileSystem ExtVersion(TBytes head) {
@@ -99,18 +92,13 @@ bool IsLVM(TBytes head) {
 }  // namespace
 
 TFileSystem NameByFirstSector(std::span<const std::uint8_t> head) {
-  return IsExFAT(head) ? TFileSystem::fsExFAT : FirstMatch(head, FirstSectorSignatures);
+  return FirstMatch(head, FirstSectorSignatures);
 }
 
 TFileSystem NameBySuperblock(std::span<const std::uint8_t> head) {
   if (IsLVM(head)) return TFileSystem::fsLVM;
   if (const TFileSystem ext = ExtVersion(head); ext != TFileSystem::fsUnknown) return ext;
   return FirstMatch(head, SuperblockSignatures);
-}
-
-TFileSystem NameByCopy(std::span<const std::uint8_t> head, int bytesPerSector) {
-  const std::size_t at = 12 * static_cast<std::size_t>(bytesPerSector);
-  return at < head.size() && IsExFAT(head.subspan(at)) ? TFileSystem::fsExFAT : TFileSystem::fsUnknown;
 }
 
 }  // namespace brenlow

@@ -18,7 +18,4 @@ TFileSystem NameByFirstSector(std::span<const std::uint8_t> head);
 /// boot sectors are to be asked first.
 TFileSystem NameBySuperblock(std::span<const std::uint8_t> head);
 
-/// exFAT by the copy of its boot region, 12 sectors after the first.
-TFileSystem NameByCopy(std::span<const std::uint8_t> head, int bytesPerSector);
-
 }  // namespace brenlow

@@ -10,13 +10,14 @@
 #include "core/families.h"
 #include "core/types.h"
 #include "fs/driver.h"
+#include "fs/exfat/exfat.h"
 #include "fs/fat/fat.h"
 #include "fs/ntfs/ntfs.h"
 
 namespace brenlow {
 
 /// Every driver, in the order of the search bits.
-inline constexpr std::tuple AllDrivers{&TEngine::FAT, &TEngine::NTFS};
+inline constexpr std::tuple AllDrivers{&TEngine::FAT, &TEngine::exFAT, &TEngine::NTFS};
 
 /// Calls `callable(driver)` for every driver, in the order of the search bits.
 template <typename TCallable>

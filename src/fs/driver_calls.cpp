@@ -96,9 +96,7 @@ TCopyFound TDriverCalls::RecogniseByCopy(const TDriveInfo& drive, std::span<cons
     if (isKnown || found.System != TFileSystem::fsUnknown) return;
     found = driver::RecogniseByCopy(driver, drive, head, bytesPerSector);
   });
-  if (found.System != TFileSystem::fsUnknown || known != TFileSystem::fsUnknown) return found;
-  const TFileSystem named = NameByCopy(head, bytesPerSector);
-  return {HasDriver(named) ? TFileSystem::fsUnknown : named, false};
+  return found;
 }
 
 bool TDriverCalls::SetVolumeBounds(TDriveInfo& volume, std::span<const std::uint8_t> buffer, bool addSuperblockOffset) {

@@ -80,15 +80,11 @@ TImage DiskOfType7(const TImage& volume) {
   return disk;
 }
 
-TImage ExFat() {
+TImage Refs() {
   TImage volume(20480 * 512);
-  for (const std::size_t at : {std::size_t{0}, std::size_t{12 * 512}}) {
-    Put(volume, at,
-        "\xEB\x76\x90"
-        "EXFAT   "sv);
-    Put(volume, at + 120, std::string(390, '\xF4'));  // boot code, where others have a table
-    Put(volume, at + 510, "\x55\xAA");
-  }
+  Put(volume, 3, "ReFS\0\0\0\0"sv);
+  Put(volume, 120, std::string(390, '\xF4'));  // boot code, where others have a table
+  Put(volume, 510, "\x55\xAA");
   return volume;
 }
 
@@ -169,23 +165,21 @@ TEST_CASE("a volume that another system formatted later is that system's, and th
 }
 
 TEST_CASE("what has no driver is called by its name, not by its type or a leftover") {
-  const TImage exfat = ExFat();
+  const TImage refs = Refs();
   TEngine engine;
   TString message;
   engine.OnMessage = [&](const TEngineMessage& m) { message = m.Text; };
-  Mount(engine, DiskOfType7(exfat));
-  CHECK(Volumes(engine) == "exFAT 2048\n");
+  Mount(engine, DiskOfType7(refs));
+  CHECK(Volumes(engine) == "ReFS 2048\n");
   CHECK_FALSE(engine.Drives().CanBeAnalysed(1));
   AnalyseDrive(engine, 1);
   CHECK(DriveOf(engine, 1).Analysed == TAnalyseInformation::aiFull);
-  CHECK(message.find(u"exFAT") != TString::npos);
+  CHECK(message.find(u"ReFS") != TString::npos);
 
-  CHECK(VolumesOf(exfat) == "exFAT 0\n");  // the boot code is no table
-  TImage copy = exfat;
-  Wipe(copy, 0, 2);
-  CHECK(VolumesOf(DiskOfType7(copy)) == "exFAT 2048 copy\n");
-  Wipe(copy, 12);
-  CHECK(VolumesOf(DiskOfType7(copy)) == "NTFS 2048\n");  // the type's word, where nothing else is known
+  CHECK(VolumesOf(refs) == "ReFS 0\n");  // the boot code is no table
+  TImage gone = refs;
+  Wipe(gone, 0);
+  CHECK(VolumesOf(DiskOfType7(gone)) == "NTFS 2048\n");  // the type's word, where nothing else is known
 
   const struct {
     std::size_t At;
