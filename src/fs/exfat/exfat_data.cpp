@@ -192,7 +192,7 @@ class TexFAT::TSettling {
     }
   }
 
-  static constexpr std::int64_t MostSteps = 1 << 26;  // of guessing, in all
+  static constexpr std::int64_t MostSteps = 1 << 22;  // of guessing, in all
 
   TexFAT& FDriver;
   TDriveInfo& FDrive;
