@@ -91,9 +91,7 @@ bool IsLVM(TBytes head) {
 
 }  // namespace
 
-TFileSystem NameByFirstSector(std::span<const std::uint8_t> head) {
-  return FirstMatch(head, FirstSectorSignatures);
-}
+TFileSystem NameByFirstSector(std::span<const std::uint8_t> head) { return FirstMatch(head, FirstSectorSignatures); }
 
 TFileSystem NameBySuperblock(std::span<const std::uint8_t> head) {
   if (IsLVM(head)) return TFileSystem::fsLVM;
