@@ -4,7 +4,6 @@
 #include "analysis/deep/all_fs.h"
 #include "core/drives.h"
 #include "core/engine.h"
-#include "core/extent_reader.h"
 #include "fs/dispatch.h"
 
 namespace brenlow {
@@ -31,6 +30,12 @@ void GetFileData(TEngine& engine, TByteDynArray& result, TFile& file, int adsNum
   const std::shared_ptr<TFileStream> stream = OpenStream(engine, file, adsNumber);
   if (!stream) return result.clear();
   engine.Content().Read(Drive(engine, file.FileInfo.aDriveNumber), *stream, start, size, result);
+}
+
+TFileStretch GetFileStretch(TEngine& engine, TFile& file, int adsNumber, std::int64_t start, std::int64_t size) {
+  const std::shared_ptr<TFileStream> stream = OpenStream(engine, file, adsNumber);
+  if (!stream) return {};
+  return engine.Content().StretchAt(Drive(engine, file.FileInfo.aDriveNumber), *stream, start, size);
 }
 
 void GetFileFragments(TEngine& engine, TFile& file, TFileFragments& result) {

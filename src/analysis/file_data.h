@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "core/extent_reader.h"
 #include "core/extents.h"
 #include "core/file_records.h"
 #include "core/types.h"
@@ -21,6 +22,9 @@ void GetFileData(TEngine& engine, TByteDynArray& result, TFile& file, int adsNum
 /// The same stream as its reader sees it, kept between reads: `TExtentReader::Read` gives its bytes. Null when there
 /// is no such stream, or nothing in it.
 std::shared_ptr<TFileStream> OpenStream(TEngine& engine, TFile& file, int adsNumber);
+
+/// The stretch of a stream that begins at byte `start` and needs no reading; without length where it does.
+TFileStretch GetFileStretch(TEngine& engine, TFile& file, int adsNumber, std::int64_t start, std::int64_t size);
 
 /// Looks, once a file, for the places where a deleted file may begin (`TFileInfo::FirstClusters`).
 void FindFirstClusters(TEngine& engine, TFile& file);

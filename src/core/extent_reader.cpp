@@ -75,6 +75,24 @@ void TExtentReader::Read(const TDriveInfo& drive, TFileStream& stream, std::int6
   result.resize(static_cast<std::size_t>(at - start));
 }
 
+TFileStretch TExtentReader::StretchAt(const TDriveInfo& drive, TFileStream& stream, std::int64_t start,
+                                      std::int64_t size) {
+  const std::optional<TExtent> extent = start < 0 || size <= 0 ? std::nullopt : stream.At(start, start + size);
+  if (!extent || extent->Estimated) return {};
+  const std::int64_t length = std::min(extent->End() - start, size);
+  if (extent->Kind == TExtentKind::Zeros) return {.Length = length, .IsHole = true};
+  const int file = FEngine.Reader().PlainFile(drive);
+  if (extent->Kind != TExtentKind::Stored || file < 0) return {};
+  const std::int64_t sectorSize = FEngine.Drives().GetBytesPerSector(drive);
+  const std::int64_t place = extent->Place + (start - extent->Offset);
+  const std::int64_t volume = stream.VolumeBytes < 0 ? VolumeBytes(drive, sectorSize) : stream.VolumeBytes;
+  if (place < 0 || place > volume - length) return {};
+  const std::int64_t position = drive.FirstSector * sectorSize + place;
+  const std::int64_t data = FEngine.Reader().NextDataSector(drive, position / sectorSize) * sectorSize;
+  if (data > position) return {.Length = std::min(length, data - position), .IsHole = true};
+  return {.Length = length, .File = file, .Position = position};
+}
+
 /// Fills `bytes` from byte `start` of the stream on, which lies in the extent. `room` bytes may be written over.
 void TExtentReader::ReadExtent(const TDriveInfo& drive, TFileStream& stream, const TExtent& extent, std::int64_t start,
                                std::span<std::uint8_t> bytes, std::size_t room, int shift) {

@@ -26,6 +26,14 @@ struct TBufferRange {
   std::size_t End = 0;
 };
 
+/// A stretch of a stream that can be had without reading it: a hole, or bytes of a file of this system.
+struct TFileStretch {
+  std::int64_t Length = 0;  ///< bytes; 0 where it has to be read
+  bool IsHole = false;
+  int File = -1;              ///< otherwise an open descriptor, read-only
+  std::int64_t Position = 0;  ///< there
+};
+
 class TExtentReader {
  public:
   explicit TExtentReader(TEngine& engine) : FEngine(engine) {}
@@ -42,6 +50,9 @@ class TExtentReader {
   /// read follows the stream's rule and counts as a failed read. `shift` is added to every sector.
   void Read(const TDriveInfo& drive, TFileStream& stream, std::int64_t start, std::int64_t size, TByteDynArray& result,
             int shift = 0);
+
+  /// The stretch that begins at byte `start` of the stream, at most `size` bytes of it.
+  TFileStretch StretchAt(const TDriveInfo& drive, TFileStream& stream, std::int64_t start, std::int64_t size);
 
   /// Fills the buffer from byte `place` of the volume on. False when some of it could not be read: that is zeros,
   /// named in `lost` where it is given, and counts as a failed read.

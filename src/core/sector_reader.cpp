@@ -355,6 +355,11 @@ std::int64_t TSectorReader::DeviceSectors(const TDriveInfo& drive) {
   return size == INT64_MAX ? size : size / FEngine.Drives().GetBytesPerSector(drive);
 }
 
+int TSectorReader::PlainFile(const TDriveInfo& drive) {
+  const IDevice* device = FEngine.Devices().Get(drive.Drive);
+  return device == nullptr || FaultsOf(drive.Drive) != nullptr ? -1 : device->PlainFile();
+}
+
 std::int64_t TSectorReader::NextSectorToScan(const TDriveInfo& drive, std::int64_t sector) {
   const std::int64_t readable = sector + KnownBadSectors(drive, sector);
   // A damaged or cut-off volume may promise terabytes beyond the end of its source: no sector is wanted there.

@@ -54,6 +54,10 @@ class TSectorReader {
   /// The same for scans: places that are known not to read are passed over too.
   std::int64_t NextSectorToScan(const TDriveInfo& drive, std::int64_t sector);
 
+  /// The file that the drive lies in, when its bytes may be copied without reading them here (`IDevice::PlainFile`);
+  /// -1 when there is none, or something in it could not be read.
+  int PlainFile(const TDriveInfo& drive);
+
   /// Sectors of the device that the drive lies on; INT64_MAX when that is not known.
   std::int64_t DeviceSectors(const TDriveInfo& drive);
 

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// Writes a large file's chunks on a thread of its own, so that the target is written while the
-// source is read. The thread sees nothing of the engine but the bytes and the sink handed over.
+// Writes a large file's chunks on a thread of its own, and works out their digest on another, so that the target is
+// written while the source is read. The threads see nothing of the engine but the bytes and the sink handed over.
 #pragma once
 
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -28,25 +29,40 @@ class TChunkWriter {
   /// enough chunks are under way. 0, or the errno of an earlier chunk, after which nothing more
   /// is written until `Finish`.
   int Write(TFileSink& sink, TByteDynArray& chunk);
+  /// The same for a hole of so many bytes.
+  int WriteHole(TFileSink& sink, std::int64_t length);
   /// Waits until everything is written; the next chunk starts anew. 0, or the errno.
   int Finish();
 
  private:
-  static constexpr std::size_t MostChunks = 4;  // bounds the memory
+  static constexpr std::size_t MaxChunks = 8;  // bounds the memory
   struct TJob {
     TFileSink* Sink = nullptr;
     TByteDynArray Bytes;
+    std::int64_t Hole = 0;
+    int StagesLeft = 0;
   };
-  void Run();
+  /// What is done with every chunk, in order; each stage has a thread, started by its first chunk.
+  struct TStage {
+    int (*Work)(TJob& job);
+    std::deque<std::shared_ptr<TJob>> Waiting = {};
+    std::thread Thread = {};
+  };
+
+  static int Append(TJob& job);
+  static int Hash(TJob& job);
+  int HandOver(TJob job);
+  void Enter(TStage& stage, const std::shared_ptr<TJob>& job);
+  void Run(TStage& stage);
 
   std::mutex FMutex;
   std::condition_variable FChanged;
-  std::deque<TJob> FJobs;
+  TStage FAppend{&TChunkWriter::Append};
+  TStage FHash{&TChunkWriter::Hash};
   std::vector<TByteDynArray> FSpare;
-  bool FBusy = false;
+  std::size_t FUnderWay = 0;
   bool FEnding = false;
   int FError = 0;
-  std::thread FThread;  // started by the first chunk
 };
 
 }  // namespace brenlow

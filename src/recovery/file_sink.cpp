@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 
 #include "core/file_io.h"
@@ -25,8 +26,34 @@ TFileSink::TFileSink(int handle, bool digest) : FHandle(handle) {
 
 TFileSink::~TFileSink() { EVP_MD_CTX_free(FDigest); }
 
-int TFileSink::Write(std::span<const std::uint8_t> bytes) {
+void TFileSink::Hash(std::span<const std::uint8_t> bytes) {
   if (FDigest != nullptr) EVP_DigestUpdate(FDigest, bytes.data(), bytes.size());
+}
+
+void TFileSink::HashZeros(std::int64_t length) {
+  static constexpr std::array<std::uint8_t, 65536> zeros{};
+  while (HasDigest() && length > 0) {
+    const std::int64_t count = std::min<std::int64_t>(length, zeros.size());
+    Hash(std::span(zeros).first(static_cast<std::size_t>(count)));
+    length -= count;
+  }
+}
+
+std::int64_t TFileSink::CopyFrom(int file, std::int64_t position, std::int64_t length) {
+  std::int64_t copied = 0;
+  while (copied < length) {
+    off64_t from = position + copied;
+    off64_t to = FLength;
+    const ssize_t count = ::copy_file_range(file, &from, FHandle, &to, static_cast<std::size_t>(length - copied), 0);
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) break;
+    copied += count;
+    FOnTarget = FLength += count;
+  }
+  return copied;
+}
+
+int TFileSink::Append(std::span<const std::uint8_t> bytes) {
   // Runs of blocks that are all zeros or not, with borders at whole blocks of the file.
   const auto size = static_cast<std::int64_t>(bytes.size());
   std::int64_t dataStart = 0;

@@ -20,14 +20,31 @@ class TFileSink {
   TFileSink(const TFileSink&) = delete;
   TFileSink& operator=(const TFileSink&) = delete;
 
-  /// Appends. 0, or the errno.
-  int Write(std::span<const std::uint8_t> bytes);
+  /// Appends to the file and to the digest. 0, or the errno.
+  int Write(std::span<const std::uint8_t> bytes) {
+    Hash(bytes);
+    return Append(bytes);
+  }
+  // The two halves of that; two threads may do one each.
+  int Append(std::span<const std::uint8_t> bytes);
+  void Hash(std::span<const std::uint8_t> bytes);
+  /// Appends a hole, without the digest.
+  void AppendHole(std::int64_t length) { FLength += length; }
+  void HashZeros(std::int64_t length);
+  bool HasDigest() const { return FDigest != nullptr; }
+  /// Whether the system copies from a place of another file faster than reading and writing does: both must lie alike
+  /// in their pages.
+  static bool CanCopy(std::int64_t from, std::int64_t to) { return (from - to) % PageBytes == 0; }
+  /// Appends bytes of another open file, as many as the system copies by itself: the result is their count. Without
+  /// the digest.
+  std::int64_t CopyFrom(int file, std::int64_t position, std::int64_t length);
   /// Gives the file its length where it ends in a hole. 0, or the errno.
   int Finish();
   /// In hexadecimal; empty when it was not asked for. Once.
   std::string Digest();
 
  private:
+  static constexpr std::int64_t PageBytes = 4096;
   int WriteData(std::int64_t offset, std::span<const std::uint8_t> bytes);
 
   int FHandle;

@@ -20,7 +20,8 @@
 namespace brenlow {
 namespace {
 
-constexpr std::int64_t ChunkSize = 0x20000;  // bytes; bounds the memory whatever the file's size
+constexpr std::int64_t ChunkSize = 0x20000;     // bytes; bounds the memory whatever the file's size
+constexpr std::int64_t StretchSize = 0x400000;  // bytes that the system copies at a time: 40 ms of a slow disk
 // From this size on reading and writing overlap; below, the hand-over costs more than it saves.
 constexpr std::int64_t LargeFile = 1 << 20;       // bytes
 constexpr int MostStreamNames = 1000;             // tried for one stream
@@ -112,6 +113,37 @@ int TFileWriter::Finish(std::string& name, bool replace) {
   return error;
 }
 
+/// Writes what comes next of a file. The result is the count of bytes; 0 at the end of what can be read, or after an
+/// error.
+std::int64_t TFileWriter::WriteNext(int fileNumber, TFileOutcome& outcome, TFileSink& sink) {
+  const bool large = outcome.Listed >= LargeFile;
+  if (large) {
+    if (const std::int64_t size = WriteStretch(fileNumber, outcome, sink); size > 0) return size;
+    if (outcome.SystemError != 0) return 0;
+  }
+  FLink.GetFileData(FChunk, fileNumber, -1, outcome.Written, std::min(ChunkSize, outcome.Listed - outcome.Written));
+  if (FChunk.empty()) return 0;
+  const auto size = static_cast<std::int64_t>(FChunk.size());
+  outcome.SystemError = large ? FWriter.Write(sink, FChunk) : sink.Write(FChunk);
+  return outcome.SystemError == 0 ? size : 0;
+}
+
+/// Holes of a live file stay holes, and bytes that nobody here has to see are copied by the system. What it cannot copy
+/// is read, which knows what to do about it.
+std::int64_t TFileWriter::WriteStretch(int fileNumber, TFileOutcome& outcome, TFileSink& sink) {
+  if (FLink.GetFileDeleted(fileNumber)) return 0;
+  const std::int64_t wanted = std::min(StretchSize, outcome.Listed - outcome.Written);
+  const TFileStretch stretch = FLink.GetFileStretch(fileNumber, -1, outcome.Written, wanted);
+  if (stretch.IsHole && stretch.Length > 0) {
+    outcome.SystemError = FWriter.WriteHole(sink, stretch.Length);
+    return outcome.SystemError == 0 ? stretch.Length : 0;
+  }
+  if (stretch.Length < 1 || sink.HasDigest()) return 0;
+  if (!TFileSink::CanCopy(stretch.Position, outcome.Written)) return 0;
+  outcome.SystemError = FWriter.Finish();
+  return outcome.SystemError == 0 ? sink.CopyFrom(stretch.File, stretch.Position, stretch.Length) : 0;
+}
+
 /// Fills in what was written and how it went.
 void TFileWriter::WriteData(int fileNumber, TFileOutcome& outcome, int handle) {
   const std::uint64_t failedReads = FEngine.Reader().FailedReads();
@@ -119,11 +151,8 @@ void TFileWriter::WriteData(int fileNumber, TFileOutcome& outcome, int handle) {
   const bool large = outcome.Listed >= LargeFile;
   TFileSink sink(handle, FOptions.Digests);
   while (outcome.Written < outcome.Listed) {
-    FLink.GetFileData(FChunk, fileNumber, -1, outcome.Written, std::min(ChunkSize, outcome.Listed - outcome.Written));
-    if (FChunk.empty()) break;
-    const auto size = static_cast<std::int64_t>(FChunk.size());
-    outcome.SystemError = large ? FWriter.Write(sink, FChunk) : sink.Write(FChunk);
-    if (outcome.SystemError != 0) break;
+    const std::int64_t size = WriteNext(fileNumber, outcome, sink);
+    if (size == 0) break;
     outcome.Written += size;
     if (OnProgress) OnProgress(size);
     FEngine.Pump();

@@ -64,6 +64,13 @@ void TFileTableLink::GetFileData(TByteDynArray& result, int fileNumber, int adsN
   brenlow::GetFileData(FEngine, result, files.List[static_cast<std::size_t>(fileNumber)], adsNumber, start, size);
 }
 
+TFileStretch TFileTableLink::GetFileStretch(int fileNumber, int adsNumber, std::int64_t start,
+                                            std::int64_t size) const {
+  TFiles& files = FEngine.Files();
+  if (files.IsWrongNumber(fileNumber)) return {};
+  return brenlow::GetFileStretch(FEngine, files.List[static_cast<std::size_t>(fileNumber)], adsNumber, start, size);
+}
+
 TADSDynArray TFileTableLink::GetStreams(int fileNumber) const {
   TADSDynArray streams;
   TFiles& files = FEngine.Files();

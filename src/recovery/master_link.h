@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "core/device/source_guard.h"
+#include "core/extent_reader.h"
 #include "core/file_records.h"
 #include "core/types.h"
 #include "recovery/recovery_types.h"
@@ -54,6 +55,11 @@ class TRecoveryMasterLink {
   /// `adsNumber` -1 is the main stream. A wrong number gives nothing.
   virtual void GetFileData(TByteDynArray& result, int fileNumber, int adsNumber, std::int64_t start,
                            std::int64_t size) const = 0;
+  /// What of it needs no reading, from byte `start` on, at most `size` bytes; nothing: all is read.
+  virtual TFileStretch GetFileStretch(int /*fileNumber*/, int /*adsNumber*/, std::int64_t /*start*/,
+                                      std::int64_t /*size*/) const {
+    return {};
+  }
   virtual TADSDynArray GetStreams(int fileNumber) const = 0;
   /// Writes the whole file; several where it may begin at several places and all are wanted.
   virtual TFileOutcomes Recovery(TFileWriter& writer, int fileNumber, const TTargetFile& target) const = 0;
@@ -88,6 +94,7 @@ class TFileTableLink : public TRecoveryMasterLink {
   bool OwnsContent(int fileNumber) const override;
   void GetFileData(TByteDynArray& result, int fileNumber, int adsNumber, std::int64_t start,
                    std::int64_t size) const override;
+  TFileStretch GetFileStretch(int fileNumber, int adsNumber, std::int64_t start, std::int64_t size) const override;
   TADSDynArray GetStreams(int fileNumber) const override;
   TFileOutcomes Recovery(TFileWriter& writer, int fileNumber, const TTargetFile& target) const override;
   void RecoveryAllADS(TFileWriter& writer, int fileNumber, const TTargetFile& target) const override;

@@ -119,6 +119,18 @@ ssize_t __pread_chk(int file, void* buffer, size_t size, off_t position, size_t 
   return size > room ? (abort(), -1) : ReadAt(file, buffer, size, position);
 }
 
+/// Copies what lies before the first bad byte, as the system does.
+ssize_t copy_file_range(int from, off64_t* position, int to, off64_t* target, size_t size, unsigned flags) {
+  static ssize_t (*next)(int, off64_t*, int, off64_t*, size_t, unsigned);
+  if (next == NULL)
+    next = (ssize_t(*)(int, off64_t*, int, off64_t*, size_t, unsigned))dlsym(RTLD_NEXT, "copy_file_range");
+  const size_t readable = IsFailing(from) && position != NULL ? Readable(*position, size) : size;
+  if (readable > 0) return next(from, position, to, target, readable, flags);
+  NoteFailure(*position, size);
+  errno = EIO;
+  return -1;
+}
+
 ssize_t read(int file, void* buffer, size_t size) {
   static ssize_t (*next)(int, void*, size_t);
   if (next == NULL) next = (ssize_t(*)(int, void*, size_t))dlsym(RTLD_NEXT, "read");

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
@@ -57,6 +58,14 @@ ssize_t pread64(int handle, void* buffer, size_t size, off64_t position) {
   static auto* const real = Real<decltype(pread64)>("pread64");
   BeforeRead(handle);
   return real(handle, buffer, size, position);
+}
+
+/// The source is read, so that reads can be counted.
+ssize_t copy_file_range(int from, off64_t* position, int to, off64_t* target, size_t size, unsigned flags) {
+  static auto* const real = Real<decltype(copy_file_range)>("copy_file_range");
+  if (!IsSource(from)) return real(from, position, to, target, size, flags);
+  errno = EXDEV;
+  return -1;
 }
 
 int renameat(int oldFolder, const char* oldName, int newFolder, const char* newName) noexcept {

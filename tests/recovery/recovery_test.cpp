@@ -378,6 +378,75 @@ TEST_CASE("a sink makes holes of zeros and knows the digest") {
   CHECK(abc.Digest() == "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");  // FIPS 180-4
 }
 
+TEST_CASE("holes and chunks of a large file: the target and the digest are those of all its bytes") {
+  const TTemporaryFolder folder;
+  const THandle handle(::open((folder.Path() + "/large").c_str(), O_WRONLY | O_CREAT, 0600));
+  const THandle plain(::open((folder.Path() + "/plain").c_str(), O_WRONLY | O_CREAT, 0600));
+  TFileSink sink(handle.Get(), true);
+  TFileSink all(plain.Get(), true);
+  TChunkWriter writer;
+  for (int i = 0; i < 40; ++i) {
+    TByteDynArray chunk(static_cast<std::size_t>(10'000 + i), static_cast<std::uint8_t>(i + 1));
+    all.Write(chunk);
+    CHECK(writer.Write(sink, chunk) == 0);
+    const std::int64_t hole = i % 3 == 0 ? 70'001 : 0;
+    all.Write(TByteDynArray(static_cast<std::size_t>(hole)));
+    if (hole > 0) CHECK(writer.WriteHole(sink, hole) == 0);
+  }
+  CHECK(writer.Finish() == 0);
+  CHECK(sink.Finish() == 0);
+  CHECK(all.Finish() == 0);
+  CHECK((ReadFile(folder.Path() + "/large") == ReadFile(folder.Path() + "/plain")));
+  CHECK(sink.Digest() == all.Digest());
+}
+
+TEST_CASE("a large live file of an image file is copied by the system, and stays itself") {
+  std::vector<std::uint32_t> chain;
+  for (std::uint32_t cluster = 10; cluster < 3000; ++cluster) chain.push_back(cluster + (cluster > 1500 ? 7 : 0));
+  TFatBuilder fat(TFatShape{});
+  fat.Chain(chain);
+  std::string content;
+  for (const std::uint32_t cluster : chain) {
+    const std::string piece(512, static_cast<char>('a' + cluster % 23));
+    fat.Fill(cluster, piece);
+    content += piece;
+  }
+  content.resize(content.size() - 100);
+  fat.PutEntry(fat.RootAt(), {"LIVE    BIN", 0x20, 10, static_cast<std::uint32_t>(content.size())});
+  const TTemporaryFolder folder;
+  const std::string image = folder.Path() + "/volume.img";
+  std::ofstream(image, std::ios::binary)
+      .write(reinterpret_cast<const char*>(fat.Image.data()), static_cast<std::streamsize>(fat.Image.size()));
+  TEngine engine;
+  const int number = engine.Drives().Mount(FromUtf8(image), false);
+  REQUIRE(number >= 0);
+  AnalyseDrive(engine, number);
+  const TFileTableLink link(engine);
+  REQUIRE(engine.Files().List.size() == 1);
+  // What needs no reading, put together, is what reading gives.
+  std::string copied;
+  while (copied.size() < content.size()) {
+    const TFileStretch stretch = link.GetFileStretch(0, -1, static_cast<std::int64_t>(copied.size()), 100'000);
+    REQUIRE(stretch.Length > 0);
+    std::string piece(static_cast<std::size_t>(stretch.Length), '\0');
+    if (!stretch.IsHole) REQUIRE(::pread(stretch.File, piece.data(), piece.size(), stretch.Position) > 0);
+    copied += piece;
+  }
+  CHECK((copied == content));
+  CHECK(link.GetFileStretch(0, -1, static_cast<std::int64_t>(content.size()), 1).Length == 0);
+  const TTemporaryFolder target;
+  const THandle out(::open((target.Path() + "/copy").c_str(), O_RDWR | O_CREAT, 0600));
+  const THandle source(::open(image.c_str(), O_RDONLY));
+  TFileSink sink(out.Get(), false);
+  const TByteDynArray head(3, 'h');
+  sink.Write(head);
+  CHECK(sink.CopyFrom(source.Get(), 512, 1000) == 1000);
+  sink.Write(head);
+  const std::string boot(reinterpret_cast<const char*>(fat.Image.data()) + 512, 1000);
+  CHECK((ReadFile(target.Path() + "/copy") == "hhh" + boot + "hhh"));
+  CHECK(sink.CopyFrom(source.Get(), static_cast<std::int64_t>(fat.Image.size()) - 10, 1000) == 10);
+}
+
 TEST_CASE("long paths") {
   const TString folder(158, u'd');
   const TString exact = TString(250, u'd') + u"/" + TString(8, u'n');

@@ -42,6 +42,9 @@ class IDevice {
   virtual int SectorSize() const = 0;
   /// First byte at or after `position` that may be anything but zero; `Size()` when none is.
   virtual std::int64_t NextData(std::int64_t position) { return position; }
+  /// Open descriptor of a regular file, read-only, that has just the bytes of the device in their places; -1 when
+  /// there is none.
+  virtual int PlainFile() const { return -1; }
   /// Appends the files and devices that its bytes come from; those must never be written to. Every
   /// implementation that reads from another device or file passes the question on.
   virtual void AddOrigins(std::vector<TFileIdentity>& origins) const = 0;

@@ -44,6 +44,7 @@ class TLinuxDevice final : public IDevice {
     const off64_t next = ::lseek64(FHandle, position, SEEK_DATA);
     return next >= 0 ? next : errno == ENXIO ? FSize : position;
   }
+  int PlainFile() const override { return FSectorSize == 0 ? FHandle : -1; }
   void AddOrigins(std::vector<TFileIdentity>& origins) const override { origins.push_back(FIdentity); }
 
  private:
