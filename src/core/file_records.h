@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "core/datetime.h"
@@ -22,30 +23,50 @@ struct TAtributes {
   bool blnEncrypted : 1 = false;
 };
 
-/// A list of candidates that nearly every file lacks: one pointer when empty. Copies are deep.
+/// A list of candidates that nearly every file lacks. As large as a pointer, with none and with one value; copies are
+/// deep.
 class TCandidateList {
  public:
   TCandidateList() = default;
   TCandidateList(const TCandidateList& other) { *this = other; }
-  TCandidateList(TCandidateList&&) noexcept = default;
+  TCandidateList(TCandidateList&& other) noexcept : FWord(std::exchange(other.FWord, 0)) {}
   TCandidateList& operator=(const TCandidateList& other) {
-    if (this != &other) FValues = other.FValues ? std::make_unique<TInt64DynArray>(*other.FValues) : nullptr;
+    if (this == &other) return *this;
+    clear();
+    FWord = other.HasList() ? WordOf(new TInt64DynArray(other.List())) : other.FWord;
     return *this;
   }
-  TCandidateList& operator=(TCandidateList&&) noexcept = default;
-  ~TCandidateList() = default;
+  TCandidateList& operator=(TCandidateList&& other) noexcept {
+    std::swap(FWord, other.FWord);
+    return *this;
+  }
+  ~TCandidateList() { clear(); }
 
-  std::size_t size() const { return FValues ? FValues->size() : 0; }
+  std::size_t size() const { return HasList() ? List().size() : FWord == 0 ? 0 : 1; }
   bool empty() const { return size() == 0; }
-  std::int64_t operator[](std::size_t index) const { return (*FValues)[index]; }
-  void clear() { FValues.reset(); }
+  std::int64_t operator[](std::size_t index) const { return HasList() ? List()[index] : Single(); }
+  void clear() {
+    if (HasList()) delete &List();
+    FWord = 0;
+  }
   void push_back(std::int64_t value) {
-    if (!FValues) FValues = std::make_unique<TInt64DynArray>();
-    FValues->push_back(value);
+    if (FWord == 0 && Fits(value)) {
+      FWord = static_cast<std::uint64_t>(value) << 1 | 1;
+      return;
+    }
+    if (!HasList()) FWord = WordOf(FWord == 0 ? new TInt64DynArray() : new TInt64DynArray{Single()});
+    List().push_back(value);
   }
 
  private:
-  std::unique_ptr<TInt64DynArray> FValues;
+  // 0: none; an odd word: one value, twice as large; an even one: the address of a list.
+  static bool Fits(std::int64_t value) { return value >= INT64_MIN / 2 && value <= INT64_MAX / 2; }
+  static std::uint64_t WordOf(TInt64DynArray* list) { return reinterpret_cast<std::uintptr_t>(list); }
+  bool HasList() const { return FWord != 0 && (FWord & 1) == 0; }
+  TInt64DynArray& List() const { return *reinterpret_cast<TInt64DynArray*>(FWord); }
+  std::int64_t Single() const { return static_cast<std::int64_t>(FWord) >> 1; }
+
+  std::uint64_t FWord = 0;
 };
 
 /// All that a driver reports of one file or folder. Millions of these are kept: mind the size.

@@ -47,6 +47,32 @@ TEST_CASE("a fresh record is a ticked folder without a place") {
   CHECK(info.aDriveNumber == 3);
 }
 
+TEST_CASE("candidates: none, one in place, many, of any value, in copies of their own") {
+  for (const TInt64DynArray& values : {TInt64DynArray{},
+                                       {0},
+                                       {-1},
+                                       {7},
+                                       {INT64_MAX / 2},
+                                       {INT64_MIN / 2},
+                                       {INT64_MAX},
+                                       {INT64_MIN},
+                                       {3, INT64_MAX, -9}}) {
+    TCandidateList list;
+    for (const std::int64_t value : values) list.push_back(value);
+    TCandidateList copy = list;
+    TCandidateList moved = std::move(list);
+    copy.push_back(5);
+    REQUIRE(moved.size() == values.size());
+    for (std::size_t i = 0; i < values.size(); ++i) CHECK(moved[i] == values[i]);
+    REQUIRE(copy.size() == values.size() + 1);
+    CHECK(copy[values.size()] == 5);
+    copy = moved;
+    CHECK(copy.size() == values.size());
+    copy.clear();
+    CHECK(copy.empty());
+  }
+}
+
 TEST_CASE("adding: refusals, counts, duplicates only during a partition search") {
   TFixture t;
   CHECK(t.Add(u"loop", 5, 5, true) == -1);
