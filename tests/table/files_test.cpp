@@ -163,9 +163,9 @@ TEST_CASE("filters: state and kind, live folders show with either") {
   filter.Document = true;
   CHECK(t.Files.IsFiltered(deleted, false, filter));
   CHECK_FALSE(t.Files.IsFiltered(99, false, filter));
-  CHECK(IsOfKind(TFileKind::Archive, u"x.7z"));
-  CHECK(IsOfKind(TFileKind::Video, u"x.zm3"));
-  CHECK_FALSE(IsOfKind(TFileKind::Archive, u"7z"));
+  CHECK(IsOfKind(TContentKind::Archive, u"x.7z"));
+  CHECK(IsOfKind(TContentKind::Video, u"x.zm3"));
+  CHECK_FALSE(IsOfKind(TContentKind::Archive, u"7z"));
 }
 
 TEST_CASE("names: what a target refuses, recycle bins, types") {
