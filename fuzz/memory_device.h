@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-#include "core/device/device.h"
+#include "core/device_table.h"
 #include "core/drives.h"
 #include "core/engine.h"
 

@@ -5,7 +5,7 @@
 #include "analysis/deep/all_fs.h"
 #include "analysis/folders.h"
 #include "core/datetime.h"
-#include "core/device/device.h"
+#include "core/device_table.h"
 #include "core/driver_calls.h"
 #include "core/drives.h"
 #include "core/extent_reader.h"
@@ -37,7 +37,9 @@ TEngine::TEngine()
       FAllFS(std::make_unique<TAllFS>(*this)),
       FFAT(std::make_unique<TFAT>(*this)),
       FexFAT(std::make_unique<TexFAT>(*this)),
-      FNTFS(std::make_unique<TNTFS>(*this)) {}
+      FNTFS(std::make_unique<TNTFS>(*this)) {
+  FFiles->Tree = FFolders.get();
+}
 
 TEngine::~TEngine() = default;
 
@@ -91,14 +93,24 @@ void TEngine::DriveListChanged() { FContent->Forget(); }
 void TEngine::ClearDriveFiles(int driveNumber, bool deleteDrive) { FFiles->Clear(driveNumber, deleteDrive); }
 void TEngine::BeginDriveFiles(int driveNumber) { FFiles->DoBeforeAnalyse(driveNumber); }
 
+std::int64_t TEngine::SizeOnDisk(const TFile& file) {
+  const TFileInfo& info = file.FileInfo;
+  if (info.aDeepAnalyse) return FAllFS->GetSizeOnDisk(file);
+  if (FDrives->IsWrongNumber(info.aDriveNumber)) return info.aSize;
+  const TFileSystem system = FDrives->List[static_cast<std::size_t>(info.aDriveNumber)].FileSystem;
+  return WithDriver(
+      *this, system, [&](auto& driver) { return driver.GetSizeOnDisk(file); }, info.aSize);
+}
+
 void TEngine::PumpSlowly() {
   if (!OnPump || FPumping) return;
   const std::int64_t now = SteadyMilliseconds();
   if (now - FLastPump < PumpInterval) return;
   FLastPump = now;
+  // Also where what it calls throws: a scan that is tried again must be served.
+  const std::unique_ptr<bool, void (*)(bool*)> pumping(&FPumping, [](bool* flag) { *flag = false; });
   FPumping = true;
   OnPump();
-  FPumping = false;
 }
 
 }  // namespace brenlow

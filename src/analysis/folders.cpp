@@ -86,6 +86,14 @@ void TFolders::TellDeleted(const TTreeNode& node) const {
   if (FolderTreeView != nullptr) FolderTreeView->NodeDeleted(node);
 }
 
+void TFolders::ShowDeepDir(int driveNumber, int fileNumber, bool canAddNil, bool canCollapse) {
+  TTreeNode* node = GetDeepNode(driveNumber);
+  if (node == nullptr) node = AddSorted(GetDriveRootNode(driveNumber), fileNumber);
+  if (node == nullptr) return;
+  if (canAddNil && node->Children.empty()) AddNil(node);
+  if (canCollapse) Collapse(node);
+}
+
 void TFolders::AddNil(PTreeNode parent) {
   if (parent == nullptr || parent->HasNil) return;
   parent->HasNil = true;

@@ -11,6 +11,7 @@
 
 #include "core/file_records.h"
 #include "core/types.h"
+#include "table/file_tree.h"
 
 namespace brenlow {
 
@@ -72,7 +73,7 @@ struct TCustomFolder {
 using TCustomFolders = std::vector<TCustomFolder>;
 
 /// Wrong numbers and null nodes are ignored; without a view there is no tree.
-class TFolders {
+class TFolders final : public IFileTree {
  public:
   explicit TFolders(TEngine& engine) : FEngine(engine) { FRoot.Data = NoData; }
 
@@ -123,27 +124,24 @@ class TFolders {
   bool Add(PTreeNode parent, int fileNumber);
   /// The same with the children in order afterwards; the new node, or null.
   PTreeNode AddSorted(PTreeNode parent, int fileNumber);
-  /// Shows a folder of the deep analysis at once, under the pseudo-folder of its drive.
-  void AddDeep(int fileNumber);
+  void AddDeep(int fileNumber) override;
+  void FolderFound() override { ++FoundCount; }
+  void ShowDeepDir(int driveNumber, int fileNumber, bool canAddNil, bool canCollapse) override;
   void AddNil(PTreeNode parent);
   void DeleteNil(PTreeNode node);
   /// Fills each child of a node, so that a node that the user opens has its grandchildren ready.
   /// Above 48 children the wait cursor shows meanwhile, if it may.
   void FillNodes(PTreeNode node, bool canChangeCursor);
   void FillDriveNodes(PTreeNode node);
-  /// Drops all nodes of a drive's folders; its own node stays.
-  void FolderListCleared(int driveNumber);
-  /// Drops the nodes of the deep analysis of a drive, but for the pseudo-folder.
-  void DeepListCleared(int driveNumber);
-  /// Drops a drive's own node, and its group when that is left empty.
-  void DriveDeleted(int driveNumber);
+  void FolderListCleared(int driveNumber) override;
+  void DeepListCleared(int driveNumber) override;
+  void DriveDeleted(int driveNumber) override;
   /// The node that shows a file number; null when there is none.
   PTreeNode NodeOf(int fileNumber) const;
   /// The pseudo-folder of the deep analysis of a drive; null when the tree has none.
   PTreeNode GetDeepNode(int driveNumber) const;
   void Collapse(PTreeNode node);
-  /// File numbers after rows of the file table went: `newNumbers[old]`.
-  void MoveNumbers(const std::vector<std::uint32_t>& newNumbers);
+  void MoveNumbers(const std::vector<std::uint32_t>& newNumbers) override;
 
   // ---- custom folders ----
   /// The user's own folders, as far as they are there and lie on a known drive.
@@ -153,7 +151,7 @@ class TFolders {
   /// Looks up the custom folders of a drive in its results and shows what is in them.
   void UpdateCustomFolders(PTreeNode parent, int driveNumber);
   int CustomFoldersInDrive(int driveNumber) const;
-  bool IsCustomFolder(int fileNumber) const;
+  bool IsCustomFolder(int fileNumber) const override;
 
   // ---- analysis and content ----
   bool NodeCanBeAnalysed(const TTreeNode* node) const;

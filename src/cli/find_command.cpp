@@ -31,7 +31,7 @@ TIntegerDynArray QuickSearch(TEngine& engine, const TOptions& options, int numbe
 
 TIntegerDynArray Scan(TEngine& engine, const TOptions& options, int number) {
   ScanForPartitions(engine, options, number);
-  TIntegerDynArray found = Drive(engine, number).SubDrives;
+  TIntegerDynArray found = engine.Drives().AllSubDrives(number);
   if (found.empty() && Drive(engine, number).FileSystem != TFileSystem::fsUnknown) found = {number};
   return found;
 }

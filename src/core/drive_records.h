@@ -82,6 +82,23 @@ inline bool HasResults(const TDriveInfo& drive) {
   return drive.Analysed != TAnalyseInformation::aiNone || drive.DeepAnalysed != TAnalyseInformation::aiNone;
 }
 
+/// In place of the number of a drive that is not there.
+inline constexpr int NoDrive = -1;
+
+/// Calls `callable(number)` for every place of a record that holds the number of a drive. Whoever adds such a
+/// place adds it here: numbers shift when a drive is deleted.
+template <typename TCallable>
+void ForEachDriveNumber(TDriveInfo& drive, TCallable&& callable) {
+  for (int& number : drive.Volumes) callable(number);
+  for (int& number : drive.SubDrives) callable(number);
+}
+
+/// Volumes and sub-drives that are not there any more leave their lists.
+inline void DropNoDrives(TDriveInfo& drive) {
+  std::erase(drive.Volumes, NoDrive);
+  std::erase(drive.SubDrives, NoDrive);
+}
+
 /// Valid only until a drive is added to or deleted from the registry.
 using PDriveInfo = TDriveInfo*;
 

@@ -7,8 +7,8 @@
 #include <type_traits>
 #include <utility>
 
-#include "core/device/device.h"
 #include "core/device/system_disks.h"
+#include "core/device_table.h"
 #include "core/driver_calls.h"
 #include "core/engine.h"
 #include "core/families.h"
@@ -380,20 +380,17 @@ void TDrives::Delete(int number) {
   DeleteSubdrives(number);
   FEngine.ClearDriveFiles(number, true);
   if (OnBeforeDeleted) OnBeforeDeleted(number);
-  const auto forget = [number](TIntegerDynArray& numbers) {
-    std::erase(numbers, number);
-    for (int& n : numbers) {
-      if (n > number) --n;
-    }
-  };
   for (TDriveInfo& drive : List) {
-    forget(drive.Volumes);
-    forget(drive.SubDrives);
+    ForEachDriveNumber(drive, [number](int& n) { n = n == number ? NoDrive : n > number ? n - 1 : n; });
+    DropNoDrives(drive);
   }
   const TString key = List[static_cast<std::size_t>(number)].Drive;
   List.erase(List.begin() + number);
   FEngine.DriveListChanged();
   FEngine.Devices().Close(key);
+  const bool isLast =
+      std::none_of(List.begin(), List.end(), [&](const TDriveInfo& drive) { return drive.Drive == key; });
+  if (isLast && TDeviceTable::IsComposite(key)) FEngine.Devices().Remove(key);
   if (OnDeleted) OnDeleted(number);
 }
 
@@ -431,6 +428,17 @@ void TDrives::DeleteSubdrives(int driveNumber) {
   while (!List[static_cast<std::size_t>(driveNumber)].SubDrives.empty()) {
     Delete(List[static_cast<std::size_t>(driveNumber)].SubDrives.back());
   }
+}
+
+TIntegerDynArray TDrives::AllSubDrives(int driveNumber) const {
+  TIntegerDynArray all;
+  if (IsWrongNumber(driveNumber)) return all;
+  for (const int sub : List[static_cast<std::size_t>(driveNumber)].SubDrives) {
+    all.push_back(sub);
+    const TIntegerDynArray below = AllSubDrives(sub);
+    all.insert(all.end(), below.begin(), below.end());
+  }
+  return all;
 }
 
 void TDrives::UpdateSubDrivesCaptions(int driveNumber) {

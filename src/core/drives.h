@@ -8,8 +8,8 @@
 #include <span>
 #include <vector>
 
-#include "core/device/device.h"
 #include "core/device/source_guard.h"
+#include "core/device_table.h"
 #include "core/drive_records.h"
 #include "core/partitions.h"
 #include "core/sector_reader.h"
@@ -73,6 +73,8 @@ class TDrives {
   /// A new entry inside another drive.
   int AddSubdrive(int driveNumber, int driveIcon);
   void DeleteSubdrives(int driveNumber);
+  /// The sub-drives of a drive, each followed by its own.
+  TIntegerDynArray AllSubDrives(int driveNumber) const;
   void UpdateSubDrivesCaptions(int driveNumber);
   /// Rebuilds all captions that hold words of the language.
   void UpdateLanguage();

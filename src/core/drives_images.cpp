@@ -2,7 +2,7 @@
 // What the registry does with images and ranges of drives.
 #include <set>
 
-#include "core/device/device.h"
+#include "core/device_table.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/images/image_writer.h"

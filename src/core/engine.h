@@ -26,6 +26,7 @@ class TNTFS;
 class TPartitionsInfo;
 class TSectorReader;
 struct TDriveInfo;
+struct TFile;
 enum class TText : std::uint16_t;
 
 /// A message of the engine for the user, in the language in force.
@@ -83,6 +84,10 @@ class TEngine {
   void DriveListChanged();
   void ClearDriveFiles(int driveNumber, bool deleteDrive);
   void BeginDriveFiles(int driveNumber);
+
+  // ---- what the file table needs of upper layers ----
+  /// Bytes that a file occupies; its size where no driver knows.
+  std::int64_t SizeOnDisk(const TFile& file);
 
   // ---- parts ----
   const TLanguage& Language() const { return *FLanguage; }

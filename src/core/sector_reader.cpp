@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <chrono>
 
-#include "core/device/device.h"
+#include "core/device_table.h"
 #include "core/drives.h"
 #include "core/engine.h"
 

@@ -7,14 +7,12 @@
 #include <unordered_map>
 #include <unordered_set>
 
-#include "analysis/deep/all_fs.h"
-#include "analysis/folders.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/language.h"
 #include "core/text.h"
-#include "fs/dispatch.h"
 #include "table/file_kinds.h"
+#include "table/file_tree.h"
 #include "table/signatures.h"
 
 namespace brenlow {
@@ -51,9 +49,9 @@ int TFiles::Add(const TFileInfo& file, std::int64_t parentCluster, bool& ramFull
     ramFull = false;
     if (canIncFoundCount) {
       ++FoundCount;
-      if (file.blnFolder) ++FEngine.Folders().FoundCount;
+      if (file.blnFolder && Tree != nullptr) Tree->FolderFound();
     }
-    if (file.blnFolder && file.aDeepAnalyse) FEngine.Folders().AddDeep(static_cast<int>(number));
+    if (file.blnFolder && file.aDeepAnalyse && Tree != nullptr) Tree->AddDeep(static_cast<int>(number));
     return static_cast<int>(number);
   } catch (const std::bad_alloc&) {
     return -1;
@@ -291,27 +289,23 @@ int TFiles::DeepAnalyseDir(int driveNumber) const {
 
 void TFiles::AddDeepAnalyseDir(int driveNumber, bool canAddNil) {
   if (FEngine.Drives().IsWrongNumber(driveNumber)) return;
-  TFolders& folders = FEngine.Folders();
-  TTreeNode* node = folders.GetDeepNode(driveNumber);
-  if (node == nullptr) {
+  int number = DeepAnalyseDir(driveNumber);
+  if (number < 0) {
     TFileInfo folder;
     ClearInfo(folder, driveNumber);
     folder.FirstCluster = SpecialCluster::DeepAnalyse;
     const TString name = FEngine.Language()[TText::DeepAnalysis];
     folder.strName = name;
-    int number = DeepAnalyseDir(driveNumber);
-    if (number < 0) number = Add(folder, SpecialCluster::Root, false);
-    node = folders.AddSorted(folders.GetDriveRootNode(driveNumber), number);
-    if (node == nullptr) return;
+    number = Add(folder, SpecialCluster::Root, false);
   }
   const bool masterShows = OnGetIsMasterShowing && OnGetIsMasterShowing();
-  if (canAddNil && node->Children.empty()) folders.AddNil(node);
-  if (!canAddNil && !masterShows && !FEngine.PartRecRunning) folders.Collapse(node);
+  const bool canCollapse = !canAddNil && !masterShows && !FEngine.PartRecRunning;
+  if (Tree != nullptr) Tree->ShowDeepDir(driveNumber, number, canAddNil, canCollapse);
 }
 
 int TFiles::AddTreeRow(const TFileInfo& row) { return static_cast<int>(List.Add(row, SpecialCluster::Unselected)); }
 
-bool TFiles::IsCustomFolder(int number) const { return FEngine.Folders().IsCustomFolder(number); }
+bool TFiles::IsCustomFolder(int number) const { return Tree != nullptr && Tree->IsCustomFolder(number); }
 
 bool TFiles::IsRecycleBin(const TFile& file, std::int64_t parentCluster) {
   if (!file.FileInfo.blnFolder || file.ParentCluster != parentCluster) return false;
@@ -327,7 +321,7 @@ void TFiles::EraseFiles(const std::function<bool(std::size_t, const TFile&)>& do
   if (List.EraseIf(doomed, &newNumbers) == 0) return;
   ForgetAdded();
   FEngine.Drives().MoveParentClusters(newNumbers);
-  FEngine.Folders().MoveNumbers(newNumbers);
+  if (Tree != nullptr) Tree->MoveNumbers(newNumbers);
   if (OnNumbersMoved) OnNumbersMoved(newNumbers);
 }
 
@@ -338,8 +332,8 @@ void TFiles::Clear(int driveNumber, bool deleteDrive) {
   TDriveInfo& drive = drives.List[static_cast<std::size_t>(driveNumber)];
   drive.Analysed = drive.DeepAnalysed = TAnalyseInformation::aiNone;
   TDrives::ClearParentClusters(drive);
-  FEngine.Folders().FolderListCleared(driveNumber);
-  if (deleteDrive) FEngine.Folders().DriveDeleted(driveNumber);
+  if (Tree != nullptr) Tree->FolderListCleared(driveNumber);
+  if (deleteDrive && Tree != nullptr) Tree->DriveDeleted(driveNumber);
   EraseFiles([&](std::size_t, const TFile& file) {
     return file.FileInfo.aDriveNumber == driveNumber &&
            (deleteDrive || file.ParentCluster != SpecialCluster::Unselected);
@@ -358,7 +352,7 @@ void TFiles::ClearDeep(int driveNumber) {
   if (drives.IsWrongNumber(driveNumber)) return;
   if (OnBeforeDeepCleared) OnBeforeDeepCleared(driveNumber);
   drives.List[static_cast<std::size_t>(driveNumber)].DeepAnalysed = TAnalyseInformation::aiNone;
-  FEngine.Folders().DeepListCleared(driveNumber);
+  if (Tree != nullptr) Tree->DeepListCleared(driveNumber);
   EraseFiles([&](std::size_t, const TFile& file) {
     return file.FileInfo.aDriveNumber == driveNumber && file.FileInfo.aDeepAnalyse && !IsDeepAnalyse(file.FileInfo);
   });
@@ -384,7 +378,7 @@ void TFiles::ClearUnselected(int driveNumber) {
   });
   const TDrives& drives = FEngine.Drives();
   if (List.empty() || drives.IsWrongNumber(driveNumber)) return;
-  const TIntegerDynArray& subs = drives.List[static_cast<std::size_t>(driveNumber)].SubDrives;
+  const TIntegerDynArray subs = drives.AllSubDrives(driveNumber);
   EraseFiles([&](std::size_t, const TFile& file) {
     return IsRootDir(file.FileInfo) && std::find(subs.begin(), subs.end(), file.FileInfo.aDriveNumber) != subs.end();
   });
@@ -418,14 +412,7 @@ TString TFiles::GetType(TStringView fileName) {
   return text;
 }
 
-std::int64_t TFiles::GetSizeOnDisk(const TFile& file) const {
-  const TFileInfo& info = file.FileInfo;
-  if (info.aDeepAnalyse) return FEngine.AllFS().GetSizeOnDisk(file);
-  if (FEngine.Drives().IsWrongNumber(info.aDriveNumber)) return info.aSize;
-  const TFileSystem system = FEngine.Drives().List[static_cast<std::size_t>(info.aDriveNumber)].FileSystem;
-  return WithDriver(
-      FEngine, system, [&](auto& driver) { return driver.GetSizeOnDisk(file); }, info.aSize);
-}
+std::int64_t TFiles::GetSizeOnDisk(const TFile& file) const { return FEngine.SizeOnDisk(file); }
 
 std::int64_t TFiles::GetSizeInKB(int number) const {
   return IsWrongNumber(number) ? 0 : (Info(number).aSize + 1023) / 1024;

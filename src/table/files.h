@@ -12,6 +12,7 @@
 
 namespace brenlow {
 
+class IFileTree;
 class TEngine;
 
 /// A file number is an index into `List`, valid until the next deletion. The table knows a
@@ -24,6 +25,8 @@ class TFiles {
 
   TFileArray List;
   int FoundCount = 0;
+
+  IFileTree* Tree = nullptr;  ///< shows the rows; null where nothing does
 
   std::function<bool(const TFileInfo&)> OnCanBeAdded;
   std::function<void(int)> OnAdded;

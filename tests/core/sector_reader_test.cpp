@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "core/device/device.h"
+#include "core/device_table.h"
 #include "support/images.h"
 
 using namespace brenlow;

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "core/device/device.h"
+#include "core/device_table.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/text.h"

@@ -3,14 +3,11 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <optional>
 #include <span>
 #include <string>
 #include <vector>
-
-#include "core/types.h"
 
 namespace brenlow {
 
@@ -69,39 +66,5 @@ struct TOpenedDevice {
 
 /// Opens a regular file or block device for reading; anything else is refused with ENOTBLK.
 TOpenedDevice OpenDevice(const std::string& path);
-
-/// The path for a drive key: a text of 4 or more characters is a path as it is; a shorter one
-/// that is a number names the physical drive of that number in the system's list; any other
-/// short text names a volume, which this system does not have.
-std::string DevicePath(TStringView drive);
-
-/// Open devices by drive key. A failed open stays failed, without a new attempt, until another
-/// key is asked for or everything is closed.
-class TDeviceTable {
- public:
-  /// Null when the device cannot be opened; `LastError` then says why.
-  IDevice* Get(TStringView drive);
-  void CloseAll();
-  void Close(TStringView drive);
-  /// errno of the last failed open.
-  int LastError() const { return FLastError; }
-  /// What was wrong with an image file that could be read; only after an error of EOPNOTSUPP.
-  TImageProblem LastProblem() const { return FLastProblem; }
-  const std::string& LastDetail() const { return FLastDetail; }
-  /// Puts a device of the caller's under a key, in place of what the system has there. It stays
-  /// through `Close` and `CloseAll`: it could not be opened again.
-  void Insert(TStringView drive, std::unique_ptr<IDevice> device);
-
- private:
-  std::map<TString, std::unique_ptr<IDevice>, std::less<>> FOpen;
-  std::map<TString, std::unique_ptr<IDevice>, std::less<>> FInserted;
-  TString FLastKey;  // the device used last, spared the search
-  IDevice* FLastDevice = nullptr;
-  TString FFailedKey;
-  bool FHasFailed = false;
-  int FLastError = 0;
-  TImageProblem FLastProblem = TImageProblem::None;
-  std::string FLastDetail;
-};
 
 }  // namespace brenlow

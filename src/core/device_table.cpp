@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
+#include "core/device_table.h"
+
 #include <algorithm>
 
-#include "core/device/device.h"
 #include "core/device/system_disks.h"
 #include "core/images/image_file.h"
 #include "core/text.h"
@@ -57,6 +58,18 @@ void TDeviceTable::Close(TStringView drive) {
 void TDeviceTable::Insert(TStringView drive, std::unique_ptr<IDevice> device) {
   Close(drive);
   FInserted[TString(drive)] = std::move(device);
+}
+
+TString TDeviceTable::InsertComposite(std::unique_ptr<IDevice> device) {
+  TString key = TString(CompositePrefix) + NumberText(++FComposites);
+  Insert(key, std::move(device));
+  return key;
+}
+
+void TDeviceTable::Remove(TStringView drive) {
+  Close(drive);
+  const auto found = FInserted.find(drive);
+  if (found != FInserted.end()) FInserted.erase(found);
 }
 
 }  // namespace brenlow
