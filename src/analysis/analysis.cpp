@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "analysis/deep/all_fs.h"
+#include "analysis/scan.h"
 #include "analysis/search/partition_search.h"
 #include "core/drives.h"
 #include "core/engine.h"
@@ -37,9 +38,7 @@ bool DispatchAnalyseSystem(TEngine& engine, int driveNumber) {
 void AnalyseDrive(TEngine& engine, int driveNumber) {
   TDrives& drives = engine.Drives();
   if (drives.IsWrongNumber(driveNumber)) return;
-  engine.AnalyseProgressBase = 0;
-  engine.AnalyseProgressScale = 1.0;
-  engine.ChangeAnalysingStatus(driveNumber, true);
+  const TAnalysingScope analysing(engine, driveNumber);
   const bool physical = drives.IsPhysical(driveNumber);
   if (!drives.IsDiskIn(driveNumber, true)) {
     // Without its disk a floppy gives nothing: straight to the end.
@@ -63,8 +62,6 @@ void AnalyseDrive(TEngine& engine, int driveNumber) {
     }
   }
   if (engine.Files().FoundCount == 0 && ::geteuid() != 0) engine.ShowMessage(TText::NothingFoundNoRights);
-  engine.ChangeAnalysingStatus(driveNumber, false);
-  if (engine.OnAnalyseProgress) engine.OnAnalyseProgress(0);
 }
 
 void AnalyseFileSystem(TEngine& engine, int driveNumber) {
@@ -147,18 +144,14 @@ bool ScanSectors(TEngine& engine, int driveNumber) {
 
 void DeepAnalyseDrive(TEngine& engine, int driveNumber) {
   if (engine.Drives().IsWrongNumber(driveNumber)) return;
-  engine.AnalyseProgressBase = 0;
-  engine.AnalyseProgressScale = 1.0;
   engine.PartRecRunning = false;
-  engine.ChangeAnalysingStatus(driveNumber, true);
+  const TAnalysingScope analysing(engine, driveNumber);
   engine.Files().ClearDeep(driveNumber);
   if (engine.AllFS().DoBeforeDeepAnalyse(driveNumber)) {
     const bool whole = ScanSectors(engine, driveNumber);
     if (engine.Files().FoundCount == 0 && ::geteuid() != 0) engine.ShowMessage(TText::NothingFoundNoRights);
     if (whole) Drive(engine, driveNumber).DeepAnalysed = TAnalyseInformation::aiFull;
   }
-  engine.ChangeAnalysingStatus(driveNumber, false);
-  if (engine.OnAnalyseProgress) engine.OnAnalyseProgress(0);
 }
 
 void GetDriveFiles(TEngine& engine, TDriveInfo& drive, TFileArray& result, bool rootDirOnly,

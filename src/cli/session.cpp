@@ -4,8 +4,7 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "analysis/analysis.h"
-#include "analysis/deep/all_fs.h"
+#include "analysis/scan.h"
 #include "cli/claims.h"
 #include "cli/findings.h"
 #include "cli/rows.h"
@@ -120,32 +119,36 @@ void ApplyOptions(TEngine& engine, const TOptions& options) {
   engine.FAT().SetOemCodePage(options.CodePage);
 }
 
+namespace {
+
+/// The families that `--systems` names; empty when it names none, for all.
 TPartRecSystems ChosenFamilies(const TOptions& options) {
   TPartRecSystems chosen;
+  const std::vector<std::string>& names = options.Systems;
   for (const TFamily& family : Families()) {
-    const auto& names = options.Systems;
     if (std::find(names.begin(), names.end(), family.ScriptName) != names.end()) chosen.Add(family.Bit);
   }
   return chosen;
 }
 
-TFileSystems ChosenSystems(const TOptions& options) { return SystemsOf(ChosenFamilies(options)); }
-
-TPartRecSystems ChosenSearch(const TOptions& options) {
-  TPartRecSystems search = ChosenFamilies(options);
-  if (search.Empty()) search = ServedFamilies();
-  if (options.Deep) search.Add(TPartRecSystem::DeepAnalysis);
-  return search;
+/// A request for one drive with what the options say of families and types of files.
+TScanRequest RequestFor(const TOptions& options, int number) {
+  TScanRequest request;
+  request.Drive = number;
+  request.Families = ChosenFamilies(options);
+  request.WantsType = [selection = TSelection(options)](TStringView name) { return selection.WantsType(name); };
+  return request;
 }
 
+}  // namespace
+
+TFileSystems ChosenSystems(const TOptions& options) { return SystemsOf(ChosenFamilies(options)); }
+
 void ScanForPartitions(TEngine& engine, const TOptions& options, int number) {
-  const TSelection selection(options);
-  engine.AllFS().OnCanFileBeAdded = [&](TStringView extension) { return selection.WantsType(extension); };
-  engine.PartRecSystems = ChosenSearch(options);
-  engine.PartRecRunning = true;
-  AnalyseDrive(engine, number);
-  engine.PartRecRunning = false;
-  engine.AllFS().OnCanFileBeAdded = nullptr;
+  TScanRequest request = RequestFor(options, number);
+  request.Lost = true;
+  request.Deep = options.Deep;
+  RunScan(engine, request);
 }
 
 void ComplainOfSmallVolumes(TEngine& engine, const TOptions& options, const std::string& source, int disk) {
@@ -234,12 +237,14 @@ class TScans {
   /// The file system of a drive, or those of a disk's volumes.
   void Fast(int number) {
     Begin(TText::AnalysingDrive, number);
-    AnalyseDrive(FEngine, number);
+    TScanRequest request = RequestFor(FOptions, number);
+    request.Fast = true;
+    RunScan(FEngine, request);
     if (!FEngine.Drives().IsPhysical(number)) {
       FAnalysed.Drives.push_back(number);
       return;
     }
-    const TIntegerDynArray& subs = Drive(FEngine, number).SubDrives;
+    const TIntegerDynArray subs = FEngine.Drives().AllSubDrives(number);
     FAnalysed.Drives.insert(FAnalysed.Drives.end(), subs.begin(), subs.end());
     if (subs.empty() && !FOptions.Deep && !FOptions.Best) Complain(FOptions.Texts.Utf8(TText::DiskWithoutVolumes));
   }
@@ -248,7 +253,7 @@ class TScans {
   void Scan(int number) {
     Begin(TText::SearchingPartitions, number);
     ScanForPartitions(FEngine, FOptions, number);
-    FAnalysed.Drives = Drive(FEngine, number).SubDrives;
+    FAnalysed.Drives = FEngine.Drives().AllSubDrives(number);
     if (FAnalysed.Drives.empty() || FOptions.Deep) FAnalysed.Drives.push_back(number);
   }
 
@@ -272,10 +277,9 @@ class TScans {
   /// Every sector of a drive, by content.
   void Deep(int number) {
     Begin(TText::DeepAnalysingDrive, number);
-    const TSelection selection(FOptions);
-    FEngine.AllFS().OnCanFileBeAdded = [&](TStringView extension) { return selection.WantsType(extension); };
-    DeepAnalyseDrive(FEngine, number);
-    FEngine.AllFS().OnCanFileBeAdded = nullptr;
+    TScanRequest request = RequestFor(FOptions, number);
+    request.Deep = true;
+    RunScan(FEngine, request);
     TIntegerDynArray& drives = FAnalysed.Drives;
     if (std::find(drives.begin(), drives.end(), number) == drives.end()) drives.push_back(number);
   }

@@ -34,9 +34,8 @@ struct TAnalysed {
   bool AllReadable = true;  ///< every volume turned out to be what it seemed
 };
 
-/// What `--systems` names, as file systems and as bits of the thorough search; all when it names none.
+/// The file systems that `--systems` names; empty when it names none, for all.
 TFileSystems ChosenSystems(const TOptions& options);
-TPartRecSystems ChosenSearch(const TOptions& options);
 /// One drive through the thorough search; the sub-drives that it found are below it.
 void ScanForPartitions(TEngine& engine, const TOptions& options, int number);
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The quick search for lost partitions: boot sectors only.
 #include <algorithm>
+#include <memory>
 
 #include "core/driver_calls.h"
 #include "core/drives.h"
@@ -26,6 +27,9 @@ bool Overlaps(const TDriveInfo& a, const TDriveInfo& b) {
 
 void TDrives::Find(int number, std::int64_t firstSector, std::int64_t sectorsCount, const TFileSystems& systems) {
   if (IsWrongNumber(number) || sectorsCount == 0) return;
+  // Cleared also where a callback throws.
+  const std::unique_ptr<std::atomic<bool>, void (*)(std::atomic<bool>*)> searching(
+      &CanSearch, [](std::atomic<bool>* flag) { *flag = false; });
   CanSearch = true;
   FoundCount = 0;
   const TFindRange range{number, firstSector, sectorsCount, systems};
@@ -33,7 +37,6 @@ void TDrives::Find(int number, std::int64_t firstSector, std::int64_t sectorsCou
   if (CanSearch) FindInChain(range);
   if (CanSearch) FindInAllSectors(range);
   if (OnFindProgressChanged) OnFindProgressChanged(0);
-  CanSearch = false;
 }
 
 /// What the partition table shows.

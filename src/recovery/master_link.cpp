@@ -2,7 +2,7 @@
 #include "recovery/master_link.h"
 
 #include "analysis/file_data.h"
-#include "core/device/device.h"
+#include "core/device_table.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "recovery/file_writer.h"

@@ -4,10 +4,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <utility>
 
-#include "analysis/analysis.h"
-#include "analysis/deep/all_fs.h"
-#include "core/device/device.h"
+#include "analysis/scan.h"
+#include "core/device_table.h"
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/families.h"
@@ -26,6 +26,18 @@ namespace {
 TAnalyseInformation ScanState(const TDriveInfo& drive) {
   return drive.DriveTypes.Has(TDriveType::dtPhysical) ? drive.DeepAnalysed : drive.Analysed;
 }
+
+/// A flag that is set for as long as this lives, also where an exception ends it.
+class TFlag {
+ public:
+  explicit TFlag(bool& flag) : FFlag(flag) { flag = true; }
+  ~TFlag() { FFlag = false; }
+  TFlag(const TFlag&) = delete;
+  TFlag& operator=(const TFlag&) = delete;
+
+ private:
+  bool& FFlag;
+};
 
 }  // namespace
 
@@ -114,12 +126,17 @@ bool TJobs::Analyse(PTreeNode node, bool isReopen) {
   return done;
 }
 
-void TJobs::AnalyseDeep(int drive) {
+void TJobs::AnalyseDeep(int drive, TWantsType wantsType) {
   if (!CanScan(drive)) return;
-  FDeepRunning = true;
   FEngine.Reader().RenewBadTime();
-  DeepAnalyseDrive(FEngine, drive);
-  FDeepRunning = false;
+  TScanRequest request;
+  request.Drive = drive;
+  request.Deep = true;
+  request.WantsType = std::move(wantsType);
+  {
+    const TFlag deepRunning(FDeepRunning);
+    RunScan(FEngine, request);
+  }
   FEngine.Folders().FillDriveNodes(FEngine.Folders().GetDriveRootNode(drive));
   OnDrivesChanged();
   FView.Rebuild();
@@ -129,8 +146,9 @@ void TJobs::RunMaster(const TMasterChoice& choice) {
   TDrives& drives = FEngine.Drives();
   TFolders& folders = FEngine.Folders();
   if (!CanScan(choice.Drive)) return;
+  TWantsType wantsType;
   if (!choice.Extensions.empty()) {
-    FEngine.AllFS().OnCanFileBeAdded = [&](TStringView extension) {
+    wantsType = [&](TStringView extension) {
       return std::find(choice.Extensions.begin(), choice.Extensions.end(), extension) != choice.Extensions.end();
     };
   }
@@ -139,16 +157,15 @@ void TJobs::RunMaster(const TMasterChoice& choice) {
   if (choice.Lost || (choice.Deep && drives.IsPhysical(choice.Drive))) {
     TPartRecSystems systems = ServedFamilies();
     if (choice.Deep) systems.Add(TPartRecSystem::DeepAnalysis);
-    ScanForPartitions(choice.Drive, systems);
+    ScanForPartitions(choice.Drive, systems, wantsType);
   } else {
     bool whole = true;
     if (choice.Fast) {
       Analyse(folders.GetDriveRootNode(choice.Drive), true);
       whole = ScanState(drives.List[static_cast<std::size_t>(choice.Drive)]) == TAnalyseInformation::aiFull;
     }
-    if (choice.Deep && whole) AnalyseDeep(choice.Drive);
+    if (choice.Deep && whole) AnalyseDeep(choice.Drive, wantsType);
   }
-  FEngine.AllFS().OnCanFileBeAdded = nullptr;
 }
 
 void TJobs::FindPartitions(int drive, std::int64_t firstSector, std::int64_t sectorsCount,
@@ -158,13 +175,17 @@ void TJobs::FindPartitions(int drive, std::int64_t firstSector, std::int64_t sec
   FEngine.Drives().Find(drive, firstSector, sectorsCount, systems);
 }
 
-void TJobs::ScanForPartitions(int drive, const TPartRecSystems& systems) {
+void TJobs::ScanForPartitions(int drive, const TPartRecSystems& systems, TWantsType wantsType) {
   if (!CanScan(drive)) return;
-  FEngine.PartRecSystems = systems;
-  FEngine.PartRecRunning = true;
   FEngine.Reader().RenewBadTime();
-  AnalyseDrive(FEngine, drive);
-  FEngine.PartRecRunning = false;
+  TScanRequest request;
+  request.Drive = drive;
+  request.Lost = true;
+  request.Deep = systems.Has(TPartRecSystem::DeepAnalysis);
+  request.Families = systems;
+  request.Families.Remove(TPartRecSystem::DeepAnalysis);
+  request.WantsType = std::move(wantsType);
+  RunScan(FEngine, request);
   FEngine.Folders().FillDriveNodes(FEngine.Folders().GetDriveRootNode(drive));
   OnDrivesChanged();
   FView.Refresh();

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "analysis/folders.h"
+#include "analysis/scan.h"
 #include "core/file_records.h"
 #include "core/images/image_writer.h"
 #include "core/types.h"
@@ -53,7 +54,7 @@ class TJobs {
   /// The only way in which a drive or a folder node is analysed. `isReopen` throws its results away first. On the
   /// folder of the deep analysis that scan runs.
   bool Analyse(PTreeNode node, bool isReopen);
-  void AnalyseDeep(int drive);
+  void AnalyseDeep(int drive, TWantsType wantsType = nullptr);
   /// All that the wizard was told to do, one after another until the user stops it.
   void RunMaster(const TMasterChoice& choice);
   /// Mounts an image and shows it; its drive number, or -1.
@@ -61,7 +62,7 @@ class TJobs {
   /// The quick search for partitions: sectors from the start of the drive.
   void FindPartitions(int drive, std::int64_t firstSector, std::int64_t sectorsCount, const TFileSystems& systems);
   /// The thorough one.
-  void ScanForPartitions(int drive, const TPartRecSystems& systems);
+  void ScanForPartitions(int drive, const TPartRecSystems& systems, TWantsType wantsType = nullptr);
   /// Puts volumes of a disk under analysis into the tree as soon as something was found on them. True when there are
   /// new ones.
   bool ShowNewSubDrives();
