@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "analysis/deep/all_fs.h"
+#include "analysis/disputed_files.h"
 #include "analysis/scan.h"
 #include "analysis/search/partition_search.h"
 #include "core/drives.h"
@@ -61,6 +62,9 @@ void AnalyseDrive(TEngine& engine, int driveNumber) {
       AnalyseFileSystem(engine, driveNumber);
     }
   }
+  // After a stop, too: what was found may be recovered.
+  MarkDisputedFiles(engine, driveNumber);
+  for (const int sub : TIntegerDynArray(Drive(engine, driveNumber).SubDrives)) MarkDisputedFiles(engine, sub);
   if (engine.Files().FoundCount == 0 && ::geteuid() != 0) engine.ShowMessage(TText::NothingFoundNoRights);
 }
 

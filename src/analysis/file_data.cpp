@@ -78,15 +78,35 @@ void FillADS(TEngine& engine, const TFile& file, TADSDynArray& result) {
   WithDriver(engine, Drive(engine, number).FileSystem, fill, false);
 }
 
-bool IsOverwritten(TEngine& engine, const TFile& file) {
-  const int number = file.FileInfo.aDriveNumber;
-  if (engine.Drives().IsWrongNumber(number)) return false;
+namespace {
+
+/// What the end of the analysis has noted, or for rows that it had to leave out what the driver knows now.
+TContentDoubt NotedDoubtOf(TEngine& engine, const TFile& file) {
+  const TFileInfo& info = file.FileInfo;
+  if (info.Doubt != TContentDoubt::Unchecked || engine.Drives().IsWrongNumber(info.aDriveNumber)) return info.Doubt;
   const auto ask = [&](auto& driver) {
-    if constexpr (requires { driver.IsOverwritten(file); }) return driver.IsOverwritten(file);
-    return false;
+    if constexpr (requires { driver.IsOverwritten(file); }) {
+      if (driver.IsOverwritten(file)) return TContentDoubt::Overwritten;
+    }
+    return TContentDoubt::Unchecked;
   };
-  return WithDriver(engine, Drive(engine, number).FileSystem, ask, false);
+  return WithDriver(engine, Drive(engine, info.aDriveNumber).FileSystem, ask, TContentDoubt::Unchecked);
 }
+
+}  // namespace
+
+TContentDoubt DoubtOf(TEngine& engine, const TFile& file) {
+  const TContentDoubt noted = file.FileInfo.blnDeleted ? NotedDoubtOf(engine, file) : TContentDoubt::None;
+  if (IsOverwritten(noted)) return noted;
+  return PlaceOf(engine, file) == TPlaceSource::Estimated ? TContentDoubt::PlaceEstimated : noted;
+}
+
+bool IsOverwritten(TContentDoubt doubt) {
+  return doubt == TContentDoubt::Overwritten || doubt == TContentDoubt::PartlyOverwritten ||
+         doubt == TContentDoubt::LaterFile;
+}
+
+bool IsOverwritten(TEngine& engine, const TFile& file) { return IsOverwritten(DoubtOf(engine, file)); }
 
 TPlaceSource PlaceOf(TEngine& engine, const TFile& file) {
   const TFileInfo& info = file.FileInfo;

@@ -32,9 +32,13 @@ void FindFirstClusters(TEngine& engine, TFile& file);
 /// The streams and attributes of a file; empty on file systems that have none.
 void FillADS(TEngine& engine, const TFile& file, TADSDynArray& result);
 
-/// True for a deleted file whose place belongs to something else by now: what reads back is hardly
+/// What speaks against the content of a file, as far as is known without reading it.
+TContentDoubt DoubtOf(TEngine& engine, const TFile& file);
+
+/// True for a deleted file whose place, or a part of it, was given to something else: what reads back is not
 /// its content.
 bool IsOverwritten(TEngine& engine, const TFile& file);
+bool IsOverwritten(TContentDoubt doubt);
 
 /// How it is known where a file's content lies, with what is known of its volume and what the driver
 /// adds (content inside a record needs no geometry).

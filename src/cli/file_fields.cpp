@@ -24,6 +24,27 @@ const char* PlaceCode(TPlaceSource place) {
   return "";
 }
 
+const char* DoubtCode(TContentDoubt doubt) {
+  switch (doubt) {
+    case TContentDoubt::Overwritten:
+      return "overwritten";
+    case TContentDoubt::PartlyOverwritten:
+      return "partly_overwritten";
+    case TContentDoubt::LaterFile:
+      return "later_file";
+    case TContentDoubt::Contested:
+      return "contested";
+    case TContentDoubt::PlaceEstimated:
+      return "place_estimated";
+    case TContentDoubt::OtherType:
+      return "other_type";
+    case TContentDoubt::OnlyZeros:
+      return "only_zeros";
+    default:
+      return "";
+  }
+}
+
 namespace {
 
 /// A time as exactly as the source has it. FAT keeps local times without a zone, of the last access the
@@ -52,6 +73,10 @@ const char* VirtualCode(const TFile& file) {
 }
 
 TJsonLine FileFields(TEngine& engine, const TTreeEntry& entry) {
+  return FileFields(engine, entry, DoubtOf(engine, *entry.File));
+}
+
+TJsonLine FileFields(TEngine& engine, const TTreeEntry& entry, TContentDoubt doubt) {
   const TFileInfo& info = entry.File->FileInfo;
   const std::string code = VirtualCode(*entry.File);
   const bool isFAT = IsFAT(engine, info.aDriveNumber);
@@ -65,7 +90,8 @@ TJsonLine FileFields(TEngine& engine, const TTreeEntry& entry) {
       .Flag("folder", info.blnFolder)
       .TextOrNull("virtual", code)
       .Flag("deleted", entry.Deleted())
-      .Flag("overwritten", entry.Deleted() && IsOverwritten(engine, *entry.File))
+      .Flag("overwritten", IsOverwritten(doubt))
+      .TextOrNull("doubt", DoubtCode(doubt))
       .Flag("deep", info.aDeepAnalyse)
       .Flag("compressed", info.Atributes.blnCompressed)
       .Flag("encrypted", info.Atributes.blnEncrypted)

@@ -35,6 +35,7 @@ class TListing final : public ITreeVisitor {
         FDeleted(options.Texts.Utf8(TText::MarkDeleted)),
         FOverwritten(options.Texts.Utf8(TText::MarkOverwritten)),
         FEstimated(options.Texts.Utf8(TText::MarkEstimated)),
+        FDoubtful(options.Texts.Utf8(TText::MarkDoubtful)),
         FEncrypted(options.Texts.Utf8(TText::MarkEncrypted)),
         FCompressed(options.Texts.Utf8(TText::MarkCompressed)) {}
 
@@ -62,8 +63,10 @@ class TListing final : public ITreeVisitor {
   const std::string& Mark(const TTreeEntry& entry) const {
     static const std::string none;
     const TAtributes& attributes = entry.File->FileInfo.Atributes;
-    if (entry.Deleted() && IsOverwritten(FEngine, *entry.File)) return FOverwritten;
-    if (PlaceOf(FEngine, *entry.File) == TPlaceSource::Estimated) return FEstimated;
+    const TContentDoubt doubt = DoubtOf(FEngine, *entry.File);
+    if (IsOverwritten(doubt)) return FOverwritten;
+    if (doubt == TContentDoubt::PlaceEstimated) return FEstimated;
+    if (doubt > TContentDoubt::Overwritten) return FDoubtful;
     if (entry.Deleted()) return FDeleted;
     if (attributes.blnEncrypted) return FEncrypted;
     return attributes.blnCompressed ? FCompressed : none;
@@ -132,6 +135,7 @@ class TListing final : public ITreeVisitor {
   std::string FDeleted;
   std::string FOverwritten;
   std::string FEstimated;
+  std::string FDoubtful;
   std::string FEncrypted;
   std::string FCompressed;
 };

@@ -27,6 +27,8 @@ const char* OutcomeName(TOutcome outcome) {
       return "unreadable";
     case TOutcome::Doubtful:
       return "doubtful";
+    case TOutcome::Overwritten:
+      return "overwritten";
     case TOutcome::Failed:
       return "failed";
     case TOutcome::Skipped:
@@ -88,7 +90,7 @@ std::string TOutcomeLines::Line(const TFileOutcome& outcome, bool parentDeleted)
   const TFile& file = FEngine.Files().List[static_cast<std::size_t>(outcome.FileNumber)];
   const TTreeEntry entry{outcome.FileNumber, &file, path, 0, parentDeleted};
   const bool failed = outcome.Outcome == TOutcome::Failed;
-  return FileFields(FEngine, entry)
+  return FileFields(FEngine, entry, outcome.Doubt)
       .Text("target", outcome.Path)
       .Text("outcome", std::string(OutcomeName(outcome.Outcome)))
       .Number("written", outcome.Written)

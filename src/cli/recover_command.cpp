@@ -67,7 +67,8 @@ std::string FaultText(const TLanguage& texts, const TFileOutcome& fault) {
     case TOutcome::Unreadable:
       return texts.Utf8(TText::FaultUnreadable);
     case TOutcome::Doubtful:
-      return texts.Utf8(TText::FaultDoubtful);
+    case TOutcome::Overwritten:
+      return texts.Utf8(DoubtText(fault.Doubt));
     case TOutcome::Failed:
       return texts.Utf8(TText::FaultFailed, {SystemErrorText(texts, fault.SystemError)});
     default:

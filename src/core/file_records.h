@@ -97,9 +97,10 @@ struct TFileInfo {
   bool FirstClustersChanged : 1 = false;
   bool blnFragmented : 1 = false;
   bool blnChecked : 1 = true;
-  TFirstClusterInfo FirstClusterInfo = TFirstClusterInfo::fciNormal;
-  TPlaceSource Place : 4 = TPlaceSource::Stored;  ///< of this row; ask `PlaceOf` for the whole answer
-  TFileKind Kind : 4 = TFileKind::Regular;        ///< of what is not a folder
+  TFirstClusterInfo FirstClusterInfo : 2 = TFirstClusterInfo::fciNormal;
+  TPlaceSource Place : 2 = TPlaceSource::Stored;   ///< of this row; ask `PlaceOf` for the whole answer
+  TFileKind Kind : 4 = TFileKind::Regular;         ///< of what is not a folder
+  TContentDoubt Doubt = TContentDoubt::Unchecked;  ///< noted at the end of an analysis; ask `DoubtOf`
 };
 
 /// One row of a file table. `ParentCluster` is the `FirstCluster` of the folder it lies in.

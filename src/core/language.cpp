@@ -46,6 +46,25 @@ TString WithLineBreaks(TStringView text) {
 
 }  // namespace
 
+TText DoubtText(TContentDoubt doubt) {
+  switch (doubt) {
+    case TContentDoubt::Overwritten:
+      return TText::DoubtOverwritten;
+    case TContentDoubt::PartlyOverwritten:
+      return TText::DoubtPartlyOverwritten;
+    case TContentDoubt::LaterFile:
+      return TText::DoubtLaterFile;
+    case TContentDoubt::Contested:
+      return TText::DoubtContested;
+    case TContentDoubt::OtherType:
+      return TText::DoubtOtherType;
+    case TContentDoubt::OnlyZeros:
+      return TText::DoubtOnlyZeros;
+    default:
+      return TText::DoubtPlaceEstimated;
+  }
+}
+
 const std::vector<TTextPlace>& TextPlaces() {
   static const std::vector<TTextPlace> places(std::begin(Places), std::end(Places));
   return places;

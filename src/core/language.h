@@ -28,6 +28,9 @@ struct TTextPlace {
   std::string_view Section;
   int Number;
 };
+/// The reason in words, for doubts from `Overwritten` on.
+TText DoubtText(TContentDoubt doubt);
+
 /// All texts, in the order of `TText`.
 const std::vector<TTextPlace>& TextPlaces();
 

@@ -156,6 +156,21 @@ enum class TFileKind : std::uint8_t {
   Socket,
 };
 
+/// Whether the place of a file still holds its content, as the rest of its volume and the bytes themselves
+/// tell. All from `Overwritten` on is a reason to doubt it, and reaches the lists, the JSON output, the
+/// report and the summary of a recovery.
+enum class TContentDoubt : std::uint8_t {
+  Unchecked,          ///< nobody has looked
+  None,               ///< nothing else is known to have been written there
+  Overwritten,        ///< something else begins where it began
+  PartlyOverwritten,  ///< something else lies in a part of it
+  LaterFile,          ///< a file that came after it, and was deleted too, lay in a part of it
+  Contested,          ///< another deleted file claims a part of it, and which came last is not known
+  PlaceEstimated,     ///< `TPlaceSource::Estimated`
+  OtherType,          ///< it does not begin as files of its type do
+  OnlyZeros,          ///< nothing but zeros: what was there was wiped or discarded
+};
+
 /// Special values of `TFileInfo::FirstCluster` and `TFile::ParentCluster`.
 namespace SpecialCluster {
 inline constexpr std::int64_t Unselected = -1;

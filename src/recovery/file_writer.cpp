@@ -11,6 +11,7 @@
 #include "core/engine.h"
 #include "core/sector_reader.h"
 #include "core/text.h"
+#include "recovery/content_check.h"
 #include "recovery/file_sink.h"
 #include "recovery/master_link.h"
 #include "recovery/questions.h"
@@ -115,7 +116,7 @@ int TFileWriter::Finish(std::string& name, bool replace) {
 
 /// Writes what comes next of a file. The result is the count of bytes; 0 at the end of what can be read, or after an
 /// error.
-std::int64_t TFileWriter::WriteNext(int fileNumber, TFileOutcome& outcome, TFileSink& sink) {
+std::int64_t TFileWriter::WriteNext(int fileNumber, TFileOutcome& outcome, TFileSink& sink, TContentCheck& content) {
   const bool large = outcome.Listed >= LargeFile;
   if (large) {
     if (const std::int64_t size = WriteStretch(fileNumber, outcome, sink); size > 0) return size;
@@ -123,6 +124,7 @@ std::int64_t TFileWriter::WriteNext(int fileNumber, TFileOutcome& outcome, TFile
   }
   FLink.GetFileData(FChunk, fileNumber, -1, outcome.Written, std::min(ChunkSize, outcome.Listed - outcome.Written));
   if (FChunk.empty()) return 0;
+  content.Take(FChunk);
   const auto size = static_cast<std::int64_t>(FChunk.size());
   outcome.SystemError = large ? FWriter.Write(sink, FChunk) : sink.Write(FChunk);
   return outcome.SystemError == 0 ? size : 0;
@@ -150,8 +152,9 @@ void TFileWriter::WriteData(int fileNumber, TFileOutcome& outcome, int handle) {
   const std::uint64_t estimatedReads = FEngine.Reader().EstimatedReads();
   const bool large = outcome.Listed >= LargeFile;
   TFileSink sink(handle, FOptions.Digests);
+  TContentCheck content(FEngine, FEngine.Files().List[static_cast<std::size_t>(fileNumber)]);
   while (outcome.Written < outcome.Listed) {
-    const std::int64_t size = WriteNext(fileNumber, outcome, sink);
+    const std::int64_t size = WriteNext(fileNumber, outcome, sink, content);
     if (size == 0) break;
     outcome.Written += size;
     if (OnProgress) OnProgress(size);
@@ -167,10 +170,16 @@ void TFileWriter::WriteData(int fileNumber, TFileOutcome& outcome, int handle) {
   }
   if (outcome.SystemError == 0) outcome.SystemError = sink.Finish();
   outcome.Digest = sink.Digest();
+  if (outcome.Written == 0) return;
   const TFile& file = FEngine.Files().List[static_cast<std::size_t>(fileNumber)];
-  const bool estimated = outcome.Written > 0 && (FEngine.Reader().EstimatedReads() != estimatedReads ||
-                                                 PlaceOf(FEngine, file) == TPlaceSource::Estimated);
-  if (estimated) outcome.Outcome = TOutcome::Doubtful;
+  outcome.Doubt = DoubtOf(FEngine, file);
+  if (outcome.Doubt < TContentDoubt::Overwritten && FEngine.Reader().EstimatedReads() != estimatedReads) {
+    outcome.Doubt = TContentDoubt::PlaceEstimated;
+  }
+  if (outcome.Doubt < TContentDoubt::Overwritten) outcome.Doubt = content.Doubt();
+  if (outcome.Doubt >= TContentDoubt::Overwritten) {
+    outcome.Outcome = IsOverwritten(outcome.Doubt) ? TOutcome::Overwritten : TOutcome::Doubtful;
+  }
   if (FEngine.Reader().FailedReads() != failedReads) outcome.Outcome = TOutcome::Unreadable;
 }
 

@@ -14,6 +14,7 @@
 namespace brenlow {
 
 class IRecoveryQuestions;
+class TContentCheck;
 class TFileSink;
 class TEngine;
 class TRecoveryMasterLink;
@@ -49,7 +50,7 @@ class TFileWriter {
   TFileOutcome WriteFile(int fileNumber, const TTargetFile& target);
   int Finish(std::string& name, bool replace);
   void WriteData(int fileNumber, TFileOutcome& outcome, int handle);
-  std::int64_t WriteNext(int fileNumber, TFileOutcome& outcome, TFileSink& sink);
+  std::int64_t WriteNext(int fileNumber, TFileOutcome& outcome, TFileSink& sink, TContentCheck& content);
   std::int64_t WriteStretch(int fileNumber, TFileOutcome& outcome, TFileSink& sink);
   int FinishStream(const std::string& stream, const TTargetFile& target);
   bool WriteStreamFile(int fileNumber, int adsNumber, const TADS& stream, const TTargetFile& target);

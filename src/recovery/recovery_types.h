@@ -67,11 +67,12 @@ struct TRecoveryOptions : TSaveChoices {
 
 enum class TOutcome {
   Whole,
-  Short,       ///< fewer bytes than listed could be read, or the recovery was stopped
-  Unreadable,  ///< as long as listed, but parts of the source could not be read
-  Doubtful,    ///< as long as listed and readable, but where it lies is an estimate
-  Failed,      ///< could not be created or written
-  Skipped,     ///< left out by the answer to a question
+  Short,        ///< fewer bytes than listed could be read, or the recovery was stopped
+  Unreadable,   ///< as long as listed, but parts of the source could not be read
+  Doubtful,     ///< as long as listed and readable, but something speaks against the content
+  Overwritten,  ///< as long as listed, but the place was given to something else, at least in part
+  Failed,       ///< could not be created or written
+  Skipped,      ///< left out by the answer to a question
 };
 
 struct TFileOutcome {
@@ -80,9 +81,10 @@ struct TFileOutcome {
   std::string Path;     ///< on the target, below its folder
   int SystemError = 0;  ///< errno of a failed file
   bool Stopped = false;
-  std::int64_t Written = 0;  ///< bytes
-  std::int64_t Listed = 0;   ///< bytes
-  std::string Digest;        ///< SHA-256 of what was written, in hexadecimal, if asked for
+  std::int64_t Written = 0;                   ///< bytes
+  std::int64_t Listed = 0;                    ///< bytes
+  TContentDoubt Doubt = TContentDoubt::None;  ///< why it is doubtful or overwritten
+  std::string Digest;                         ///< SHA-256 of what was written, in hexadecimal, if asked for
 };
 
 using TFileOutcomes = std::vector<TFileOutcome>;
@@ -98,8 +100,6 @@ struct TRecoverySummary {
   std::int64_t Skipped = 0;
   std::int64_t SkippedForNames = 0;  ///< of these: a name was refused, of the file or of a folder above it
   std::int64_t DeletedFiles = 0;     ///< of the files written
-  /// Deleted files whose place belongs to another file by now: they were written, but their content is most likely
-  /// that of the other file.
   std::int64_t Overwritten = 0;
   std::int64_t StreamsWritten = 0;
   std::int64_t StreamsLeft = 0;    ///< not wanted on this target
@@ -110,7 +110,7 @@ struct TRecoverySummary {
   bool Stopped = false;
 
   static constexpr std::size_t MaxFaults = 1000;
-  std::int64_t FaultCount() const { return Short + Unreadable + Doubtful + Failed; }
+  std::int64_t FaultCount() const { return Short + Unreadable + Doubtful + Overwritten + Failed; }
   /// Nothing went wrong, and nothing was left out without the user's knowledge.
   bool IsAllWell() const { return FaultCount() == 0 && SkippedForNames == 0 && !Stopped; }
 };

@@ -393,6 +393,9 @@ void TfrmSaveProgress::Record(TFileOutcome outcome, bool parentDeleted) {
     case TOutcome::Doubtful:
       ++FSummary.Doubtful;
       break;
+    case TOutcome::Overwritten:
+      ++FSummary.Overwritten;
+      break;
     case TOutcome::Failed:
       ++FSummary.Failed;
       break;
@@ -402,10 +405,7 @@ void TfrmSaveProgress::Record(TFileOutcome outcome, bool parentDeleted) {
   }
   FSummary.TargetFull = FSummary.TargetFull || IsFullTarget(outcome.SystemError);
   const bool written = outcome.Outcome != TOutcome::Skipped && outcome.Outcome != TOutcome::Failed;
-  if (written && (parentDeleted || FLink.GetFileDeleted(outcome.FileNumber))) {
-    ++FSummary.DeletedFiles;
-    if (FLink.IsOverwritten(outcome.FileNumber)) ++FSummary.Overwritten;
-  }
+  if (written && (parentDeleted || FLink.GetFileDeleted(outcome.FileNumber))) ++FSummary.DeletedFiles;
   if (OnFile) OnFile(outcome, parentDeleted);
   const bool fault = outcome.Outcome != TOutcome::Whole && outcome.Outcome != TOutcome::Skipped;
   if (fault && FSummary.Faults.size() < TRecoverySummary::MaxFaults) FSummary.Faults.push_back(std::move(outcome));

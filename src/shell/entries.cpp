@@ -114,7 +114,7 @@ class TSheet {
     Add(sheet.General, TText::PropertyType, sheet.Row.Type);
     if (!info.blnFolder) Add(sheet.General, TText::PropertySize, SizeWithBytes(language, info.aSize));
     TString status = language[StatusText(sheet.Row.Status)];
-    if (sheet.Row.PlaceEstimated) status += u", " + language[TText::FaultPlaceEstimated];
+    if (sheet.Row.Doubt >= TContentDoubt::Overwritten) status += u", " + language[DoubtText(sheet.Row.Doubt)];
     Add(sheet.General, TText::PropertyStatus, std::move(status));
     Add(sheet.General, TText::PropertyModified, TimeText(info.TimeStamp.dtModified));
     Add(sheet.General, TText::PropertyCreated, TimeText(info.TimeStamp.dtCreated));
@@ -196,8 +196,8 @@ TFileRow MakeRow(TEngine& engine, int fileNumber, bool inDeletedFolder) {
   row.Hidden = info.Atributes.blnHidden;
   const bool asked = !engine.Analysing && !info.blnFolder;
   if (info.blnDeleted || inDeletedFolder) row.Status = TEntryStatus::Deleted;
-  if (info.blnDeleted && asked && IsOverwritten(engine, file)) row.Status = TEntryStatus::Overwritten;
-  row.PlaceEstimated = asked && PlaceOf(engine, file) == TPlaceSource::Estimated;
+  if (asked) row.Doubt = DoubtOf(engine, file);
+  if (IsOverwritten(row.Doubt)) row.Status = TEntryStatus::Overwritten;
   return row;
 }
 

@@ -54,7 +54,7 @@ struct TFileRow {
   TDateTime Created = 0;
   TEntryKind Kind = TEntryKind::File;
   TEntryStatus Status = TEntryStatus::Existing;
-  bool PlaceEstimated = false;  ///< where its content lies was worked out and may be wrong
+  TContentDoubt Doubt = TContentDoubt::None;
   bool Encrypted = false;
   bool Hidden = false;
   bool Checked = false;  ///< on the recovery list

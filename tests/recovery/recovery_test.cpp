@@ -286,6 +286,44 @@ TEST_CASE("refused characters: replaced, asked for, skipped") {
   }
 }
 
+TEST_CASE("deleted files are whole only when neither their volume nor their bytes speak against it") {
+  struct TCase {
+    std::string Name;
+    std::string Begin;
+    std::uint32_t Chained;  // the cluster is in use
+    TOutcome Outcome;
+    TContentDoubt Doubt;
+  };
+  using enum TContentDoubt;
+  const std::vector<TCase> cases{{"\xE5OOD    JPG", "\xFF\xD8\xFF\xE7 of any kind", 0, TOutcome::Whole, None},
+                                 {"\xE5XEXT   TXT", "no known header", 0, TOutcome::Whole, None},
+                                 {"\xE5RONG   JPG", "\x89PNG", 0, TOutcome::Doubtful, OtherType},
+                                 {"\xE5XERO   BIN", "", 0, TOutcome::Doubtful, OnlyZeros},
+                                 {"\xE5XAKEN  JPG", "\x89PNG", 1, TOutcome::Overwritten, Overwritten}};
+  TFatBuilder fat(TFatShape{});
+  std::uint32_t cluster = 10;
+  for (const TCase& c : cases) {
+    fat.PutEntry(fat.RootAt() + (cluster - 10) * 32, {c.Name, 0x20, cluster, 100});
+    fat.Fill(cluster, c.Begin);
+    if (c.Chained != 0) fat.Chain({cluster});
+    ++cluster;
+  }
+  TFixture t(fat);
+  std::vector<TFileOutcome> outcomes;
+  t.OnFile = [&](const TFileOutcome& outcome, bool) { outcomes.push_back(outcome); };
+  const TRecoverySummary& summary = t.Run();
+  CHECK(summary.Whole == 2);
+  CHECK(summary.Doubtful == 2);
+  CHECK(summary.Overwritten == 1);
+  CHECK(summary.FaultCount() == 3);
+  REQUIRE(outcomes.size() == cases.size());
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    CAPTURE(cases[i].Name);
+    CHECK(outcomes[i].Outcome == cases[i].Outcome);
+    CHECK(outcomes[i].Doubt == cases[i].Doubt);
+  }
+}
+
 TEST_CASE("several first clusters: one file, the chosen one, or all") {
   // The low half of the cluster is 100; places 100 and 65636 both begin like a PNG.
   TFatBuilder fat(TFatShape{32, 512, 1, 32, 2, 0, 70000});

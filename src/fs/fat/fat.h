@@ -10,6 +10,7 @@
 #include <functional>
 #include <span>
 
+#include "core/cluster_use.h"
 #include "core/drive_records.h"
 #include "core/driver_calls.h"
 #include "core/file_records.h"
@@ -76,6 +77,13 @@ class TFAT {
   void ChangeFileFirstCluster(TFileInfo& file);
   /// True for a deleted file whose first cluster belongs to something else by now.
   bool IsOverwritten(const TFile& file) const;
+  /// Where a deleted file lies beyond its first cluster is an assumption; but entries tell all of it.
+  static constexpr bool ClaimsAreExact = false;
+  static constexpr bool ClaimsNeedReads = false;
+  /// A bit for each cluster in use; empty without a table.
+  TByteDynArray UsedClusters(const TDriveInfo& drive) const;
+  /// The clusters of a file or folder from its first one on. False where that is not known.
+  bool ClaimedClusters(const TDriveInfo& drive, const TFile& file, TClaim& claim) const;
   /// How it is known where the content lies: an estimate where the entries of an unreadable table or
   /// the high half of a number had to be guessed.
   TPlaceSource PlaceOf(const TFile& file) const;

@@ -166,6 +166,34 @@ bool TFAT::IsOverwritten(const TFile& file) const {
          !IsUnknown(drive, info.FirstCluster);
 }
 
+TByteDynArray TFAT::UsedClusters(const TDriveInfo& drive) const {
+  const TLongWordDynArray& table = FATInfo(drive).FATTable;
+  TByteDynArray bits((table.size() + 7) / 8, 0);
+  for (std::size_t i = 0; i < table.size(); ++i) {
+    const bool used = table[i] != 0 && table[i] != BadMark(drive);
+    if (used) bits[i / 8] = static_cast<std::uint8_t>(bits[i / 8] | 1U << i % 8);
+  }
+  return bits;
+}
+
+bool TFAT::ClaimedClusters(const TDriveInfo& drive, const TFile& file, TClaim& claim) const {
+  const TFileInfo& info = file.FileInfo;
+  const std::int64_t clusterBytes = ClusterBytes(drive);
+  if (clusterBytes <= 0 || info.FirstCluster < 2 || info.FirstCluster > LastCluster(drive)) return false;
+  if (info.blnFolder) {
+    claim.Seen = !drive.ParentClusters.Empty(info.FirstCluster);
+    claim.Others.push_back({info.FirstCluster, 1});
+    return claim.Seen;
+  }
+  const bool isCertain = info.FirstClustersChanged || !MayLackHighHalf(drive, info) || !FATInfo(drive).HighPartUsed;
+  if (info.aSize <= 0 || (!isCertain && !IsStoredPlace(drive, info))) return false;
+  // Of a live file the table tells the rest.
+  const bool wholly = info.blnDeleted || FATInfo(drive).FATTable.empty();
+  const std::int64_t count = wholly ? CeilDiv(info.aSize, clusterBytes) : 1;
+  claim.Content.push_back({info.FirstCluster, std::min(count, LastCluster(drive) + 1 - info.FirstCluster)});
+  return true;
+}
+
 TPlaceSource TFAT::PlaceOf(const TFile& file) const {
   const TFileInfo& info = file.FileInfo;
   if (FEngine.Drives().IsWrongNumber(info.aDriveNumber)) return info.Place;

@@ -11,6 +11,7 @@
 #include <span>
 #include <vector>
 
+#include "core/cluster_use.h"
 #include "core/drive_records.h"
 #include "core/driver_calls.h"
 #include "core/file_records.h"
@@ -106,8 +107,13 @@ class TNTFS {
   /// tells whether the last one taken lies in its record.
   void GetFileFragments(const TFile& file, TFileFragments& result, bool& resident, int adsNumber);
   std::int64_t GetSizeOnDisk(const TFile& file);
-  /// True for a deleted file whose first cluster belongs to something else by now.
-  bool IsOverwritten(const TFile& file);
+  /// A record tells all clusters of its file as they were.
+  static constexpr bool ClaimsAreExact = true;
+  static constexpr bool ClaimsNeedReads = true;
+  /// The volume's own map, a bit for each cluster in use; empty when it cannot be read.
+  TByteDynArray UsedClusters(TDriveInfo& drive);
+  /// The clusters of a file or folder. False when it has none of its own, or its record is gone.
+  bool ClaimedClusters(const TDriveInfo& drive, const TFile& file, TClaim& claim);
   /// How it is known where the content lies. What lies in the record itself needs no geometry.
   TPlaceSource PlaceOf(const TFile& file);
   // ---- partition search ----
@@ -187,7 +193,6 @@ class TNTFS {
   void AddMFTUsage(TDriveInfo& drive, const ntfs::TAttribute& bitmap);
   void ReadVolumeName(TDriveInfo& drive);
   void ComputeFreeSize(TDriveInfo& drive);
-  void FillClustersUsage(TDriveInfo& drive);
   bool HasRecordOfRun(const TDriveInfo& volume, std::int64_t firstSector, std::int64_t records);
   // Records.
   bool ReadRecord(const TDriveInfo& drive, const TMFTRecord& place, TByteDynArray& record);

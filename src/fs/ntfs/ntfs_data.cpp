@@ -410,6 +410,21 @@ void TNTFS::GetFileFragments(const TFile& file, TFileFragments& result, bool& re
   result.insert(result.end(), fragments.begin(), fragments.end());
 }
 
+bool TNTFS::ClaimedClusters(const TDriveInfo& drive, const TFile& file, TClaim& claim) {
+  const TFileInfo& info = file.FileInfo;
+  const std::int64_t volume = VolumeClusters(drive);
+  if (info.FirstCluster < 0 && info.FirstSector < 0 && info.JournalPosition <= 0) return false;
+  ForEachAttribute(drive, file, [&](const TMFTRecord&, const TAttribute& attribute) {
+    if (!attribute.NonResident()) return true;
+    const bool isContent = !info.blnFolder && attribute.Type() == AttrData && attribute.IsDefaultDataStream();
+    for (const TRun& run : attribute.Runs(volume)) {
+      if (run.Lcn >= 0) (isContent ? claim.Content : claim.Others).push_back({run.Lcn, run.Count});
+    }
+    return true;
+  });
+  return !claim.Content.empty() || !claim.Others.empty();
+}
+
 std::int64_t TNTFS::GetSizeOnDisk(const TFile& file) {
   const TDrives& drives = FEngine.Drives();
   if (drives.IsWrongNumber(file.FileInfo.aDriveNumber)) return 0;

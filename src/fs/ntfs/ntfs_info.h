@@ -96,10 +96,7 @@ struct TNTFSInfo {
   /// Old names of folders whose records are used for something else, by `ntfs::ReferenceKey`; during an
   /// analysis only.
   std::unordered_map<std::int64_t, TString> LostFolderNames;
-  /// One bit a cluster of the volume, set while it is in use; read when first asked for.
-  TByteDynArray ClustersUsage;
   bool IsMFTStructureFilled = false;
-  bool IsClustersUsageFilled = false;
   std::vector<TUnknownFirstClusterFile> UnknownFirstClusterFiles;
   bool SystemDataFolderAdded = false;
   /// A sub-drive made from a found boot sector may be dropped at the end of the search.

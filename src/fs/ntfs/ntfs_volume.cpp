@@ -421,22 +421,21 @@ void TNTFS::ComputeFreeSize(TDriveInfo& drive) {
   drive.aFreeSize = static_cast<std::int64_t>(static_cast<double>(drive.SectorsCount) * share) * drive.BytesPerSector;
 }
 
-void TNTFS::FillClustersUsage(TDriveInfo& drive) {
-  TNTFSInfo& info = NTFSInfo(drive);
-  if (info.IsClustersUsageFilled) return;
-  info.IsClustersUsageFilled = true;
+TByteDynArray TNTFS::UsedClusters(TDriveInfo& drive) {
   TFile bitmap;
   bitmap.FileInfo.FirstCluster = BitmapRecord;
   const std::int64_t size = CeilDiv(BackedClusters(drive), 8);
   bitmap.FileInfo.aSize = bitmap.FileInfo.DefaultSize = size;
   constexpr std::int64_t chunk = 1 << 20;
+  TByteDynArray used;
   TByteDynArray bytes;
   for (std::int64_t at = 0; at < size; at += chunk) {
     GetFileData(drive, bytes, bitmap, -1, at, std::min(chunk, size - at), 0);
     if (bytes.empty()) break;
-    info.ClustersUsage.insert(info.ClustersUsage.end(), bytes.begin(), bytes.end());
+    used.insert(used.end(), bytes.begin(), bytes.end());
   }
   ClearMemory();
+  return used;
 }
 
 TPlaceSource TNTFS::PlaceOf(const TFile& file) {
@@ -449,19 +448,6 @@ TPlaceSource TNTFS::PlaceOf(const TFile& file) {
   if (!MapStream(drive, file, -1, stream)) return TPlaceSource::Estimated;
   const auto first = stream.Extents.At(0, 0);
   return !first || first->Kind == TExtentKind::Inline ? info.Place : TPlaceSource::Estimated;
-}
-
-bool TNTFS::IsOverwritten(const TFile& file) {
-  const TFileInfo& info = file.FileInfo;
-  TDrives& drives = FEngine.Drives();
-  if (!info.blnDeleted || info.DataStartingSector < 0 || drives.IsWrongNumber(info.aDriveNumber)) return false;
-  TDriveInfo& drive = drives.List[static_cast<std::size_t>(info.aDriveNumber)];
-  if (NTFSInfo(drive).SectorsPerCluster < 1) return false;
-  FillClustersUsage(drive);
-  const std::int64_t cluster = info.DataStartingSector / NTFSInfo(drive).SectorsPerCluster;
-  const auto byte = static_cast<std::size_t>(cluster / 8);
-  const TByteDynArray& usage = NTFSInfo(drive).ClustersUsage;
-  return byte < usage.size() && (usage[byte] >> (cluster % 8) & 1) != 0;
 }
 
 }  // namespace brenlow

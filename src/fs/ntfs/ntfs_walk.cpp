@@ -467,8 +467,6 @@ void TNTFS::DoBeforeAnalyse(TDriveInfo& drive) {
   info.MFTUsageUnknown.clear();
   info.RecordUses.Clear();
   info.LostFolderNames.clear();
-  info.ClustersUsage.clear();
-  info.IsClustersUsageFilled = false;
   info.LogMFTs.clear();
   info.PartRecMFTStructure.clear();
   info.UnknownFirstClusterFiles.clear();

@@ -201,9 +201,11 @@ QVariant TFileModel::TextOf(const TFileRow& row, int column) const {
   switch (column) {
     case Status:
       if (IsDriveKind(row.Kind)) return QString();
-      return row.PlaceEstimated
-                 ? StatusText(FTexts, row.Status) + QStringLiteral(", ") + Text(FTexts, TText::MarkEstimated)
-                 : StatusText(FTexts, row.Status);
+      if (row.Doubt < TContentDoubt::Overwritten || row.Status == TEntryStatus::Overwritten) {
+        return StatusText(FTexts, row.Status);
+      }
+      return StatusText(FTexts, row.Status) + QStringLiteral(", ") +
+             Text(FTexts, row.Doubt == TContentDoubt::PlaceEstimated ? TText::MarkEstimated : TText::MarkDoubtful);
     case Modified:
       return TimeOrNothing(row.Modified);
     case Created:
@@ -217,7 +219,7 @@ QString TFileModel::TipOf(const TFileRow& row) const {
   QString tip = ToQt(row.Name) + QLatin1Char('\n') + ToQt(row.Type);
   if (row.Size >= 0) tip += QStringLiteral(", ") + SizeOrNothing(row.Size);
   if (row.Status != TEntryStatus::Existing) tip += QLatin1Char('\n') + StatusText(FTexts, row.Status);
-  if (row.PlaceEstimated) tip += QLatin1Char('\n') + Text(FTexts, TText::FaultPlaceEstimated);
+  if (row.Doubt >= TContentDoubt::Overwritten) tip += QLatin1Char('\n') + Text(FTexts, DoubtText(row.Doubt));
   if (!row.Location.empty()) tip += QLatin1Char('\n') + ToQt(row.Location);
   return tip;
 }

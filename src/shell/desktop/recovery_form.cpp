@@ -254,7 +254,8 @@ void TRecoveryMasterForm::ShowSummary(const TRecoverySummary& summary) {
         reason = Caption(TText::FaultHasBadPlaces);
         break;
       case TOutcome::Doubtful:
-        reason = Caption(TText::FaultPlaceEstimated);
+      case TOutcome::Overwritten:
+        reason = Caption(DoubtText(fault.Doubt));
         break;
       case TOutcome::Skipped:
         reason = Caption(TText::FaultNameRefused);
