@@ -228,6 +228,7 @@ class TNTFS {
   void NoteFolderName(const ntfs::TReference& folder, const TFileInfo& info, TDriveInfo& drive) const;
   void FindLostFolderNames(TDriveInfo& drive);
   void SettleParents(TDriveInfo& drive);
+  void KeepFoldersOfLiveFiles(TDriveInfo& drive);
   void AddLostFolders(TDriveInfo& drive);
   // Partition search.
   /// What the test for a new volume came to.

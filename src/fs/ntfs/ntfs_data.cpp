@@ -222,10 +222,14 @@ void TNTFS::ForEachAttribute(const TDriveInfo& drive, const TFile& file, TCallab
   if (!ReadRecordOf(drive, file, base, place)) return;
   const std::int64_t number = info.FirstClusterInfo == TFirstClusterInfo::fciNormal ? info.FirstCluster : -1;
   TInt64DynArray records{info.FirstCluster};
-  for (std::size_t i = 0; i < records.size() && i < MostRecords; ++i) {
+  int foreign = 0;
+  for (std::size_t i = 0; i < records.size() && i < MostListed && foreign < MostRecords; ++i) {
     if (i > 0) {
-      if (!GetSectorByMFTNumber(drive, records[i], place, true) || !ReadRecord(drive, place, extension)) continue;
-      if (!IsExtensionOf(base, number, extension)) continue;
+      const bool isThere = GetSectorByMFTNumber(drive, records[i], place, true) && ReadRecord(drive, place, extension);
+      if (!isThere || !IsExtensionOf(base, number, extension)) {
+        ++foreign;
+        continue;
+      }
     }
     for (TAttributeWalk walk(i > 0 ? extension : base); walk.Next();) {
       if (walk->Type() == AttrAttributeList) AddListedRecords(ReadAttributeList(drive, *walk), records);

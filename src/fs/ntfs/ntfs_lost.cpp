@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <map>
 #include <set>
+#include <unordered_map>
+#include <vector>
 
 #include "core/drives.h"
 #include "core/engine.h"
@@ -99,6 +101,37 @@ void TNTFS::FindLostFolderNames(TDriveInfo& drive) {
       FindFolderNames(bytes, wanted, NTFSInfo(drive).LostFolderNames);
       at += count;
       FEngine.Pump();
+    }
+  }
+}
+
+/// Folders whose records were freed while something live still names them: damage of the record, not of what
+/// lies in it. They are as live as that.
+void TNTFS::KeepFoldersOfLiveFiles(TDriveInfo& drive) {
+  TFileArray& list = FEngine.Files().List;
+  const auto infoOf = [&](std::int64_t row) -> TFileInfo& { return list[static_cast<std::size_t>(row)].FileInfo; };
+  std::unordered_map<std::int64_t, std::vector<std::int64_t>> gone;  // key to the rows of a deleted folder
+  for (const std::int64_t parent : TDrives::GetFoundPosParentClusters(drive)) {
+    for (const std::int64_t row : drive.ParentClusters.Folders(parent)) {
+      if (infoOf(row).blnDeleted) gone[infoOf(row).FirstCluster].push_back(row);
+    }
+  }
+  TInt64DynArray waiting;
+  for (const auto& [key, rows] : gone) {
+    const TInt64DynArray content = drive.ParentClusters.Files(key);
+    if (std::any_of(content.begin(), content.end(), [&](std::int64_t row) { return !infoOf(row).blnDeleted; })) {
+      waiting.push_back(key);
+    }
+  }
+  while (!waiting.empty()) {
+    const auto folder = gone.find(waiting.back());
+    waiting.pop_back();
+    if (folder == gone.end()) continue;
+    const std::vector<std::int64_t> rows = std::move(folder->second);
+    gone.erase(folder);
+    for (const std::int64_t row : rows) {
+      infoOf(row).blnDeleted = false;
+      waiting.push_back(list[static_cast<std::size_t>(row)].ParentCluster);
     }
   }
 }

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <unordered_set>
 
 #include "core/numbers.h"
 #include "core/text.h"
@@ -110,10 +111,11 @@ bool TAttributeWalk::Next() {
 }
 
 void AddListedRecords(std::span<const std::uint8_t> list, TInt64DynArray& records) {
+  std::unordered_set<std::int64_t> known(records.begin(), records.end());
   std::size_t at = 0;
-  for (int i = 0; i < MostEntries && at + 0x16 <= list.size(); ++i) {
+  for (std::size_t i = 0; i < MostListed && at + 0x16 <= list.size(); ++i) {
     const std::int64_t number = ReadReference(list, at + 0x10);
-    if (std::find(records.begin(), records.end(), number) == records.end()) records.push_back(number);
+    if (known.insert(number).second) records.push_back(number);
     const std::size_t step = ReadLe16(list, at + 4);
     if (step == 0) break;
     at += step;
@@ -123,7 +125,7 @@ void AddListedRecords(std::span<const std::uint8_t> list, TInt64DynArray& record
 std::int64_t ListedDataClusters(std::span<const std::uint8_t> list) {
   std::int64_t clusters = 0;
   std::size_t at = 0;
-  for (int i = 0; i < MostEntries && at + 0x16 <= list.size(); ++i) {
+  for (std::size_t i = 0; i < MostListed && at + 0x16 <= list.size(); ++i) {
     const auto first = static_cast<std::int64_t>(ReadLe64(list, at + 8));
     const bool isDefault = ReadLe32(list, at) == AttrData && list[at + 6] == 0;
     if (isDefault && first >= 0 && first < MostClusters) clusters = std::max(clusters, first + 1);

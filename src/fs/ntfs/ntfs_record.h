@@ -27,8 +27,10 @@ enum : std::uint32_t {
 };
 inline constexpr std::int64_t RootRecord = 5;
 inline constexpr int MostAttributes = 257;  // of one record
-inline constexpr int MostRecords = 257;     // of one file
-inline constexpr int MostEntries = 257;     // of one list or index
+inline constexpr int MostRecords = 257;     // of one file, that turn out to be another file's
+inline constexpr int MostEntries = 257;     // of one index
+/// Of one attribute list. Windows ends lists at 256 KiB, which hold fewer.
+inline constexpr std::size_t MostListed = 16384;
 /// No volume has more clusters (Windows stops at 2^32), no cluster more bytes: products of the two
 /// cannot overflow.
 inline constexpr std::int64_t MostClusters = std::int64_t{1} << 36;
@@ -104,7 +106,7 @@ class TAttributeWalk {
 };
 
 /// The record numbers that the entries of an attribute list name, in order, each once. At most
-/// `MostEntries` entries are looked at.
+/// `MostListed` entries are looked at.
 void AddListedRecords(std::span<const std::uint8_t> list, TInt64DynArray& records);
 
 /// What the entries of an attribute list tell of the default stream: one more than the first cluster of

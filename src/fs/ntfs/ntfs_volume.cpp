@@ -201,7 +201,7 @@ bool TNTFS::FillMFTStructureFrom(TDriveInfo& drive, std::int64_t firstSector) {
   info.MFTUsageUnknown.clear();
   TInt64DynArray records{0};
   TByteDynArray record;
-  for (std::size_t i = 0; i < records.size() && i < MostRecords; ++i) {
+  for (std::size_t i = 0; i < records.size() && i < MostListed; ++i) {
     TMFTRecord place{firstSector, 0, 0, 0};
     if (i > 0 && !GetSectorByMFTNumber(drive, records[i], place, false)) continue;
     if (!ReadRecord(drive, place, record)) continue;
@@ -324,7 +324,12 @@ bool TNTFS::ReadRecord(const TDriveInfo& drive, const TMFTRecord& place, TByteDy
   if (place.Sector <= 0) return false;
   const std::int64_t head = place.TailSector > 0 ? std::min<std::int64_t>(place.HeadSectors, sectors) : sectors;
   TSectorReader& reader = FEngine.Reader();
-  if (reader.ReadDriveSectors(drive, record.data(), drive.FirstSector + place.Sector, head) == 0) return false;
+  const auto front = std::span(record).first(static_cast<std::size_t>(head * drive.BytesPerSector));
+  const std::int64_t start = drive.FirstSector + place.Sector;
+  if (reader.ReadDriveSectors(drive, front.data(), start, head) < front.size()) {
+    reader.NoteFailedRead();
+    if (reader.ReadWhatReads(drive, front, start, TReadEffort::Content) == 0) return false;
+  }
   if (head < sectors) {
     std::uint8_t* rest = record.data() + head * drive.BytesPerSector;
     reader.ReadDriveSectors(drive, rest, drive.FirstSector + place.TailSector, sectors - head);

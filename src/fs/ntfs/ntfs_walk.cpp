@@ -100,10 +100,14 @@ bool TNTFS::AnalyseMFTRecord(TDriveInfo& drive, std::span<const std::uint8_t> bu
   if (!ParseAttributes(drive, FRecord, parsed, FRecords, mftNumber, rootDirFastScan, canCheckForAnalysing)) {
     return false;
   }
-  for (std::size_t i = 1; i < FRecords.size() && i < MostRecords; ++i) {
+  int foreign = 0;
+  for (std::size_t i = 1; i < FRecords.size() && i < MostListed && foreign < MostRecords; ++i) {
     TMFTRecord place;
-    if (!GetSectorByMFTNumber(drive, FRecords[i], place, false) || !ReadRecord(drive, place, FExtension)) continue;
-    if (!IsExtensionOf(FRecord, mftNumber, FExtension)) continue;
+    const bool isThere = GetSectorByMFTNumber(drive, FRecords[i], place, false) && ReadRecord(drive, place, FExtension);
+    if (!isThere || !IsExtensionOf(FRecord, mftNumber, FExtension)) {
+      ++foreign;
+      continue;
+    }
     if (!ParseAttributes(drive, FExtension, parsed, FRecords, mftNumber, rootDirFastScan, canCheckForAnalysing)) {
       return false;
     }
@@ -401,6 +405,14 @@ void TNTFS::ForEachRecord(TDriveInfo& drive, TCallable&& callable) {
           // A bad place somewhere in the piece: this record alone.
           loadedBytes = FEngine.Reader().ReadDriveSectors(drive, chunk.data(), drive.FirstSector + sector, needed);
         }
+        if (loadedBytes < needed * sectorSize) {
+          // What of the record reads may name the file; the rest of it is zeros.
+          const auto bytes = std::span(chunk).first(static_cast<std::size_t>(needed * sectorSize));
+          std::fill(bytes.begin(), bytes.end(), std::uint8_t{0});
+          const std::int64_t start = drive.FirstSector + sector;
+          const bool any = FEngine.Reader().ReadWhatReads(drive, bytes, start, TReadEffort::Scan) > 0;
+          loadedBytes = any ? needed * sectorSize : 0;
+        }
       }
       if (at + recordSize > loadedBytes) {
         loadedSector = -1;
@@ -476,6 +488,7 @@ void TNTFS::DoBeforeAnalyse(TDriveInfo& drive) {
 
 void TNTFS::DoAfterAnalyse(TDriveInfo& drive) {
   SettleParents(drive);
+  KeepFoldersOfLiveFiles(drive);
   AddLostFolders(drive);
   if (FEngine.PartRecRunning) {
     PartRecChangeVolumeName(drive);

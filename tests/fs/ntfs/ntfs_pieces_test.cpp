@@ -223,3 +223,41 @@ TEST_CASE("NTFS: where the bitmap of the table cannot be read, the records tell 
   CHECK(t.Has("gone.txt deleted"));
   CHECK(t.Has("freed.txt"));
 }
+
+TEST_CASE("NTFS: a file in more records than one table's fragment, and one whose record reads in half") {
+  constexpr int pieces = 600;  // records of a file that is all fragments
+  TNtfsVolume volume(1024, 2560);
+  const TNtfsReference own{40, 1}, half{41, 1};
+  TImage list;
+  TImage whole;
+  const auto listed = [&](TNtfsReference record, std::int64_t vcn) {
+    TImage entry(0x20);
+    TNtfsRecord::PutInto(entry, 0, 4, 0x80);
+    TNtfsRecord::PutInto(entry, 4, 2, 0x20);
+    TNtfsRecord::PutInto(entry, 8, 8, static_cast<std::uint64_t>(vcn));
+    TNtfsRecord::PutReferenceInto(entry, 0x10, record);
+    list.insert(list.end(), entry.begin(), entry.end());
+  };
+  for (int i = 0; i < pieces; ++i) {
+    const TNtfsReference at{i == 0 ? own.Number : 100 + i, 1};
+    const TImage content = Pattern(ClusterSize, i);
+    volume.Fill(400 + 2 * i, content);
+    whole.insert(whole.end(), content.begin(), content.end());
+    listed(at, i);
+    if (i > 0) volume.Record(at.Number, TNtfsRecord(at).Base(own).Data(TNtfsPiece{{{400 + 2 * i, 1}}, 0, i}));
+  }
+  const auto size = static_cast<std::int64_t>(whole.size());
+  volume.Fill(300, list).Record(own.Number,
+                                TNtfsRecord(own)
+                                    .NonResident(0x20, TNtfsPiece{{{300, 8}}, static_cast<std::int64_t>(list.size())})
+                                    .Name(NtfsRoot, u"fragments.bin", size)
+                                    .Data(TNtfsPiece{{{400, 1}}, size}));
+  volume.File(half, NtfsRoot, u"half.txt", "content in the first sector");
+  TAnalysedNtfs t(volume, {TNtfsVolume::TableCluster * 8 + half.Number * 2 + 1});
+  const auto fragments = t.Read(u"fragments.bin");
+  CHECK(fragments.Whole);
+  CHECK(fragments.Bytes == Part(whole, 0, whole.size()));
+  const auto content = t.Read(u"half.txt");
+  CHECK(Text(content.Bytes) == "content in the first sector");
+  CHECK_FALSE(content.Whole);  // what else the record held is not known
+}

@@ -162,3 +162,17 @@ TEST_CASE("NTFS: records with content and without a name are listed by number an
     CHECK(Text(t.Read(u"File 40.jpg").Bytes) == picture);
   }
 }
+
+TEST_CASE("NTFS: folders whose records were freed are as live as what still lies in them") {
+  TNtfsVolume volume;
+  volume.Folder({40, 2}, NtfsRoot, u"Gone", false).Folder({42, 2}, {40, 1}, u"Inner", false);
+  volume.Folder({44, 2}, {40, 1}, u"Empty", false).File({45, 2}, {44, 1}, u"old.txt", "x", false);
+  volume.File({43, 1}, {42, 1}, u"deep.txt", "x");
+  for (const bool thorough : {false, true}) {
+    CAPTURE(thorough);
+    TAnalysedNtfs t(volume, {}, thorough);
+    CHECK(t.Has("Gone/Inner/deep.txt"));
+    CHECK(t.Has("Gone/Empty deleted"));
+    CHECK(t.Has("Gone/Empty/old.txt deleted"));
+  }
+}
