@@ -141,51 +141,38 @@ TEST_CASE("thorough search: the image of a floppy in a file is no volume") {
 }
 
 TEST_CASE("thorough search: a volume without boot sectors is known by its tables") {
+  struct TRow {
+    std::string What;
+    std::vector<std::uint32_t> Folders;  // their clusters
+    std::string Extension;               // of a file of the root that begins like a PNG
+    TPlaceSource Source;
+  };
+  const std::vector<TRow> rows{{"two folders", {10, 700}, "PNG", TPlaceSource::Stored},
+                               {"a folder and a picture of the root", {10}, "PNG", TPlaceSource::Stored},
+                               {"one picture only", {}, "PNG", TPlaceSource::Estimated},
+                               {"nothing but the room that it fills", {}, "TXT", TPlaceSource::Estimated}};
   for (const int width : {16, 32}) {
     for (const int perCluster : {1, 8}) {
-      CAPTURE(width);
-      CAPTURE(perCluster);
-      TFatBuilder fat(width == 32 ? TFatShape{32, 512, perCluster, 32, 2, 0, 70 * 512 * perCluster}
-                                  : TFatShape{16, 512, perCluster, 1, 2, 512, 40 * 512 * perCluster});
-      PutMedia(fat);
-      fat.PutEntry(fat.RootAt(), {"STICK LABEL", 0x08});
-      const std::string picture = "\x89PNG\r\n\x1A\n";
-      fat.PutEntry(fat.RootAt() + 32, {"PICTURE PNG", 0x20, 3000, 20});
-      fat.Chain({3000});
-      fat.Fill(3000, picture);
-      const auto linesOf = [](const TFatBuilder& of) { return PlainLines(of.Image); };
-      SUBCASE("two folders: certain") {
-        PutFolder(fat, fat.RootAt() + 64, "PHOTOS  ", 10);
-        PutFolder(fat, fat.RootAt() + 96, "LETTERS ", 700);
-        const auto plain = linesOf(fat);
+      for (const TRow& row : rows) {
+        CAPTURE(width);
+        CAPTURE(perCluster);
+        CAPTURE(row.What);
+        TFatBuilder fat(width == 32 ? TFatShape{32, 512, perCluster, 32, 2, 0, 70 * 512 * perCluster}
+                                    : TFatShape{16, 512, perCluster, 1, 2, 512, 40 * 512 * perCluster});
+        PutMedia(fat);
+        fat.PutEntry(fat.RootAt(), {"STICK LABEL", 0x08});
+        fat.PutEntry(fat.RootAt() + 32, {"PICTURE " + row.Extension, 0x20, 3000, 20});
+        fat.Chain({3000});
+        fat.Fill(3000, "\x89PNG\r\n\x1A\n");
+        for (std::size_t i = 0; i < row.Folders.size(); ++i) {
+          PutFolder(fat, fat.RootAt() + 64 + i * 32, "DIR" + std::to_string(i) + "    ", row.Folders[i]);
+        }
+        const auto plain = PlainLines(fat.Image);
         WipeBoot(fat);
         TSearched t(fat.Image);
         CHECK(LinesOf(t.Engine, t.Number) == plain);
-        CHECK(t.Volume().GeometrySource == TPlaceSource::Stored);
+        CHECK(t.Volume().GeometrySource == row.Source);
         CHECK(t.Volume().VolumeName == u"STICK LABEL");
-      }
-      SUBCASE("one folder and a picture of the root: certain") {
-        PutFolder(fat, fat.RootAt() + 64, "PHOTOS  ", 10);
-        const auto plain = linesOf(fat);
-        WipeBoot(fat);
-        TSearched t(fat.Image);
-        CHECK(LinesOf(t.Engine, t.Number) == plain);
-        CHECK(t.Volume().GeometrySource == TPlaceSource::Stored);
-      }
-      SUBCASE("one picture only: an estimate") {
-        const auto plain = linesOf(fat);
-        WipeBoot(fat);
-        TSearched t(fat.Image);
-        CHECK(LinesOf(t.Engine, t.Number) == plain);
-        CHECK(t.Volume().GeometrySource == TPlaceSource::Estimated);
-      }
-      SUBCASE("nothing but the room that it fills: an estimate") {
-        fat.PutEntry(fat.RootAt() + 32, {"TEXT    TXT", 0x20, 3000, 20});
-        const auto plain = linesOf(fat);
-        WipeBoot(fat);
-        TSearched t(fat.Image);
-        CHECK(LinesOf(t.Engine, t.Number) == plain);
-        CHECK(t.Volume().GeometrySource == TPlaceSource::Estimated);
       }
     }
   }
