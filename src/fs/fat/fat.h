@@ -114,6 +114,8 @@ class TFAT {
   bool IsBackupBootSector(std::span<const std::uint8_t> head, int bytesPerSector) const;
   bool IsTableStart(const TDriveInfo& volume, std::span<const std::uint8_t> boot, std::int64_t sector);
   bool ReadBootSector(TDriveInfo& drive, std::int64_t sector, bool fillTable);
+  bool HasFolderAt(const TDriveInfo& drive, int sectorsPerCluster);
+  void CheckClusterSize(TDriveInfo& drive, std::int64_t statedSectors);
   void ReadVolumeName(TDriveInfo& drive, std::span<const std::uint8_t> boot);
   void ReadFreeSize(TDriveInfo& drive);
   bool IsBlank(const TDriveInfo& drive, std::int64_t cluster);

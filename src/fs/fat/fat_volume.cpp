@@ -145,7 +145,8 @@ bool TFAT::ReadBootSector(TDriveInfo& drive, std::int64_t sector, bool fillTable
   TFATInfo& info = FATInfo(drive);
   if (drive.BytesPerSector == 0) drive.DefaultBytesPerSector = drive.BytesPerSector = ReadLe16(boot, BytesPerSectorAt);
   if (drive.BytesPerSector < 1) return false;
-  if (info.SectorsPerCluster == 0) drive.DefaultSectorsPerCluster = info.SectorsPerCluster = boot[SectorsPerClusterAt];
+  const bool isStated = info.SectorsPerCluster == 0;
+  if (isStated) drive.DefaultSectorsPerCluster = info.SectorsPerCluster = boot[SectorsPerClusterAt];
   if (info.SectorsPerCluster < 1) return false;
   if (drive.SectorsCount <= 0) {
     drive.SectorsCount = std::int64_t{ReadLe32(boot, TotalSectors32At)} + ReadLe16(boot, TotalSectors16At);
@@ -186,10 +187,58 @@ bool TFAT::ReadBootSector(TDriveInfo& drive, std::int64_t sector, bool fillTable
       drive.FileSystem = drive.DefaultSystem = TFileSystem::fsFAT12;
     }
   }
+  if (isStated) {
+    CheckClusterSize(drive, std::int64_t{ReadLe32(boot, TotalSectors32At)} + ReadLe16(boot, TotalSectors16At));
+  }
   ReadVolumeName(drive, boot);
   if (fillTable && info.FATTable.empty()) LoadTable(drive);
   if (drive.aFreeSize < 0) ReadFreeSize(drive);
   return true;
+}
+
+/// Whether a live folder of the root begins where clusters of that size have it, and names itself.
+bool TFAT::HasFolderAt(const TDriveInfo& drive, int sectorsPerCluster) {
+  constexpr std::int64_t rootSectors = 8;
+  const TFATInfo& info = FATInfo(drive);
+  const auto placeOf = [&](std::uint32_t cluster) {
+    return drive.FirstSector + info.DataFirstSector + (std::int64_t{cluster} - 2) * sectorsPerCluster;
+  };
+  const auto sectorSize = static_cast<std::size_t>(drive.BytesPerSector);
+  TByteDynArray root(rootSectors * sectorSize, 0);
+  TByteDynArray folder(sectorSize);
+  FEngine.Reader().ReadWhatReads(drive, root, placeOf(info.RootDirFirstCluster), TReadEffort::Scan);
+  for (std::size_t at = 0; at + EntrySize <= root.size() && root[at] != 0; at += EntrySize) {
+    const bool isFolder = (root[at + 11] & (AttrFolder | AttrVolume)) == AttrFolder && root[at] != DeletedMark;
+    const std::uint32_t cluster = EntryCluster(root, at);
+    if (!isFolder || cluster < 3 || placeOf(cluster) >= drive.FirstSector + drive.SectorsCount) continue;
+    if (FEngine.Reader().ReadDriveSectors(drive, folder.data(), placeOf(cluster), 1) != folder.size()) continue;
+    if (IsFolderStart(drive, folder, 0, false) && EntryCluster(folder, 0) == cluster) return true;
+  }
+  return false;
+}
+
+/// A table of FAT32 is as long as its volume has clusters. Where the stated cluster size does not agree with that,
+/// a folder of the root decides; where none does, the size is an estimate.
+void TFAT::CheckClusterSize(TDriveInfo& drive, std::int64_t statedSectors) {
+  constexpr std::int64_t slack = 16;  // sectors of the table
+  TFATInfo& info = FATInfo(drive);
+  if (!IsFAT32(drive) || info.FATSize == 0 || info.RootDirFirstCluster < 2) return;
+  const std::int64_t perSector = drive.BytesPerSector / 4;
+  const std::int64_t sectors = std::max<std::int64_t>(statedSectors - info.DataFirstSector, 0);
+  const auto fits = [&](int perCluster) {
+    const std::int64_t needed = CeilDiv(sectors / perCluster + 2, perSector);
+    return needed <= info.FATSize && info.FATSize < 2 * needed + slack;
+  };
+  const int stated = info.SectorsPerCluster;
+  if (fits(stated) || HasFolderAt(drive, stated)) return;
+  for (int perCluster = 1; perCluster <= 128; perCluster *= 2) {
+    if (perCluster == stated || !fits(perCluster) || !HasFolderAt(drive, perCluster)) continue;
+    drive.DefaultSectorsPerCluster = info.SectorsPerCluster = perCluster;
+    info.RootDirFirstSector =
+        (info.RootDirFirstCluster - 2) * static_cast<std::uint32_t>(perCluster) + info.DataFirstSector;
+    return;
+  }
+  drive.GeometrySource = TPlaceSource::Estimated;
 }
 
 void TFAT::LoadTable(TDriveInfo& drive) {

@@ -202,6 +202,9 @@ TFolderWalk::TStep TFolderWalk::WalkSector(std::span<const std::uint8_t> sector,
 }
 
 void TFolderWalk::Enter(TFileInfo& info) {
+  // No file of the volume was ever that long: what looks like an entry is something else.
+  const std::int64_t room = ClusterRoom(FDrive) * ClusterBytes(FDrive);
+  if (info.blnDeleted && !info.blnFolder && info.aSize > room) return;
   // The table, not the directory, decides whether a file is there.
   if (!info.blnDeleted && info.aSize > 0 && FreeOrBad(FDrive, info.FirstCluster)) info.blnDeleted = true;
   if (FLost) {

@@ -410,3 +410,28 @@ TEST_CASE("FAT32: a deleted folder is looked for in free space first") {
   CHECK(Has(walk, "LIVE/INLIVE.TXT"));
   CHECK_FALSE(Has(walk, "?ONE/INLIVE.TXT"));
 }
+
+TEST_CASE("FAT32: a damaged cluster size is put right by a folder, or told") {
+  for (const std::uint8_t stated : {2, 8, 64}) {
+    for (const bool withFolder : {true, false}) {
+      CAPTURE(stated);
+      CAPTURE(withFolder);
+      TFatBuilder fat(TFatShape{32, 512, 1, 32, 2, 0, 70000});
+      fat.Chain({2});
+      fat.PutEntry(fat.RootAt(), {"FILE    TXT", 0x20, 3000, 512});
+      fat.Chain({3000});
+      fat.Fill(3000, Letters('x'));
+      fat.PutEntry(fat.RootAt() + 32, {"\xE5NDLESSTXT", 0x20, 4000, 70000 * 512});  // no entry: longer than the volume
+      if (withFolder) {
+        fat.PutEntry(fat.RootAt() + 64, {"DIR        ", 0x10, 10});
+        fat.Chain({10});
+        fat.PutDots(10, 0);
+      }
+      fat.Image[13] = stated;
+      TDamaged t(fat, {});
+      CHECK(t.Drive().GeometrySource == (withFolder ? TPlaceSource::Stored : TPlaceSource::Estimated));
+      if (withFolder) CHECK(t.Data(u"FILE.TXT") == Letters('x'));
+      CHECK(t.Find(u"?NDLESS.TXT") == nullptr);
+    }
+  }
+}
