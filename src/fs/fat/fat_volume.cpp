@@ -227,7 +227,7 @@ void TFAT::CheckClusterSize(TDriveInfo& drive, std::int64_t statedSectors) {
   const std::int64_t sectors = std::max<std::int64_t>(statedSectors - info.DataFirstSector, 0);
   const auto fits = [&](int perCluster) {
     const std::int64_t needed = CeilDiv(sectors / perCluster + 2, perSector);
-    return needed <= info.FATSize && info.FATSize < 2 * needed + slack;
+    return needed <= info.FATSize && 2 * std::int64_t{info.FATSize} < 3 * needed + slack;
   };
   const int stated = info.SectorsPerCluster;
   if (fits(stated) || HasFolderAt(drive, stated)) return;

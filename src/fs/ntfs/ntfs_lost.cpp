@@ -119,9 +119,8 @@ void TNTFS::KeepFoldersOfLiveFiles(TDriveInfo& drive) {
   TInt64DynArray waiting;
   for (const auto& [key, rows] : gone) {
     const TInt64DynArray content = drive.ParentClusters.Files(key);
-    if (std::any_of(content.begin(), content.end(), [&](std::int64_t row) { return !infoOf(row).blnDeleted; })) {
-      waiting.push_back(key);
-    }
+    const auto isLiveFile = [&](std::int64_t row) { return !infoOf(row).blnDeleted && !infoOf(row).blnFolder; };
+    if (std::any_of(content.begin(), content.end(), isLiveFile)) waiting.push_back(key);
   }
   while (!waiting.empty()) {
     const auto folder = gone.find(waiting.back());

@@ -25,7 +25,7 @@ TEST_CASE("a bad cluster belongs to no file: what begins there is deleted, and n
     fat.PutEntry(fat.RootAt(), {"BAD     BIN", 0x20, 10, 300});
     fat.PutEntry(fat.RootAt() + 32, {"\xE5GONE   BIN", 0x20, 11, 300});
     fat.PutEntry(fat.RootAt() + 64, {"\xE5OVER   BIN", 0x20, 12, 300});
-    fat.PutEntry(fat.RootAt() + 96, {"LIVE    BIN", 0x20, 12, 300});
+    fat.PutEntry(fat.RootAt() + 96, {"LIVE    BIN", 0x20, 12, 200});
     fat.Link(10, row.BadMark);
     fat.Link(11, row.BadMark);
     fat.Chain({12});

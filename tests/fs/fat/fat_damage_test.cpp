@@ -412,7 +412,7 @@ TEST_CASE("FAT32: a deleted folder is looked for in free space first") {
 }
 
 TEST_CASE("FAT32: a damaged cluster size is put right by a folder, or told") {
-  for (const std::uint8_t stated : {2, 8, 64}) {
+  for (const int stated : {2, 8, 64}) {
     for (const bool withFolder : {true, false}) {
       CAPTURE(stated);
       CAPTURE(withFolder);
@@ -427,7 +427,7 @@ TEST_CASE("FAT32: a damaged cluster size is put right by a folder, or told") {
         fat.Chain({10});
         fat.PutDots(10, 0);
       }
-      fat.Image[13] = stated;
+      fat.Image[13] = static_cast<std::uint8_t>(stated);
       TDamaged t(fat, {});
       CHECK(t.Drive().GeometrySource == (withFolder ? TPlaceSource::Stored : TPlaceSource::Estimated));
       if (withFolder) CHECK(t.Data(u"FILE.TXT") == Letters('x'));
