@@ -35,12 +35,6 @@ const TFileInfo& TFileTableLink::Info(int fileNumber) const {
 
 bool TFileTableLink::IsFileWrongNumber(int fileNumber) const { return FEngine.Files().IsWrongNumber(fileNumber); }
 
-bool TFileTableLink::IsOverwritten(int fileNumber) const {
-  TFiles& files = FEngine.Files();
-  return !files.IsWrongNumber(fileNumber) &&
-         brenlow::IsOverwritten(FEngine, files.List[static_cast<std::size_t>(fileNumber)]);
-}
-
 bool TFileTableLink::IsFiltered(int fileNumber, bool parentDeleted, const TFileFilter& filter) const {
   return FEngine.Files().IsFiltered(fileNumber, parentDeleted, filter);
 }

@@ -42,8 +42,6 @@ class TRecoveryMasterLink {
   /// Bytes.
   virtual std::int64_t GetFileSize(int fileNumber) const = 0;
   virtual bool GetFileDeleted(int fileNumber) const = 0;
-  /// Deleted, and its place belongs to another file by now.
-  virtual bool IsOverwritten(int fileNumber) const = 0;
   virtual int GetFileDriveNumber(int fileNumber) const = 0;
   virtual std::int64_t GetFileFirstCluster(int fileNumber) const = 0;
   virtual TTimeStamp GetFileTimes(int fileNumber) const = 0;
@@ -85,7 +83,6 @@ class TFileTableLink : public TRecoveryMasterLink {
   TStringView GetFileName(int fileNumber) const override { return Info(fileNumber).strName; }
   std::int64_t GetFileSize(int fileNumber) const override { return Info(fileNumber).aSize; }
   bool GetFileDeleted(int fileNumber) const override { return Info(fileNumber).blnDeleted; }
-  bool IsOverwritten(int fileNumber) const override;
   int GetFileDriveNumber(int fileNumber) const override { return Info(fileNumber).aDriveNumber; }
   std::int64_t GetFileFirstCluster(int fileNumber) const override { return Info(fileNumber).FirstCluster; }
   TTimeStamp GetFileTimes(int fileNumber) const override { return Info(fileNumber).TimeStamp; }
