@@ -37,7 +37,9 @@ TEngine::TEngine()
       FAllFS(std::make_unique<TAllFS>(*this)),
       FFAT(std::make_unique<TFAT>(*this)),
       FexFAT(std::make_unique<TexFAT>(*this)),
-      FNTFS(std::make_unique<TNTFS>(*this)) {
+      FNTFS(std::make_unique<TNTFS>(*this)),
+      FExtX(std::make_unique<TExtX>(*this)),
+      FXFS(std::make_unique<TXFS>(*this)) {
   FFiles->Tree = FFolders.get();
 }
 

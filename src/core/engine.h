@@ -15,6 +15,7 @@ class TAllFS;
 class TDeviceTable;
 class TDriverCalls;
 class TDrives;
+class TExtX;
 class TExtentReader;
 class TFAT;
 class TexFAT;
@@ -25,6 +26,7 @@ class TLanguage;
 class TNTFS;
 class TPartitionsInfo;
 class TSectorReader;
+class TXFS;
 struct TDriveInfo;
 struct TFile;
 enum class TText : std::uint16_t;
@@ -107,6 +109,8 @@ class TEngine {
   TFAT& FAT() { return *FFAT; }
   TexFAT& exFAT() { return *FexFAT; }
   TNTFS& NTFS() { return *FNTFS; }
+  TExtX& ExtX() { return *FExtX; }
+  TXFS& XFS() { return *FXFS; }
 
  private:
   void PumpSlowly();
@@ -129,6 +133,8 @@ class TEngine {
   std::unique_ptr<TFAT> FFAT;
   std::unique_ptr<TexFAT> FexFAT;
   std::unique_ptr<TNTFS> FNTFS;
+  std::unique_ptr<TExtX> FExtX;
+  std::unique_ptr<TXFS> FXFS;
 };
 
 }  // namespace brenlow

@@ -11,13 +11,15 @@
 #include "core/types.h"
 #include "fs/driver.h"
 #include "fs/exfat/exfat.h"
+#include "fs/ext/ext.h"
 #include "fs/fat/fat.h"
 #include "fs/ntfs/ntfs.h"
+#include "fs/xfs/xfs.h"
 
 namespace brenlow {
 
 /// Every driver, in the order of the search bits.
-inline constexpr std::tuple AllDrivers{&TEngine::FAT, &TEngine::exFAT, &TEngine::NTFS};
+inline constexpr std::tuple AllDrivers{&TEngine::FAT, &TEngine::exFAT, &TEngine::NTFS, &TEngine::ExtX, &TEngine::XFS};
 
 /// Calls `callable(driver)` for every driver, in the order of the search bits.
 template <typename TCallable>
