@@ -47,6 +47,25 @@ const char* DoubtCode(TContentDoubt doubt) {
 
 namespace {
 
+const char* KindCode(const TFileInfo& info) {
+  if (info.blnFolder) return "folder";
+  switch (info.Kind) {
+    case TFileKind::Regular:
+      return "file";
+    case TFileKind::SymbolicLink:
+      return "link";
+    case TFileKind::Pipe:
+      return "pipe";
+    case TFileKind::CharacterDevice:
+      return "character_device";
+    case TFileKind::BlockDevice:
+      return "block_device";
+    case TFileKind::Socket:
+      return "socket";
+  }
+  return "";
+}
+
 /// A time as exactly as the source has it. FAT keeps local times without a zone, of the last access the
 /// date only; other systems keep UTC.
 std::string TimeField(bool isFAT, TDateTime time, bool isAccess = false) {
@@ -88,6 +107,7 @@ TJsonLine FileFields(TEngine& engine, const TTreeEntry& entry, TContentDoubt dou
       .Text("name", info.strName)
       .Number("size", info.aSize)
       .Flag("folder", info.blnFolder)
+      .Text("kind", KindCode(info))
       .TextOrNull("virtual", code)
       .Flag("deleted", entry.Deleted())
       .Flag("overwritten", IsOverwritten(doubt))

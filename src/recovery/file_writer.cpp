@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 
 #include "analysis/file_data.h"
 #include "core/engine.h"
@@ -81,6 +82,7 @@ TFileOutcome TFileWriter::WriteFile(int fileNumber, const TTargetFile& target) {
   outcome.FileNumber = fileNumber;
   outcome.Path = target.Name;
   outcome.Listed = info.aSize;
+  if (info.Kind == TFileKind::SymbolicLink && WriteLink(fileNumber, target, outcome)) return outcome;
   THandle handle;
   // A target that was full once is asked first, so that not all of the source is read for nothing.
   const std::int64_t free = FTargetWasFull ? FTarget.FreeBytes() : -1;
@@ -101,6 +103,24 @@ TFileOutcome TFileWriter::WriteFile(int fileNumber, const TTargetFile& target) {
     outcome.Outcome = TOutcome::Short;
   }
   return outcome;
+}
+
+/// A symbolic link becomes one again where the target has such links and nothing speaks against where it led.
+/// False when it is to be written as a file that holds the path.
+bool TFileWriter::WriteLink(int fileNumber, const TTargetFile& target, TFileOutcome& outcome) {
+  if (outcome.Listed < 1 || outcome.Listed >= PATH_MAX || FLink.GetFileDoubt(fileNumber) >= TContentDoubt::Overwritten)
+    return false;
+  const TSectorReader& reader = FEngine.Reader();
+  const std::uint64_t badReads = reader.FailedReads() + reader.EstimatedReads();
+  FLink.GetFileData(FChunk, fileNumber, -1, 0, outcome.Listed);
+  const std::string leadsTo(FChunk.begin(), FChunk.end());
+  if (static_cast<std::int64_t>(leadsTo.size()) != outcome.Listed || leadsTo.find('\0') != std::string::npos ||
+      reader.FailedReads() + reader.EstimatedReads() != badReads)
+    return false;
+  if (FTarget.MakeLink(target.Name, leadsTo, target.Replace, FLink.GetFileTimes(fileNumber)) != 0) return false;
+  outcome.Written = outcome.Listed;
+  if (OnProgress) OnProgress(outcome.Written);
+  return true;
 }
 
 /// Gives the file just written its name, or another one where someone was faster.

@@ -48,6 +48,7 @@ class TFileWriter {
  private:
   TFileOutcomes WriteCandidates(TFile& file, int fileNumber, const TTargetFile& target);
   TFileOutcome WriteFile(int fileNumber, const TTargetFile& target);
+  bool WriteLink(int fileNumber, const TTargetFile& target, TFileOutcome& outcome);
   int Finish(std::string& name, bool replace);
   void WriteData(int fileNumber, TFileOutcome& outcome, int handle);
   std::int64_t WriteNext(int fileNumber, TFileOutcome& outcome, TFileSink& sink, TContentCheck& content);

@@ -65,6 +65,12 @@ TFileStretch TFileTableLink::GetFileStretch(int fileNumber, int adsNumber, std::
   return brenlow::GetFileStretch(FEngine, files.List[static_cast<std::size_t>(fileNumber)], adsNumber, start, size);
 }
 
+TContentDoubt TFileTableLink::GetFileDoubt(int fileNumber) const {
+  TFiles& files = FEngine.Files();
+  if (files.IsWrongNumber(fileNumber)) return TContentDoubt::Unchecked;
+  return DoubtOf(FEngine, files.List[static_cast<std::size_t>(fileNumber)]);
+}
+
 TADSDynArray TFileTableLink::GetStreams(int fileNumber) const {
   TADSDynArray streams;
   TFiles& files = FEngine.Files();

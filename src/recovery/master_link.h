@@ -42,6 +42,9 @@ class TRecoveryMasterLink {
   /// Bytes.
   virtual std::int64_t GetFileSize(int fileNumber) const = 0;
   virtual bool GetFileDeleted(int fileNumber) const = 0;
+  virtual TFileKind GetFileKind(int fileNumber) const = 0;
+  /// What speaks against its content before it is read.
+  virtual TContentDoubt GetFileDoubt(int fileNumber) const = 0;
   virtual int GetFileDriveNumber(int fileNumber) const = 0;
   virtual std::int64_t GetFileFirstCluster(int fileNumber) const = 0;
   virtual TTimeStamp GetFileTimes(int fileNumber) const = 0;
@@ -83,6 +86,8 @@ class TFileTableLink : public TRecoveryMasterLink {
   TStringView GetFileName(int fileNumber) const override { return Info(fileNumber).strName; }
   std::int64_t GetFileSize(int fileNumber) const override { return Info(fileNumber).aSize; }
   bool GetFileDeleted(int fileNumber) const override { return Info(fileNumber).blnDeleted; }
+  TFileKind GetFileKind(int fileNumber) const override { return Info(fileNumber).Kind; }
+  TContentDoubt GetFileDoubt(int fileNumber) const override;
   int GetFileDriveNumber(int fileNumber) const override { return Info(fileNumber).aDriveNumber; }
   std::int64_t GetFileFirstCluster(int fileNumber) const override { return Info(fileNumber).FirstCluster; }
   TTimeStamp GetFileTimes(int fileNumber) const override { return Info(fileNumber).TimeStamp; }

@@ -100,8 +100,13 @@ void RemoveLeftovers(int folder, const TSourceGuard& guard) {
   while (const dirent* entry = ::readdir(entries)) {
     const std::string name = entry->d_name;
     if (!IsNameOfPartial(name) || guard.IsSource(folder, name)) continue;
-    const THandle file(::openat(folder, name.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat status {};
+    // A link cannot be locked; it has such a name only for the moment before it takes the place of another.
+    if (::fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(status.st_mode)) {
+      ::unlinkat(folder, name.c_str(), 0);
+      continue;
+    }
+    const THandle file(::openat(folder, name.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     const bool isFile = file.Valid() && ::fstat(file.Get(), &status) == 0 && S_ISREG(status.st_mode);
     if (isFile && ::flock(file.Get(), LOCK_EX | LOCK_NB) == 0) ::unlinkat(folder, name.c_str(), 0);
   }
@@ -132,6 +137,12 @@ int THandle::Release() { return std::exchange(FHandle, -1); }
 void THandle::Close() {
   if (FHandle >= 0) ::close(FHandle);
   FHandle = -1;
+}
+
+/// The same of a link in a folder, not of what it leads to.
+void SetLinkTimes(int folder, const std::string& name, const TTimeStamp& times) {
+  const std::timespec both[2] = {SystemTime(times.dtAccessed), SystemTime(times.dtModified)};
+  ::utimensat(folder, name.c_str(), both, AT_SYMLINK_NOFOLLOW);
 }
 
 void SetTimes(int handle, const TTimeStamp& times) {
@@ -427,6 +438,21 @@ int TTargetTree::Finish(const std::string& name, bool replace) {
   if (::renameat(Here(), FPartial.Name.c_str(), Here(), name.c_str()) != 0) return errno;
   FPartial = TPartial();
   return 0;
+}
+
+int TTargetTree::MakeLink(const std::string& name, const std::string& leadsTo, bool replace, const TTimeStamp& times) {
+  DropPartial();
+  const bool takesPlace = replace && Exists(name);
+  if (takesPlace && IsSource(name)) return EEXIST;
+  const std::string made = takesPlace ? UniqueName() : name;
+  if (::symlinkat(leadsTo.c_str(), Here(), made.c_str()) != 0) return errno;
+  const THandle link(::openat(Here(), made.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  GiveToCaller(link.Get());
+  SetLinkTimes(Here(), made, times);
+  if (!takesPlace || ::renameat(Here(), made.c_str(), Here(), name.c_str()) == 0) return 0;
+  const int error = errno;
+  ::unlinkat(Here(), made.c_str(), 0);
+  return error;
 }
 
 std::string TTargetTree::KeepPartial(const std::string& name) {

@@ -93,6 +93,8 @@ class TTargetTree {
   /// Gives the file just written its name. 0, or the errno; EEXIST when the name is taken and
   /// `replace` is not set, or when a source has the name.
   int Finish(const std::string& name, bool replace);
+  /// Makes a symbolic link to a path, which is not looked at. 0, or the errno, as `Finish` has it.
+  int MakeLink(const std::string& name, const std::string& leadsTo, bool replace, const TTimeStamp& times);
   /// The file just written stays unfinished: "NAME.partial" marks what there is of it, and nothing
   /// is kept of an empty one. The result is the name that it got.
   std::string KeepPartial(const std::string& name);

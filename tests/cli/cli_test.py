@@ -90,7 +90,7 @@ class Program(TestCase):
     def test_json(self):
         rows = [json.loads(line) for line in run("ls", self.stick, "--json").stdout.splitlines()]
         row = next(r for r in rows if r["name"] == "letter 1.txt")
-        self.assertEqual(set(row), {"id", "path", "name", "size", "folder", "virtual", "deleted", "overwritten", "doubt", "deep", "compressed", "encrypted", "drive", "volume_sector", "created", "modified", "accessed", "first_cluster", "place"})
+        self.assertEqual(set(row), {"id", "path", "name", "size", "folder", "kind", "virtual", "deleted", "overwritten", "doubt", "deep", "compressed", "encrypted", "drive", "volume_sector", "created", "modified", "accessed", "first_cluster", "place"})
         self.assertEqual((row["size"], row["deleted"], row["deep"], row["drive"]), (900, False, False, 1))
         self.assertEqual(row["modified"], "2021-05-03T17:20:06")
         out = run("recover", self.stick, "--out", self.target(), "--json", "--path", "README.TXT")

@@ -79,7 +79,7 @@ class Console(TestCase):
             raw = self.target() / "raw.img"
             raw.write_bytes(os.urandom(1 << 20) * 40)
             for verb in (["find"], ["image", "--out", raw.parent / "a.dsk"]):
-                got, stdout, stderr = Held(verb[0], raw, *verb[1:], HOLD_SOURCE=raw, HOLD_AT_READ=30).go_on(number)
+                got, stdout, stderr = Held(verb[0], raw, *verb[1:], HOLD_SOURCE=raw, HOLD_READ_BYTES=65536, HOLD_AT_READ=30).go_on(number)
                 self.assertEqual(got, status, verb)
                 self.assertIn("stopped", stderr)
 

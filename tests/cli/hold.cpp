@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Loaded before the program by the tests that stop it at a known point. What it does is set in the environment:
 //   HOLD_SOURCE=PATH, HOLD_AT_READ=N   stops the process (SIGSTOP) before its Nth read of that file
+//   HOLD_READ_BYTES=N                  only reads of at least that many bytes count: those of a scan, not of a superblock
 //   HOLD_AT_NAME=N                     stops it before the Nth time that a file gets a name (rename or link)
 //   CLOCK_STEP=MILLISECONDS            each reading of the steady clock is that much later
 #include <dlfcn.h>
@@ -38,10 +39,11 @@ bool IsSource(int handle) {
          wanted.st_dev == got.st_dev && wanted.st_ino == got.st_ino;
 }
 
-void BeforeRead(int handle) {
+void BeforeRead(int handle, size_t size) {
   static std::atomic<long> count{0};
   static const long wanted = Setting("HOLD_AT_READ");
-  if (wanted > 0 && IsSource(handle)) HoldAt(count, wanted);
+  static const auto least = static_cast<size_t>(Setting("HOLD_READ_BYTES"));
+  if (wanted > 0 && size >= least && IsSource(handle)) HoldAt(count, wanted);
 }
 
 void BeforeName() {
@@ -56,7 +58,7 @@ extern "C" {
 
 ssize_t pread64(int handle, void* buffer, size_t size, off64_t position) {
   static auto* const real = Real<decltype(pread64)>("pread64");
-  BeforeRead(handle);
+  BeforeRead(handle, size);
   return real(handle, buffer, size, position);
 }
 

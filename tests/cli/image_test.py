@@ -58,9 +58,9 @@ class ImageTest(TestCase):
                 f.write(i.to_bytes(8, "little") + block[8:])
         arguments = ["image", source, "--out", out, "--map", table]
         done = [0]
-        for at in (20, 30, 40):
+        for at in (15, 25, 35):
             # The map is kept each 5 s; the clock goes a second a look.
-            Held(*arguments, HOLD_SOURCE=source, HOLD_AT_READ=at, CLOCK_STEP=1000).kill()
+            Held(*arguments, HOLD_SOURCE=source, HOLD_READ_BYTES=65536, HOLD_AT_READ=at, CLOCK_STEP=1000).kill()
             self.assertFalse(out.exists(), "half an image has no name")
             rows = [line.split() for line in table.read_text().splitlines() if not line.startswith("#")][1:]
             done.append(sum(int(size, 16) for _, size, status in rows if status == "+"))

@@ -1,11 +1,14 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: GPL-3.0-or-later
 """The target of a recovery: one run at a time, nothing left behind, no more written than a source can hold."""
+import json
 import os
 import re
 import struct
+import subprocess
+import time
 
-from support import CLI, Held, TestCase, main, mounted, run
+from support import CLI, DATA, Held, TestCase, main, mounted, run
 
 
 class TargetTest(TestCase):
@@ -69,6 +72,26 @@ class TargetTest(TestCase):
         r = mounted("ro", '"$1" recover "$2" --out "$3"', folder, CLI, image, folder)
         self.assertEqual(r.returncode, 2)
         self.assertIn("Read-only file system", r.stderr)
+
+    def test_symbolic_links(self):
+        folder = self.target()
+        image, out = folder / "linux.img", folder / "out"
+        subprocess.run(["zstd", "-dqf", str(DATA / "lab-ext4.img.zst"), "-o", str(image)], check=True)
+        kinds = {row["name"]: row["kind"] for row in map(json.loads, run("ls", image, "--json").stdout.splitlines())}
+        self.assertEqual((kinds["short link"], kinds["README.TXT"], kinds["Documents"]), ("link", "file", "folder"))
+        arguments = ["recover", image, "--out", out, "--path", "short link"]
+        link = out / "short link"
+        for conflict in ("rename", "replace"):
+            self.assertEqual(run(*arguments, "--conflict", conflict).returncode, 0)
+            self.assertEqual(os.readlink(link), "README.TXT")
+            self.assertLess(os.lstat(link).st_mtime, time.time() - 1e6, "the times of the source")
+        # What a link of that name leads to stays as it is.
+        (folder / "kept").write_text("kept")
+        link.unlink()
+        link.symlink_to(folder / "kept")
+        self.assertEqual(run(*arguments, "--conflict", "replace").returncode, 0)
+        self.assertEqual((os.readlink(link), (folder / "kept").read_text()), ("README.TXT", "kept"))
+        self.assertEqual(sorted(p.name for p in out.iterdir()), ["short link"])
 
     def test_killed_and_run_again(self):
         files = [("folder %d" % f, [("file %d.bin" % i, bytes([f, i]) * (100 + 37 * i), False) for i in range(60)] + [("file 7.bin", b"deleted", True)], False) for f in range(60)]

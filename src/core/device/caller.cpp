@@ -60,7 +60,7 @@ void GiveToCaller(int handle) {
   const std::optional<TCaller> caller = Caller();
   if (!caller) return;
   // Where it cannot be given away (FAT, some network folders) it stays root's, as without sudo.
-  [[maybe_unused]] const int ignored = ::fchown(handle, caller->User, caller->Group);
+  [[maybe_unused]] const int ignored = ::fchownat(handle, "", caller->User, caller->Group, AT_EMPTY_PATH);
 }
 
 void GiveNewFolderToCaller(int handle) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <vector>
 
 #include "core/drives.h"
 #include "core/engine.h"
@@ -245,11 +246,17 @@ bool TXFS::FindCopy(TDriveInfo& drive) {
   const std::int64_t device = FEngine.Reader().DeviceSectors(drive);
   const std::int64_t there = device == INT64_MAX ? 0 : device - drive.FirstSector;
   const std::int64_t bytes = (drive.SectorsCount > 0 ? drive.SectorsCount : there) * sectorSize;
+  std::vector<std::int64_t> tried;  // block sizes differ, the places often do not
+  const auto tryOnce = [&](std::int64_t place) {
+    if (place >= bytes || std::find(tried.begin(), tried.end(), place) != tried.end()) return false;
+    tried.push_back(place);
+    return TryCopy(drive, place);
+  };
   for (const std::uint32_t block : BlockSizes) {
     const std::int64_t blocks = bytes / block;
-    if (TryCopy(drive, (largestGroup / block - 1) * block)) return true;
+    if (tryOnce((largestGroup / block - 1) * block)) return true;
     for (std::int64_t groups = 2; groups <= mostGroups && blocks / groups > 0; groups += groups < 5 ? 1 : groups) {
-      if (TryCopy(drive, CeilDiv(blocks, groups) * block)) return true;
+      if (tryOnce(CeilDiv(blocks, groups) * block)) return true;
     }
   }
   return false;
