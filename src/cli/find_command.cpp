@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "cli/bad_map.h"
 #include "cli/commands.h"
 #include "cli/json_line.h"
 #include "cli/rows.h"
@@ -96,6 +97,8 @@ int FindPartitions(const TOptions& options) {
   TEngine engine;
   ApplyOptions(engine, options);
   if (MountSource(engine, options, options.Source(), options.Map) < 0) return WrongUsage;
+  TBadMap badMap(engine, options);
+  if (!badMap.Open()) return WrongUsage;
   TOptions whole = options;
   // The quick search takes a range of a drive, the thorough one a drive.
   if (!options.Scan) whole.First = whole.Count = -1;

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "analysis/file_data.h"
+#include "cli/bad_map.h"
 #include "cli/commands.h"
 #include "cli/file_fields.h"
 #include "cli/findings.h"
@@ -175,6 +176,8 @@ int ListFiles(const TOptions& options) {
   TEngine engine;
   ApplyOptions(engine, options);
   if (MountSource(engine, options, options.Source(), options.Map) < 0) return WrongUsage;
+  TBadMap badMap(engine, options);
+  if (!badMap.Open()) return WrongUsage;
   TProgressLine progress(options);
   const TAnalysed analysed = Analyse(engine, options, progress);
   if (analysed.Drives.empty()) return analysed.WrongDrive ? WrongUsage : DoneWithFailures;

@@ -57,6 +57,7 @@ struct TOptions {
   std::int64_t First = -1;    ///< sectors of the drive; -1 when not given
   std::int64_t Count = -1;
   std::string Map;
+  std::string BadMap;
   std::int64_t BadTime = -1;  ///< seconds for places that do not read; 0 without a limit, -1 when not given
   bool Retry = false;         ///< searches try every sector of zones that do not read
   bool Compressed = false;

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <filesystem>
 
+#include "cli/bad_map.h"
 #include "cli/commands.h"
 #include "cli/file_fields.h"
 #include "cli/findings.h"
@@ -290,6 +291,8 @@ int RecoverFiles(const TOptions& options) {
   TEngine engine;
   ApplyOptions(engine, options);
   if (MountSource(engine, options, options.Source(), options.Map) < 0) return WrongUsage;
+  TBadMap badMap(engine, options);
+  if (!badMap.Open()) return WrongUsage;
   if (const int status = CheckTarget(engine, options); status != 0) return status;
   TOptionAnswers answers(options);
   TSelectionLink link(engine);

@@ -215,6 +215,7 @@ class TScans {
       // Rights play no part once an image file is open: it is just empty.
       if (message.Id == TText::NothingFoundNoRights && isImage) return;
       FProgress.Clear();
+      if (message.Id == TText::JournalElsewhere) return Complain(Printable(ToUtf8(message.Text)));
       Complain(FOptions.Texts.Utf8(message.Id));
       FAnalysed.AllReadable = false;
     };

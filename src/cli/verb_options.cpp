@@ -108,6 +108,7 @@ void AddBadTimeOption(CLI::App& verb, TOptions& options, TText help) {
 void AddSearchOptions(CLI::App& verb, TOptions& options) {
   const TLanguage& texts = options.Texts;
   AddBadTimeOption(verb, options, TText::HelpBadTime);
+  verb.add_option("--bad-map", options.BadMap, texts.Utf8(TText::HelpBadMap))->type_name("FILE");
   verb.add_flag("--retry", options.Retry, texts.Utf8(TText::HelpRetry));
   verb.add_option("--map", options.Map, texts.Utf8(TText::HelpSourceMap))->type_name("FILE");
   verb.add_flag("--scan", options.Scan, texts.Utf8(TText::HelpScan));

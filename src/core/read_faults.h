@@ -49,6 +49,9 @@ class TReadFaults {
   /// Notes a failed request; how many of the last ones lay end to end.
   int CountAdjacent(TRange range);
 
+  /// All of it as a map: `Bad`, `NotScraped` for what was left out, else `NotTried`.
+  const TRescueMap& Places() const { return FPlaces; }
+
   /// Sectors that failed alone, and those that were left out or failed together with others.
   std::int64_t UnreadableSectors() const { return FUnreadableBytes / FSectorSize; }
   std::int64_t LeftOutSectors() const;

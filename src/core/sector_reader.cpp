@@ -237,6 +237,7 @@ void TSectorReader::NoteFailure(const TRequest& request, TReadFaults::TRange fai
   } else {
     faults.AddSuspect(failed);
   }
+  if (OnFault) OnFault();
   if (FLooksForEnd) return;
   const int adjacent = faults.CountAdjacent(failed);
   if (IsOutOfTime()) {
@@ -335,6 +336,23 @@ void TSectorReader::ForgetFaults() {
 void TSectorReader::ForgetFaults(const TString& key) {
   FFaults.erase(key);
   if (FLastFailedDrive == key) FLastFailedDrive.clear();
+}
+
+const TRescueMap* TSectorReader::KnownFaults(TStringView key) const {
+  const auto faults = FFaults.find(key);
+  return faults == FFaults.end() ? nullptr : &faults->second.Places();
+}
+
+void TSectorReader::AddKnownFaults(const TString& key, const TRescueMap& known) {
+  IDevice* device = FEngine.Devices().Get(key);
+  if (device == nullptr) return;
+  TReadFaults& faults = FFaults.try_emplace(key, device->Size(), std::max(device->SectorSize(), 1)).first->second;
+  for (std::int64_t at = 0; at < known.Size(); at = known.EndOfRange(at)) {
+    const TMapStatus status = known.At(at);
+    if (status == TMapStatus::Bad) faults.SetUnreadable({at, known.EndOfRange(at)});
+    if (status == TMapStatus::NotScraped || status == TMapStatus::NotTrimmed)
+      faults.SetLeftOut({at, known.EndOfRange(at)});
+  }
 }
 
 void TSectorReader::RenewBadTime() {

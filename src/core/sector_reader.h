@@ -104,6 +104,13 @@ class TSectorReader {
   /// A new run begins: there is time again for places that fail, and what was left out may be tried.
   /// Sectors that failed stay known.
   void RenewBadTime();
+  /// What is known of a device that did not read everywhere (`Bad`, and `NotScraped` for what was left out); null
+  /// while all of it reads.
+  const TRescueMap* KnownFaults(TStringView key) const;
+  /// The same from an earlier run, of a map as long as the device.
+  void AddKnownFaults(const TString& key, const TRescueMap& known);
+  /// A read has failed. It may be called from within any read.
+  std::function<void()> OnFault;
   /// The sources may have changed: nothing is known of them any more.
   void ForgetFaults();
   /// The same for one device, by its key.

@@ -70,6 +70,23 @@ class BadSectors(TestCase):
             if twin.read_bytes() != file.read_bytes():
                 self.assertIn(file.name, r.stdout)  # what lacks sectors is named
 
+    def test_a_further_run_leaves_what_did_not_read_alone(self):
+        folder = self.target()
+        bad = FailingReads(self.stick, [(660 << 10, 32 << 10)])
+        arguments = ["recover", self.stick, "--bad-map", folder / "bad.map", "--json", "--out"]
+        first = bad.run(*arguments, folder / "first")
+        failed = len(bad.failures)
+        second = bad.run(*arguments, folder / "second")
+        self.assertGreater(failed, 60)
+        self.assertEqual(len(bad.failures), failed, "nothing failed again")
+        self.assertEqual(first.stdout.replace(str(folder / "first"), str(folder / "second")), second.stdout)
+        content = {p.relative_to(folder / "first"): p.read_bytes() for p in (folder / "first").rglob("*") if p.is_file()}
+        self.assertEqual(content, {p.relative_to(folder / "second"): p.read_bytes() for p in (folder / "second").rglob("*") if p.is_file()})
+        for wrong in (self.stick, folder / "first"):  # the source itself, and what is not a map of it
+            self.assertEqual(run("ls", self.stick, "--bad-map", wrong).returncode, 2)
+        (folder / "other.map").write_text("0x0 ? 1\n0x0 0x1000 -\n")
+        self.assertEqual(run("ls", self.stick, "--bad-map", folder / "other.map").returncode, 2)
+
     def test_failures_take_no_longer_than_they_may(self):
         bad = FailingReads(self.stick, [(8 << 20, 4 << 20)], wait=20)
         r = bad.run("ls", self.stick, "--deep", "--retry", "--bad-time", "2")
