@@ -37,8 +37,8 @@ class VolumeFields(TestCase):
                 for verb in ("drives", "info"):
                     self.assertEqual([r["geometry"] for r in rows(verb, path) if r["file_system"]], [code], (verb, path))
                 isTold = code == "copy"
-                self.assertEqual("known only from a copy of its boot sector" in run("drives", path).stdout, isTold)
-                self.assertEqual("copies of its structures only" in run("info", path).stdout, isTold)
+                self.assertEqual("known only from copies or traces of its structures" in run("drives", path).stdout, isTold)
+                self.assertEqual("copies or traces of its structures only" in run("info", path).stdout, isTold)
                 with open(path, "r+b") as f:
                     f.write(bytes(SECTOR))
         blank = self.target() / "blank.img"
