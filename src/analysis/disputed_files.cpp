@@ -24,6 +24,9 @@ struct TClaimant {
   TDateTime Created = 0;
   TDateTime LastWritten = 0;
   bool Holds = false;  // what lies there now is its own: it is alive, or was seen there
+  // What it is now, where it holds its clusters: an earlier state of it may have been written over by itself.
+  std::int64_t Size = 0;
+  TDateTime Modified = 0;
 };
 
 /// Clusters from `First` to before `End`.
@@ -132,7 +135,7 @@ class TDisputes {
   std::uint32_t ClaimantOf(const TFileInfo& info) {
     const TTimeStamp& times = info.TimeStamp;
     const TClaimant claimant{times.dtCreated, std::max(times.dtCreated, times.dtModified),
-                             !info.blnDeleted || FClaim.Seen};
+                             !info.blnDeleted || FClaim.Seen, info.aSize, times.dtModified};
     const auto next = static_cast<std::uint32_t>(FClaimants.size());
     if (FClaim.Content.empty()) {
       FClaimants.push_back(claimant);
@@ -149,12 +152,21 @@ class TDisputes {
     }
     TClaimant& same = FClaimants[known->second];
     same.LastWritten = std::max(same.LastWritten, claimant.LastWritten);
+    if (claimant.Holds && (!same.Holds || !info.blnDeleted)) {
+      same.Size = claimant.Size;
+      same.Modified = claimant.Modified;
+    }
     same.Holds = same.Holds || claimant.Holds;
     return known->second;
   }
 
   TContentDoubt DoubtOf(const TRow& row) {
-    if (FClaimants[row.Claimant].Holds || row.FirstRun == row.EndRun) return TContentDoubt::None;
+    if (row.FirstRun == row.EndRun) return TContentDoubt::None;
+    if (const TClaimant& mine = FClaimants[row.Claimant]; mine.Holds) {
+      const TFileInfo& info = Info(row.Number);
+      const bool isSameState = mine.Size == info.aSize && mine.Modified == info.TimeStamp.dtModified;
+      return isSameState ? TContentDoubt::None : TContentDoubt::Overwritten;
+    }
     const std::int64_t start = FContents[row.FirstRun].First;
     if (FUse.IsUsed(start)) return TContentDoubt::Overwritten;
     for (std::size_t i = row.FirstRun; i < row.EndRun; ++i) {

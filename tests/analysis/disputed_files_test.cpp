@@ -114,6 +114,16 @@ TEST_CASE("NTFS: deleted files that lost clusters to what came after them") {
   SUBCASE("without a map, by the live files") {
     volume.Record(65, TNtfsRecord({65, 1}).Name(NtfsRoot, u"live 1").Data(TNtfsPiece{{{199, 2}}, 8192}));
     volume.Record(66, TNtfsRecord({66, 1}).Name(NtfsRoot, u"live 2").Data(TNtfsPiece{{{300, 1}}, 4096}));
+    // An entry at the place of a live file made at the same moment: the same state of it, or an earlier one.
+    const auto enter = [&](TNtfsRecord record, const TString& name, int cluster, int modified) {
+      return record.Resident(0x10, Times(1, modified)).Name(NtfsRoot, name).Data(TNtfsPiece{{{cluster, 1}}, 4096});
+    };
+    volume.Record(67, enter(gone(67), u"moved", 810, 2));
+    volume.Record(68, enter(TNtfsRecord({68, 1}), u"live 3", 810, 2));
+    volume.Record(69, enter(gone(69), u"written since", 820, 2));
+    volume.Record(70, enter(TNtfsRecord({70, 1}), u"live 4", 820, 9));
+    wanted["moved"] = None;
+    wanted["written since"] = Overwritten;
   }
   TAnalysedNtfs t(volume);
   CHECK(TextOf(DoubtsOf(t.Engine)) == TextOf(wanted));
