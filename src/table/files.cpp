@@ -93,7 +93,9 @@ bool TFiles::IsSame(std::uint32_t number, const TFileInfo& file, std::int64_t pa
   const TFileInfo& known = row.FileInfo;
   const bool samePlace = known.FirstCluster == file.FirstCluster ||
                          (file.DataStartingSector >= 0 && file.DataStartingSector == known.DataStartingSector);
-  return samePlace && row.ParentCluster == parentCluster && known.aDriveNumber == file.aDriveNumber &&
+  // A state that only a journal has may be an earlier one of the same file.
+  const bool sameState = (known.JournalPosition == 0 && file.JournalPosition == 0) || known.aSize == file.aSize;
+  return samePlace && sameState && row.ParentCluster == parentCluster && known.aDriveNumber == file.aDriveNumber &&
          known.blnFolder == file.blnFolder && known.strName == file.strName;
 }
 

@@ -121,11 +121,11 @@ TEST_CASE("NTFS: a file whose folder's record cannot be read is live in a number
   CHECK(t.Engine.Files().CountUnreached(t.Number) == 0);
 }
 
-TEST_CASE("NTFS: a folder that is gone has its old name where an index or a record still tells it") {
+TEST_CASE("NTFS: a folder that is gone has its old name where an index, a record or the log still tells it") {
   TNtfsVolume volume;
   volume.Folder({40, 2}, NtfsRoot, u"Holiday").Folder({45, 7}, NtfsRoot, u"Other");
   volume.File({42, 2}, {40, 1}, u"gone.jpg", "old", false).File({43, 2}, {45, 3}, u"left.jpg", "old", false);
-  volume.File({44, 2}, {45, 4}, u"unknown.jpg", "old", false);
+  volume.File({44, 2}, {45, 4}, u"unknown.jpg", "old", false).File({46, 2}, {47, 1}, u"logged.jpg", "old", false);
   // In the free room of an index block of the root, with another use of the record before it.
   TImage block(4096);
   std::memcpy(block.data(), "INDX", 4);
@@ -139,7 +139,20 @@ TEST_CASE("NTFS: a folder that is gone has its old name where an index or a reco
   volume.Record(50, TNtfsRecord({50, 1}, true)
                         .Name(NtfsRoot, u"Small")
                         .Leftover(TNtfsRecord::IndexEntry({45, 3}, {50, 1}, u"Old name")));
+  // And in the log: a restart page, and a page of records with an entry that was put into an index.
+  TImage log(4 * 4096);
+  std::memcpy(log.data(), "RSTR", 4);
+  log[0x15] = 0x10;         // pages of 4 KiB
+  log[0x18] = 0x30;         // where the restart area begins, in which
+  log[0x30 + 0x19] = 0x40;  // the size of the log
+  log[0x30 + 0x26] = 0x40;  // and the start of the records in a page stand
+  std::memcpy(&log[2 * 4096], "RCRD", 4);
+  const TImage logged = TNtfsRecord::IndexEntry({47, 1}, NtfsRoot, u"Logged");
+  std::copy(logged.begin(), logged.end(), log.begin() + 2 * 4096 + 0x100);
+  const auto size = static_cast<std::int64_t>(log.size());
+  volume.Fill(600, log).Record(2, TNtfsRecord({2, 2}).Name(NtfsRoot, u"$LogFile").Data(TNtfsPiece{{{600, 4}}, size}));
   TAnalysedNtfs t(volume);
+  CHECK(t.Has("Lost and found/Logged/logged.jpg deleted"));
   CHECK(t.Has("Lost and found/Secret/gone.jpg deleted"));
   CHECK(t.Has("Lost and found/Old name/left.jpg deleted"));
   CHECK(t.Has("Lost and found/Folder 45/unknown.jpg deleted"));
