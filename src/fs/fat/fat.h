@@ -88,8 +88,15 @@ class TFAT {
   /// the high half of a number had to be guessed.
   TPlaceSource PlaceOf(const TFile& file) const;
 
+  /// More entries than that a search does not take from folders of which no boot sector and no table tells: on a
+  /// disk that is nothing but folders they would fill the memory (some 300 bytes each). The user is told.
+  std::int64_t MaxUnplacedRows = 4'000'000;
+
   // ---- partition search ----
-  void PartRecDoBeforeAnalyse(int /*parentDrive*/) { FTables.Clear(); }
+  void PartRecDoBeforeAnalyse(int /*parentDrive*/) {
+    FTables.Clear();
+    FUnplacedRows = 0;
+  }
   void PartRecClear() { FTables.Clear(); }
   /// The width that is likely on a drive of the size.
   TFileSystem PartRecCandidate(const TDriveInfo& parentDrive) const;
@@ -145,6 +152,7 @@ class TFAT {
   TEngine& FEngine;
   fat::TOemTable FOem = fat::CodePage437();
   fat::TTableSearch FTables;
+  std::int64_t FUnplacedRows = 0;
 };
 
 }  // namespace brenlow

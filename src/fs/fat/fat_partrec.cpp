@@ -6,6 +6,7 @@
 
 #include "core/drives.h"
 #include "core/engine.h"
+#include "core/language.h"
 #include "core/numbers.h"
 #include "core/sector_reader.h"
 #include "core/text.h"
@@ -32,11 +33,19 @@ std::uint32_t ClusterOfSector(const TDriveInfo& drive, std::int64_t sector) {
   return static_cast<std::uint32_t>((sector - FATInfo(drive).DataFirstSector) / FATInfo(drive).SectorsPerCluster + 2);
 }
 
-TFolderWalk MakeWalk(TEngine& engine, TDriveInfo& drive, int driveNumber, const TOemTable& oem) {
-  TFolderWalk walk(engine, drive, driveNumber, oem, [&engine](const TFileInfo& info, std::int64_t parent) {
-    engine.Files().Add(info, parent, true);
-    return engine.Analysing.load(std::memory_order_relaxed);
-  });
+/// The walk over folders of a volume of which nothing else is known. `rows` counts the entries of all
+/// such walks, of which `limit` are taken.
+TFolderWalk MakeWalk(TEngine& engine, TDriveInfo& drive, int driveNumber, const TOemTable& oem, std::int64_t& rows,
+                     std::int64_t limit) {
+  TFolderWalk walk(engine, drive, driveNumber, oem,
+                   [&engine, &rows, limit](const TFileInfo& info, std::int64_t parent) {
+                     if (rows >= limit) return false;
+                     const std::size_t before = engine.Files().List.size();
+                     engine.Files().Add(info, parent, true);
+                     if (engine.Files().List.size() > before && ++rows == limit)
+                       engine.ShowMessage(TText::TooManyUnplaced);
+                     return engine.Analysing.load(std::memory_order_relaxed);
+                   });
   walk.CanAddWaiting = false;
   return walk;
 }
@@ -119,7 +128,7 @@ void TFAT::PartRecAnalyseSector(std::span<const std::uint8_t> buffer, std::size_
   const bool isRootArea = !IsFAT32(drive) && sectorNumber == info.RootDirFirstSector;
   if (!isRootArea && !OnClusterBorder(drive, sectorNumber)) return;
   if (isRootArea) {
-    MakeWalk(FEngine, drive, driveNumber, FOem).WalkRootArea();
+    MakeWalk(FEngine, drive, driveNumber, FOem, FUnplacedRows, MaxUnplacedRows).WalkRootArea();
     return;
   }
   const std::uint32_t cluster = ClusterOfSector(drive, sectorNumber);
@@ -129,7 +138,7 @@ void TFAT::PartRecAnalyseSector(std::span<const std::uint8_t> buffer, std::size_
   if (!isRoot && OwnCluster(drive, bytes) == cluster) CountAgreeing(drive, 1);
   const auto clusterBytes = static_cast<std::size_t>(ClusterBytes(drive));
   // Only now: a walk keeps a bit for each cluster.
-  TFolderWalk walk = MakeWalk(FEngine, drive, driveNumber, FOem);
+  TFolderWalk walk = MakeWalk(FEngine, drive, driveNumber, FOem, FUnplacedRows, MaxUnplacedRows);
   walk.WalkFolder(cluster, bytes.size() < clusterBytes ? std::span<const std::uint8_t>() : bytes.first(clusterBytes));
 }
 
@@ -177,7 +186,7 @@ void TFAT::LearnClusterSize(TDriveInfo& drive, int driveNumber, std::span<const 
   }
   info.AgreeingFolders = 0;
   CountAgreeing(drive, size == 1 ? info.OneSectorFolders : 2);
-  TFolderWalk walk = MakeWalk(FEngine, drive, driveNumber, FOem);
+  TFolderWalk walk = MakeWalk(FEngine, drive, driveNumber, FOem, FUnplacedRows, MaxUnplacedRows);
   walk.WalkRoot();
   const TInt64DynArray waiting = std::move(info.WaitingSectors);
   info.WaitingSectors.clear();

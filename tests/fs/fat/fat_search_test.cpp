@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "analysis/analysis.h"
+#include "core/language.h"
 #include "fs/fat/fat.h"
 #include "fs/fat/fat_layout.h"
 #include "support/fat_builder.h"
@@ -191,5 +192,27 @@ TEST_CASE("thorough search: without tables, two folders are an estimate and a th
     CHECK(t.Has("DIR0/INDIR0"));
     CHECK(FATInfo(t.Volume()).SectorsPerCluster == 4);
     CHECK(t.Volume().GeometrySource == (folders == 2 ? TPlaceSource::Estimated : TPlaceSource::Stored));
+  }
+}
+
+TEST_CASE("thorough search: folders without a volume fill no more rows than they may, and the user is told") {
+  constexpr int folders = 40;
+  TFatBuilder fat(TFatShape{16, 512, 4, 1, 2, 512, 60000});
+  for (int i = 0; i < folders; ++i) {
+    PutFolder(fat, fat.RootAt() + static_cast<std::size_t>(i) * 32, "DIR" + std::to_string(i) + "    ",
+              static_cast<std::uint32_t>(1000 + 300 * i));
+  }
+  std::fill_n(fat.Image.begin(), fat.RootAt(), std::uint8_t{0});
+  for (const std::int64_t limit : {25, 1000}) {
+    TEngine engine;
+    int messages = 0;
+    engine.OnMessage = [&](const TEngineMessage& m) { messages += m.Id == TText::TooManyUnplaced ? 1 : 0; };
+    engine.FAT().MaxUnplacedRows = limit;
+    const int number = Mount(engine, fat.Image).Number;
+    Scan(engine, number);
+    const auto rows = static_cast<std::int64_t>(LinesOf(engine, number).size());
+    CHECK((limit == 25) == (messages == 1));
+    CHECK(rows <= limit + 4);  // and the drives, "Lost and found"
+    CHECK((limit == 25) == (rows < 2 * folders));
   }
 }
