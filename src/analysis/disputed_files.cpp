@@ -127,6 +127,8 @@ class TDisputes {
     for (const TClusterRun& run : FClaim.Others) FTree.Add(run, claimant);
     for (const TClusterRun& run : FClaim.Content) FTree.Add(run, claimant);
     if (file.FileInfo.blnFolder || !file.FileInfo.blnDeleted) return;
+    const bool hasTail = !FClaim.Content.empty() && FClaim.Content.front().Count > 1;
+    if (!TDriver::ClaimsAreExact && file.FileInfo.WasAlive && hasTail) ++FUnknownTails;
     const std::size_t first = FContents.size();
     FContents.insert(FContents.end(), FClaim.Content.begin(), FClaim.Content.end());
     FRows.push_back({number, claimant, first, FContents.size()});
@@ -160,6 +162,9 @@ class TDisputes {
     return known->second;
   }
 
+  /// True when so many files were alive to the end that this is no chance find in a lost folder.
+  bool WasFormatted() const { return FUnknownTails > 0 && FUnknownTails * 4 >= FRows.size(); }
+
   TContentDoubt DoubtOf(const TRow& row) {
     if (row.FirstRun == row.EndRun) return TContentDoubt::None;
     if (const TClaimant& mine = FClaimants[row.Claimant]; mine.Holds) {
@@ -185,6 +190,9 @@ class TDisputes {
       if (looks == MostLooks) doubt = TContentDoubt::Contested;
       break;
     }
+    // What was alive to the end lay anywhere after its first cluster, in the place of what was deleted before, too.
+    const bool isOlder = WasFormatted() && !Info(row.Number).WasAlive;
+    if (doubt == TContentDoubt::None && isOlder) return TContentDoubt::Contested;
     return doubt;
   }
 
@@ -222,6 +230,7 @@ class TDisputes {
   std::map<TIdentity, std::uint32_t> FKnown;
   TClusterRuns FContents;
   std::vector<TRow> FRows;
+  std::size_t FUnknownTails = 0;  // files that were alive to the end, of which only the first cluster is known
   TClaimTree FTree;
 };
 

@@ -97,6 +97,8 @@ struct TFileInfo {
   bool FirstClustersChanged : 1 = false;
   bool blnFragmented : 1 = false;
   bool blnChecked : 1 = true;
+  /// Deleted, but not so marked: it was there when the volume was formatted, or its folder lost.
+  bool WasAlive : 1 = false;
   TFirstClusterInfo FirstClusterInfo : 2 = TFirstClusterInfo::fciNormal;
   TPlaceSource Place : 2 = TPlaceSource::Stored;   ///< of this row; ask `PlaceOf` for the whole answer
   TFileKind Kind : 4 = TFileKind::Regular;         ///< of what is not a folder

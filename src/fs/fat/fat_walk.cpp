@@ -205,6 +205,7 @@ void TFolderWalk::Enter(TFileInfo& info) {
   // No file of the volume was ever that long: what looks like an entry is something else.
   const std::int64_t room = ClusterRoom(FDrive) * ClusterBytes(FDrive);
   if (info.blnDeleted && !info.blnFolder && info.aSize > room) return;
+  const bool isMarked = info.blnDeleted;
   // The table, not the directory, decides whether a file is there.
   if (!info.blnDeleted && info.aSize > 0 && FreeOrBad(FDrive, info.FirstCluster)) info.blnDeleted = true;
   if (FLost) {
@@ -212,6 +213,7 @@ void TFolderWalk::Enter(TFileInfo& info) {
     if (info.aSize > 0 && !FreeOrBad(FDrive, info.FirstCluster) && !IsUnknown(FDrive, info.FirstCluster)) return;
     info.blnDeleted = true;
   }
+  info.WasAlive = info.blnDeleted && !isMarked;
   if (!info.blnDeleted) {
     FState->AnyLiveEntry = true;
     if (info.blnFolder || info.aSize > 0) FState->LiveFirst.Add(info.FirstCluster);
