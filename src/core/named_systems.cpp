@@ -29,7 +29,6 @@ constexpr TSignature FirstSectorSignatures[] = {
     {3, "-FVE-FS-"sv, TFileSystem::fsBitLocker},
     // A drive "to go" has the boot sector of a FAT32 volume, and this GUID in it.
     {0x1A8, "\x3B\xD6\x67\x49\x29\x2E\xD8\x4A\x83\x99\xF6\xA3\x39\xE3\xD0\x01"sv, TFileSystem::fsBitLocker},
-    {0, "XFSB"sv, TFileSystem::fsXFS},
     {32, "NXSB"sv, TFileSystem::fsAPFS},
     {0, "LUKS\xBA\xBE"sv, TFileSystem::fsLUKS},
 };
@@ -63,24 +62,6 @@ TFileSystem FirstMatch(TBytes head, const TSignature (&signatures)[Count]) {
   return TFileSystem::fsUnknown;
 }
 
-/// Superblock at byte 1024 (kernel documentation, "ext4 Data Structures and Algorithms"). What only the
-/// fourth version can read makes it one; a journal the third.
-TFileSystem ExtVersion(TBytes head) {
-  constexpr std::size_t super = 1024;
-  constexpr std::uint32_t journal = 0x4;           // compatible features
-  constexpr std::uint32_t fourth = 0x2C0;          // incompatible ones: extents, 64-bit, flexible groups
-  constexpr std::uint32_t fourthReadOnly = 0x478;  // huge files, group sums, many links, large inodes, sums
-  if (ReadLe16(head, super + 56) != 0xEF53) return TFileSystem::fsUnknown;
-  // Inodes, blocks, and the block size as a power of two above 1 KiB.
-  if (ReadLe32(head, super) == 0 || ReadLe32(head, super + 4) == 0 || ReadLe32(head, super + 24) > 6) {
-    return TFileSystem::fsUnknown;
-  }
-  if ((ReadLe32(head, super + 96) & fourth) != 0 || (ReadLe32(head, super + 100) & fourthReadOnly) != 0) {
-    return TFileSystem::fsExt4;
-  }
-  return (ReadLe32(head, super + 92) & journal) != 0 ? TFileSystem::fsExt3 : TFileSystem::fsExt2;
-}
-
 /// The label of a physical volume lies in one of its first four sectors of 512 bytes.
 bool IsLVM(TBytes head) {
   for (std::size_t at = 0; at < 4 * 512; at += 512) {
@@ -95,7 +76,6 @@ TFileSystem NameByFirstSector(std::span<const std::uint8_t> head) { return First
 
 TFileSystem NameBySuperblock(std::span<const std::uint8_t> head) {
   if (IsLVM(head)) return TFileSystem::fsLVM;
-  if (const TFileSystem ext = ExtVersion(head); ext != TFileSystem::fsUnknown) return ext;
   return FirstMatch(head, SuperblockSignatures);
 }
 

@@ -219,6 +219,10 @@ bool TExtX::TryCopies(TDriveInfo& drive, std::uint32_t blockSize) {
 }
 
 bool TExtX::FindCopy(TDriveInfo& drive) {
+  const std::int64_t stated = drive.SectorsCount;
+  const std::int64_t device = FEngine.Reader().DeviceSectors(drive);
+  // Whoever asks what fills a whole drive does not say how long it is.
+  if (stated <= 0 && device != INT64_MAX) drive.SectorsCount = device - drive.FirstSector;
   if (drive.BytesPerSector <= 0 || drive.SectorsCount <= 0) return false;
   for (const std::uint32_t blockSize : {4096U, 1024U, 2048U, 65536U, 8192U, 16384U, 32768U}) {
     if (!TryCopies(drive, blockSize)) continue;
@@ -226,6 +230,7 @@ bool TExtX::FindCopy(TDriveInfo& drive) {
     return true;
   }
   ExtXInfo(drive) = TExtXInfo();
+  drive.SectorsCount = stated;
   return false;
 }
 
