@@ -224,11 +224,11 @@ bool DecompressLZNT1(std::span<const std::uint8_t> input, TByteDynArray& output,
   output.clear();
   output.reserve(limit);
   std::array<std::uint8_t, ChunkSize + 8> chunk;
-  while (input.size() >= 2 && output.size() < limit) {
+  for (std::size_t start = 0; input.size() >= 2 && output.size() < limit; start += ChunkSize) {
     const unsigned header = input[0] | (static_cast<unsigned>(input[1]) << 8);
     if (header == 0) break;
     // A chunk that fell short is filled up once another follows.
-    output.resize(std::min((output.size() + ChunkSize - 1) / ChunkSize * ChunkSize, limit));
+    output.resize(std::min(start, limit));
     const std::size_t bodySize = (header & 0xFFFU) + 1;
     if (bodySize > input.size() - 2) return false;
     const auto body = input.subspan(2, bodySize);
