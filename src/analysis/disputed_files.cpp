@@ -27,6 +27,8 @@ struct TClaimant {
   // What it is now, where it holds its clusters: an earlier state of it may have been written over by itself.
   std::int64_t Size = 0;
   TDateTime Modified = 0;
+  // Alive when the volume was formatted; what was marked deleted by then had its first cluster before.
+  bool WasAlive = false;
 };
 
 /// Clusters from `First` to before `End`.
@@ -136,8 +138,12 @@ class TDisputes {
 
   std::uint32_t ClaimantOf(const TFileInfo& info) {
     const TTimeStamp& times = info.TimeStamp;
-    const TClaimant claimant{times.dtCreated, std::max(times.dtCreated, times.dtModified),
-                             !info.blnDeleted || FClaim.Seen, info.aSize, times.dtModified};
+    const TClaimant claimant{times.dtCreated,
+                             std::max(times.dtCreated, times.dtModified),
+                             !info.blnDeleted || FClaim.Seen,
+                             info.aSize,
+                             times.dtModified,
+                             info.WasAlive};
     const auto next = static_cast<std::uint32_t>(FClaimants.size());
     if (FClaim.Content.empty()) {
       FClaimants.push_back(claimant);
@@ -159,6 +165,7 @@ class TDisputes {
       same.Modified = claimant.Modified;
     }
     same.Holds = same.Holds || claimant.Holds;
+    same.WasAlive = same.WasAlive || claimant.WasAlive;
     return known->second;
   }
 
@@ -207,9 +214,7 @@ class TDisputes {
       return false;
     }
     if (!TDriver::ClaimsAreExact) {
-      // Either may lie elsewhere in truth.
-      doubt = TContentDoubt::Contested;
-      return true;
+      return WeighAssumed(mine, theirs, other, FContents[row.FirstRun], doubt);
     }
     // Two files had a cluster one after the other. Nobody says when a file was deleted; but who was
     // made after the other was last written came after it.
@@ -218,6 +223,19 @@ class TDisputes {
       return false;
     }
     if (theirs.LastWritten == 0 || mine.Created <= theirs.LastWritten) doubt = TContentDoubt::Contested;
+    return true;
+  }
+
+  /// The same where only first clusters are certain, and either may lie elsewhere in truth.
+  static bool WeighAssumed(const TClaimant& mine, const TClaimant& theirs, const TClaimedRun& other,
+                           const TClusterRun& content, TContentDoubt& doubt) {
+    const bool onlyAtStart = std::min(other.End, content.First + content.Count) == content.First + 1;
+    if (mine.WasAlive && onlyAtStart) return true;
+    if (theirs.WasAlive && !mine.WasAlive && other.First >= content.First) {
+      doubt = other.First == content.First ? TContentDoubt::Overwritten : TContentDoubt::PartlyOverwritten;
+      return false;
+    }
+    doubt = TContentDoubt::Contested;
     return true;
   }
 

@@ -174,3 +174,33 @@ TEST_CASE("FAT: deleted files beyond their first cluster are assumptions, which 
   AnalyseDrive(engine, Mount(engine, fat.Image).Number);
   CHECK(TextOf(DoubtsOf(engine)) == TextOf(wanted));
 }
+
+TEST_CASE("FAT formatted over: what was alive to the end has its first cluster, and its rest lay anywhere") {
+  using enum TContentDoubt;
+  TFatBuilder fat(TFatShape{16, 512, 1, 1, 2, 512, 60000});
+  const struct {
+    std::string Name;
+    std::uint32_t Cluster;
+    std::uint32_t Clusters;
+    TContentDoubt Doubt;
+    std::string Shown;
+  } cases[] = {
+      {"ALONE   TXT", 100, 3, None, "ALONE.TXT"},
+      {"SMALL   TXT", 200, 1, None, "SMALL.TXT"},  // what was deleted cannot have it any more
+      {"\xE5MALL   TXT", 199, 2, PartlyOverwritten, "?MALL.TXT"},
+      {"LONG    TXT", 300, 4, Contested, "LONG.TXT"},
+      {"BETWEEN TXT", 302, 1, None, "BETWEEN.TXT"},
+      {"\xE5TART   TXT", 300, 1, Overwritten, "?TART.TXT"},
+      {"\xE5WAY    TXT", 900, 1, Contested, "?WAY.TXT"},  // nothing says so, but the rest of LONG may lie there
+  };
+  TDoubts wanted;
+  std::size_t at = fat.RootAt();
+  for (const auto& c : cases) {
+    fat.PutEntry(at, {c.Name, 0x20, c.Cluster, c.Clusters * 512});  // and no entry in the table
+    at += 32;
+    wanted[c.Shown] = c.Doubt;
+  }
+  TEngine engine;
+  AnalyseDrive(engine, Mount(engine, fat.Image).Number);
+  CHECK(TextOf(DoubtsOf(engine)) == TextOf(wanted));
+}
