@@ -78,6 +78,8 @@ class TExtX {
   void PartRecClear();
   /// Keeps the folders that begin in the sectors.
   void PartRecAnalyseSectors(std::span<const std::uint8_t> buffer, int parentDrive, std::int64_t firstSector);
+  /// A volume whose own superblock is gone is taken at the word of the copy just met.
+  void PartRecAnalyseForNewDrive(int parentDrive, std::int64_t sector);
   bool PartRecIsAnalysed(const TDriveInfo& drive) const;
   void PartRecDriveAdded(int driveNumber);
   void PartRecFinishVolumes(int parentDrive);
@@ -85,6 +87,8 @@ class TExtX {
   void ClearMemory() { FLast = TLastDataBlocks(); }
 
  private:
+  /// The superblock in force is not the first one.
+  static bool IsKnownByCopy(const TDriveInfo& drive);
   struct TLastDataBlocks {
     const TDriveInfo* DriveInfo = nullptr;
     std::int64_t Inode = 0;

@@ -8,6 +8,7 @@
 #include "core/drives.h"
 #include "core/engine.h"
 #include "core/numbers.h"
+#include "fs/driver.h"
 #include "fs/ext/ext.h"
 #include "fs/ext/ext_superblock.h"
 #include "table/files.h"
@@ -54,6 +55,15 @@ void TExtX::PartRecAnalyseSectors(std::span<const std::uint8_t> buffer, int pare
     FEngine.Pump();
     if (!FEngine.Analysing) return;
   }
+}
+
+void TExtX::PartRecAnalyseForNewDrive(int parentDrive, std::int64_t /*sector*/) {
+  TDrives& drives = FEngine.Drives();
+  const auto& found = drives.PartRecInfo.FoundDrives;
+  // Its group table has been looked at; what has its first superblock is confirmed at the end, where that is read
+  // again.
+  if (found.empty() || !IsExt(found.back().FileSystem) || !IsKnownByCopy(found.back())) return;
+  driver::PartRecConfirm(*this, drives, parentDrive, static_cast<int>(found.size()) - 1);
 }
 
 bool TExtX::PartRecIsAnalysed(const TDriveInfo& drive) const { return ExtXInfo(drive).IsAnalysedAsWhole; }

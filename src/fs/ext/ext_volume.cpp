@@ -91,6 +91,11 @@ bool TExtX::GetDriveInfo(TDriveInfo& drive, std::span<const std::uint8_t> buffer
   return true;
 }
 
+bool TExtX::IsKnownByCopy(const TDriveInfo& drive) {
+  const std::int64_t bytesPerSector = std::max(drive.BytesPerSector, 1);
+  return ExtXInfo(drive).SuperBlockSector * bytesPerSector >= 2 * static_cast<std::int64_t>(SuperblockOffset);
+}
+
 bool TExtX::GetDriveInfo(TDriveInfo& drive, bool fillTable, bool additionalCheck) {
   if (drive.BytesPerSector <= 0) drive.BytesPerSector = SectorSizeOf(FEngine, drive);
   const std::int64_t own = SuperblockOffset / drive.BytesPerSector;
@@ -104,6 +109,8 @@ bool TExtX::GetDriveInfo(TDriveInfo& drive, bool fillTable, bool additionalCheck
   FEngine.Reader().ReadOrZero(drive, buffer, drive.FirstSector + info.SuperBlockSector, TReadEffort::Content);
   const bool sound = GetDriveInfo(drive, buffer, start, additionalCheck);
   if (!sound && !FindCopy(drive)) return false;
+  if (IsKnownByCopy(drive) && drive.GeometrySource == TPlaceSource::Stored)
+    drive.GeometrySource = TPlaceSource::FromCopy;
   if (!fillTable) return true;
   FillGroups(drive, true, ExtXInfo(drive).Groups);
   OpenJournal(FEngine, drive);
@@ -180,7 +187,7 @@ TCopyFound TExtX::RecogniseByCopy(const TDriveInfo& drive, std::span<const std::
 }
 
 bool TExtX::IsCopyOf(const TDriveInfo& volume, const TDriveInfo& known) {
-  return volume.FirstSector == known.FirstSector && ExtXInfo(volume).SuperBlockSector > 2;
+  return volume.FirstSector == known.FirstSector && IsKnownByCopy(volume);
 }
 
 std::int64_t TExtX::AllocationUnit(const TDriveInfo& drive) const {

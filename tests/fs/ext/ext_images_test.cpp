@@ -91,6 +91,29 @@ TEST_CASE("copies of the superblock serve when the first is gone") {
   CheckTree(Walk(Damaged(std::move(image), 8193 * 1024, 1024)));
 }
 
+TEST_CASE("the thorough search takes a volume at the word of a copy of its superblock, and begins it where it began") {
+  for (const std::size_t before : {std::size_t{0}, std::size_t{7 * 512}}) {
+    for (const std::size_t wiped : {std::size_t{0}, std::size_t{4096}}) {
+      CAPTURE(before);
+      CAPTURE(wiped);
+      const TImage volume = Damaged(LoadTestImage("ext/plain1k.img.zst"), 0, wiped);
+      TImage image(before, 0xA5);
+      image.insert(image.end(), volume.begin(), volume.end());
+      TEngine engine;
+      const int number = Mount(engine, std::move(image)).Number;
+      engine.PartRecSystems = {TPartRecSystem::Ext};
+      engine.PartRecRunning = true;
+      AnalyseDrive(engine, number);
+      engine.PartRecRunning = false;
+      const TIntegerDynArray subs = DriveOf(engine, number).SubDrives;
+      REQUIRE(subs.size() == (before == 0 ? 0U : 1U));
+      const int found = subs.empty() ? number : subs.front();
+      CheckTree(WalkText(engine, found));
+      CHECK(DriveOf(engine, found).FirstSector == static_cast<std::int64_t>(before / 512));
+    }
+  }
+}
+
 TEST_CASE("a root that is gone leaves its folders below lost and found, with all content") {
   const auto truth = LoadTruth("lab-ext2.truth.tsv");
   TImage image = LoadTestImage("lab-ext2.img.zst");
