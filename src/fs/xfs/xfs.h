@@ -14,6 +14,7 @@
 #include "core/extents.h"
 #include "core/file_records.h"
 #include "core/types.h"
+#include "fs/lost_folders.h"
 #include "fs/xfs/xfs_info.h"
 #include "fs/xfs/xfs_inode.h"
 
@@ -21,19 +22,13 @@ namespace brenlow {
 
 class TEngine;
 
-/// Whether an analysis looks through free blocks for inodes and directories that nothing leads to.
-enum class TXFSLostSearch {
-  Never,
-  WhenNeeded,  ///< where it is a matter of seconds
-  Always,
-};
-
 class TXFS {
  public:
   explicit TXFS(TEngine& engine) : FEngine(engine) {}
 
   static constexpr TPartRecSystem Family = TPartRecSystem::XFS;
-  TXFSLostSearch LostSearch = TXFSLostSearch::WhenNeeded;
+  /// Whether an analysis looks through free blocks for inodes and directories that nothing leads to.
+  TLostFolderSearch LostFolderSearch = TLostFolderSearch::WhenNeeded;
 
   // ---- recognition ----
   bool IsPartition(std::span<const std::uint8_t> buffer, std::size_t start) const;

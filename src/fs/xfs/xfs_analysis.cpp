@@ -68,8 +68,8 @@ void TXFS::Analyse(int driveNumber) {
   };
   const auto noteBlock = [&](std::int64_t, TBytes block) { old.NoteBlock(block); };
   if (!inodes.ReadTrees(noteInode, share(0, AfterInodes))) return;
-  const bool cheap = LostSearch == TXFSLostSearch::WhenNeeded && inodes.FreeBytes() <= CheapSearch;
-  const bool search = cheap || LostSearch == TXFSLostSearch::Always;
+  const bool cheap = LostFolderSearch == TLostFolderSearch::WhenNeeded && inodes.FreeBytes() <= CheapSearch;
+  const bool search = cheap || LostFolderSearch == TLostFolderSearch::Always;
   // Groups whose inodes no tree has are searched in any case, and before the tree is walked.
   if (!inodes.SearchBlocks(search, noteInode, noteBlock, [](double) {})) return;
   TWalk walk(FEngine, drive, driveNumber, inodes, rows,
