@@ -40,6 +40,8 @@ const char* DoubtCode(TContentDoubt doubt) {
       return "other_type";
     case TContentDoubt::OnlyZeros:
       return "only_zeros";
+    case TContentDoubt::NameOnly:
+      return "name_only";
     default:
       return "";
   }

@@ -60,6 +60,8 @@ TText DoubtText(TContentDoubt doubt) {
       return TText::DoubtOtherType;
     case TContentDoubt::OnlyZeros:
       return TText::DoubtOnlyZeros;
+    case TContentDoubt::NameOnly:
+      return TText::DoubtNameOnly;
     default:
       return TText::DoubtPlaceEstimated;
   }

@@ -169,6 +169,7 @@ enum class TContentDoubt : std::uint8_t {
   PlaceEstimated,     ///< `TPlaceSource::Estimated`
   OtherType,          ///< it does not begin as files of its type do
   OnlyZeros,          ///< nothing but zeros: what was there was wiped or discarded
+  NameOnly,           ///< its name is all that is left: neither its size nor its place is known
 };
 
 /// Special values of `TFileInfo::FirstCluster` and `TFile::ParentCluster`.

@@ -190,7 +190,12 @@ void TFileWriter::WriteData(int fileNumber, TFileOutcome& outcome, int handle) {
   }
   if (outcome.SystemError == 0) outcome.SystemError = sink.Finish();
   outcome.Digest = sink.Digest();
-  if (outcome.Written == 0) return;
+  if (outcome.Written == 0) {
+    if (FLink.GetFileDoubt(fileNumber) != TContentDoubt::NameOnly) return;
+    outcome.Doubt = TContentDoubt::NameOnly;
+    outcome.Outcome = TOutcome::Doubtful;
+    return;
+  }
   const TFile& file = FEngine.Files().List[static_cast<std::size_t>(fileNumber)];
   outcome.Doubt = DoubtOf(FEngine, file);
   if (outcome.Doubt < TContentDoubt::Overwritten && FEngine.Reader().EstimatedReads() != estimatedReads) {

@@ -38,6 +38,7 @@ void TExtX::Analyse(int driveNumber) {
   if (FEngine.Analysing) walk.UseJournal();
   if (FEngine.Analysing) walk.AddNamelessInodes();
   if (FEngine.Analysing) walk.AddNamelessFolders();
+  walk.NoteNamesOnly();
 }
 
 void TExtX::AnalyseSystem(int driveNumber) {

@@ -112,6 +112,7 @@ void TExtX::AddNamesOnly(int driveNumber, const TPartRecDirectoryEntry& folder) 
     info.strName = entries.Name(i);
     info.blnFolder = entries[i].FileType == TFileType::ftDirectory;
     info.blnDeleted = true;
+    if (!info.blnFolder) info.Doubt = TContentDoubt::NameOnly;
     info.FirstCluster = entries[i].Inode;
     info.FirstSector = folder.SectorNumber;
     info.OffsetInSector = static_cast<std::int32_t>(entries[i].Position);

@@ -58,8 +58,17 @@ bool TVolumeWalk::GoOn() {
 
 int TVolumeWalk::AddRow(const TFileInfo& info, std::int64_t parent) {
   const int number = FSink(info, parent);
-  if (info.blnFolder && number >= 0) FFolderRows.insert(info.FirstCluster);
+  if (number < 0) return number;
+  if (info.blnFolder) FFolderRows.insert(info.FirstCluster);
+  if (FDriveNumber >= 0 && info.blnDeleted && !info.blnFolder && info.aSize == 0) FRowsWithoutContent.push_back(number);
   return number;
+}
+
+void TVolumeWalk::NoteNamesOnly() {
+  for (const int number : FRowsWithoutContent) {
+    TFileInfo& row = FEngine.Files().List[static_cast<std::size_t>(number)].FileInfo;
+    if (row.aSize == 0 && row.Kind == TFileKind::Regular) row.Doubt = TContentDoubt::NameOnly;
+  }
 }
 
 /// The blocks of the file system's own: superblocks, group tables, bitmaps, inodes, the journal.

@@ -55,6 +55,8 @@ class TVolumeWalk {
   void AddNamelessInodes();
   /// Gives folders whose own name is gone one below the folder that their ".." names.
   void AddNamelessFolders();
+  /// Deleting clears the size in an inode: what no journal has filled in by now is a name and nothing else.
+  void NoteNamesOnly();
   /// True when the root led to nothing that is not deleted.
   bool IsBare() const { return FLiveEntries == 0; }
 
@@ -149,6 +151,7 @@ class TVolumeWalk {
   std::vector<TFolderRun> FFolderRuns;
   std::unordered_map<std::uint32_t, std::uint32_t> FFolderSeeds;  // checksum seed to inode
   std::vector<TDeletedRow> FDeletedRows;
+  std::vector<int> FRowsWithoutContent;                          // of deleted files, as they were entered
   std::unordered_set<std::int64_t> FFolderRows;                  // keys of folders that have a row
   std::unordered_map<std::int64_t, std::uint32_t> FLostParents;  // key of a lost folder to the folder above it
   std::unordered_set<std::uint32_t> FInlineFolders;              // that were met

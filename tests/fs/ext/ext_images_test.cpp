@@ -6,6 +6,7 @@
 #include <chrono>
 
 #include "analysis/analysis.h"
+#include "analysis/file_data.h"
 #include "fs/driver_contract.h"
 #include "support/truth.h"
 #include "table/files.h"
@@ -76,6 +77,20 @@ TEST_CASE("all forms of volumes are read") {
     if (first.empty()) first = sorted;
     CHECK(sorted.size() == first.size());
   }
+}
+
+TEST_CASE("without a journal only the names of deleted files are left, which no list calls whole") {
+  TEngine engine;
+  AnalyseDrive(engine, Mount(engine, LoadTestImage("lab-ext2.img.zst")).Number);
+  int names = 0;
+  for (std::size_t i = 0; i < engine.Files().List.size(); ++i) {
+    const TFile& file = engine.Files().List[i];
+    const TFileInfo& info = file.FileInfo;
+    if (info.blnFolder || !info.blnDeleted || info.aSize > 0) continue;
+    CHECK(DoubtOf(engine, file) == TContentDoubt::NameOnly);
+    ++names;
+  }
+  CHECK(names > 0);
 }
 
 TEST_CASE("copies of the superblock serve when the first is gone") {
