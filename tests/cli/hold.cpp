@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Loaded before the program by the tests that stop it at a known point. What it does is set in the environment:
 //   HOLD_SOURCE=PATH, HOLD_AT_READ=N   stops the process (SIGSTOP) before its Nth read of that file
-//   HOLD_READ_BYTES=N                  only reads of at least that many bytes count: those of a scan, not of a superblock
-//   HOLD_AT_NAME=N                     stops it before the Nth time that a file gets a name (rename or link)
+//   HOLD_READ_BYTES=N                  only reads of at least that many bytes count: those of a scan, not of a
+//   superblock HOLD_AT_NAME=N                     stops it before the Nth time that a file gets a name (rename or link)
 //   CLOCK_STEP=MILLISECONDS            each reading of the steady clock is that much later
 #include <dlfcn.h>
 #include <sys/stat.h>
