@@ -4,9 +4,11 @@
 #include <algorithm>
 #include <cstdint>
 #include <map>
+#include <set>
 #include <tuple>
 #include <vector>
 
+#include "analysis/file_data.h"
 #include "core/cluster_use.h"
 #include "core/drives.h"
 #include "core/engine.h"
@@ -99,7 +101,10 @@ class TDisputes {
     }
     FTree.Build();
     for (const TRow& row : FRows) {
-      Info(row.Number).Doubt = DoubtOf(row);
+      const TContentDoubt doubt = DoubtOf(row);
+      if (doubt != TContentDoubt::None || Info(row.Number).Doubt == TContentDoubt::Unchecked) {
+        Info(row.Number).Doubt = doubt;
+      }
       FEngine.Pump();
     }
   }
@@ -263,6 +268,18 @@ void MarkDisputedFiles(TEngine& engine, int driveNumber) {
     return true;
   };
   WithDriver(engine, drives.List[static_cast<std::size_t>(driveNumber)].FileSystem, mark, false);
+}
+
+void SettlePlaces(TEngine& engine, const TInt64DynArray& fileNumbers) {
+  std::set<int> drives;
+  for (const std::int64_t number : fileNumbers) {
+    engine.Pump();
+    if (!engine.Recovering) return;
+    TFile& file = engine.Files().List[static_cast<std::size_t>(number)];
+    FindFirstClusters(engine, file);
+    drives.insert(file.FileInfo.aDriveNumber);
+  }
+  for (const int drive : drives) MarkDisputedFiles(engine, drive);
 }
 
 }  // namespace brenlow

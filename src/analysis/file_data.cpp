@@ -67,6 +67,17 @@ void FindFirstClusters(TEngine& engine, TFile& file) {
   WithDriver(engine, Drive(engine, number).FileSystem, find, false);
 }
 
+bool IsPlaceOpen(TEngine& engine, const TFile& file) {
+  const TFileInfo& info = file.FileInfo;
+  if (!info.blnDeleted || info.aDeepAnalyse || engine.Drives().IsWrongNumber(info.aDriveNumber)) return false;
+  const TDriveInfo& drive = Drive(engine, info.aDriveNumber);
+  const auto ask = [&](auto& driver) {
+    if constexpr (requires { driver.IsPlaceOpen(drive, info); }) return driver.IsPlaceOpen(drive, info);
+    return false;
+  };
+  return WithDriver(engine, drive.FileSystem, ask, false);
+}
+
 void FillADS(TEngine& engine, const TFile& file, TADSDynArray& result) {
   result.clear();
   const int number = file.FileInfo.aDriveNumber;

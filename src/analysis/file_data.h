@@ -29,6 +29,9 @@ TFileStretch GetFileStretch(TEngine& engine, TFile& file, int adsNumber, std::in
 /// Looks, once a file, for the places where a deleted file may begin (`TFileInfo::FirstClusters`).
 void FindFirstClusters(TEngine& engine, TFile& file);
 
+/// True for a deleted file that may begin at several places, of which none was looked at yet.
+bool IsPlaceOpen(TEngine& engine, const TFile& file);
+
 /// The streams and attributes of a file; empty on file systems that have none.
 void FillADS(TEngine& engine, const TFile& file, TADSDynArray& result);
 

@@ -396,7 +396,7 @@ void PartRecDoAfterAnalyse(TDriver& driver, int parentDrive) {
 
 // ---- files: see `analysis/file_data.h`, which calls them ------------------------------------
 // GetFileFragments(file, result) instead of the fragments of the main stream, FillADS(file, result),
-// ChangeFileFirstCluster(fileInfo), IsOverwritten(file), PlaceOf(file).
+// ChangeFileFirstCluster(fileInfo) with IsPlaceOpen(drive, fileInfo), IsOverwritten(file), PlaceOf(file).
 // `analysis/disputed_files` compares deleted files by UsedClusters(drive) and ClaimedClusters(drive, file, claim)
 // where the driver says how it knows them: ClaimsAreExact (all clusters of a deleted file, else only the first one
 // is certain) and ClaimsNeedReads (then live files are asked only where the volume has no map of its own).

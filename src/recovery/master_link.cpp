@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "recovery/master_link.h"
 
+#include "analysis/disputed_files.h"
 #include "analysis/file_data.h"
 #include "core/device_table.h"
 #include "core/drives.h"
@@ -69,6 +70,16 @@ TContentDoubt TFileTableLink::GetFileDoubt(int fileNumber) const {
   TFiles& files = FEngine.Files();
   if (files.IsWrongNumber(fileNumber)) return TContentDoubt::Unchecked;
   return DoubtOf(FEngine, files.List[static_cast<std::size_t>(fileNumber)]);
+}
+
+bool TFileTableLink::IsPlaceOpen(int fileNumber) const {
+  const TFiles& files = FEngine.Files();
+  return !files.IsWrongNumber(fileNumber) &&
+         brenlow::IsPlaceOpen(FEngine, files.List[static_cast<std::size_t>(fileNumber)]);
+}
+
+void TFileTableLink::SettlePlaces(const TInt64DynArray& fileNumbers) const {
+  brenlow::SettlePlaces(FEngine, fileNumbers);
 }
 
 TADSDynArray TFileTableLink::GetStreams(int fileNumber) const {

@@ -45,6 +45,10 @@ class TRecoveryMasterLink {
   virtual TFileKind GetFileKind(int fileNumber) const = 0;
   /// What speaks against its content before it is read.
   virtual TContentDoubt GetFileDoubt(int fileNumber) const = 0;
+  /// True where that takes a look at where it begins.
+  virtual bool IsPlaceOpen(int /*fileNumber*/) const { return false; }
+  /// Takes that look at files that are about to be written, for `GetFileDoubt` to weigh them against all others.
+  virtual void SettlePlaces(const TInt64DynArray& /*fileNumbers*/) const {}
   virtual int GetFileDriveNumber(int fileNumber) const = 0;
   virtual std::int64_t GetFileFirstCluster(int fileNumber) const = 0;
   virtual TTimeStamp GetFileTimes(int fileNumber) const = 0;
@@ -88,6 +92,8 @@ class TFileTableLink : public TRecoveryMasterLink {
   bool GetFileDeleted(int fileNumber) const override { return Info(fileNumber).blnDeleted; }
   TFileKind GetFileKind(int fileNumber) const override { return Info(fileNumber).Kind; }
   TContentDoubt GetFileDoubt(int fileNumber) const override;
+  bool IsPlaceOpen(int fileNumber) const override;
+  void SettlePlaces(const TInt64DynArray& fileNumbers) const override;
   int GetFileDriveNumber(int fileNumber) const override { return Info(fileNumber).aDriveNumber; }
   std::int64_t GetFileFirstCluster(int fileNumber) const override { return Info(fileNumber).FirstCluster; }
   TTimeStamp GetFileTimes(int fileNumber) const override { return Info(fileNumber).TimeStamp; }

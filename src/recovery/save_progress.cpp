@@ -36,6 +36,7 @@ int TfrmSaveProgress::PrepareInfo() {
   CurrentRecoveringFile = -1;
   RecoveredSize = RecoverySize = RecoveryFiles = ListedSize = 0;
   FMeasuredDrives.clear();
+  FOpenPlaces.clear();
   FShownRatio = 0;
   FSummary = TRecoverySummary();
   FPlaces.clear();
@@ -45,6 +46,8 @@ int TfrmSaveProgress::PrepareInfo() {
 void TfrmSaveProgress::PrepareRecovery(bool isMasterResults) { Walk(true, isMasterResults, TTargetTree::Root); }
 
 void TfrmSaveProgress::Recovery(bool isMasterResults, TStringView subfolder) {
+  FLink.SettlePlaces(FOpenPlaces);
+  FOpenPlaces.clear();
   TPlace start = TTargetTree::Root;
   if (!subfolder.empty()) start = FTarget.Folder(start, subfolder, {}, true);
   Walk(false, isMasterResults, start);
@@ -224,6 +227,7 @@ void TfrmSaveProgress::MeasureFile(int fileNumber) {
   const std::int64_t size = FLink.GetFileSize(fileNumber);
   RecoverySize += std::clamp<std::int64_t>(size, 0, INT64_MAX - RecoverySize);
   ++RecoveryFiles;
+  if (FLink.IsPlaceOpen(fileNumber)) FOpenPlaces.push_back(fileNumber);
   const int number = FLink.GetFileDriveNumber(fileNumber);
   auto drive = FMeasuredDrives.find(number);
   if (drive == FMeasuredDrives.end()) {

@@ -109,6 +109,7 @@ class TfrmSaveProgress {
   std::unordered_set<std::int64_t> FEntered;           // folders walked so far
   std::unordered_set<std::int64_t> FSkipped;           // skipped folders, which may still be found elsewhere
   std::map<int, TRecoveryDrive> FMeasuredDrives;       // of the files measured
+  TInt64DynArray FOpenPlaces;                          // files measured whose first cluster is to be looked for
 };
 
 /// `name` with every refused character replaced, from the last to the first.

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Deleted files whose clusters belong, or belonged, to something else as well: each must be told, and no
 // other one.
+#include "analysis/disputed_files.h"
+
 #include <doctest/doctest.h>
 
 #include <map>
@@ -203,4 +205,39 @@ TEST_CASE("FAT formatted over: what was alive to the end has its first cluster, 
   TEngine engine;
   AnalyseDrive(engine, Mount(engine, fat.Image).Number);
   CHECK(TextOf(DoubtsOf(engine)) == TextOf(wanted));
+}
+
+TEST_CASE("FAT32: files whose high half is found only when they are written are compared then") {
+  TFatBuilder fat(TFatShape{32, 512, 1, 32, 2, 0, 140000});
+  const auto deleted = [&](std::size_t index, const std::string& name, std::uint32_t cluster, std::uint32_t clusters) {
+    fat.PutEntry(fat.ClusterAt(2) + 32 * index, {name, 0x20, cluster & 0xFFFF, clusters * 512});
+    fat.Image[fat.ClusterAt(2) + 32 * index] = 0xE5;
+    fat.Fill(cluster, "\xFF\xD8\xFF photo");
+  };
+  deleted(0, "ALONE   JPG", 66000, 2);
+  deleted(1, "WIDE    JPG", 67000, 3);
+  deleted(2, "INSIDE  JPG", 67002, 1);
+  deleted(3, "LEFTOUT JPG", 68000, 1);
+  fat.PutEntry(fat.ClusterAt(2) + 128, {"LIVE    TXT", 0x20, 70000, 512});
+  fat.Chain({70000});
+  TEngine engine;
+  AnalyseDrive(engine, Mount(engine, fat.Image).Number);
+  using enum TContentDoubt;
+  CHECK(TextOf(DoubtsOf(engine)) == TextOf({{"?LONE.JPG", PlaceEstimated},
+                                            {"?IDE.JPG", PlaceEstimated},
+                                            {"?NSIDE.JPG", PlaceEstimated},
+                                            {"?EFTOUT.JPG", PlaceEstimated}}));
+  TInt64DynArray chosen;
+  const TFileArray& list = engine.Files().List;
+  for (std::size_t i = 0; i < list.size(); ++i) {
+    if (IsPlaceOpen(engine, list[i]) && list[i].FileInfo.strName != u"?EFTOUT.JPG") {
+      chosen.push_back(static_cast<std::int64_t>(i));
+    }
+  }
+  engine.Recovering = true;
+  SettlePlaces(engine, chosen);
+  CHECK(
+      TextOf(DoubtsOf(engine)) ==
+      TextOf(
+          {{"?LONE.JPG", None}, {"?IDE.JPG", Contested}, {"?NSIDE.JPG", Contested}, {"?EFTOUT.JPG", PlaceEstimated}}));
 }

@@ -75,6 +75,8 @@ class TFAT {
   std::uint32_t GetNextRecoveryCluster(const TDriveInfo& drive, std::uint32_t cluster);
   /// Deleting on FAT32 may wipe the high half of the first cluster: looks for it, once a file.
   void ChangeFileFirstCluster(TFileInfo& file);
+  /// True for a deleted file that was not looked for yet, and may lie elsewhere than its entry says.
+  bool IsPlaceOpen(const TDriveInfo& drive, const TFileInfo& file) const;
   /// True for a deleted file whose first cluster belongs to something else by now.
   bool IsOverwritten(const TFile& file) const;
   /// Where a deleted file lies beyond its first cluster is an assumption; but entries tell all of it.

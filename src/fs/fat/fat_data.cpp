@@ -185,8 +185,7 @@ bool TFAT::ClaimedClusters(const TDriveInfo& drive, const TFile& file, TClaim& c
     claim.Others.push_back({info.FirstCluster, 1});
     return claim.Seen;
   }
-  const bool isCertain = info.FirstClustersChanged || !MayLackHighHalf(drive, info) || !FATInfo(drive).HighPartUsed;
-  if (info.aSize <= 0 || (!isCertain && !IsStoredPlace(drive, info))) return false;
+  if (info.aSize <= 0 || (FATInfo(drive).HighPartUsed && IsPlaceOpen(drive, info))) return false;
   // Of a live file the table tells the rest.
   const bool wholly = info.blnDeleted || FATInfo(drive).FATTable.empty();
   const std::int64_t count = wholly ? CeilDiv(info.aSize, clusterBytes) : 1;
@@ -203,8 +202,7 @@ TPlaceSource TFAT::PlaceOf(const TFile& file) const {
   // A file of one cluster needs no entry, unless that has to tell whether the place is still its own.
   const bool needsEntry = info.blnDeleted || info.aSize > ClusterBytes(drive);
   if (needsEntry && IsUnknown(drive, info.FirstCluster)) return TPlaceSource::Estimated;
-  const bool isFinal = info.FirstClustersChanged || !MayLackHighHalf(drive, info) || !FATInfo(drive).HighPartUsed;
-  return isFinal || IsStoredPlace(drive, info) ? info.Place : TPlaceSource::Estimated;
+  return FATInfo(drive).HighPartUsed && IsPlaceOpen(drive, info) ? TPlaceSource::Estimated : info.Place;
 }
 
 // ---- first clusters that lost their high half -----------------------------------------------
@@ -213,6 +211,10 @@ TPlaceSource TFAT::PlaceOf(const TFile& file) const {
 bool TFAT::MayLackHighHalf(const TDriveInfo& drive, const TFileInfo& file) const {
   return IsFAT32(drive) && file.blnDeleted && !file.blnFolder && file.FirstCluster >= 0 &&
          file.FirstCluster <= 0xFFFF && file.aSize > 0 && LastCluster(drive) > 0xFFFF;
+}
+
+bool TFAT::IsPlaceOpen(const TDriveInfo& drive, const TFileInfo& file) const {
+  return !file.FirstClustersChanged && MayLackHighHalf(drive, file) && !IsStoredPlace(drive, file);
 }
 
 /// Whoever deletes on this volume keeps the high half: the number is right as it stands where its
