@@ -16,7 +16,7 @@ constexpr int MaxSecondaries = 18;  // of a file without slots of vendors
 constexpr std::uint16_t KnownAttributes = AttrReadOnly | AttrHidden | AttrSystem | AttrFolder | AttrArchive;
 
 std::uint16_t AddByte(std::uint16_t sum, std::uint8_t byte) {
-  return static_cast<std::uint16_t>((sum << 15 | sum >> 1) + byte);
+  return static_cast<std::uint16_t>((std::uint32_t{sum} << 15 | sum >> 1) + byte);
 }
 
 /// A time stamp (date in the high half) with hundredths of a second and a zone in quarters of an hour.

@@ -97,6 +97,7 @@ bool ParseSuperblock(std::span<const std::uint8_t> buffer, std::size_t start, bo
   const bool marked = ReadLe16(super, 56) == Magic;
   if (info.BlockSize == 0 || (additionalCheck && (!marked || !HasSoundInodes(super, info)))) return false;
   ReadCounts(super, info);
+  if (info.TotalBlockCount > INT64_MAX / info.BlockSize) return false;
   const std::uint32_t clusters = ReadLe32(super, 36);
   if (!IsFilled(info) || info.BlockSize % 512 != 0 || clusters == 0) return false;
   if (info.GroupDescriptorsRecordSize < 32 || info.GroupDescriptorsRecordSize > info.BlockSize) return false;
