@@ -85,7 +85,7 @@ bool TExtX::GetDriveInfo(TDriveInfo& drive, std::span<const std::uint8_t> buffer
     drive.DefaultSectorsCount = drive.SectorsCount;
   }
   drive.DefaultSectorsPerCluster = info.BlockSize / static_cast<unsigned>(drive.BytesPerSector);
-  drive.aFreeSize = std::min(info.FreeBlockCount, info.TotalBlockCount) * info.BlockSize;
+  drive.aFreeSize = std::clamp<std::int64_t>(info.FreeBlockCount, 0, info.TotalBlockCount) * info.BlockSize;
   drive.VolumeName = name;
   ExtXInfo(drive) = std::move(info);
   return true;
