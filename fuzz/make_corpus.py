@@ -4,8 +4,12 @@
 
     fuzz/make_corpus.py        writes fuzz/corpus/*/seed-*
 """
+import gzip
+import io
 import pathlib
 import struct
+import zipfile
+import zlib
 
 HERE = pathlib.Path(__file__).resolve().parent / "corpus"
 
@@ -154,6 +158,33 @@ def deep():
     write("deep", "seed-sectors", b"".join(sectors))
 
 
+def structure():
+    """A small file of each kind, behind the number of its reader."""
+    chunk = lambda kind, data: struct.pack(">I", len(data)) + kind + data + struct.pack(">I", zlib.crc32(kind + data))
+    packed = io.BytesIO()
+    with zipfile.ZipFile(packed, "w") as archive:
+        archive.writestr(zipfile.ZipInfo("a"), "b")
+    wave = b"RIFF" + struct.pack("<I", 40) + b"WAVEfmt " + struct.pack("<I", 16) + bytes(16) + b"data" + struct.pack("<I", 4) + b"wave"
+    files = [
+        b"\xff\xd8\xff\xc0\0\4ab\xff\xda\0\4cd\xff\0ef\xff\xd9",
+        b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", bytes(13)) + chunk(b"IEND", b""),
+        b"GIF89a\2\0\2\0\x80\0\0" + bytes(6) + b",\0\0\0\0\2\0\2\0\0\2\2\x44\1\0;",
+        b"BM" + struct.pack("<IIIIiiHHIIiiII", 78, 0, 54, 40, 3, 2, 1, 24, 0, 0, 0, 0, 0, 0) + bytes(24),
+        wave,
+        packed.getvalue(),
+        b"\xd0\xcf\x11\xe0\xa1\xb1\x1a\xe1" + bytes(16) + struct.pack("<HHHHH", 0x3e, 3, 0xfffe, 9, 6) + bytes(10)
+        + struct.pack("<IIIIIIII", 1, 1, 0, 4096, 0xfffffffe, 0, 0xfffffffe, 0) + struct.pack("<I", 0) + b"\xff" * 432
+        + struct.pack("<II", 0xfffffffd, 0xfffffffe) + b"\xff" * 504 + bytes(512),
+        gzip.compress(b"gzip", mtime=0),
+        b"MThd" + struct.pack(">IHHH", 6, 0, 1, 96) + b"MTrk" + struct.pack(">I", 4) + b"\0\xff\x2f\0",
+        b"ITSF" + struct.pack("<II", 3, 0x60) + bytes(0x2c) + struct.pack("<QQQQ", 0x60, 24, 0x78, 4) + bytes(8) + struct.pack("<QQQ", 0x1fe, 0x80, 0) + b"ITSP" + bytes(4),
+        b"MSCF" + struct.pack("<IIIIIBBHHHHH", 0, 56, 0, 44, 0, 3, 1, 1, 0, 0, 0, 0) + struct.pack("<IHH", 44, 1, 0) + struct.pack("<IHH", 0, 4, 4) + b"data",
+        bytes.fromhex("3026b2758e66cf11a6d900aa0062ce6c1800000000000000") + bytes.fromhex("3626b2758e66cf11a6d900aa0062ce6c1800000000000000"),
+    ]
+    for number, file in enumerate(files):
+        write("structure", "seed-%d" % number, bytes([number]) + file)
+
+
 def crc32c(data):
     crc = 0xFFFFFFFF
     for byte in data:
@@ -244,6 +275,7 @@ def exfat():
 
 def main():
     deep()
+    structure()
     images()
     search()
     write("ntfs", "seed-volume", b"\0" + ntfs())

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "analysis/deep/all_fs.h"
+#include "analysis/deep/structure.h"
 #include "analysis/disputed_files.h"
 #include "analysis/scan.h"
 #include "analysis/search/partition_search.h"
@@ -146,7 +147,7 @@ bool ScanSectors(TEngine& engine, int driveNumber) {
 
 }  // namespace
 
-void DeepAnalyseDrive(TEngine& engine, int driveNumber) {
+void DeepAnalyseDrive(TEngine& engine, int driveNumber, TDeepSizes sizes) {
   if (engine.Drives().IsWrongNumber(driveNumber)) return;
   engine.PartRecRunning = false;
   const TAnalysingScope analysing(engine, driveNumber);
@@ -154,6 +155,7 @@ void DeepAnalyseDrive(TEngine& engine, int driveNumber) {
   if (engine.AllFS().DoBeforeDeepAnalyse(driveNumber)) {
     const bool whole = ScanSectors(engine, driveNumber);
     if (engine.Files().FoundCount == 0 && ::geteuid() != 0) engine.ShowMessage(TText::NothingFoundNoRights);
+    if (whole && sizes == TDeepSizes::ByStructure) MeasureDeepFiles(engine, driveNumber);
     if (whole) Drive(engine, driveNumber).DeepAnalysed = TAnalyseInformation::aiFull;
   }
 }

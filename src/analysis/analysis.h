@@ -22,10 +22,14 @@ void AnalyseFileSystem(TEngine& engine, int driveNumber);
 /// A physical drive: copies of its volumes are analysed as its sub-drives.
 void AnalysePhysicalDrive(TEngine& engine, int driveNumber);
 
+/// How long files are that the deep analysis finds: as its step leaves them, or as their own structure says, where
+/// that can be walked to its end.
+enum class TDeepSizes { AsFound, ByStructure };
+
 /// The deep analysis of a drive on its own: earlier finds of one are thrown away, the files of the
 /// drive's file system stay. Clearing `TEngine::Analysing` stops it; what was found stays, but for
 /// the file that was open.
-void DeepAnalyseDrive(TEngine& engine, int driveNumber);
+void DeepAnalyseDrive(TEngine& engine, int driveNumber, TDeepSizes sizes = TDeepSizes::AsFound);
 
 /// Lists a volume that need not be registered, without touching the file table.
 void GetDriveFiles(TEngine& engine, TDriveInfo& drive, TFileArray& result, bool rootDirOnly,

@@ -85,7 +85,7 @@ bool RunScan(TEngine& engine, const TScanRequest& request) {
   }
   if (!request.Deep) return true;
   begin(true);
-  DeepAnalyseDrive(engine, request.Drive);
+  DeepAnalyseDrive(engine, request.Drive, TDeepSizes::ByStructure);
   return isWhole(drives.List[static_cast<std::size_t>(request.Drive)].DeepAnalysed);
 }
 
