@@ -108,7 +108,7 @@ TContentDoubt NotedDoubtOf(TEngine& engine, const TFile& file) {
 
 TContentDoubt DoubtOf(TEngine& engine, const TFile& file) {
   const TContentDoubt noted = file.FileInfo.blnDeleted ? NotedDoubtOf(engine, file) : TContentDoubt::None;
-  if (IsOverwritten(noted)) return noted;
+  if (IsOverwritten(noted) || noted == TContentDoubt::NameOnly) return noted;
   return PlaceOf(engine, file) == TPlaceSource::Estimated ? TContentDoubt::PlaceEstimated : noted;
 }
 

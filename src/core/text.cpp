@@ -66,10 +66,16 @@ std::size_t DecodeOne(std::string_view text, std::size_t at, char32_t& value) {
 }
 
 TString Decode(std::string_view text, bool escapes, bool* valid) {
-  TString out;
-  out.reserve(text.size());
+  // No text has more units than bytes. Nearly all names are plain ASCII, and an analysis converts every one.
+  TString out(text.size(), u'\0');
+  std::size_t ascii = 0;
+  while (ascii < text.size() && static_cast<unsigned char>(text[ascii]) < 0x80) {
+    out[ascii] = static_cast<char16_t>(text[ascii]);
+    ++ascii;
+  }
+  out.resize(ascii);
   bool good = true;
-  for (std::size_t i = 0; i < text.size();) {
+  for (std::size_t i = ascii; i < text.size();) {
     char32_t value = 0;
     const std::size_t length = DecodeOne(text, i, value);
     if (length == 0) {

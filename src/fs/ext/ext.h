@@ -110,7 +110,8 @@ class TExtX {
   bool TryCopies(TDriveInfo& drive, std::uint32_t blockSize);
   bool HasSoundGroups(const TDriveInfo& drive);
   TByteDynArray ReadDescriptors(const TDriveInfo& drive, std::int64_t count);
-  void ParseDescriptors(const TDriveInfo& drive, std::span<const std::uint8_t> table, TExtXGroups& groups) const;
+  void ParseDescriptors(const TDriveInfo& drive, std::span<const std::uint8_t> table, bool inForce,
+                        TExtXGroups& groups) const;
   void SetDataRanges(const TDriveInfo& drive, std::span<const std::uint8_t> table, TExtXGroups& groups) const;
   /// The inode of a file, on the disk or in the journal; null when there is none.
   const ext::TInode* InodeOf(const TDriveInfo& drive, const TFileInfo& file);

@@ -288,7 +288,9 @@ TByteDynArray TExtX::ReadDescriptors(const TDriveInfo& drive, std::int64_t count
   return table;
 }
 
-void TExtX::ParseDescriptors(const TDriveInfo& drive, std::span<const std::uint8_t> table, TExtXGroups& groups) const {
+/// `inForce`: what it says of bitmaps and inodes never written still holds.
+void TExtX::ParseDescriptors(const TDriveInfo& drive, std::span<const std::uint8_t> table, bool inForce,
+                             TExtXGroups& groups) const {
   constexpr std::uint16_t bitmapUnused = 2;
   constexpr std::uint16_t tableZeroed = 4;
   const TExtXInfo& info = ExtXInfo(drive);
@@ -296,7 +298,7 @@ void TExtX::ParseDescriptors(const TDriveInfo& drive, std::span<const std::uint8
   const auto perBlock = info.BlockSize / size;
   const bool wide = size >= 44;
   const bool flagged =
-      (info.FeatureReadOnly & (Feature::ReadOnlyGroupChecksums | Feature::ReadOnlyMetadataChecksums)) != 0;
+      inForce && (info.FeatureReadOnly & (Feature::ReadOnlyGroupChecksums | Feature::ReadOnlyMetadataChecksums)) != 0;
   for (std::size_t number = 0; number < groups.size(); ++number) {
     const std::size_t at = number / perBlock * info.BlockSize + number % perBlock * size;
     if (at + size > table.size()) {
@@ -361,8 +363,12 @@ void TExtX::FillGroups(TDriveInfo& drive, bool dataBitmap, TExtXGroups& groups) 
   info.TotalFolders = 0;
   if (!IsFilled(info) || info.TotalBlockCount > MostTableBlocks) return;
   const std::int64_t count = std::min(GroupCount(info), MostGroups);
-  TByteDynArray table = ReadDescriptors(drive, count);
-  if (!HasSoundGroups(drive)) {
+  // The first table is the one in force, also where its superblock is gone; the others are as old as the volume.
+  TDriveInfo first = drive;
+  ExtXInfo(first).SuperBlockSector = SuperblockOffset / std::max(drive.BytesPerSector, 1);
+  const bool inForce = HasSoundGroups(first);
+  TByteDynArray table = ReadDescriptors(inForce ? first : drive, count);
+  if (!inForce && !HasSoundGroups(drive)) {
     // The table is gone, though the superblock is not: a copy of both serves.
     TDriveInfo copy = drive;
     copy.Systems.Clear();
@@ -372,7 +378,7 @@ void TExtX::FillGroups(TDriveInfo& drive, bool dataBitmap, TExtXGroups& groups) 
     }
   }
   groups.resize(static_cast<std::size_t>(count));
-  ParseDescriptors(drive, table, groups);
+  ParseDescriptors(drive, table, inForce, groups);
   for (std::size_t number = 0; number < groups.size(); ++number) {
     const std::size_t at = number * info.GroupDescriptorsRecordSize;
     const bool wide = info.GroupDescriptorsRecordSize >= 52;

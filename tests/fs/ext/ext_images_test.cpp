@@ -8,6 +8,7 @@
 #include "analysis/analysis.h"
 #include "analysis/file_data.h"
 #include "fs/driver_contract.h"
+#include "fs/ext/ext_info.h"
 #include "support/truth.h"
 #include "table/files.h"
 
@@ -106,6 +107,22 @@ TEST_CASE("copies of the superblock serve when the first is gone") {
   CheckTree(Walk(Damaged(std::move(image), 8193 * 1024, 1024)));
 }
 
+TEST_CASE("what a copy of the group table says of bitmaps is out of date") {
+  TImage image = LoadTestImage("ext/plain1k.img.zst");
+  constexpr std::size_t copyOfTable = 8194 * 1024;
+  constexpr std::size_t flags = 18;
+  constexpr std::uint8_t bitmapUnused = 2;
+  image[copyOfTable + flags] |= bitmapUnused;  // of the first group, which has files
+  for (const std::size_t wiped : {std::size_t{2048}, std::size_t{4096}}) {
+    CAPTURE(wiped);
+    TEngine engine;
+    const int number = Mount(engine, Damaged(image, 0, wiped)).Number;
+    AnalyseDrive(engine, number);
+    REQUIRE_FALSE(ExtXInfo(DriveOf(engine, number)).Groups.empty());
+    CHECK_FALSE(ExtXInfo(DriveOf(engine, number)).Groups[0].BlockBitmapUnused);
+  }
+}
+
 TEST_CASE("the thorough search takes a volume at the word of a copy of its superblock, and begins it where it began") {
   for (const std::size_t before : {std::size_t{0}, std::size_t{7 * 512}}) {
     for (const std::size_t wiped : {std::size_t{0}, std::size_t{4096}}) {
@@ -190,4 +207,22 @@ TEST_CASE("specimens of other origin read as their truth says") {
     CHECK_MESSAGE(!walk.empty(), row.File);
     CHECK_MESSAGE(walk.find(row.Expected) != std::string::npos, row.File);
   }
+}
+
+TEST_CASE("a volume of which no superblock is left gives names, and none of them counts as a whole file") {
+  // One group only, so there is no copy.
+  TEngine engine;
+  const int number = Mount(engine, Damaged(LoadTestImage("lab-ext2.img.zst"), 0, 2048)).Number;
+  engine.PartRecSystems = {TPartRecSystem::Ext};
+  engine.PartRecRunning = true;
+  AnalyseDrive(engine, number);
+  engine.PartRecRunning = false;
+  int names = 0;
+  for (std::size_t i = 0; i < engine.Files().List.size(); ++i) {
+    const TFile& file = engine.Files().List[i];
+    if (file.FileInfo.blnFolder) continue;
+    ++names;
+    CHECK(DoubtOf(engine, file) == TContentDoubt::NameOnly);
+  }
+  CHECK(names > 20);
 }
