@@ -85,6 +85,40 @@ std::string Gzip() {
   return file;
 }
 
+std::string Psd() {
+  return "8BPS" + Be(1, 2) + Be(0, 6) + Be(1, 2) + Be(2, 4) + Be(4, 4) + Be(8, 2) + Be(1, 2) + Be(0, 4) + Be(3, 4) +
+         "res" + Be(0, 4) + Be(1, 2) + Be(2, 2) + Be(3, 2) + "rowdy";
+}
+
+/// A block of an archive of format 5: its sum, its length, its content.
+std::string RarBlock(const std::string& body, const std::string& data = {}) {
+  const std::string header = static_cast<char>(body.size()) + body;
+  return Le(crc32(0, reinterpret_cast<const Bytef*>(header.data()), static_cast<uInt>(header.size())), 4) + header +
+         data;
+}
+
+std::string Rar() {
+  return std::string("Rar!\x1A\x07\x01\0", 8) + RarBlock(std::string("\1\0\0", 3)) +
+         RarBlock(std::string("\2\2\4file", 7), "data") + RarBlock(std::string("\5\0\0", 3));
+}
+
+std::string OldRar() {
+  const auto block = [](const std::string& body) {
+    return Le(crc32(0, reinterpret_cast<const Bytef*>(body.data()), static_cast<uInt>(body.size())) & 0xFFFF, 2) + body;
+  };
+  return std::string("Rar!\x1A\x07\0", 7) + block("\x73" + Le(0, 2) + Le(13, 2) + Le(0, 6)) +
+         block("\x74" + Le(0x8000, 2) + Le(11, 2) + Le(4, 4)) + "data" + block("\x7B" + Le(0x4000, 2) + Le(7, 2));
+}
+
+std::string Swf() {
+  return "FWS\x06" + Le(8 + 2 + 4 + 2 + 3 + 2, 4) + Le(0x0008, 2) + Le(0, 4) + Le(0x43, 2) + "rgb" + Le(0, 2);
+}
+
+std::string Wmf() {
+  return "\xD7\xCD\xC6\x9A" + Le(0, 18) + Le(1, 2) + Le(9, 2) + Le(0x300, 2) + Le(0, 12) + Le(4, 4) + Le(0x103, 2) +
+         Le(8, 2) + Le(3, 4) + Le(0, 2);
+}
+
 std::string Compound() {
   std::string header = "\xD0\xCF\x11\xE0\xA1\xB1\x1A\xE1" + Le(0, 16) + Le(0x3E, 2) + Le(3, 2) + Le(0xFFFE, 2) +
                        Le(9, 2) + Le(6, 2) + Le(0, 10) + Le(1, 4) + Le(1, 4) + Le(0, 4) + Le(4096, 4);
@@ -108,9 +142,10 @@ TStructure ReadText(TStringView extension, const std::string& text, std::int64_t
 }  // namespace
 
 TEST_CASE("structure: the end of each format, with anything behind it; cut or with wild fields it is not sound") {
-  const std::pair<TStringView, std::string> samples[] = {{u".png", Png()},    {u".zip", Zip()},  {u".gif", Gif()},
-                                                         {u".wav", Wave()},   {u".jpg", Jpeg()}, {u".mid", Midi()},
-                                                         {u".bmp", Bitmap()}, {u".gz", Gzip()},  {u".doc", Compound()}};
+  const std::pair<TStringView, std::string> samples[] = {
+      {u".png", Png()},  {u".zip", Zip()},    {u".gif", Gif()}, {u".wav", Wave()},     {u".jpg", Jpeg()},
+      {u".mid", Midi()}, {u".bmp", Bitmap()}, {u".gz", Gzip()}, {u".doc", Compound()}, {u".psd", Psd()},
+      {u".rar", Rar()},  {u".rar", OldRar()}, {u".swf", Swf()}, {u".wmf", Wmf()}};
   for (const auto& [extension, file] : samples) {
     CAPTURE(ToUtf8(extension));
     const auto size = static_cast<std::int64_t>(file.size());

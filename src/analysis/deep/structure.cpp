@@ -25,6 +25,10 @@ constexpr TStructureFormat Formats[] = {
     {u".chm", ReadChm},
     {u".cab", ReadCab},
     {u".asf .wma", ReadAsf},
+    {u".psd", ReadPsd},
+    {u".rar", ReadRar},
+    {u".swf", ReadSwf},
+    {u".wmf", ReadWmf},
 };
 
 /// Bytes that reading a file's structure may fetch beyond twice the size that the scan gave it.

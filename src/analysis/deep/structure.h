@@ -46,7 +46,11 @@ TStructure ReadGzip(TFileWindow& window);
 TStructure ReadJpeg(TFileWindow& window);
 TStructure ReadMidi(TFileWindow& window);
 TStructure ReadPng(TFileWindow& window);
+TStructure ReadPsd(TFileWindow& window);
+TStructure ReadRar(TFileWindow& window);
 TStructure ReadRiff(TFileWindow& window);
+TStructure ReadSwf(TFileWindow& window);
+TStructure ReadWmf(TFileWindow& window);
 TStructure ReadZip(TFileWindow& window);
 
 }  // namespace brenlow
