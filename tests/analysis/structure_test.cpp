@@ -169,6 +169,22 @@ TEST_CASE("structure: the end of each format, with anything behind it; cut or wi
   }
 }
 
+TEST_CASE("structure: folders of a cabinet that share their blocks are not walked without end") {
+  // 495 folders, each with the same 7,000 empty blocks, all of which lie in bytes that were fetched once.
+  std::string file = "MSCF" + Le(0, 4) + Le(65000, 4) + Le(0, 12) + Le(0, 2) + Le(65535, 2) + Le(0, 8);
+  file.resize(36);
+  while (file.size() < 4000) file += Le(8000, 4) + Le(7000, 2) + Le(0, 2);
+  file.resize(70000, '\0');
+  std::int64_t budget = 1 << 20;
+  TFileWindow window(
+      [&](std::int64_t position, std::span<std::uint8_t> buffer) {
+        std::copy_n(file.begin() + position, buffer.size(), buffer.begin());
+      },
+      static_cast<std::int64_t>(file.size()), budget);
+  CHECK_FALSE(StructureReaderOf(u".cab")(window).Sound);
+  CHECK(window.IsSpent());
+}
+
 TEST_CASE("structure: a scan on request gives files the size that they state, and keeps what it cannot read") {
   TImage image(400 * 512, 0x20);
   const auto put = [&](std::size_t sector, const std::string& text) {

@@ -6,7 +6,7 @@
 namespace brenlow {
 
 std::span<const std::uint8_t> TFileWindow::Bytes(std::int64_t position, std::size_t count) {
-  if (position < 0 || position >= FSize) return {};
+  if (position < 0 || position >= FSize || IsSpent()) return {};
   count = std::min({count, BlockSize, static_cast<std::size_t>(std::min<std::int64_t>(FSize - position, BlockSize))});
   const auto end = [&] { return FFirst + static_cast<std::int64_t>(FBlock.size()); };
   if (position < FFirst || position + static_cast<std::int64_t>(count) > end()) {

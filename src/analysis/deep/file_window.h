@@ -36,8 +36,9 @@ class TFileWindow {
   std::uint8_t Byte(std::int64_t position) { return static_cast<std::uint8_t>(Le(position, 1)); }
   /// Whether that text lies there.
   bool Has(std::int64_t position, std::string_view text);
-  /// Work that costs as much as fetching so many bytes.
+  /// Work that costs as much as fetching so many bytes: what a loop does that may meet the same place again.
   void Charge(std::int64_t bytes) { FBudget -= bytes; }
+  bool IsSpent() const { return FBudget <= 0; }
 
  private:
   TFetch FFetch;

@@ -24,7 +24,8 @@ TStructure ReadCab(TFileWindow& window) {
   for (std::uint64_t folder = 0; folder < folders; ++folder, at += folderSize) {
     auto block = static_cast<std::int64_t>(window.Le(at, 4));
     for (std::uint64_t left = window.Le(at + 4, 2); left > 0; --left) {
-      if (block < 36 || block + blockSize > size) return {block};
+      window.Charge(blockSize);  // folders may share blocks
+      if (block < 36 || block + blockSize > size || window.IsSpent()) return {block};
       block += blockSize + static_cast<std::int64_t>(window.Le(block + 4, 2));
     }
     end = std::max(end, block);

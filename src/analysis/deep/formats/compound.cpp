@@ -8,6 +8,7 @@
 namespace brenlow {
 namespace {
 
+constexpr std::int64_t MostTableSectors = 65536;   // 4 GiB in sectors of 512 bytes
 constexpr std::uint32_t TableSector = 0xFFFFFFFD;  // in the table: the sector holds a part of it
 constexpr std::uint32_t FirstSpecial = 0xFFFFFFFA;
 constexpr std::uint32_t Free = 0xFFFFFFFF;
@@ -16,7 +17,7 @@ constexpr std::uint32_t Free = 0xFFFFFFFF;
 std::vector<std::uint32_t> TableSectors(TFileWindow& window, std::int64_t sectorSize) {
   constexpr std::int64_t inHeader = 109;
   const auto count = static_cast<std::int64_t>(window.Le(44, 4));
-  if (count < 1 || count > window.Size() / sectorSize) return {};
+  if (count < 1 || count > std::min(window.Size() / sectorSize, MostTableSectors)) return {};
   std::vector<std::uint32_t> sectors;
   for (std::int64_t i = 0; i < std::min(count, inHeader); ++i) {
     sectors.push_back(static_cast<std::uint32_t>(window.Le(76 + 4 * i, 4)));
@@ -48,6 +49,7 @@ TStructure ReadCompound(TFileWindow& window) {
   for (std::size_t i = 0; i < table.size(); ++i) {
     if (table[i] >= FirstSpecial) return {};
     const std::int64_t at = (std::int64_t{table[i]} + 1) * sectorSize;
+    window.Charge(sectorSize);  // the list may name one sector many times
     const auto bytes = window.Bytes(at, static_cast<std::size_t>(sectorSize));
     if (static_cast<std::int64_t>(bytes.size()) < sectorSize) return {};
     for (std::int64_t entry = 0; entry < perSector; ++entry) {

@@ -15,6 +15,7 @@ bool HasDirectory(TFileWindow& window, std::int64_t at) {
   if (entry + static_cast<std::int64_t>(window.Le(at + 12, 4)) != at) return false;
   const std::uint64_t count = window.Le(at + 10, 2);
   for (std::uint64_t i = 0; i < count; ++i) {
+    window.Charge(46);  // many records may tell of one directory
     if (!window.Has(entry, "PK\1\2")) return false;
     entry +=
         46 + static_cast<std::int64_t>(window.Le(entry + 28, 2) + window.Le(entry + 30, 2) + window.Le(entry + 32, 2));
