@@ -70,7 +70,7 @@ int AddFiles(std::uint32_t files, std::uint32_t parents) {
   engine.Drives().Add(TDriveInfo(), false);
   std::vector<std::uint32_t> order(files);
   std::mt19937 random(1);
-  for (std::uint32_t& parent : order) parent = random() % parents;
+  for (std::uint32_t& parent : order) parent = static_cast<std::uint32_t>(random() % parents);
   char16_t name[] = u"IMG_00000000.JPG";
   TFileInfo info;
   const std::int64_t before = ResidentBytes();
@@ -214,7 +214,8 @@ int main(int argc, char** argv) {
   if (verb == "unpack" && argc == 3) return Pack(argv[2], true);
   if (verb == "readall" && argc == 3) return ReadAll(argv[2]);
   if (verb == "analyse" && argc == 3) return Analyse(argv[2], AnalyseDrive);
-  if (verb == "deep" && argc == 3) return Analyse(argv[2], DeepAnalyseDrive);
+  if (verb == "deep" && argc == 3)
+    return Analyse(argv[2], [](TEngine& engine, int number) { DeepAnalyseDrive(engine, number); });
   std::fprintf(stderr,
                "usage: bench_engine pread|sum|pack|unpack|readall|analyse|deep FILE | add FILES PARENTS | open FILES "
                "CHILDREN\n");
