@@ -39,7 +39,8 @@ TEngine::TEngine()
       FexFAT(std::make_unique<TexFAT>(*this)),
       FNTFS(std::make_unique<TNTFS>(*this)),
       FExtX(std::make_unique<TExtX>(*this)),
-      FXFS(std::make_unique<TXFS>(*this)) {
+      FXFS(std::make_unique<TXFS>(*this)),
+      FAPFS(std::make_unique<TAPFS>(*this)) {
   FFiles->Tree = FFolders.get();
 }
 

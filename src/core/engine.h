@@ -26,6 +26,7 @@ class TLanguage;
 class TNTFS;
 class TPartitionsInfo;
 class TSectorReader;
+class TAPFS;
 class TXFS;
 struct TDriveInfo;
 struct TFile;
@@ -111,6 +112,7 @@ class TEngine {
   TNTFS& NTFS() { return *FNTFS; }
   TExtX& ExtX() { return *FExtX; }
   TXFS& XFS() { return *FXFS; }
+  TAPFS& APFS() { return *FAPFS; }
 
  private:
   void PumpSlowly();
@@ -135,6 +137,7 @@ class TEngine {
   std::unique_ptr<TNTFS> FNTFS;
   std::unique_ptr<TExtX> FExtX;
   std::unique_ptr<TXFS> FXFS;
+  std::unique_ptr<TAPFS> FAPFS;
 };
 
 }  // namespace brenlow

@@ -9,6 +9,7 @@
 #include "core/engine.h"
 #include "core/families.h"
 #include "core/types.h"
+#include "fs/apfs/apfs.h"
 #include "fs/driver.h"
 #include "fs/exfat/exfat.h"
 #include "fs/ext/ext.h"
@@ -19,7 +20,8 @@
 namespace brenlow {
 
 /// Every driver, in the order of the search bits.
-inline constexpr std::tuple AllDrivers{&TEngine::FAT, &TEngine::exFAT, &TEngine::NTFS, &TEngine::ExtX, &TEngine::XFS};
+inline constexpr std::tuple AllDrivers{&TEngine::FAT,  &TEngine::exFAT, &TEngine::NTFS,
+                                       &TEngine::ExtX, &TEngine::XFS,   &TEngine::APFS};
 
 /// Calls `callable(driver)` for every driver, in the order of the search bits.
 template <typename TCallable>

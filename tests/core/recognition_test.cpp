@@ -185,12 +185,18 @@ TEST_CASE("what has no driver is called by its name, not by its type or a leftov
     std::size_t At;
     std::string_view Text;
     std::string_view Name;
-  } systems[] = {{3, "ReFS\0\0\0\0"sv, "ReFS"},  {0, "XFSB"sv, ""},
-                 {32, "NXSB"sv, "APFS"},         {3, "-FVE-FS-\0\2\10\0"sv, "BitLocker"},
-                 {0, "LUKS\xBA\xBE"sv, "LUKS"},  {1024, "H+\0\4"sv, "HFS+"},
-                 {65600, "_BHRfS_M"sv, "Btrfs"}, {4086, "SWAPSPACE2"sv, "Linux swap"},
-                 {32769, "CD001"sv, ""},         {32768, "\1CD001"sv, "ISO 9660"},
-                 {1080, "\x53\xEF"sv, ""},       {4096, "\xFC\x4E\x2B\xA9"sv, "Linux RAID"}};
+  } systems[] = {{3, "ReFS\0\0\0\0"sv, "ReFS"},
+                 {0, "XFSB"sv, ""},
+                 {32, "NXSB"sv, ""},
+                 {3, "-FVE-FS-\0\2\10\0"sv, "BitLocker"},
+                 {0, "LUKS\xBA\xBE"sv, "LUKS"},
+                 {1024, "H+\0\4"sv, "HFS+"},
+                 {65600, "_BHRfS_M"sv, "Btrfs"},
+                 {4086, "SWAPSPACE2"sv, "Linux swap"},
+                 {32769, "CD001"sv, ""},
+                 {32768, "\1CD001"sv, "ISO 9660"},
+                 {1080, "\x53\xEF"sv, ""},
+                 {4096, "\xFC\x4E\x2B\xA9"sv, "Linux RAID"}};
   for (const auto& system : systems) {
     TImage volume(20480 * 512);
     Put(volume, system.At, system.Text);
