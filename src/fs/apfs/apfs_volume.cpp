@@ -53,6 +53,15 @@ bool ReadVolume(TBytes block, TAPFSVolume& volume) {
   return volume.AllocBlockCount > 0 && volume.AllocBlockCount < MostBlocks && volume.MapID > 0 && volume.RootID > 0;
 }
 
+/// Whether a sound superblock lies among the blocks after the first.
+bool HoldsCopy(std::span<const std::uint8_t> head) {
+  for (std::size_t at = DefaultBlock; at + DefaultBlock <= head.size(); at += DefaultBlock) {
+    const auto block = head.subspan(at, DefaultBlock);
+    if (IsContainer(block) && IsSound(block)) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 bool TAPFS::IsPartition(std::span<const std::uint8_t> buffer, std::size_t start) const {
@@ -168,7 +177,9 @@ bool TAPFS::GetDriveInfo(TDriveInfo& drive, bool /*fillTable: it has none*/) {
   return true;
 }
 
-TCopyFound TAPFS::RecogniseByCopy(const TDriveInfo& drive, std::span<const std::uint8_t> /*head*/, int bytesPerSector) {
+TCopyFound TAPFS::RecogniseByCopy(const TDriveInfo& drive, std::span<const std::uint8_t> head, int bytesPerSector) {
+  // This is asked of every drive that nothing else is known of: the area is read only where the head shows its start.
+  if (!HoldsCopy(head)) return {};
   TDriveInfo volume = drive;
   volume.BytesPerSector = bytesPerSector;
   TByteDynArray superblock;
