@@ -196,7 +196,9 @@ bool TAPFS::SetVolumeBounds(TDriveInfo& volume, std::span<const std::uint8_t> su
   TByteDynArray map(APFSInfo(volume).BlockSize);
   const std::int64_t block = APFSInfo(volume).MapID;
   if (block <= 0 || block >= APFSInfo(volume).TotalBlockCount) return false;
-  return ReadDevice(volume, block * APFSInfo(volume).BlockSize, map) && TypeOf(map) == ObjectMap && IsSound(map);
+  // The number of such an object is that of its block.
+  return ReadDevice(volume, block * APFSInfo(volume).BlockSize, map) && TypeOf(map) == ObjectMap && IsSound(map) &&
+         Id(map, 8) == block;
 }
 
 bool TAPFS::IsVolumeSound(const TDriveInfo& volume, std::span<const std::uint8_t> superblock) {
