@@ -92,29 +92,6 @@ bool TNode::Entry(std::uint32_t index, TEntry& entry) const {
   return true;
 }
 
-TFileType FileTypeOf(unsigned bits) {
-  switch (bits) {
-    case 1:
-      return TFileType::ftFIFO;
-    case 2:
-      return TFileType::ftCharacterDevice;
-    case 4:
-      return TFileType::ftDirectory;
-    case 6:
-      return TFileType::ftBlockDevice;
-    case 8:
-      return TFileType::ftRegularFile;
-    case 10:
-      return TFileType::ftSymbolicLink;
-    case 12:
-      return TFileType::ftSocket;
-    case 14:
-      return TFileType::ftWhiteout;
-    default:
-      return TFileType::ftUnknown;
-  }
-}
-
 bool ReadInode(TBytes value, TInode& inode) {
   constexpr std::size_t fieldsAt = 92;
   constexpr std::uint32_t compressedFlag = 0x20;  // of the flags that chflags(2) sets

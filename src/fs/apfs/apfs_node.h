@@ -11,6 +11,7 @@
 
 #include "core/datetime.h"
 #include "core/numbers.h"
+#include "fs/file_type.h"
 
 namespace brenlow::apfs {
 
@@ -67,21 +68,6 @@ enum TRecordType : std::uint8_t { InodeRecord = 3, AttributeRecord = 4, ExtentRe
 
 inline std::int64_t KeyId(TBytes key) { return Id(key, 0) & 0x0FFFFFFFFFFFFFFF; }
 inline std::uint8_t KeyType(TBytes key) { return static_cast<std::uint8_t>(ReadLe64(key, 0) >> 60); }
-
-/// In the order of the on-disk numbers, by `FileTypeOf`.
-enum class TFileType : std::uint8_t {
-  ftUnknown,
-  ftFIFO,
-  ftCharacterDevice,
-  ftDirectory,
-  ftBlockDevice,
-  ftRegularFile,
-  ftSymbolicLink,
-  ftSocket,
-  ftWhiteout,
-};
-/// By the four bits that directory records and modes have in common.
-TFileType FileTypeOf(unsigned bits);
 
 struct TInode {
   std::int64_t ParentID = 0;

@@ -167,27 +167,6 @@ class TBlockCollector {
 
 }  // namespace
 
-TFileType TypeOfMode(std::uint16_t mode) {
-  switch (mode >> 12) {
-    case 1:
-      return TFileType::ftFIFO;
-    case 2:
-      return TFileType::ftCharacterDevice;
-    case 4:
-      return TFileType::ftDirectory;
-    case 6:
-      return TFileType::ftBlockDevice;
-    case 8:
-      return TFileType::ftRegularFile;
-    case 10:
-      return TFileType::ftSymbolicLink;
-    case 12:
-      return TFileType::ftSocket;
-    default:
-      return TFileType::ftUnknown;
-  }
-}
-
 namespace {
 
 /// The value of the attribute "data" that the file system keeps for itself in the inode: the rest of inline

@@ -12,21 +12,11 @@
 #include "core/datetime.h"
 #include "core/types.h"
 #include "fs/ext/ext_info.h"
+#include "fs/file_type.h"
 
 namespace brenlow::ext {
 
 class TVolumeReader;
-
-enum class TFileType : std::uint8_t {
-  ftUnknown,
-  ftFIFO,
-  ftCharacterDevice,
-  ftDirectory,
-  ftBlockDevice,
-  ftRegularFile,
-  ftSymbolicLink,
-  ftSocket,
-};
 
 /// A run of blocks. `Start` 0 means a hole.
 struct TDataBlock {
@@ -59,9 +49,6 @@ struct TInode {
   bool IsInline = false;
   bool Truncated = false;  ///< the list of blocks ends in a fault
 };
-
-/// What the mode of an inode says.
-TFileType TypeOfMode(std::uint16_t mode);
 
 /// Whether the list of blocks is read too, which may take reads.
 enum class TBlockList { Skip, Read };

@@ -38,27 +38,6 @@ TDateTime ReadTime(TBytes inode, std::size_t at, bool bigTime) {
   return TimeOf(static_cast<std::int64_t>(time / perSecond) + earliest, static_cast<std::uint32_t>(time % perSecond));
 }
 
-TFileType TypeOfMode(std::uint16_t mode) {
-  switch (mode >> 12) {
-    case 1:
-      return TFileType::ftFIFO;
-    case 2:
-      return TFileType::ftCharacterDevice;
-    case 4:
-      return TFileType::ftDirectory;
-    case 6:
-      return TFileType::ftBlockDevice;
-    case 8:
-      return TFileType::ftRegularFile;
-    case 10:
-      return TFileType::ftSymbolicLink;
-    case 12:
-      return TFileType::ftSocket;
-    default:
-      return TFileType::ftUnknown;
-  }
-}
-
 }  // namespace
 
 bool ReadInodeCore(TBytes inode, TInodeCore& core) {

@@ -10,20 +10,10 @@
 #include <vector>
 
 #include "core/datetime.h"
+#include "fs/file_type.h"
 #include "fs/xfs/xfs_layout.h"
 
 namespace brenlow::xfs {
-
-enum class TFileType : std::uint8_t {
-  ftUnknown,
-  ftFIFO,
-  ftCharacterDevice,
-  ftDirectory,
-  ftBlockDevice,
-  ftRegularFile,
-  ftSymbolicLink,
-  ftSocket,
-};
 
 enum TInodeFormat : std::uint8_t {
   XFS_DINODE_FMT_DEV,

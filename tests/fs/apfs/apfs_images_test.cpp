@@ -77,7 +77,7 @@ TEST_CASE("APFS: an inode whose fields overrun its value keeps what came before"
   REQUIRE(apfs::ReadInode(value, inode));
   CHECK(inode.Name == "ab");
   CHECK(inode.Size == 0);
-  CHECK(inode.FileType == apfs::TFileType::ftRegularFile);
+  CHECK(inode.FileType == TFileType::ftRegularFile);
 }
 
 TEST_CASE("APFS: a volume superblock alone makes a broken container of 4 KiB blocks") {
