@@ -124,15 +124,7 @@ std::int64_t TAPFS::GetSizeOnDisk(const TFile& file) {
   TFile copy = file;
   TFileStream stream;
   TDriveInfo& drive = FEngine.Drives().List[static_cast<std::size_t>(number)];
-  if (!MapStream(drive, copy, -1, stream)) return file.FileInfo.aSize;
-  std::int64_t bytes = 0;
-  for (std::int64_t at = 0; at < stream.Size;) {
-    const auto extent = stream.At(at, at);
-    if (!extent) break;
-    if (extent->Kind == TExtentKind::Stored) bytes += CeilDiv(extent->Length, stream.UnitBytes) * stream.UnitBytes;
-    at = extent->End();
-  }
-  return bytes;
+  return MapStream(drive, copy, -1, stream) ? StoredBytes(stream) : file.FileInfo.aSize;
 }
 
 }  // namespace brenlow

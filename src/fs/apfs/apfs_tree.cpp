@@ -85,7 +85,8 @@ bool TTrees::WalkNode(const TAPFSVolume& volume, std::int64_t id, int depth, con
   }
   const TByteDynArray bytes = Block(block);
   const auto node = TNode::From(bytes, FileSystemTree);
-  if (!node) {
+  // A block that bears another number was given to something else since: its records are not this object's.
+  if (!node || Id(bytes, 8) != id) {
     whole = false;
     return true;
   }

@@ -44,10 +44,6 @@ bool SetKind(TFileType type, TFileInfo& info) {
   }
 }
 
-}  // namespace
-
-namespace {
-
 /// The start of a short stream, from whole blocks; empty when some of it cannot be had.
 TByteDynArray StreamBytes(const TTrees& trees, const TAPFSVolume& volume, std::int64_t id, std::int64_t size) {
   constexpr std::int64_t most = 1 << 20;  // bytes
