@@ -114,6 +114,13 @@ std::int64_t TVolumeReader::CopyAsOf(std::int64_t block, bool& escaped) const {
 bool TVolumeReader::ReadReplayed(std::int64_t block, std::uint8_t* place) {
   bool escaped = false;
   std::int64_t from = FSequence != 0 ? CopyAsOf(block, escaped) : -1;
+  if (FSequence == 0) {
+    const auto rebuilt = FInfo.Rebuilt.find(block);
+    if (rebuilt != FInfo.Rebuilt.end()) {
+      std::copy(rebuilt->second.begin(), rebuilt->second.end(), place);
+      return true;
+    }
+  }
   if (from < 0) {
     const auto replayed = FInfo.Replayed.find(block);
     if (replayed == FInfo.Replayed.end()) return false;
@@ -128,7 +135,7 @@ bool TVolumeReader::ReadReplayed(std::int64_t block, std::uint8_t* place) {
 bool TVolumeReader::ReadBlocks(std::int64_t first, std::int64_t count, std::uint8_t* place) {
   if (first < 0 || count <= 0 || first > FBlocks || count > FBlocks - first) return false;
   const bool read = ReadStored(first, count, place);
-  if (FInfo.Replayed.empty() && FSequence == 0) return read;
+  if (FInfo.Replayed.empty() && FInfo.Rebuilt.empty() && FSequence == 0) return read;
   bool all = read;
   for (std::int64_t i = 0; i < count; ++i) {
     const bool replayed = ReadReplayed(first + i, place + i * FBlockSize);

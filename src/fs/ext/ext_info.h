@@ -102,6 +102,8 @@ struct TExtXInfo {
   std::int64_t TotalFolders = 0;   ///< that the group descriptors count
   /// Blocks whose newest state lies in the journal of a volume that was not unmounted.
   std::unordered_map<std::int64_t, TExtXReplayed> Replayed;
+  /// Blocks as the fast commits after those leave them, with some of the journal's own in which new ones were put.
+  std::unordered_map<std::int64_t, TByteDynArray> Rebuilt;
 };
 
 inline TExtXInfo& ExtXInfo(TDriveInfo& drive) { return drive.Systems.Get<TExtXInfo>(); }

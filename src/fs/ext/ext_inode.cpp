@@ -5,7 +5,6 @@
 
 #include "core/numbers.h"
 #include "fs/ext/ext_blocks.h"
-#include "fs/ext/ext_checksum.h"
 #include "fs/ext/ext_superblock.h"
 
 namespace brenlow::ext {
@@ -15,7 +14,6 @@ constexpr std::size_t BlockArea = 40;      // of an inode: pointers, extents, a 
 constexpr std::size_t BlockAreaSize = 60;  // bytes
 constexpr std::size_t DirectPointers = 12;
 constexpr std::size_t NodeHeaderSize = 12;  // of a node of an extent tree
-constexpr std::uint16_t NodeMark = 0xF30A;
 constexpr int DeepestTree = 6;
 constexpr std::int64_t LongestExtent = 32768;  // blocks; longer lengths mean that the extent was never written
 constexpr std::size_t MostRuns = 1U << 22;
@@ -117,7 +115,7 @@ class TBlockCollector {
   // ---- extents ----
 
   bool WalkNode(std::span<const std::uint8_t> node, int depthLimit) {
-    if (ReadLe16(node, 0) != NodeMark) return false;
+    if (ReadLe16(node, 0) != ExtentNodeMark) return false;
     const std::size_t count = ReadLe16(node, 2);
     const int depth = ReadLe16(node, 6);
     if (depth >= depthLimit) return false;
@@ -238,26 +236,8 @@ bool HasContent(std::span<const std::uint8_t> bytes) {
   if (size == 0) return false;
   const std::uint32_t flags = ReadLe32(bytes, 32);
   if ((flags & InodeFlag::InlineData) != 0) return true;
-  if ((flags & InodeFlag::Extents) != 0) return ReadLe16(bytes, BlockArea) == NodeMark && ReadLe16(bytes, 42) > 0;
+  if ((flags & InodeFlag::Extents) != 0) return ReadLe16(bytes, BlockArea) == ExtentNodeMark && ReadLe16(bytes, 42) > 0;
   return bytes.size() >= BlockArea + BlockAreaSize && !IsAllZero(bytes.subspan(BlockArea, BlockAreaSize));
-}
-
-bool IsChecksumRight(const TExtXInfo& info, std::span<const std::uint8_t> bytes, std::uint32_t number) {
-  constexpr std::size_t low = 124;
-  constexpr std::size_t high = 130;
-  if (!info.HasChecksums || bytes.size() < 128) return true;
-  TByteDynArray copy(bytes.begin(), bytes.end());
-  const bool wide = copy.size() > 132 && 128 + ReadLe16(bytes, 128) >= 132;
-  std::uint32_t stored = ReadLe16(bytes, low);
-  if (wide) stored |= std::uint32_t{ReadLe16(bytes, high)} << 16;
-  copy[low] = copy[low + 1] = 0;
-  if (wide) copy[high] = copy[high + 1] = 0;
-  std::uint8_t numberBytes[4];
-  for (int i = 0; i < 4; ++i) numberBytes[i] = static_cast<std::uint8_t>(number >> (8 * i));
-  std::uint32_t sum = Crc32c(info.ChecksumSeed, numberBytes);
-  sum = Crc32c(sum, bytes.subspan(100, 4));
-  sum = Crc32c(sum, copy);
-  return (wide ? sum : sum & 0xFFFF) == stored;
 }
 
 bool ParseInode(std::span<const std::uint8_t> bytes, TVolumeReader& reader, TBlockList blocks, TInode& inode) {

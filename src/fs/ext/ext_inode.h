@@ -34,6 +34,9 @@ inline constexpr std::uint32_t InlineData = 0x10000000;
 inline constexpr std::uint32_t CaseFolded = 0x40000000;
 }  // namespace InodeFlag
 
+/// What a node of a tree of extents begins with.
+inline constexpr std::uint16_t ExtentNodeMark = 0xF30A;
+
 struct TInode {
   TFileType Type = TFileType::ftUnknown;
   std::uint16_t Links = 0;
@@ -64,9 +67,6 @@ bool ReadLoggedInode(TVolumeReader& reader, std::int64_t position, TBlockList bl
 /// The cheap part of it: whether the bytes are an inode with content of its own (a size, and blocks or inline
 /// bytes), as a copy must be to be worth anything.
 bool HasContent(std::span<const std::uint8_t> bytes);
-
-/// Whether the checksum in an inode fits its number, where the volume has such checksums; true where it has none.
-bool IsChecksumRight(const TExtXInfo& info, std::span<const std::uint8_t> bytes, std::uint32_t number);
 
 /// A time of Unix seconds and the field of nanoseconds beside it, whose two lowest bits go on with the
 /// seconds. 0 for no time.

@@ -9,6 +9,7 @@
 #include "core/engine.h"
 #include "core/numbers.h"
 #include "fs/ext/ext_blocks.h"
+#include "fs/ext/ext_fast_commit.h"
 #include "fs/ext/ext_inode.h"
 #include "fs/ext/ext_superblock.h"
 
@@ -158,7 +159,8 @@ class TReplay {
  public:
   TReplay(TVolumeReader& reader, const TExtXJournal& journal) : FJournal(journal), FBlocks(reader, journal) {}
 
-  void Run(std::unordered_map<std::int64_t, TExtXReplayed>& result) {
+  /// The sequence of the transaction after the last that was finished.
+  std::uint32_t Run(std::unordered_map<std::int64_t, TExtXReplayed>& result) {
     std::uint32_t at = FJournal.StartBlock;
     std::uint32_t sequence = FJournal.StartSequence;
     for (std::uint32_t steps = 0; steps < FJournal.BlocksCount; ++steps) {
@@ -187,6 +189,7 @@ class TReplay {
       if (copy.JournalBlock >= FJournal.Blocks.size()) continue;
       result[copy.Block] = {FJournal.Blocks[copy.JournalBlock], copy.Escaped};
     }
+    return sequence;
   }
 
  private:
@@ -217,6 +220,7 @@ class TReplay {
 bool OpenJournal(TEngine& engine, TDriveInfo& drive) {
   TExtXInfo& info = ExtXInfo(drive);
   info.Replayed.clear();
+  info.Rebuilt.clear();
   if (info.Journal.Inode == 0 || !IsFilled(info)) return false;
   TVolumeReader reader(engine, drive);
   TExtXJournal journal = info.Journal;
@@ -227,7 +231,11 @@ bool OpenJournal(TEngine& engine, TDriveInfo& drive) {
     return false;
   }
   info.Journal = std::move(journal);
-  if (info.NeedsRecovery && info.Journal.StartBlock != 0) TReplay(reader, info.Journal).Run(info.Replayed);
+  if (info.NeedsRecovery && info.Journal.StartBlock != 0) {
+    const std::uint32_t sequence = TReplay(reader, info.Journal).Run(info.Replayed);
+    TVolumeReader replayed(engine, drive);  // its pieces are those after the replay
+    ApplyFastCommits(replayed, info, sequence);
+  }
   return true;
 }
 

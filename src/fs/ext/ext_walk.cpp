@@ -87,7 +87,9 @@ void TVolumeWalk::MarkOwnBlocks() {
       FKnown.Add(GroupStart(info, static_cast<std::int64_t>(number)), 1 + descriptors);
     }
   }
-  for (const std::int64_t block : info.Journal.Blocks) FKnown.Add(block, block > 0 ? 1 : 0);
+  for (const std::int64_t block : info.Journal.Blocks) {
+    if (block > 0 && !info.Rebuilt.contains(block)) FKnown.Add(block, 1);
+  }
 }
 
 void TVolumeWalk::WalkTree(bool rootOnly) {

@@ -3,6 +3,7 @@
 #include <doctest/doctest.h>
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <chrono>
 
 #include "analysis/analysis.h"
@@ -200,13 +201,47 @@ TEST_CASE("specimens of other origin read as their truth says") {
                           {"ext/damaged-f_badinode.raw.zst", ""},
                           {"ext/damaged-f_lpf.raw.zst", ""},
                           {"ext/damaged-f_h_badroot.raw.zst", ""},
-                          {"ext/damaged-j_recover_fast_commit.raw.zst", ""}}) {
+                          {"ext/damaged-j_recover_fast_commit.raw.zst", "a/new 5 "}}) {
     const auto image = LoadSpecimen(row.File);
     if (!image) continue;
     const std::string walk = Walk(*image);
     CHECK_MESSAGE(!walk.empty(), row.File);
     CHECK_MESSAGE(walk.find(row.Expected) != std::string::npos, row.File);
   }
+}
+
+TEST_CASE("what was flushed after the last full transaction is taken from the fast commits") {
+  const TImage image = LoadTestImage("ext/fast-commits.img.zst");
+  const std::string walk = "\n" + Walk(image);
+  struct TRow {
+    const char* Path;
+    const char* Size;
+    const char* Sum;
+  };
+  for (const TRow& row : {TRow{"base/deep/inside.txt", "4321", "7355ed66"},  // in a folder made since
+                          {"base/deep/two.txt", "321", "4d75f2fc"},
+                          {"base/grow.bin", "110000", "981e33be"},   // appended to
+                          {"base/hole.bin", "200008", "cbba26fa"},   // written to beyond its end
+                          {"base/new05.txt", "3165", "fbf3e5de"},    // made
+                          {"base/renamed.txt", "3295", "3231a292"},  // renamed and appended to
+                          {"base/two.txt", "5000", ""}}) {           // untouched
+    const std::size_t at = walk.find(fmt::format("\n{} {} ", row.Path, row.Size));
+    REQUIRE_MESSAGE(at != std::string::npos, row.Path);
+    const std::string line = walk.substr(at + 1, walk.find('\n', at + 1) - at - 1);
+    CHECK_MESSAGE(line.ends_with(row.Sum), line);
+  }
+  CHECK(walk.find("base/old03.txt 3295 deleted") != std::string::npos);
+  CHECK(CountText(walk, "\nbase/new") == 6);
+
+  // Commits up to a broken one count; here the first one is.
+  const std::string head = {9, 0, 8, 0, 0, 0, 0, 0};
+  TImage broken = image;
+  const auto found = std::search(broken.begin(), broken.end(), head.begin(), head.end());
+  REQUIRE(found != broken.end());
+  found[40] ^= 1;
+  const std::string before = "\n" + Walk(broken);
+  CHECK(CountText(before, "\nbase/new") == 0);
+  CHECK(before.find("\nbase/old03.txt 3291 2024") != std::string::npos);
 }
 
 TEST_CASE("a volume of which no superblock is left gives names, and none of them counts as a whole file") {
